@@ -1,0 +1,321 @@
+#include "tarvik/runtime/MolIPConnection.h"
+
+#include "tarvik/runtime/MolTime.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace
+{
+unsigned short ReadLE16(const char* p)
+{
+    return static_cast<unsigned short>(static_cast<unsigned char>(p[0]) |
+                                       (static_cast<unsigned char>(p[1]) << 8));
+}
+
+void SetBlocking(int fd)
+{
+    int flags = fcntl(fd, F_GETFL, 0);
+    if (flags >= 0)
+        fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+}
+
+void SetIntOption(int fd, int level, int name, int value)
+{
+    setsockopt(fd, level, name, &value, sizeof(value));
+}
+
+// Waits for a non-blocking connect; returns the connection result.
+int FinishConnect(int fd, int64_t deadlineUs)
+{
+    for (;;)
+    {
+        int64_t leftUs = deadlineUs - MolMonotonicMicroSeconds();
+        if (leftUs <= 0)
+            return CMolIPBase::eResultTimeout;
+        struct pollfd pfd = {fd, POLLOUT, 0};
+        int ready = poll(&pfd, 1, static_cast<int>((leftUs + 999) / 1000));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready < 0)
+            return CMolIPBase::eResultSocketError;
+        if (ready == 0)
+            return CMolIPBase::eResultTimeout;
+        int error = 0;
+        socklen_t size = sizeof(error);
+        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
+            return CMolIPBase::eResultSocketError;
+        if (error == 0)
+            return CMolIPBase::eResultSuccess;
+        if (error == ETIMEDOUT)
+            return CMolIPBase::eResultTimeout;
+        return CMolIPBase::eResultNotConnected;
+    }
+}
+} // namespace
+
+CMolIPBase::~CMolIPBase() = default;
+
+CMolIPConnection::CMolIPConnection()
+    : m_nState(eStateIdle), m_nSocket(-1), m_nSendTimeoutMs(0), m_nAliveMs(0)
+{
+}
+
+CMolIPConnection::~CMolIPConnection()
+{
+    Shutdown();
+}
+
+bool CMolIPConnection::OnReceiveThread() const
+{
+    return m_oReceiver.joinable() && m_oReceiver.get_id() == std::this_thread::get_id();
+}
+
+int CMolIPConnection::OpenSocket(const char* host, unsigned short port, unsigned int timeoutMs)
+{
+    struct addrinfo hints = {};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    struct addrinfo* list = nullptr;
+    std::string service = std::to_string(port);
+    if (host == nullptr || getaddrinfo(host, service.c_str(), &hints, &list) != 0 || list == nullptr)
+        return eResultSocketError;
+
+    int64_t deadlineUs = MolMonotonicMicroSeconds() + static_cast<int64_t>(timeoutMs) * 1000;
+    int result = eResultNotConnected;
+    for (struct addrinfo* ai = list; ai != nullptr; ai = ai->ai_next)
+    {
+        int fd = socket(ai->ai_family, ai->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, ai->ai_protocol);
+        if (fd < 0)
+        {
+            result = eResultSocketError;
+            continue;
+        }
+        int rc = connect(fd, ai->ai_addr, ai->ai_addrlen);
+        if (rc == 0)
+            result = eResultSuccess;
+        else if (errno == EINPROGRESS)
+            result = FinishConnect(fd, deadlineUs);
+        else
+            result = (errno == ECONNREFUSED || errno == ENETUNREACH || errno == EHOSTUNREACH) ? eResultNotConnected
+                                                                                             : eResultSocketError;
+        if (result == eResultSuccess)
+        {
+            SetBlocking(fd);
+            SetIntOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+            m_nSocket = fd;
+            break;
+        }
+        close(fd);
+        if (result == eResultTimeout)
+            break;
+    }
+    freeaddrinfo(list);
+    return result;
+}
+
+int CMolIPConnection::ConnectReq(const char* host, unsigned short port, unsigned int timeoutMs, unsigned char,
+                                 CMolIPBase::EProtocol, const std::string&, bool)
+{
+    if (OnReceiveThread())
+        return eResultSocketError;
+    std::lock_guard<std::mutex> life(m_oLifeMutex);
+    if (m_nState.load() == eStateConnected)
+        return eResultSuccess;
+    // A connection that ended on its own still has a thread to join and a socket to close.
+    JoinReceiver();
+    m_nState = eStateConnecting;
+    int result = OpenSocket(host, port, timeoutMs);
+    if (result != eResultSuccess)
+    {
+        m_nState = eStateIdle;
+        return result;
+    }
+    m_nSendTimeoutMs = 0;
+    ApplyAlive();
+    if (m_aBuffer.size() < kInitialBufferSize)
+        m_aBuffer.resize(kInitialBufferSize);
+    m_nState.store(eStateConnected, std::memory_order_release);
+    try
+    {
+        m_oReceiver = std::thread(&CMolIPConnection::ReceiveLoop, this);
+    }
+    catch (...)
+    {
+        m_nState = eStateIdle;
+        close(m_nSocket);
+        m_nSocket = -1;
+        return eResultSocketError;
+    }
+    return eResultSuccess;
+}
+
+int CMolIPConnection::DisconnectReq(unsigned int)
+{
+    if (OnReceiveThread())
+    {
+        // Called from a callback: wake the loop, which ends after the callback returns.
+        std::lock_guard<std::mutex> send(m_oSendMutex);
+        if (m_nSocket >= 0)
+            ::shutdown(m_nSocket, SHUT_RDWR);
+        return m_nState.exchange(eStateClosed) == eStateConnected ? eResultSuccess : eResultNotConnected;
+    }
+    std::lock_guard<std::mutex> life(m_oLifeMutex);
+    bool wasConnected = m_nState.load() == eStateConnected;
+    JoinReceiver();
+    return wasConnected ? eResultSuccess : eResultNotConnected;
+}
+
+void CMolIPConnection::Shutdown()
+{
+    if (OnReceiveThread())
+        return;
+    std::lock_guard<std::mutex> life(m_oLifeMutex);
+    JoinReceiver();
+}
+
+// Caller holds m_oLifeMutex.
+void CMolIPConnection::JoinReceiver()
+{
+    {
+        std::lock_guard<std::mutex> send(m_oSendMutex);
+        if (m_nSocket >= 0)
+            ::shutdown(m_nSocket, SHUT_RDWR);
+    }
+    if (m_oReceiver.joinable())
+        m_oReceiver.join();
+    std::lock_guard<std::mutex> send(m_oSendMutex);
+    if (m_nSocket >= 0)
+    {
+        close(m_nSocket);
+        m_nSocket = -1;
+    }
+    if (m_nState.load() != eStateIdle)
+        m_nState = eStateClosed;
+}
+
+int CMolIPConnection::DataReq(const char* data, unsigned short len, unsigned int timeoutMs)
+{
+    return DataReqLong(data, len, timeoutMs);
+}
+
+int CMolIPConnection::DataReqLong(const char* data, size_t len, unsigned int timeoutMs)
+{
+    std::lock_guard<std::mutex> send(m_oSendMutex);
+    if (m_nState.load(std::memory_order_acquire) != eStateConnected || m_nSocket < 0)
+        return eResultNotConnected;
+    if (timeoutMs != m_nSendTimeoutMs)
+    {
+        struct timeval tv = {static_cast<time_t>(timeoutMs / 1000), static_cast<suseconds_t>((timeoutMs % 1000) * 1000)};
+        setsockopt(m_nSocket, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+        m_nSendTimeoutMs = timeoutMs;
+    }
+    size_t sent = 0;
+    while (sent < len)
+    {
+        ssize_t n = ::send(m_nSocket, data + sent, len - sent, MSG_NOSIGNAL);
+        if (n > 0)
+        {
+            sent += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+            return eResultTimeout;
+        return (errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN) ? eResultNotConnected : eResultSocketError;
+    }
+    return eResultSuccess;
+}
+
+void CMolIPConnection::SetAlive(unsigned int ms)
+{
+    m_nAliveMs = ms;
+    std::lock_guard<std::mutex> send(m_oSendMutex);
+    if (m_nSocket >= 0)
+        ApplyAlive();
+}
+
+void CMolIPConnection::ApplyAlive()
+{
+    if (m_nSocket < 0)
+        return;
+    if (m_nAliveMs == 0)
+    {
+        SetIntOption(m_nSocket, SOL_SOCKET, SO_KEEPALIVE, 0);
+        return;
+    }
+    int seconds = static_cast<int>((m_nAliveMs + 999) / 1000);
+    SetIntOption(m_nSocket, SOL_SOCKET, SO_KEEPALIVE, 1);
+    SetIntOption(m_nSocket, IPPROTO_TCP, TCP_KEEPIDLE, seconds);
+    SetIntOption(m_nSocket, IPPROTO_TCP, TCP_KEEPINTVL, seconds);
+    SetIntOption(m_nSocket, IPPROTO_TCP, TCP_KEEPCNT, 3);
+    // Unacknowledged data also ends the connection after three intervals.
+    SetIntOption(m_nSocket, IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(m_nAliveMs) * 3);
+}
+
+void CMolIPConnection::ReceiveLoop()
+{
+    int fd = m_nSocket;
+    ConnectInd(true);
+    size_t filled = 0;
+    for (;;)
+    {
+        ssize_t n = recv(fd, m_aBuffer.data() + filled, m_aBuffer.size() - filled, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        filled = CutFrames(filled + static_cast<size_t>(n));
+    }
+    m_nState.store(eStateClosed, std::memory_order_release);
+    ConnectInd(false);
+}
+
+// Hands every complete frame in the buffer to DataInd, keeps the incomplete rest
+// at the front and grows the buffer when the next frame is larger than it.
+size_t CMolIPConnection::CutFrames(size_t filled)
+{
+    size_t pos = 0;
+    size_t need = 0;
+    while (filled - pos >= 2)
+    {
+        size_t frame = static_cast<size_t>(ReadLE16(m_aBuffer.data() + pos)) + 2;
+        if (filled - pos < frame)
+        {
+            need = frame;
+            break;
+        }
+        DataInd(m_aBuffer.data() + pos, static_cast<unsigned short>(frame));
+        pos += frame;
+    }
+    size_t rest = filled - pos;
+    if (pos > 0 && rest > 0)
+        std::memmove(m_aBuffer.data(), m_aBuffer.data() + pos, rest);
+    if (need > m_aBuffer.size())
+    {
+        size_t grown = m_aBuffer.size() * 2;
+        while (grown < need)
+            grown *= 2;
+        m_aBuffer.resize(grown < kMaxFrameSize ? grown : kMaxFrameSize);
+    }
+    return rest;
+}
+
+void CMolIPConnection::DataInd(const char*, unsigned short) {}
+
+void CMolIPConnection::ConnectInd(bool) {}
+
+bool CMolIPConnection::IsConnectMsgAccepted(const std::string&)
+{
+    return true;
+}

@@ -1,0 +1,123 @@
+#include "tarvik/runtime/MolSync.h"
+
+#include <chrono>
+
+namespace
+{
+constexpr unsigned int kInfinite = 0xFFFFFFFFu;
+}
+
+CMolEvent::CMolEvent() : m_bSignalled(false) {}
+
+CMolEvent::~CMolEvent() = default;
+
+void CMolEvent::Signal()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_oMutex);
+        m_bSignalled = true;
+    }
+    m_oCond.notify_one();
+}
+
+void CMolEvent::Reset()
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    m_bSignalled = false;
+}
+
+bool CMolEvent::Wait(unsigned int timeoutMs)
+{
+    std::unique_lock<std::mutex> lock(m_oMutex);
+    if (timeoutMs == kInfinite)
+        m_oCond.wait(lock, [this] { return m_bSignalled; });
+    else if (!m_oCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return m_bSignalled; }))
+        return false;
+    m_bSignalled = false;
+    return true;
+}
+
+CMolMutex::CMolMutex() = default;
+
+CMolMutex::~CMolMutex() = default;
+
+bool CMolMutex::Lock(unsigned int timeoutMs)
+{
+    if (timeoutMs == kInfinite)
+    {
+        m_oMutex.lock();
+        return true;
+    }
+    return m_oMutex.try_lock_for(std::chrono::milliseconds(timeoutMs));
+}
+
+void CMolMutex::Unlock()
+{
+    m_oMutex.unlock();
+}
+
+CMolThread::CMolThread(unsigned int stackSize) : m_bTerminate(false), m_bRunning(false), m_nStackSize(stackSize) {}
+
+CMolThread::~CMolThread()
+{
+    // A derived class must call Terminate() in its own destructor; this is the last guard.
+    m_bTerminate = true;
+    Join();
+}
+
+bool CMolThread::Initialize()
+{
+    return true;
+}
+
+bool CMolThread::Start()
+{
+    if (m_oThread.joinable())
+    {
+        if (m_bRunning)
+            return false;
+        m_oThread.join();
+    }
+    m_bTerminate = false;
+    m_bRunning = true;
+    try
+    {
+        m_oThread = std::thread([this] {
+            Run();
+            m_bRunning = false;
+        });
+    }
+    catch (...)
+    {
+        m_bRunning = false;
+        return false;
+    }
+    return true;
+}
+
+void CMolThread::Terminate()
+{
+    m_bTerminate = true;
+    Join();
+}
+
+void CMolThread::Join()
+{
+    if (m_oThread.joinable() && m_oThread.get_id() != std::this_thread::get_id())
+        m_oThread.join();
+}
+
+bool CMolThread::IsTerminationRequested() const
+{
+    return m_bTerminate;
+}
+
+bool CMolThread::IsRunning() const
+{
+    return m_bRunning;
+}
+
+void CMolThread::Sleep(long seconds, long milliseconds)
+{
+    std::this_thread::sleep_for(std::chrono::seconds(seconds) + std::chrono::milliseconds(milliseconds));
+}

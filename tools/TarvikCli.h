@@ -1,0 +1,29 @@
+// Shared pieces of the tarvik command-line tool: the global options and the
+// registration function of each command group (one source file per group).
+#ifndef TARVIK_TOOLS_TARVIKCLI_H
+#define TARVIK_TOOLS_TARVIKCLI_H
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+
+// Options that every command understands.
+struct SCliGlobals
+{
+    std::string m_sHost;          // empty: run against the embedded simulator
+    int m_nPortIndex = 0;         // port = 4999 + device type + 100 x index
+    unsigned int m_nTimeoutMs = 1000;
+    bool m_bSim = false;          // --sim: embedded simulator even if a host is given
+    bool m_bTrace = false;        // --trace: print every telegram
+    bool m_bJson = false;         // --json: machine-readable output
+};
+
+// A command that failed prints its message on stderr and ends with this.
+[[noreturn]] inline void CliFail(const std::string& message, int exitCode = 1)
+{
+    throw CLI::RuntimeError(message, exitCode);
+}
+
+void RegisterHexCommands(CLI::App& app, SCliGlobals& globals);
+
+#endif
