@@ -1,0 +1,28 @@
+/* Umbrella header of libtarvik: includes every public header. C programs get the
+ * flat interface; C++ programs also get the client classes and the memory images. */
+#ifndef TARVIK_TARVIK_H
+#define TARVIK_TARVIK_H
+
+#include "tarvik/core/TarvikDeviceInfo.h"
+#include "tarvik/core/TarvikExport.h"
+#include "tarvik/core/TarvikResult.h"
+#include "tarvik/dll/TarvikDLL.h"
+#include "tarvik/dll/TarvikDllSPI.h"
+
+#ifdef __cplusplus
+#include "tarvik/clients/TarvikClientSPI.h"
+#include "tarvik/core/TarvikClient.h"
+#include "tarvik/core/TarvikMsg.h"
+#include "tarvik/core/TarvikReply.h"
+#include "tarvik/dll/DeviceManager.h"
+#include "tarvik/runtime/MolFile.h"
+#include "tarvik/runtime/MolIPConnection.h"
+#include "tarvik/runtime/MolString.h"
+#include "tarvik/runtime/MolSync.h"
+#include "tarvik/runtime/MolTime.h"
+#if __has_include("tarvik/hexfile/TarvikHexfile.h")
+#include "tarvik/hexfile/TarvikHexfile.h"
+#endif
+#endif
+
+#endif

@@ -1,0 +1,207 @@
+// CTarvikClient: base of every device client. One TCP connection to one gateway,
+// requests matched to their confirmations by message id, indications handed to the
+// device client, and the commands that every gateway understands.
+//
+// Threads: the application's thread runs every public operation; one client serves
+// one calling thread at a time (the message id counter is not locked). The
+// connection's receive thread runs DataInd, ConInd and DataIndRespond.
+#ifndef TARVIK_CORE_TARVIKCLIENT_H
+#define TARVIK_CORE_TARVIKCLIENT_H
+
+#include "tarvik/core/TarvikDeviceInfo.h"
+#include "tarvik/core/TarvikExport.h"
+#include "tarvik/core/TarvikMsg.h"
+#include "tarvik/core/TarvikReply.h"
+#include "tarvik/core/TarvikResult.h"
+#include "tarvik/runtime/MolIPConnection.h"
+#include "tarvik/runtime/MolSync.h"
+#include "tarvik/runtime/MolTime.h"
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <string>
+
+// One telegram seen by a client, handed to the application's trace sink.
+struct STarvikTrace
+{
+    enum EKind
+    {
+        eSent = 0,         // a request left the client
+        eReceived = 1,     // a telegram arrived (m_bValid false: malformed, dropped)
+        eConnected = 2,    // the connection came up
+        eDisconnected = 3, // the connection ended (peer close, error or local disconnect)
+    };
+    EKind m_eKind;
+    int64_t m_nTimeUs;        // wall-clock time, microseconds since 1970
+    int m_nDeviceType;        // the client's device type
+    unsigned short m_nCmdCode;
+    short m_nMsgID;
+    const char* m_pData;      // payload; valid only during the call
+    size_t m_nDataLen;
+    bool m_bValid;            // length field agrees with the frame size
+    bool m_bCRCValid;         // stored check byte equals the computed one
+};
+
+// Called on the calling thread (sent) or the receive thread (received); must not
+// block and must not call back into the client.
+typedef void (*PTarvikTraceSink)(const STarvikTrace& trace, void* user);
+
+class TARVIK_API CTarvikClient
+{
+public:
+    // Command numbers of the commands that every gateway understands.
+    enum ECommonCmd
+    {
+        eCmdInfo = 0x09,
+        eCmdStatus = 0x0A,
+        eCmdRestart = 0x0C,
+        eCmdBaseReadDigital = 0x40,
+        eCmdBaseWriteDigital = 0x41,
+        eCmdReadAnalog = 0x42,
+        eCmdWriteAnalog = 0x43,
+    };
+
+    // A stored confirmation and when it arrived.
+    class TARVIK_API CMessageItem
+    {
+    public:
+        CMessageItem();
+        explicit CMessageItem(CTarvikMsg* msg);
+        ~CMessageItem();
+        CMessageItem(const CMessageItem&) = delete;
+        CMessageItem& operator=(const CMessageItem&) = delete;
+        // Hands the telegram out and gives up ownership.
+        CTarvikMsg* PopMsg();
+        const CMolLocalTime& GetReceived() const { return m_oReceived; }
+
+    private:
+        CTarvikMsg* m_pMessage;
+        CMolLocalTime m_oReceived;
+    };
+
+    // The connection, forwarding its callbacks to the parent client.
+    class TARVIK_API CConnection : public CMolIPConnection
+    {
+    public:
+        CConnection();
+        void SetParentClass(CTarvikClient* parent) { m_pParent = parent; }
+
+    protected:
+        void DataInd(const char* data, unsigned short len) override;
+        void ConnectInd(bool connected) override;
+        bool IsConnectMsgAccepted(const std::string& msg) override;
+
+    private:
+        CTarvikClient* m_pParent;
+    };
+
+    CTarvikClient(ETarvikDevice type, unsigned int timeout);
+    virtual ~CTarvikClient();
+    CTarvikClient(const CTarvikClient&) = delete;
+    CTarvikClient& operator=(const CTarvikClient&) = delete;
+
+    // Prepares the device after connecting; the base sets the message id counter to 2. Returns 0.
+    virtual int Open();
+    // Disconnect().
+    virtual int Close();
+
+    // Connects to host; port 0 means 4999 + device type (5099 for type 0).
+    // Returns 0, 1 (connection limit) or a transport code (0x020000..0x060000).
+    int Connect(const char* host, unsigned short port = 0, unsigned char protocol = 1, bool flag = true);
+    int Disconnect();
+    // The connection's state; 3 = connected.
+    int GetConnectState() const;
+    CMolIPConnection& GetConnection() { return m_oConnection; }
+    ETarvikDevice GetDeviceType() const { return static_cast<ETarvikDevice>(m_nDeviceType); }
+    unsigned int GetTimeout() const { return m_nTimeout; }
+
+    // Sends req only. Returns 0 or a transport code.
+    virtual int SendMsg(const CTarvikMsg& req);
+    // One received telegram (receive thread).
+    virtual void DataInd(const char* data, unsigned short len);
+    // Connection came up or ended (receive thread); the base does nothing.
+    virtual void ConInd(bool connected);
+    // Offered every received non-confirmation (receive thread); true takes ownership of msg.
+    virtual bool DataIndRespond(CTarvikMsg* msg);
+    // Result code of a confirmation: 0x0C0000 | type << 8 when empty, else its result byte | type << 8.
+    virtual int GetCnfRetCode(const CTarvikMsg& cnf);
+    // Sends req and waits for its confirmation (waitMs null: the client's time-out).
+    // 0: cnf is the confirmation; 0x040000: none came; 0x0A0000: bad check byte;
+    // 0x0B0000: wrong command code (cnf is handed over in these two cases too);
+    // a transport code from the send (cnf untouched). The caller deletes cnf.
+    int SendMsg(const CTarvikMsg& req, CTarvikMsg*& cnf, const unsigned int* waitMs);
+    // Same, copying the confirmation into cnf.
+    int SendMsg(const CTarvikMsg& req, CTarvikMsg& cnf, const unsigned int* waitMs);
+
+    // Waits for the confirmation with this id; null after the wait. Purges old ones.
+    CTarvikMsg* WaitForMsg(short id, const unsigned int* waitMs);
+    // Takes the stored confirmation with this id, or null.
+    CTarvikMsg* GetMsg(short id);
+    // Drops stored confirmations older than ten times the time-out.
+    void RemoveOldMsgs();
+    // Parses a received block; null when it is malformed.
+    CTarvikMsg* ToMsg(const unsigned char* data, unsigned short len);
+
+    static int ConvertTCPRetCode(int tcpResult);
+    static std::string GetErrorMsg(int code);
+
+    // Commands of every gateway. All return 0 or a result code.
+    int Restart();
+    // info (may be null) is cleared first, byte 18 = this client's device type; on
+    // success up to 20 bytes of the answer are copied into it.
+    int Info(STarvikDeviceInfo* info);
+    // text is set only on success with a non-empty text.
+    int Status(std::string& text);
+    // Decoded only when the answer carries both words (then even when the device
+    // reports an error); a shorter answer returns 0 and leaves both untouched.
+    int BaseReadDigital(unsigned int& inputs, unsigned int& outputs);
+    int BaseWriteDigital(unsigned int outputs);
+    // count: capacity of values on input; on return the number the device sent
+    // (may exceed the capacity; only that many were stored), 0 on failure.
+    int ReadAnalog(unsigned int& first, unsigned int* values, unsigned short& count);
+    int WriteAnalog(const unsigned int* values, unsigned short count);
+
+    // Trace sink for every telegram sent and received; null switches it off.
+    // Set it while the client is idle.
+    void SetTraceSink(PTarvikTraceSink sink, void* user);
+
+protected:
+    // Command code of this client for a command number.
+    unsigned short MakeCmdCode(unsigned char cmd) const;
+    // Takes the next message id (post-increment, 16-bit wrap).
+    short NextMsgID();
+    // The one request/confirmation step of every device command: draws the id,
+    // sends cmd with payload, waits (waitMs null: the time-out) and hands back the
+    // confirmation in reply. Returns reply.Result(): the send-and-wait result, or
+    // when that is 0 GetCnfRetCode of the confirmation. A payload longer than a
+    // telegram can carry gives 0x920000 without sending.
+    int Request(unsigned char cmd, const char* data, size_t len, CTarvikReply& reply,
+                const unsigned int* waitMs = nullptr);
+    int Request(unsigned char cmd, std::string&& payload, CTarvikReply& reply, const unsigned int* waitMs = nullptr);
+    // Checks a collected confirmation against the request's command code:
+    // 0x040000 when none, 0x0A0000 bad check byte, 0x0B0000 wrong code, else 0.
+    static int CheckCnf(const CTarvikMsg* cnf, unsigned short reqCode);
+    // Collects the confirmation of an earlier asynchronous request into reply.
+    int Collect(short id, unsigned short reqCode, CTarvikReply& reply, const unsigned int* waitMs = nullptr);
+
+    void Trace(STarvikTrace::EKind kind, const CTarvikMsg* msg, bool valid);
+    bool IsTracing() const { return m_pTraceSink.load(std::memory_order_acquire) != nullptr; }
+
+private:
+    friend class CConnection;
+    void StoreCnf(CTarvikMsg* cnf);
+    void OnConnectInd(bool connected);
+
+    CConnection m_oConnection;
+    unsigned int m_nTimeout;
+    std::map<short, CMessageItem*> m_aoPending;
+    CMolMutex m_oPendingMutex;
+    short m_nNextMsgID;
+    int m_nDeviceType;
+    CMolEvent m_oCnfEvent;
+    std::atomic<PTarvikTraceSink> m_pTraceSink;
+    std::atomic<void*> m_pTraceUser;
+};
+
+#endif
