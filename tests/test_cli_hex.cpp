@@ -129,6 +129,24 @@ TEST_F(CliHexTest, DumpRangeAndWidth)
               run.m_sOut);
 }
 
+TEST_F(CliHexTest, LongDumpIsPrintedPieceByPiece)
+{
+    std::string bytes;
+    for (int i = 0; i < 9000; ++i)
+        bytes += static_cast<char>('a' + i % 26);
+    const std::string file = Write("long.bin", bytes);
+    SRun run = Run("hex dump '" + file + "' --width 1");
+    EXPECT_EQ(0, run.m_nExit) << run.m_sErr;
+    ASSERT_EQ(9000u * 15u, run.m_sOut.size());   // "AAAAAAAA: XX c\n"
+    for (size_t line : {0u, 4095u, 4096u, 4097u, 8191u, 8192u, 8999u})
+    {
+        char expected[32];
+        std::snprintf(expected, sizeof(expected), "%08zX: %02X %c\n", line, 'a' + static_cast<int>(line % 26),
+                      static_cast<char>('a' + line % 26));
+        EXPECT_EQ(expected, run.m_sOut.substr(line * 15, 15)) << line;
+    }
+}
+
 TEST_F(CliHexTest, ErrorsPrintTheMessageAndFail)
 {
     const std::string missing = Path("missing.hex");
