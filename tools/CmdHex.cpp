@@ -17,6 +17,8 @@ namespace
 // Bytes dumped per call to the image, so that a dump of any range needs little memory.
 constexpr uint64_t kDumpChunkLines = 4096;
 constexpr unsigned int kMaxDumpWidth = 256;
+// Exit code for arguments that cannot be used (as the option parser's own errors).
+constexpr int kExitUsage = 2;
 
 struct SHexOptions
 {
@@ -50,7 +52,7 @@ uint64_t ParseAddress(const std::string& text, const char* option)
     const std::string digits = hex ? text.substr(2) : text;
     const std::string allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
     if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos || digits.size() > (hex ? 16u : 19u))
-        CliFail(std::string("invalid address for ") + option + ": " + text, 2);
+        CliFail(std::string("invalid address for ") + option + ": " + text, kExitUsage);
     return std::stoull(digits, nullptr, hex ? 16 : 10);
 }
 
@@ -142,7 +144,7 @@ void RunDump(const SHexOptions& options)
     uint64_t from = options.m_sFrom.empty() ? 0 : ParseAddress(options.m_sFrom, "--from");
     uint64_t to = options.m_sTo.empty() ? image.m_nMaxAddr : ParseAddress(options.m_sTo, "--to");
     if (from > to)
-        CliFail("--from " + options.m_sFrom + " is above --to " + options.m_sTo, 2);
+        CliFail("--from " + options.m_sFrom + " is above --to " + options.m_sTo, kExitUsage);
     if (from > image.m_nMaxAddr)
         return;
     to = std::min(to, image.m_nMaxAddr);

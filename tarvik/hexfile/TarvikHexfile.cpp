@@ -229,18 +229,13 @@ bool CTarvikHexfile::SMemoryBlock::operator==(const SMemoryBlock& other) const
 
 CTarvikHexfile::CByteMap::CByteMap() : m_nLastPageBase(0), m_pLastPage(nullptr) {}
 
-void CTarvikHexfile::CByteMap::SetByte(unsigned int address, char value)
+void CTarvikHexfile::CByteMap::SelectPage(unsigned int base)
 {
-    unsigned int base = address & ~kPageMask;
-    if (m_pLastPage == nullptr || base != m_nLastPageBase)
-    {
-        auto it = m_mapPages.find(base);
-        if (it == m_mapPages.end())
-            it = m_mapPages.emplace(base, TPage(kPageSize, std::make_pair('\0', false))).first;
-        m_nLastPageBase = base;
-        m_pLastPage = it->second.data();
-    }
-    m_pLastPage[address & kPageMask] = std::make_pair(value, true);
+    auto it = m_mapPages.find(base);
+    if (it == m_mapPages.end())
+        it = m_mapPages.emplace(base, TPage(kPageSize, std::make_pair('\0', false))).first;
+    m_nLastPageBase = base;
+    m_pLastPage = it->second.data();
 }
 
 void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks)
@@ -258,10 +253,18 @@ void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks
     for (const auto& page : m_mapPages)
     {
         const std::pair<char, bool>* entries = page.second.data();
-        for (unsigned int index = 0; index < kPageSize; ++index)
+        // Taken span by span of present entries, which is the same as entry by entry.
+        unsigned int index = 0;
+        while (index < kPageSize)
         {
             if (!entries[index].second)
+            {
+                ++index;
                 continue;
+            }
+            unsigned int end = index + 1;
+            while (end < kPageSize && entries[end].second)
+                ++end;
             uint64_t address = static_cast<uint64_t>(page.first) + index;
             if (address > expected)
             {
@@ -271,8 +274,12 @@ void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks
                 runStart = address;
                 expected = address;
             }
-            run.push_back(entries[index].first);
-            ++expected;
+            size_t used = run.size();
+            run.resize(used + (end - index));
+            for (unsigned int i = index; i < end; ++i)
+                run[used + (i - index)] = entries[i].first;
+            expected += end - index;
+            index = end;
         }
     }
     if (!run.empty())

@@ -67,12 +67,22 @@ public:
         typedef std::vector<std::pair<char, bool>> TPage;   // (value, present)
 
         CByteMap();
-        void SetByte(unsigned int address, char value);
+        // Inline: a multi-megabyte image takes one call per byte.
+        void SetByte(unsigned int address, char value)
+        {
+            const unsigned int base = address & ~0xFFFu;
+            if (m_pLastPage == nullptr || base != m_nLastPageBase)
+                SelectPage(base);
+            m_pLastPage[address & 0xFFFu] = std::make_pair(value, true);
+        }
         // Replaces the contents of blocks (releasing what it held) by the collected runs.
         void ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks);
         void Clear();
 
     private:
+        // Makes the page at base (created when missing) the current one.
+        void SelectPage(unsigned int base);
+
         std::map<unsigned int, TPage> m_mapPages;
         // Records arrive mostly in address order: the page of the last write is kept at hand.
         unsigned int m_nLastPageBase;
