@@ -108,6 +108,21 @@ public:
         return true;
     }
 
+    // Counts the blocks the engine has finished with (stored, offered or dropped).
+    void DataInd(const char* data, unsigned short len) override
+    {
+        CTarvikClient::DataInd(data, len);
+        std::lock_guard<std::mutex> lock(m_oMutex);
+        ++m_nHandled;
+        m_oChanged.notify_all();
+    }
+
+    bool WaitForHandled(size_t count)
+    {
+        std::unique_lock<std::mutex> lock(m_oMutex);
+        return m_oChanged.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return m_nHandled >= count; });
+    }
+
     void ConInd(bool connected) override
     {
         std::lock_guard<std::mutex> lock(m_oMutex);
@@ -138,6 +153,8 @@ public:
 
 private:
     std::mutex m_oMutex;
+    std::condition_variable m_oChanged;
+    size_t m_nHandled = 0;
     std::vector<std::string> m_asIndications;
     std::vector<std::unique_ptr<CTarvikMsg>> m_apTaken;
     std::vector<bool> m_abConInd;
@@ -322,7 +339,7 @@ TEST_F(CEngineTest, LateConfirmationIsKeptForTenTimesTheTimeOut)
     CTarvikMsg* cnf = nullptr;
     ASSERT_EQ(TARVIK_ERR_TIMEOUT, client.Transact(0x0303, "", cnf));
     ASSERT_TRUE(m_oGateway.Send(Cnf(0x0303, 0, Frame({0, 0xAA}))));
-    ASSERT_TRUE(client.m_oTrace.WaitFor(STarvikTrace::eReceived, 1));
+    ASSERT_TRUE(client.WaitForHandled(1));
 
     // Every wait purges; one second has not passed, so it is still there.
     unsigned int noWait = 0;
@@ -338,7 +355,7 @@ TEST_F(CEngineTest, LateConfirmationIsPurgedAfterTenTimesTheTimeOut)
     CProbeClient client(100);
     Connect(client);
     ASSERT_TRUE(m_oGateway.Send(Cnf(0x0303, 0, Frame({0, 0xAA}))));
-    ASSERT_TRUE(client.m_oTrace.WaitFor(STarvikTrace::eReceived, 1));
+    ASSERT_TRUE(client.WaitForHandled(1));
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
     // Taking it without a wait shows it was still stored until the purge.
     unsigned int noWait = 0;
@@ -352,7 +369,7 @@ TEST_F(CEngineTest, TimeOutUnderOneHundredMillisecondsPurgesEveryOlderConfirmati
     CProbeClient client(99);
     Connect(client);
     ASSERT_TRUE(m_oGateway.Send(Cnf(0x0303, 0, Frame({0, 0xAA}))));
-    ASSERT_TRUE(client.m_oTrace.WaitFor(STarvikTrace::eReceived, 1));
+    ASSERT_TRUE(client.WaitForHandled(1));
     unsigned int noWait = 0;
     EXPECT_EQ(nullptr, client.WaitForMsg(99, &noWait));
     EXPECT_EQ(nullptr, client.GetMsg(0));
@@ -363,7 +380,7 @@ TEST_F(CEngineTest, SecondConfirmationUnderTheSameIdReplacesTheFirst)
     CProbeClient client(kTimeoutMs);
     Connect(client);
     ASSERT_TRUE(m_oGateway.Send(Cnf(0x0303, 7, Frame({0, 1})) + Cnf(0x0303, 7, Frame({0, 2}))));
-    ASSERT_TRUE(client.m_oTrace.WaitFor(STarvikTrace::eReceived, 2));
+    ASSERT_TRUE(client.WaitForHandled(2));
     unsigned int noWait = 0;
     std::unique_ptr<CTarvikMsg> cnf(client.WaitForMsg(7, &noWait));
     ASSERT_NE(nullptr, cnf);
@@ -394,7 +411,7 @@ TEST_F(CEngineTest, IndicationsGoToTheDeviceClientAndAreNeverTakenAsConfirmation
 
     // Unsolicited, between requests.
     ASSERT_TRUE(m_oGateway.Send(Telegram(0x0210, 0x1234, Frame({1, 2, 3}))));
-    ASSERT_TRUE(client.m_oTrace.WaitFor(STarvikTrace::eReceived, 4));
+    ASSERT_TRUE(client.WaitForHandled(4));
     std::vector<std::string> seen = client.Indications();
     ASSERT_EQ(3u, seen.size());
     EXPECT_EQ(ToHex(indication), ToHex(seen[0]));
@@ -409,7 +426,7 @@ TEST_F(CEngineTest, DeviceClientMayKeepTheIndicationsItTakes)
     client.m_bTake = true;
     Connect(client);
     ASSERT_TRUE(m_oGateway.Send(Telegram(0x0210, 1, Frame({1})) + Telegram(0x0210, 2, Frame({2}))));
-    ASSERT_TRUE(client.m_oTrace.WaitFor(STarvikTrace::eReceived, 2));
+    ASSERT_TRUE(client.WaitForHandled(2));
     EXPECT_EQ(2u, client.Indications().size());
 }
 

@@ -29,6 +29,7 @@ protected:
     {
         ASSERT_TRUE(m_oGateway.Start("127.0.0.1"));
         ASSERT_EQ(0, m_oClient.Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort()));
+        ASSERT_TRUE(m_oGateway.WaitForAccepted(1, kWaitMs));
         // Opened: the first request carries id 2.
         ASSERT_EQ(0, m_oClient.Open());
     }
