@@ -17,7 +17,7 @@ struct SRun
     std::string m_sErr;
 };
 
-class CliHexTest : public ::testing::Test
+class CCliHexTest : public ::testing::Test
 {
 protected:
     void SetUp() override
@@ -63,34 +63,36 @@ protected:
     std::string m_sDir;
 };
 
-TEST_F(CliHexTest, InfoAsTextAndJson)
+TEST_F(CCliHexTest, InfoAsTextAndJson)
 {
     const std::string file = Data("hexfile_sample.s19");
     SRun run = Run("hex info '" + file + "'");
     EXPECT_EQ(0, run.m_nExit) << run.m_sErr;
-    EXPECT_EQ("file:   " + file + "\n"
-              "format: srec\n"
-              "blocks: 3\n"
-              "  start 0x00000000  end 0x00000007  size 8\n"
-              "  start 0x00012345  end 0x00012348  size 4\n"
-              "  start 0x80000000  end 0x80000001  size 2\n"
-              "total:  14 bytes\n"
-              "min:    0x00000000\n"
-              "max:    0x80000001\n",
+    EXPECT_EQ("file:   " + file +
+                  "\n"
+                  "format: srec\n"
+                  "blocks: 3\n"
+                  "  start 0x00000000  end 0x00000007  size 8\n"
+                  "  start 0x00012345  end 0x00012348  size 4\n"
+                  "  start 0x80000000  end 0x80000001  size 2\n"
+                  "total:  14 bytes\n"
+                  "min:    0x00000000\n"
+                  "max:    0x80000001\n",
               run.m_sOut);
 
     run = Run("--json hex info '" + file + "'");
     EXPECT_EQ(0, run.m_nExit) << run.m_sErr;
-    EXPECT_EQ("{\"file\":\"" + file + "\",\"format\":\"srec\",\"blocks\":["
-              "{\"start\":0,\"end\":7,\"size\":8},{\"start\":74565,\"end\":74568,\"size\":4},"
-              "{\"start\":2147483648,\"end\":2147483649,\"size\":2}],"
-              "\"total\":14,\"min\":0,\"max\":2147483649}\n",
+    EXPECT_EQ("{\"file\":\"" + file +
+                  "\",\"format\":\"srec\",\"blocks\":["
+                  "{\"start\":0,\"end\":7,\"size\":8},{\"start\":74565,\"end\":74568,\"size\":4},"
+                  "{\"start\":2147483648,\"end\":2147483649,\"size\":2}],"
+                  "\"total\":14,\"min\":0,\"max\":2147483649}\n",
               run.m_sOut);
     // The flag is also understood behind the command.
     EXPECT_EQ(run.m_sOut, Run("hex info '" + file + "' --json").m_sOut);
 }
 
-TEST_F(CliHexTest, ConvertBetweenFormats)
+TEST_F(CCliHexTest, ConvertBetweenFormats)
 {
     SRun run = Run("hex convert '" + Data("hexfile_sample.s19") + "' '" + Path("out.hex") + "' --to intel");
     EXPECT_EQ(0, run.m_nExit) << run.m_sErr;
@@ -113,7 +115,7 @@ TEST_F(CliHexTest, ConvertBetweenFormats)
     EXPECT_EQ("S107000001020304EE\n", Read(Path("out.s19")));
 }
 
-TEST_F(CliHexTest, DumpRangeAndWidth)
+TEST_F(CCliHexTest, DumpRangeAndWidth)
 {
     SRun run = Run("hex dump '" + Data("hexfile_sample.s19") + "' --from 0x12340 --to 74575 --width 8");
     EXPECT_EQ(0, run.m_nExit) << run.m_sErr;
@@ -129,7 +131,7 @@ TEST_F(CliHexTest, DumpRangeAndWidth)
               run.m_sOut);
 }
 
-TEST_F(CliHexTest, LongDumpIsPrintedPieceByPiece)
+TEST_F(CCliHexTest, LongDumpIsPrintedPieceByPiece)
 {
     std::string bytes;
     for (int i = 0; i < 9000; ++i)
@@ -137,7 +139,7 @@ TEST_F(CliHexTest, LongDumpIsPrintedPieceByPiece)
     const std::string file = Write("long.bin", bytes);
     SRun run = Run("hex dump '" + file + "' --width 1");
     EXPECT_EQ(0, run.m_nExit) << run.m_sErr;
-    ASSERT_EQ(9000u * 15u, run.m_sOut.size());   // "AAAAAAAA: XX c\n"
+    ASSERT_EQ(9000u * 15u, run.m_sOut.size()); // "AAAAAAAA: XX c\n"
     for (size_t line : {0u, 4095u, 4096u, 4097u, 8191u, 8192u, 8999u})
     {
         char expected[32];
@@ -147,7 +149,7 @@ TEST_F(CliHexTest, LongDumpIsPrintedPieceByPiece)
     }
 }
 
-TEST_F(CliHexTest, ErrorsPrintTheMessageAndFail)
+TEST_F(CCliHexTest, ErrorsPrintTheMessageAndFail)
 {
     const std::string missing = Path("missing.hex");
     SRun run = Run("hex info '" + missing + "'");
@@ -158,14 +160,16 @@ TEST_F(CliHexTest, ErrorsPrintTheMessageAndFail)
     run = Run("hex dump '" + bad + "'");
     EXPECT_NE(0, run.m_nExit);
     EXPECT_EQ(std::string("Invalid checksum in data line: :0400100001020304E3") + '\0' + "\n", run.m_sOut);
-    EXPECT_EQ("tarvik: File <" + bad + ">: checksum error.\n\nInvalid checksum in data line: "
-              ":0400100001020304E3.\nIgnore error? \n",
+    EXPECT_EQ("tarvik: File <" + bad +
+                  ">: checksum error.\n\nInvalid checksum in data line: "
+                  ":0400100001020304E3.\nIgnore error? \n",
               run.m_sErr);
 
     run = Run("hex convert '" + Data("hexfile_sample.s19") + "' '" + Path("x.bin") + "' --to bin");
     EXPECT_NE(0, run.m_nExit);
-    EXPECT_EQ("tarvik: File " + Path("x.bin") + " could not be saved.\n\nData could not be saved in binary format "
-              "because of StartAddress != 0 OR multiple blocks in hex data.\n\n\n",
+    EXPECT_EQ("tarvik: File " + Path("x.bin") +
+                  " could not be saved.\n\nData could not be saved in binary format "
+                  "because of StartAddress != 0 OR multiple blocks in hex data.\n\n\n",
               run.m_sErr);
 
     run = Run("hex convert '" + Data("hexfile_sample.s19") + "' '" + Path("x.out") + "' --to elf");

@@ -60,7 +60,7 @@ TEST(DumpLine, LayoutOfPresentMissingAndAbsentBytes)
         {10, 6, 4, " 7E -- 0A 7A ~ .z"},
         {10, 8, 4, " 0A 7A       .z  "},
         {10, 10, 2, "         "},
-        {10, 12, 2, "         "},   // offset past the end: nothing is read
+        {10, 12, 2, "         "}, // offset past the end: nothing is read
         // Groups of eight open with a blank; bytes past the end are blanks in both parts.
         {3, 0, 17, " 41 42 00" + std::string(1 + 3 * 5 + 1 + 3 * 8 + 1 + 3, ' ') + "AB." + std::string(14, ' ')},
         {3, 0, 0, ""}};
@@ -130,7 +130,7 @@ TEST(Dump, EveryLineEndsWithANewline)
     EXPECT_STREQ("", text);
 }
 
-class PrintDumpTest : public ::testing::Test
+class CPrintDumpTest : public ::testing::Test
 {
 protected:
     void SetUp() override
@@ -148,7 +148,7 @@ protected:
     CTarvikHexfile m_oImage;
 };
 
-TEST_F(PrintDumpTest, RangeWithHole)
+TEST_F(CPrintDumpTest, RangeWithHole)
 {
     EXPECT_EQ(" 41 42 43 44 -- -- 78 79 ABCD  xy\n"
               " 01                      .       \n",
@@ -159,7 +159,7 @@ TEST_F(PrintDumpTest, RangeWithHole)
     EXPECT_EQ(" -- -- 41 42   AB\n", Dump(4, 0x0E, 0x11, 4));
 }
 
-TEST_F(PrintDumpTest, WholeImageAndClamping)
+TEST_F(CPrintDumpTest, WholeImageAndClamping)
 {
     CDumpBuffer out(DumpSize(0x19, 16));
     m_oImage.GetPrintDump(out.Get(), 16);
@@ -171,13 +171,13 @@ TEST_F(PrintDumpTest, WholeImageAndClamping)
     EXPECT_EQ(" 01 .\n", Dump(1, 0x100, 0x200, 1));
 }
 
-TEST_F(PrintDumpTest, NothingToDump)
+TEST_F(CPrintDumpTest, NothingToDump)
 {
     char text[8] = "keep";
-    m_oImage.GetPrintDump(text, 4, 0x12, 0x11);   // from above to
+    m_oImage.GetPrintDump(text, 4, 0x12, 0x11); // from above to
     EXPECT_STREQ("", text);
     std::strcpy(text, "keep");
-    m_oImage.GetPrintDump(text, 0, 0x10, 0x11);   // no width
+    m_oImage.GetPrintDump(text, 0, 0x10, 0x11); // no width
     EXPECT_STREQ("keep", text);
     m_oImage.GetPrintDump(nullptr, 4, 0x10, 0x11);
 

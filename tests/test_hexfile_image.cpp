@@ -53,7 +53,7 @@ TEST(MemoryBlock, ConstructionAndComparison)
     SMemoryBlock low(0x100, bytes, 3);
     SMemoryBlock high(0x8000, bytes, 3);
     SMemoryBlock shorter(0x100, bytes, 2);
-    EXPECT_NE(bytes, low.m_pData);   // a copy
+    EXPECT_NE(bytes, low.m_pData); // a copy
     // Equal bytes at different addresses compare equal; the address is not compared.
     EXPECT_TRUE(low == high);
     EXPECT_FALSE(low == shorter);
@@ -119,14 +119,15 @@ TEST(Image, AddBlocksRaisesTheMaximumOnly)
     image.AddMemoryBlock(new SMemoryBlock(0x300000000ull, nullptr, 0));
     image.AddMemoryBlock(nullptr);
     EXPECT_EQ(0x100000000ull, image.m_nMaxAddr);
-    EXPECT_EQ((Blocks{{0x2000, "abcd"}, {0x1000, "xy"}, {0x100000000ull, "q"}, {0xFFFFFFFF, "zz"}, {0x300000000ull, ""}}),
-              ImageBlocks(image));
+    EXPECT_EQ(
+        (Blocks{{0x2000, "abcd"}, {0x1000, "xy"}, {0x100000000ull, "q"}, {0xFFFFFFFF, "zz"}, {0x300000000ull, ""}}),
+        ImageBlocks(image));
     EXPECT_EQ(9u, image.GetTotalBytes());
 
     image.ClearMemoryBlocks();
     EXPECT_EQ(Blocks{}, ImageBlocks(image));
     EXPECT_EQ(0u, image.GetTotalBytes());
-    EXPECT_EQ(0x100000000ull, image.m_nMaxAddr);   // left as it was
+    EXPECT_EQ(0x100000000ull, image.m_nMaxAddr); // left as it was
 }
 
 TEST(Image, RecalcMinMax)
@@ -136,7 +137,7 @@ TEST(Image, RecalcMinMax)
     image.m_nMaxAddr = 0x99;
     image.RecalcMinMax();
     EXPECT_EQ(0u, image.m_nMaxAddr);
-    EXPECT_EQ(0x55u, image.m_nMinAddr);   // no blocks: the minimum stays
+    EXPECT_EQ(0x55u, image.m_nMinAddr); // no blocks: the minimum stays
 
     image.AddMemoryBlock(0x3000, "abc", 3);
     image.AddMemoryBlock(0x1000, "d", 1);
@@ -150,7 +151,7 @@ TEST(Image, GetAndSetDataByte)
 {
     CTarvikHexfile image;
     image.AddMemoryBlock(0x100, "abcd", 4);
-    image.AddMemoryBlock(0x102, "XY", 2);   // overlaps: the first block in the list wins
+    image.AddMemoryBlock(0x102, "XY", 2); // overlaps: the first block in the list wins
     EXPECT_EQ('a', image.GetDataByte(0x100));
     EXPECT_EQ('c', image.GetDataByte(0x102));
     EXPECT_EQ('d', image.GetDataByte(0x103));
@@ -175,7 +176,7 @@ TEST(Image, GetAndSetDataByte)
     EXPECT_EQ(8u, image.GetTotalBytes());
 }
 
-class BinaryFileTest : public ::testing::Test
+class CBinaryFileTest : public ::testing::Test
 {
 protected:
     void SetUp() override
@@ -187,10 +188,12 @@ protected:
     std::string m_sDir;
 };
 
-TEST_F(BinaryFileTest, DetectedBinaryIsOneBlockAtZero)
+TEST_F(CBinaryFileTest, DetectedBinaryIsOneBlockAtZero)
 {
     const std::string path = std::string(TARVIK_TEST_DATA_DIR) + "/hexfile_binary.bin";
-    const std::string content("\x7F" "ELF\x00\n\xFF:S\r\n\x00\x01\x02", 14);
+    const std::string content("\x7F"
+                              "ELF\x00\n\xFF:S\r\n\x00\x01\x02",
+                              14);
     CTarvikHexfile image;
     EXPECT_EQ(0u, image.LoadFile(path.c_str()));
     EXPECT_EQ(CTarvikHexfile::Binary, image.m_eType);
@@ -202,7 +205,7 @@ TEST_F(BinaryFileTest, DetectedBinaryIsOneBlockAtZero)
     EXPECT_EQ((Blocks{{0, content}, {0, content}}), ImageBlocks(image));
 }
 
-TEST_F(BinaryFileTest, ForcedBinaryReadsHexTextAsBytes)
+TEST_F(CBinaryFileTest, ForcedBinaryReadsHexTextAsBytes)
 {
     const std::string path = m_sDir + "/text.hex";
     std::ofstream(path) << ":00000001FF\n";
@@ -211,7 +214,7 @@ TEST_F(BinaryFileTest, ForcedBinaryReadsHexTextAsBytes)
     EXPECT_EQ((Blocks{{0, ":00000001FF\n"}}), ImageBlocks(image));
 }
 
-TEST_F(BinaryFileTest, LoadFileBinaryOnMissingFile)
+TEST_F(CBinaryFileTest, LoadFileBinaryOnMissingFile)
 {
     CTarvikHexfile image;
     EXPECT_EQ(128u, image.LoadFileBinary((m_sDir + "/missing.bin").c_str()));
@@ -219,7 +222,7 @@ TEST_F(BinaryFileTest, LoadFileBinaryOnMissingFile)
     EXPECT_EQ(Blocks{}, ImageBlocks(image));
 }
 
-TEST_F(BinaryFileTest, TextLoadReplacesABinaryImage)
+TEST_F(CBinaryFileTest, TextLoadReplacesABinaryImage)
 {
     const std::string path = m_sDir + "/image.hex";
     std::ofstream(path) << ":0400100001020304E2\n";

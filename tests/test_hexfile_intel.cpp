@@ -71,7 +71,7 @@ struct SIntelLineCase
     const char* m_pName;
     std::string m_sLine;
     uint32_t m_nResult;
-    const char* m_pMessagePrefix;   // nullptr: no message; else the message is prefix + line
+    const char* m_pMessagePrefix; // nullptr: no message; else the message is prefix + line
     Blocks m_vecBlocks;
 };
 
@@ -79,11 +79,11 @@ const char kFormat[] = "Invalid format in data line: ";
 const char kType[] = "Invalid record type in data line: ";
 const char kChecksum[] = "Invalid checksum in data line: ";
 
-class IntelLineTest : public ::testing::TestWithParam<SIntelLineCase>
+class CIntelLineTest : public ::testing::TestWithParam<SIntelLineCase>
 {
 };
 
-TEST_P(IntelLineTest, ResultMessageAndBytes)
+TEST_P(CIntelLineTest, ResultMessageAndBytes)
 {
     const SIntelLineCase& c = GetParam();
     CTarvikHexfile image;
@@ -102,20 +102,20 @@ TEST_P(IntelLineTest, ResultMessageAndBytes)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Records, IntelLineTest,
+    Records, CIntelLineTest,
     ::testing::Values(
         SIntelLineCase{"data", Line(":0400100001020304E2"), 0, nullptr, {{0x10, "\x01\x02\x03\x04"}}},
         SIntelLineCase{"data_cr", Line(":0400100001020304E2\r"), 0, nullptr, {{0x10, "\x01\x02\x03\x04"}}},
         SIntelLineCase{"lower_case", Line(":04fff000a1b2c3d423"), 0, nullptr, {{0xFFF0, "\xA1\xB2\xC3\xD4"}}},
         // 'G' and 'x' are no hex digits and count as 0: bytes 01 00 03 00.
-        SIntelLineCase{"non_hex", Line(":04001000010G030xE8"), 0, nullptr, {{0x10, std::string("\x01\x00\x03\x00", 4)}}},
+        SIntelLineCase{
+            "non_hex", Line(":04001000010G030xE8"), 0, nullptr, {{0x10, std::string("\x01\x00\x03\x00", 4)}}},
         SIntelLineCase{"no_nul_at_end", ":0400100001020304E2", 0, nullptr, {{0x10, "\x01\x02\x03\x04"}}},
         SIntelLineCase{"end_of_file", Line(":00000001FF"), 0, nullptr, {}},
         SIntelLineCase{"empty_data", Line(":00123400BA"), 0, nullptr, {}},
         SIntelLineCase{"start_linear", Line(":0400000500001234B1"), 0, nullptr, {}},
         SIntelLineCase{"comment", Line(";0400100001020304E2"), 0, nullptr, {}},
-        SIntelLineCase{"empty", "", 0, nullptr, {}},
-        SIntelLineCase{"blank", Line(""), 0, nullptr, {}},
+        SIntelLineCase{"empty", "", 0, nullptr, {}}, SIntelLineCase{"blank", Line(""), 0, nullptr, {}},
         SIntelLineCase{"blanks_cr", Line("  \t \r"), 0, nullptr, {}},
         SIntelLineCase{"text", Line("xyz"), 145, kFormat, {}},
         SIntelLineCase{"short", Line(":0000000"), 145, kFormat, {}},
@@ -142,7 +142,7 @@ TEST(IntelRecords, ExtendedAddressesMoveTheData)
     EXPECT_EQ(0x10000u, extended);
     EXPECT_EQ(0u, image.AnalizeLineIntel(Line(":0100200011CE"), map, extended));
     EXPECT_EQ(0u, image.AnalizeLineIntel(Line(":020000021000EC"), map, extended));
-    EXPECT_EQ(0x10000u, extended);   // segment 0x1000 << 4
+    EXPECT_EQ(0x10000u, extended); // segment 0x1000 << 4
     EXPECT_EQ(0u, image.AnalizeLineIntel(Line(":0100200022BD"), map, extended));
     EXPECT_EQ(0x10020u, image.m_nMaxAddr);
     // The second record overwrote the first at the same address.
@@ -176,7 +176,7 @@ TEST(IntelRecords, MaximumAbove4GiBIsReportedOnEveryGoodRecord)
 // Only the first extended-address record of the process may raise the minimum from 0.
 TEST(IntelRecords, FirstExtendedAddressOfTheProcessSetsTheMinimum)
 {
-    CTarvikHexfile::s_bFirstTime = true;   // as at process start
+    CTarvikHexfile::s_bFirstTime = true; // as at process start
     CTarvikHexfile first;
     CTarvikHexfile::CByteMap map;
     unsigned int extended = 0;
@@ -209,7 +209,8 @@ TEST(IntelFile, SampleWithCommentsBlankLinesAndCrLf)
     EXPECT_EQ(CTarvikHexfile::Intel, image.m_eType);
     EXPECT_EQ(path, image.GetFilename());
     EXPECT_EQ((Blocks{{0, std::string("\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0A\x0B\x0C\x0D\x0E\x0F"
-                                      "\x10\x11\x12\x13", 20)},
+                                      "\x10\x11\x12\x13",
+                                      20)},
                       {0x1FFF0, "\xA1\xB2\xC3\xD4"}}),
               ImageBlocks(image));
     EXPECT_EQ(0x1FFF3u, image.m_nMaxAddr);
@@ -224,8 +225,9 @@ TEST(IntelFile, BadChecksumKeepsEveryRecordAndAsksToIgnore)
     EXPECT_EQ(146u, image.LoadFile(path.c_str()));
     EXPECT_EQ(std::string("Invalid checksum in data line: :0400100001020304E3") + '\0' + "\n",
               testing::internal::GetCapturedStdout());
-    EXPECT_EQ("File <" + path + ">: checksum error.\n\nInvalid checksum in data line: :0400100001020304E3.\n"
-                                "Ignore error? ",
+    EXPECT_EQ("File <" + path +
+                  ">: checksum error.\n\nInvalid checksum in data line: :0400100001020304E3.\n"
+                  "Ignore error? ",
               image.GetErrorMessage());
     EXPECT_EQ((Blocks{{0x10, "\x01\x02\x03\x04"}, {0x20, "\x05\x06\x07\x08"}}), ImageBlocks(image));
 }
@@ -272,15 +274,15 @@ struct SIntelFileCase
     const char* m_pName;
     std::string m_sContent;
     uint32_t m_nResult;
-    std::string m_sLineMessage;   // message of the line parser, NULs shown as '.'
+    std::string m_sLineMessage; // message of the line parser, NULs shown as '.'
     Blocks m_vecBlocks;
 };
 
-class IntelFileTest : public ::testing::TestWithParam<SIntelFileCase>
+class CIntelFileTest : public ::testing::TestWithParam<SIntelFileCase>
 {
 };
 
-TEST_P(IntelFileTest, LoadsAsExpected)
+TEST_P(CIntelFileTest, LoadsAsExpected)
 {
     const SIntelFileCase& c = GetParam();
     CTempDir dir;
@@ -303,30 +305,49 @@ const std::string kRecord20 = ":0400200005060708C2\n";
 const std::string kEnd = ":00000001FF\n";
 
 INSTANTIATE_TEST_SUITE_P(
-    Files, IntelFileTest,
+    Files, CIntelFileTest,
     ::testing::Values(
         SIntelFileCase{"only_end_record", kEnd, 0, "", {}},
         SIntelFileCase{"descending_order",
-                       ":0400140010111213A2\n" + kRecord10 + kEnd, 0, "",
+                       ":0400140010111213A2\n" + kRecord10 + kEnd,
+                       0,
+                       "",
                        {{0x10, "\x01\x02\x03\x04\x10\x11\x12\x13"}}},
-        SIntelFileCase{"one_byte_hole", kRecord10 + ":0400150010111213A1\n", 0, "",
+        SIntelFileCase{"one_byte_hole",
+                       kRecord10 + ":0400150010111213A1\n",
+                       0,
+                       "",
                        {{0x10, "\x01\x02\x03\x04"}, {0x15, "\x10\x11\x12\x13"}}},
-        SIntelFileCase{"run_across_page_boundary", ":04FFE0000102030413\n:04FFE40010111213D3\n:04FFE800202122238F\n"
-                                                  ":040FFC001122334447\n:041000005566778832\n",
-                       0, "",
+        SIntelFileCase{"run_across_page_boundary",
+                       ":04FFE0000102030413\n:04FFE40010111213D3\n:04FFE800202122238F\n"
+                       ":040FFC001122334447\n:041000005566778832\n",
+                       0,
+                       "",
                        {{0x0FFC, "\x11\x22\x33\x44\x55\x66\x77\x88"},
                         {0xFFE0, "\x01\x02\x03\x04\x10\x11\x12\x13\x20\x21\x22\x23"}}},
         SIntelFileCase{"lines_after_end_record", kEnd + kRecord10, 0, "", {{0x10, "\x01\x02\x03\x04"}}},
-        SIntelFileCase{"last_line_without_newline", kRecord10 + ":0400200005060708C2", 0, "",
+        SIntelFileCase{"last_line_without_newline",
+                       kRecord10 + ":0400200005060708C2",
+                       0,
+                       "",
                        {{0x10, "\x01\x02\x03\x04"}, {0x20, "\x05\x06\x07\x08"}}},
-        SIntelFileCase{"text_line_keeps_the_rest", kRecord10 + "xyz\n" + kRecord20, 145,
-                       "Invalid format in data line: xyz.", {{0x10, "\x01\x02\x03\x04"}, {0x20, "\x05\x06\x07\x08"}}},
-        SIntelFileCase{"later_error_wins", kRecord10 + "xyz\r\n:00000003FD\n", 144,
-                       "Invalid record type in data line: :00000003FD.", {{0x10, "\x01\x02\x03\x04"}}},
-        SIntelFileCase{"later_error_wins_reverse", ":00000003FD\nxyz\r\n", 145,
-                       "Invalid format in data line: xyz\r.", {}},
-        SIntelFileCase{"nul_inside_a_line", ":040010000102030" + std::string(1, '\0') + "E2\n", 146,
-                       "Invalid checksum in data line: :040010000102030.E2.", {{0x10, std::string("\x01\x02\x03\x00", 4)}}}),
+        SIntelFileCase{"text_line_keeps_the_rest",
+                       kRecord10 + "xyz\n" + kRecord20,
+                       145,
+                       "Invalid format in data line: xyz.",
+                       {{0x10, "\x01\x02\x03\x04"}, {0x20, "\x05\x06\x07\x08"}}},
+        SIntelFileCase{"later_error_wins",
+                       kRecord10 + "xyz\r\n:00000003FD\n",
+                       144,
+                       "Invalid record type in data line: :00000003FD.",
+                       {{0x10, "\x01\x02\x03\x04"}}},
+        SIntelFileCase{
+            "later_error_wins_reverse", ":00000003FD\nxyz\r\n", 145, "Invalid format in data line: xyz\r.", {}},
+        SIntelFileCase{"nul_inside_a_line",
+                       ":040010000102030" + std::string(1, '\0') + "E2\n",
+                       146,
+                       "Invalid checksum in data line: :040010000102030.E2.",
+                       {{0x10, std::string("\x01\x02\x03\x00", 4)}}}),
     [](const ::testing::TestParamInfo<SIntelFileCase>& info) { return std::string(info.param.m_pName); });
 
 TEST(IntelFile, ForcedTypeOverridesDetection)
@@ -348,6 +369,6 @@ TEST(IntelFile, ReloadReplacesTheBlocksAndKeepsTheMaximum)
     EXPECT_EQ(0x10013u, image.m_nMaxAddr);
     EXPECT_EQ(0u, image.LoadFile(dir.Write("low.hex", kRecord20).c_str()));
     EXPECT_EQ((Blocks{{0x20, "\x05\x06\x07\x08"}}), ImageBlocks(image));
-    EXPECT_EQ(0x10013u, image.m_nMaxAddr);   // a text load never lowers it
+    EXPECT_EQ(0x10013u, image.m_nMaxAddr); // a text load never lowers it
 }
 } // namespace

@@ -15,7 +15,7 @@
 
 namespace
 {
-class RobustTest : public ::testing::Test
+class CRobustTest : public ::testing::Test
 {
 protected:
     void SetUp() override
@@ -65,7 +65,7 @@ std::string RandomLine(std::mt19937& random)
     return line;
 }
 
-TEST_F(RobustTest, RandomFilesGiveResultCodes)
+TEST_F(CRobustTest, RandomFilesGiveResultCodes)
 {
     const std::set<uint32_t> allowed{0, 144, 145, 146, 147};
     std::mt19937 random(20240611);
@@ -99,7 +99,7 @@ TEST_F(RobustTest, RandomFilesGiveResultCodes)
     }
 }
 
-TEST_F(RobustTest, AddressesAtTheTopOfTheRange)
+TEST_F(CRobustTest, AddressesAtTheTopOfTheRange)
 {
     // Data records that run past 0xFFFFFFFF wrap to 0 in both formats.
     const std::string intel = Write(":02000004FFFFFC\n:FFFFF000" + std::string(510, 'A') + "BC\n");

@@ -65,7 +65,7 @@ struct SSrecLineCase
     const char* m_pName;
     std::string m_sLine;
     uint32_t m_nResult;
-    const char* m_pMessagePrefix;   // nullptr: no message; else the message is prefix + line
+    const char* m_pMessagePrefix; // nullptr: no message; else the message is prefix + line
     Blocks m_vecBlocks;
 };
 
@@ -73,11 +73,11 @@ const char kFormat[] = "Invalid format in data line: ";
 const char kLength[] = "Invalid format in data line (line length): ";
 const char kType[] = "Invalid record type in data line: ";
 
-class SrecLineTest : public ::testing::TestWithParam<SSrecLineCase>
+class CSrecLineTest : public ::testing::TestWithParam<SSrecLineCase>
 {
 };
 
-TEST_P(SrecLineTest, ResultMessageAndBytes)
+TEST_P(CSrecLineTest, ResultMessageAndBytes)
 {
     const SSrecLineCase& c = GetParam();
     CTarvikHexfile image;
@@ -93,7 +93,7 @@ TEST_P(SrecLineTest, ResultMessageAndBytes)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Records, SrecLineTest,
+    Records, CSrecLineTest,
     ::testing::Values(
         SSrecLineCase{"s1", Line("S1061234010203AD"), 0, nullptr, {{0x1234, "\x01\x02\x03"}}},
         SSrecLineCase{"s1_cr", Line("S1061234010203AD\r"), 0, nullptr, {{0x1234, "\x01\x02\x03"}}},
@@ -109,10 +109,8 @@ INSTANTIATE_TEST_SUITE_P(
         SSrecLineCase{"count", Line("S5030003F9"), 0, nullptr, {}},
         SSrecLineCase{"start_s7", Line("S70500000000FA"), 0, nullptr, {}},
         SSrecLineCase{"start_s8", Line("S804000000FB"), 0, nullptr, {}},
-        SSrecLineCase{"start_s9", Line("S9030000FC"), 0, nullptr, {}},
-        SSrecLineCase{"empty", "", 0, nullptr, {}},
-        SSrecLineCase{"blank", Line(""), 0, nullptr, {}},
-        SSrecLineCase{"blanks_cr", Line(" \t\r"), 0, nullptr, {}},
+        SSrecLineCase{"start_s9", Line("S9030000FC"), 0, nullptr, {}}, SSrecLineCase{"empty", "", 0, nullptr, {}},
+        SSrecLineCase{"blank", Line(""), 0, nullptr, {}}, SSrecLineCase{"blanks_cr", Line(" \t\r"), 0, nullptr, {}},
         SSrecLineCase{"s4", Line("S4061234010203AD"), 144, kType, {}},
         SSrecLineCase{"s6", Line("S6061234010203AD"), 144, kType, {}},
         SSrecLineCase{"s_letter", Line("SX061234010203AD"), 144, kType, {}},
@@ -161,17 +159,17 @@ struct SSrecFileCase
     const char* m_pName;
     std::string m_sContent;
     uint32_t m_nResult;
-    std::string m_sMessage;   // whole message with "<>" standing for the path
+    std::string m_sMessage; // whole message with "<>" standing for the path
     Blocks m_vecBlocks;
     uint64_t m_nMinAddr;
     uint64_t m_nMaxAddr;
 };
 
-class SrecFileTest : public ::testing::TestWithParam<SSrecFileCase>
+class CSrecFileTest : public ::testing::TestWithParam<SSrecFileCase>
 {
 };
 
-TEST_P(SrecFileTest, LoadsAsExpected)
+TEST_P(CSrecFileTest, LoadsAsExpected)
 {
     const SSrecFileCase& c = GetParam();
     CTempDir dir;
@@ -189,19 +187,33 @@ TEST_P(SrecFileTest, LoadsAsExpected)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Files, SrecFileTest,
+    Files, CSrecFileTest,
     ::testing::Values(
         // Minimum and maximum come from the blocks, whatever order the records had.
-        SSrecFileCase{"descending", "S10510000102E7\nS104080003F0\n", 0, "", {{0x800, "\x03"}, {0x1000, "\x01\x02"}},
-                      0x800, 0x1001},
-        SSrecFileCase{"across_page_boundary", "S1070FFE01020304E1\r\n", 0, "", {{0xFFE, "\x01\x02\x03\x04"}}, 0xFFE,
+        SSrecFileCase{"descending",
+                      "S10510000102E7\nS104080003F0\n",
+                      0,
+                      "",
+                      {{0x800, "\x03"}, {0x1000, "\x01\x02"}},
+                      0x800,
                       0x1001},
+        SSrecFileCase{
+            "across_page_boundary", "S1070FFE01020304E1\r\n", 0, "", {{0xFFE, "\x01\x02\x03\x04"}}, 0xFFE, 0x1001},
         SSrecFileCase{"only_header", "S009000073616D706C6574\n", 0, "", {}, 0, 0},
-        SSrecFileCase{"bad_length_keeps_the_rest", "S10510000102E7\nS1FF0000AABB\nS104080003F0\n", 145,
-                      "File <>: checksum error.\n\nInvalid format in data line (line length): S1FF0000AABB.\nIgnore error? ",
-                      {{0x800, "\x03"}, {0x1000, "\x01\x02"}}, 0x800, 0x1001},
-        SSrecFileCase{"bad_type", "S10510000102E7\nS4030000FC\r\n", 144,
+        SSrecFileCase{
+            "bad_length_keeps_the_rest",
+            "S10510000102E7\nS1FF0000AABB\nS104080003F0\n",
+            145,
+            "File <>: checksum error.\n\nInvalid format in data line (line length): S1FF0000AABB.\nIgnore error? ",
+            {{0x800, "\x03"}, {0x1000, "\x01\x02"}},
+            0x800,
+            0x1001},
+        SSrecFileCase{"bad_type",
+                      "S10510000102E7\nS4030000FC\r\n",
+                      144,
                       "File <>: could not be opened.\n\nInvalid record type in data line: S4030000FC\r.",
-                      {{0x1000, "\x01\x02"}}, 0x1000, 0x1001}),
+                      {{0x1000, "\x01\x02"}},
+                      0x1000,
+                      0x1001}),
     [](const ::testing::TestParamInfo<SSrecFileCase>& info) { return std::string(info.param.m_pName); });
 } // namespace

@@ -56,7 +56,7 @@ std::string WriteMotorola(const Blocks& blocks)
     return out.str();
 }
 
-class WriterTest : public ::testing::Test
+class CWriterTest : public ::testing::Test
 {
 protected:
     void SetUp() override
@@ -117,11 +117,10 @@ TEST(MotorolaWriter, ExactText)
     EXPECT_EQ("S113FFF8000102030405060708090A0B0C0D0E0F7D\n"
               "S20501000810E1\n",
               WriteMotorola({{0xFFF8, Bytes(0, 17)}}));
-    EXPECT_EQ("S205FFFFFF01FC\nS30701000000BEEF4A\n",
-              WriteMotorola({{0xFFFFFF, "\x01"}, {0x1000000, "\xBE\xEF"}}));
+    EXPECT_EQ("S205FFFFFF01FC\nS30701000000BEEF4A\n", WriteMotorola({{0xFFFFFF, "\x01"}, {0x1000000, "\xBE\xEF"}}));
 }
 
-TEST_F(WriterTest, SaveFileWritesEachFormat)
+TEST_F(CWriterTest, SaveFileWritesEachFormat)
 {
     CTarvikHexfile image;
     Fill(image, {{0x1234, "\xDE\xAD"}});
@@ -152,7 +151,7 @@ TEST_F(WriterTest, SaveFileWritesEachFormat)
     EXPECT_EQ(Path("b.bin"), image.GetFilename());
 }
 
-TEST_F(WriterTest, BinaryRefusal)
+TEST_F(CWriterTest, BinaryRefusal)
 {
     const std::string refusal = "Data could not be saved in binary format because of StartAddress != 0 OR "
                                 "multiple blocks in hex data.\n\n";
@@ -162,7 +161,7 @@ TEST_F(WriterTest, BinaryRefusal)
     EXPECT_EQ(129u, twoBlocks.SaveFile(Path("old.bin").c_str(), CTarvikHexfile::Binary));
     EXPECT_EQ("File " + Path("old.bin") + " could not be saved.\n\n" + refusal, twoBlocks.GetErrorMessage());
     EXPECT_EQ("", twoBlocks.GetFilename());
-    EXPECT_EQ("", Read(Path("old.bin")));   // opened with truncation before the refusal
+    EXPECT_EQ("", Read(Path("old.bin"))); // opened with truncation before the refusal
 
     std::ostringstream out;
     EXPECT_EQ(148u, twoBlocks.SaveAsFileBinary(out));
@@ -176,7 +175,7 @@ TEST_F(WriterTest, BinaryRefusal)
     EXPECT_EQ("File " + Path("r.bin") + " could not be saved.\n\n" + refusal, raised.GetErrorMessage());
 }
 
-TEST_F(WriterTest, OpenFailure)
+TEST_F(CWriterTest, OpenFailure)
 {
     CTarvikHexfile image;
     Fill(image, {{0, "ab"}});
@@ -192,9 +191,12 @@ TEST_F(WriterTest, OpenFailure)
 }
 
 // Blocks with holes, odd lengths and a run across 64 KiB survive Intel HEX and S-records.
-TEST_F(WriterTest, RoundTripsThroughAllFormats)
+TEST_F(CWriterTest, RoundTripsThroughAllFormats)
 {
-    const Blocks original{{0x10, Bytes(1, 33)}, {0x52, "\xFF"}, {0xFFF0, Bytes(0x80, 40)}, {0x123456, Bytes(7, 5)},
+    const Blocks original{{0x10, Bytes(1, 33)},
+                          {0x52, "\xFF"},
+                          {0xFFF0, Bytes(0x80, 40)},
+                          {0x123456, Bytes(7, 5)},
                           {0xFFFFFFF0, Bytes(0xF0, 16)}};
     CTarvikHexfile source;
     Fill(source, original);
@@ -241,9 +243,9 @@ TEST(WriterNames, TemporaryNamesCountUp)
 
 TEST(WriterNames, SizeStrings)
 {
-    const std::vector<std::pair<int, std::string>> cases{
-        {0, "0 kbyte"}, {1, "1 byte"}, {1023, "1023 byte"}, {1024, "1 kbyte"},
-        {1536, "1536 byte"}, {2048, "2 kbyte"}, {-1024, "-1 kbyte"}};
+    const std::vector<std::pair<int, std::string>> cases{{0, "0 kbyte"},     {1, "1 byte"},       {1023, "1023 byte"},
+                                                         {1024, "1 kbyte"},  {1536, "1536 byte"}, {2048, "2 kbyte"},
+                                                         {-1024, "-1 kbyte"}};
     CTarvikHexfile image;
     for (const auto& c : cases)
         EXPECT_EQ(c.second, image.GetSizeString(c.first)) << c.first;

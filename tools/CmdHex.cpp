@@ -34,14 +34,10 @@ const char* FormatName(CTarvikHexfile::EType type)
 {
     switch (type)
     {
-    case CTarvikHexfile::Intel:
-        return "intel";
-    case CTarvikHexfile::Motorola:
-        return "srec";
-    case CTarvikHexfile::Binary:
-        return "bin";
-    default:
-        return "unknown";
+    case CTarvikHexfile::Intel: return "intel";
+    case CTarvikHexfile::Motorola: return "srec";
+    case CTarvikHexfile::Binary: return "bin";
+    default: return "unknown";
     }
 }
 
@@ -195,7 +191,8 @@ void RegisterHexCommands(CLI::App& app, SCliGlobals& globals)
     convert->fallthrough();
     convert->callback([options]() { RunConvert(*options); });
 
-    CLI::App* dump = hex->add_subcommand("dump", "Hexadecimal dump of an address range; -- marks bytes not in the image");
+    CLI::App* dump =
+        hex->add_subcommand("dump", "Hexadecimal dump of an address range; -- marks bytes not in the image");
     dump->add_option("FILE", options->m_sFile, "Image file")->required();
     dump->add_option("--from", options->m_sFrom, "First address (decimal or 0x hex; default 0)");
     dump->add_option("--to", options->m_sTo, "Last address (decimal or 0x hex; default: highest address)");

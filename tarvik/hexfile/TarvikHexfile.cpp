@@ -99,8 +99,8 @@ class CLineReader
 {
 public:
     explicit CLineReader(std::istream& stream)
-        : m_pSource(stream.good() ? stream.rdbuf() : nullptr), m_vecBuffer(kReadChunk), m_nPos(0),
-          m_nEnd(0), m_bSourceEnd(m_pSource == nullptr), m_bStopped(m_pSource == nullptr)
+        : m_pSource(stream.good() ? stream.rdbuf() : nullptr), m_vecBuffer(kReadChunk), m_nPos(0), m_nEnd(0),
+          m_bSourceEnd(m_pSource == nullptr), m_bStopped(m_pSource == nullptr)
     {
     }
 
@@ -113,8 +113,7 @@ public:
             Fill();
         size_t available = m_nEnd - m_nPos;
         const char* begin = m_vecBuffer.data() + m_nPos;
-        const char* newline =
-            static_cast<const char*>(std::memchr(begin, '\n', std::min(available, kLineBufferSize)));
+        const char* newline = static_cast<const char*>(std::memchr(begin, '\n', std::min(available, kLineBufferSize)));
         if (newline != nullptr)
         {
             size_t length = static_cast<size_t>(newline - begin);
@@ -476,8 +475,7 @@ uint32_t CTarvikHexfile::AnalizeFile(std::istream& stream, EType type)
         const bool intel = m_eType == Intel;
         while (extracted > 0)
         {
-            uint32_t lineResult =
-                intel ? AnalizeLineIntel(line, map, extendedAddress) : AnalizeLineMotorola(line, map);
+            uint32_t lineResult = intel ? AnalizeLineIntel(line, map, extendedAddress) : AnalizeLineMotorola(line, map);
             // Messages are set only together with a non-zero result, so only then can they hold
             // the NUL that ends every line.
             if (lineResult != ResultOk)
@@ -545,8 +543,7 @@ uint32_t CTarvikHexfile::AnalizeLineIntel(const std::string& line, CByteMap& map
             }
             break;
         }
-        case kIntelEndOfFile:
-            break;
+        case kIntelEndOfFile: break;
         case kIntelExtendedSegment:
         case kIntelExtendedLinear:
         {
@@ -613,20 +610,11 @@ uint32_t CTarvikHexfile::AnalizeLineMotorola(const std::string& line, CByteMap& 
     case '5': // record count
     case '7': // start addresses
     case '8':
-    case '9':
-        break;
-    case '1':
-        addressBytes = 2;
-        break;
-    case '2':
-        addressBytes = 3;
-        break;
-    case '3':
-        addressBytes = 4;
-        break;
-    default:
-        m_sErrorMessage = kMsgInvalidType + line;
-        return ResultInvalidRecordType;
+    case '9': break;
+    case '1': addressBytes = 2; break;
+    case '2': addressBytes = 3; break;
+    case '3': addressBytes = 4; break;
+    default: m_sErrorMessage = kMsgInvalidType + line; return ResultInvalidRecordType;
     }
 
     if (addressBytes > 0)
@@ -813,8 +801,8 @@ bool CTarvikHexfile::SaveAsFileMotorola(std::ostream& stream)
                 addressBytes = 3;
             }
             const unsigned int recordCount = count + addressBytes + 1;
-            uint32_t sum = recordCount + (address >> 24) + ((address >> 16) & 0xFF) + ((address >> 8) & 0xFF) +
-                           (address & 0xFF);
+            uint32_t sum =
+                recordCount + (address >> 24) + ((address >> 16) & 0xFF) + ((address >> 8) & 0xFF) + (address & 0xFF);
             char* p = out.Reserve();
             *p++ = 'S';
             *p++ = type;
@@ -912,8 +900,8 @@ void CTarvikHexfile::MemDumpLine(const char* data, const bool* present, uint64_t
         *written = static_cast<unsigned long>(p - out + 1);
 }
 
-void CTarvikHexfile::MemDump(const char* data, const bool* present, uint64_t size, char* out,
-                             uint64_t bytesPerLine, uint64_t address) const
+void CTarvikHexfile::MemDump(const char* data, const bool* present, uint64_t size, char* out, uint64_t bytesPerLine,
+                             uint64_t address) const
 {
     if (out == nullptr || bytesPerLine == 0)
         return;

@@ -24,8 +24,8 @@ public:
     enum EResult : uint32_t
     {
         ResultOk = 0,
-        ResultOpenFailed = 128,      // file could not be opened (load or save)
-        ResultSaveFailed = 129,      // file could not be saved
+        ResultOpenFailed = 128, // file could not be opened (load or save)
+        ResultSaveFailed = 129, // file could not be saved
         ResultInvalidRecordType = 144,
         ResultInvalidFormat = 145,
         ResultChecksumOrAddress = 146, // Intel checksum; S-record address above 4 GiB
@@ -35,7 +35,7 @@ public:
 
     enum EType
     {
-        Detect = 0,   // loader decides from the first character of the file
+        Detect = 0, // loader decides from the first character of the file
         Intel = 1,
         Motorola = 2,
         Binary = 3
@@ -64,7 +64,7 @@ public:
     class TARVIK_API CByteMap
     {
     public:
-        typedef std::vector<std::pair<char, bool>> TPage;   // (value, present)
+        typedef std::vector<std::pair<char, bool>> TPage; // (value, present)
 
         CByteMap();
         // Inline: a multi-megabyte image takes one call per byte.
@@ -105,7 +105,7 @@ public:
 
     // The image.
     void AddMemoryBlock(unsigned int start, const char* data, unsigned int length);
-    void AddMemoryBlock(SMemoryBlock* block);   // takes ownership
+    void AddMemoryBlock(SMemoryBlock* block); // takes ownership
     void ClearMemoryBlocks();
     void RecalcMinMax();
     char GetDataByte(uint64_t address) const;
