@@ -268,6 +268,30 @@ TEST_F(CSPITest, AsynchronousSequenceOnALostConnectionReportsTheSendFailure)
     EXPECT_EQ(2, id);
 }
 
+TEST_F(CSPITest, DataTooLongForATelegramIsRefusedWithoutSending)
+{
+    // The length field counts data + 5 in 16 bits: 65530 bytes of data at most.
+    AnswerWith(Frame({0}));
+    const std::string tooLong(65531, '\x5A');
+    std::string recv = Hex("EE EE");
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_oClient.DataReq(tooLong.data(), 65531, &recv[0], 2));
+    EXPECT_EQ(ToHex(Hex("EE EE")), ToHex(recv));
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_oClient.SequenceReq(tooLong.data(), 65531, &recv[0], 2));
+    short id = 77;
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_oClient.SequenceReq(tooLong.data(), 65531, &id));
+    EXPECT_EQ(77, id);
+
+    // The longest one goes out whole, and the stream stays in step after the refusals.
+    const std::string longest(65530, '\x5A');
+    EXPECT_EQ(0, m_oClient.SequenceReq(longest.data(), 65530, &id));
+    EXPECT_EQ(0, m_oClient.WriteDigital(1));
+    std::vector<std::string> frames = Frames(2);
+    ASSERT_EQ(2u, frames.size());
+    EXPECT_EQ(ToHex(Hex("FF FF 14 03")), ToHex(frames[0].substr(0, 4)));
+    EXPECT_EQ(65537u, frames[0].size());
+    EXPECT_EQ(0x0341u, FrameCmd(frames[1]));
+}
+
 TEST_F(CSPITest, DigitalInputsAndOutputsAreTheBaseCommands)
 {
     AnswerWith(Frame({0}) + LE32(0x89ABCDEF) + LE32(0x01234567));

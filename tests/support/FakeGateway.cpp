@@ -517,12 +517,16 @@ std::string Cnf(unsigned int cmd, int id, const std::string& data)
 
 unsigned int FrameCmd(const std::string& frame)
 {
-    return static_cast<unsigned char>(frame.at(2)) | (static_cast<unsigned char>(frame.at(3)) << 8);
+    if (frame.size() < 6)
+        return 0;
+    return static_cast<unsigned char>(frame[2]) | (static_cast<unsigned char>(frame[3]) << 8);
 }
 
 short FrameId(const std::string& frame)
 {
-    return static_cast<short>(static_cast<unsigned char>(frame.at(4)) | (static_cast<unsigned char>(frame.at(5)) << 8));
+    if (frame.size() < 6)
+        return 0;
+    return static_cast<short>(static_cast<unsigned char>(frame[4]) | (static_cast<unsigned char>(frame[5]) << 8));
 }
 
 std::string FrameData(const std::string& frame)

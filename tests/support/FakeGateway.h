@@ -140,7 +140,8 @@ std::string Telegram(unsigned int cmd, int id, const std::string& data);
 std::string TelegramWithCheck(unsigned int cmd, int id, const std::string& data, int check);
 // A confirmation: Telegram(cmd | 0x8000, id, data).
 std::string Cnf(unsigned int cmd, int id, const std::string& data);
-// Fields of a received frame (at least 6 bytes).
+// Fields of a received frame; 0 for a frame shorter than 6 bytes, so that a
+// handler survives garbage sent by the client.
 unsigned int FrameCmd(const std::string& frame);
 short FrameId(const std::string& frame);
 // The data field of a received frame (between the id and the check byte).
