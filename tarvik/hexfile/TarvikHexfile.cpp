@@ -307,7 +307,7 @@ void CTarvikHexfile::AddMemoryBlock(unsigned int start, const char* data, unsign
     {
         std::unique_ptr<SMemoryBlock> block(new SMemoryBlock(start, data, length));
         m_vecBlocks.push_back(block.get());
-        block.release();
+        (void)block.release(); // the list owns it now
     }
     catch (const std::bad_alloc&)
     {
@@ -388,7 +388,7 @@ void CTarvikHexfile::SetDataByte(uint64_t address, char value)
     {
         std::unique_ptr<SMemoryBlock> block(new SMemoryBlock(address, &value, 1));
         m_vecBlocks.push_back(block.get());
-        block.release();
+        (void)block.release(); // the list owns it now
     }
     catch (const std::bad_alloc&)
     {
@@ -521,7 +521,7 @@ uint32_t CTarvikHexfile::AnalizeLineIntel(const std::string& line, CByteMap& map
         m_sErrorMessage = kMsgInvalidFormat + line;
         return ResultInvalidFormat;
     }
-    const unsigned int checksum = HexByte(text + 2 * count + 9);
+    const unsigned int checksum = HexByte(text + 2 * static_cast<size_t>(count) + 9);
     unsigned int sum = count + (offset >> 8) + (offset & 0xFF) + type;
 
     try
@@ -631,7 +631,7 @@ uint32_t CTarvikHexfile::AnalizeLineMotorola(const std::string& line, CByteMap& 
         for (unsigned int i = 0; i < 2 * addressBytes; ++i)
             address = (address << 4) | HexDigit(text[4 + i]);
         const unsigned int dataBytes = count - addressBytes - 1;
-        const char* data = text + 4 + 2 * addressBytes;
+        const char* data = text + 4 + 2 * static_cast<size_t>(addressBytes);
         try
         {
             for (unsigned int i = 0; i < dataBytes; ++i, data += 2)
@@ -769,8 +769,9 @@ bool CTarvikHexfile::SaveAsFileIntel(std::ostream& stream)
             }
         }
         char* p = out.Reserve();
-        std::memcpy(p, ":00000001FF\n", 12);
-        out.Commit(p + 12);
+        static const char kEndRecord[] = ":00000001FF\n";
+        std::memcpy(p, kEndRecord, sizeof(kEndRecord) - 1);
+        out.Commit(p + sizeof(kEndRecord) - 1);
     }
     if (upper)
         stream.setf(std::ios::uppercase);
