@@ -1,8 +1,9 @@
 // tarvik hex info | convert | dump, run as a separate process on small files.
+#include "HexfileTestUtil.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <sys/wait.h>
@@ -20,26 +21,12 @@ struct SRun
 class CCliHexTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        char path[] = "/tmp/tarvik_cli_hexXXXXXX";
-        m_sDir = mkdtemp(path);
-        ASSERT_EQ(0, access(kTool, X_OK)) << kTool << " is not built";
-    }
-    void TearDown() override { std::system(("rm -rf '" + m_sDir + "'").c_str()); }
+    void SetUp() override { ASSERT_EQ(0, access(kTool, X_OK)) << kTool << " is not built"; }
 
-    std::string Path(const char* name) const { return m_sDir + "/" + name; }
-    static std::string Data(const char* name) { return std::string(TARVIK_TEST_DATA_DIR) + "/" + name; }
-    static std::string Read(const std::string& path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    std::string Write(const char* name, const std::string& content) const
-    {
-        std::ofstream(Path(name), std::ios::binary) << content;
-        return Path(name);
-    }
+    std::string Path(const char* name) const { return m_oDir.Path(name); }
+    static std::string Data(const char* name) { return hexfile_test::DataPath(name); }
+    static std::string Read(const std::string& path) { return hexfile_test::ReadFile(path); }
+    std::string Write(const char* name, const std::string& content) const { return m_oDir.Write(name, content); }
 
     SRun Run(const std::string& arguments) const
     {
@@ -60,7 +47,7 @@ protected:
     }
 
     static constexpr const char* kTool = TARVIK_BINARY_DIR "/tools/tarvik";
-    std::string m_sDir;
+    hexfile_test::CTempDir m_oDir;
 };
 
 TEST_F(CCliHexTest, InfoAsTextAndJson)

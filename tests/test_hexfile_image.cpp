@@ -1,27 +1,17 @@
 // The image itself: blocks, the page map, byte access, minimum and maximum, binary files.
 #include "tarvik/hexfile/TarvikHexfile.h"
 
+#include "HexfileTestUtil.h"
+
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
-#include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace
 {
-using Blocks = std::vector<std::pair<uint64_t, std::string>>;
+using namespace hexfile_test;
 using SMemoryBlock = CTarvikHexfile::SMemoryBlock;
-
-Blocks ImageBlocks(const CTarvikHexfile& image)
-{
-    Blocks result;
-    for (const auto* block : image.GetMemoryBlocks())
-        result.emplace_back(block->m_nStartAddress, std::string(block->m_pData, block->m_nLength));
-    return result;
-}
 
 Blocks TakeBlocks(CTarvikHexfile::CByteMap& map, std::vector<SMemoryBlock*>& blocks)
 {
@@ -179,18 +169,12 @@ TEST(Image, GetAndSetDataByte)
 class CBinaryFileTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        char path[] = "/tmp/tarvik_hexfile_imageXXXXXX";
-        m_sDir = mkdtemp(path);
-    }
-    void TearDown() override { std::system(("rm -rf '" + m_sDir + "'").c_str()); }
-    std::string m_sDir;
+    CTempDir m_oDir;
 };
 
 TEST_F(CBinaryFileTest, DetectedBinaryIsOneBlockAtZero)
 {
-    const std::string path = std::string(TARVIK_TEST_DATA_DIR) + "/hexfile_binary.bin";
+    const std::string path = DataPath("hexfile_binary.bin");
     const std::string content("\x7F"
                               "ELF\x00\n\xFF:S\r\n\x00\x01\x02",
                               14);
@@ -207,8 +191,7 @@ TEST_F(CBinaryFileTest, DetectedBinaryIsOneBlockAtZero)
 
 TEST_F(CBinaryFileTest, ForcedBinaryReadsHexTextAsBytes)
 {
-    const std::string path = m_sDir + "/text.hex";
-    std::ofstream(path) << ":00000001FF\n";
+    const std::string path = m_oDir.Write("text.hex", ":00000001FF\n");
     CTarvikHexfile image;
     EXPECT_EQ(0u, image.LoadFile(path.c_str(), CTarvikHexfile::Binary));
     EXPECT_EQ((Blocks{{0, ":00000001FF\n"}}), ImageBlocks(image));
@@ -217,17 +200,16 @@ TEST_F(CBinaryFileTest, ForcedBinaryReadsHexTextAsBytes)
 TEST_F(CBinaryFileTest, LoadFileBinaryOnMissingFile)
 {
     CTarvikHexfile image;
-    EXPECT_EQ(128u, image.LoadFileBinary((m_sDir + "/missing.bin").c_str()));
+    EXPECT_EQ(128u, image.LoadFileBinary(m_oDir.Path("missing.bin").c_str()));
     EXPECT_EQ(128u, image.LoadFileBinary(nullptr));
     EXPECT_EQ(Blocks{}, ImageBlocks(image));
 }
 
 TEST_F(CBinaryFileTest, TextLoadReplacesABinaryImage)
 {
-    const std::string path = m_sDir + "/image.hex";
-    std::ofstream(path) << ":0400100001020304E2\n";
+    const std::string path = m_oDir.Write("image.hex", ":0400100001020304E2\n");
     CTarvikHexfile image;
-    EXPECT_EQ(0u, image.LoadFile((std::string(TARVIK_TEST_DATA_DIR) + "/hexfile_binary.bin").c_str()));
+    EXPECT_EQ(0u, image.LoadFile(DataPath("hexfile_binary.bin").c_str()));
     EXPECT_EQ(0u, image.LoadFile(path.c_str()));
     EXPECT_EQ((Blocks{{0x10, "\x01\x02\x03\x04"}}), ImageBlocks(image));
 }

@@ -1,70 +1,15 @@
 // Intel HEX reading: single records, whole files, error codes and their texts.
 #include "tarvik/hexfile/TarvikHexfile.h"
 
+#include "HexfileTestUtil.h"
+
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
-#include <unistd.h>
-#include <utility>
-#include <vector>
 
 namespace
 {
-using Blocks = std::vector<std::pair<uint64_t, std::string>>;
-
-// A line as the reader hands it over: the newline became a NUL at its end.
-std::string Line(const std::string& text)
-{
-    return text + '\0';
-}
-
-Blocks TakeBlocks(CTarvikHexfile::CByteMap& map)
-{
-    std::vector<CTarvikHexfile::SMemoryBlock*> blocks;
-    map.ToMemoryBlocks(blocks);
-    Blocks result;
-    for (auto* block : blocks)
-    {
-        result.emplace_back(block->m_nStartAddress, std::string(block->m_pData, block->m_nLength));
-        delete block;
-    }
-    return result;
-}
-
-Blocks ImageBlocks(const CTarvikHexfile& image)
-{
-    Blocks result;
-    for (const auto* block : image.GetMemoryBlocks())
-        result.emplace_back(block->m_nStartAddress, std::string(block->m_pData, block->m_nLength));
-    return result;
-}
-
-std::string DataPath(const char* name)
-{
-    return std::string(TARVIK_TEST_DATA_DIR) + "/" + name;
-}
-
-class CTempDir
-{
-public:
-    CTempDir()
-    {
-        char path[] = "/tmp/tarvik_hexfile_intelXXXXXX";
-        m_sPath = mkdtemp(path);
-    }
-    ~CTempDir() { std::system(("rm -rf '" + m_sPath + "'").c_str()); }
-    std::string Write(const std::string& name, const std::string& content) const
-    {
-        std::string path = m_sPath + "/" + name;
-        std::ofstream(path, std::ios::binary) << content;
-        return path;
-    }
-
-private:
-    std::string m_sPath;
-};
+using namespace hexfile_test;
 
 struct SIntelLineCase
 {

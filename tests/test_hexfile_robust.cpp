@@ -3,14 +3,13 @@
 // sanitizer build watches the latter).
 #include "tarvik/hexfile/TarvikHexfile.h"
 
+#include "HexfileTestUtil.h"
+
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <random>
 #include <set>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace
@@ -18,21 +17,9 @@ namespace
 class CRobustTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        char path[] = "/tmp/tarvik_hexfile_robustXXXXXX";
-        m_sDir = mkdtemp(path);
-    }
-    void TearDown() override { std::system(("rm -rf '" + m_sDir + "'").c_str()); }
+    std::string Write(const std::string& content) const { return m_oDir.Write("input", content); }
 
-    std::string Write(const std::string& content) const
-    {
-        std::string path = m_sDir + "/input";
-        std::ofstream(path, std::ios::binary) << content;
-        return path;
-    }
-
-    std::string m_sDir;
+    hexfile_test::CTempDir m_oDir;
 };
 
 std::string RandomLine(std::mt19937& random)
@@ -93,8 +80,8 @@ TEST_F(CRobustTest, RandomFilesGiveResultCodes)
                 std::vector<char> text(((to - from) / 16 + 1) * image.GetNumberOfBytesNeedForLine(16) + 1, '\0');
                 image.GetPrintDump(text.data(), 16, from, to);
             }
-            EXPECT_EQ(0u, image.SaveFile((m_sDir + "/out.hex").c_str(), CTarvikHexfile::Intel));
-            EXPECT_EQ(0u, image.SaveFile((m_sDir + "/out.s28").c_str(), CTarvikHexfile::Motorola));
+            EXPECT_EQ(0u, image.SaveFile(m_oDir.Path("out.hex").c_str(), CTarvikHexfile::Intel));
+            EXPECT_EQ(0u, image.SaveFile(m_oDir.Path("out.s28").c_str(), CTarvikHexfile::Motorola));
         }
     }
 }

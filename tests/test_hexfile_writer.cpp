@@ -1,27 +1,17 @@
 // Writing images: exact Intel HEX and S-record text, binary files, refusals, round trips.
 #include "tarvik/hexfile/TarvikHexfile.h"
 
+#include "HexfileTestUtil.h"
+
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <string>
-#include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace
 {
-using Blocks = std::vector<std::pair<uint64_t, std::string>>;
-
-Blocks ImageBlocks(const CTarvikHexfile& image)
-{
-    Blocks result;
-    for (const auto* block : image.GetMemoryBlocks())
-        result.emplace_back(block->m_nStartAddress, std::string(block->m_pData, block->m_nLength));
-    return result;
-}
+using namespace hexfile_test;
 
 std::string Bytes(unsigned int first, unsigned int count)
 {
@@ -59,21 +49,10 @@ std::string WriteMotorola(const Blocks& blocks)
 class CWriterTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        char path[] = "/tmp/tarvik_hexfile_writerXXXXXX";
-        m_sDir = mkdtemp(path);
-    }
-    void TearDown() override { std::system(("rm -rf '" + m_sDir + "'").c_str()); }
+    std::string Path(const char* name) const { return m_oDir.Path(name); }
+    static std::string Read(const std::string& path) { return ReadFile(path); }
 
-    std::string Path(const char* name) const { return m_sDir + "/" + name; }
-    static std::string Read(const std::string& path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-
-    std::string m_sDir;
+    CTempDir m_oDir;
 };
 
 TEST(IntelWriter, ExactText)
@@ -157,7 +136,7 @@ TEST_F(CWriterTest, BinaryRefusal)
                                 "multiple blocks in hex data.\n\n";
     CTarvikHexfile twoBlocks;
     Fill(twoBlocks, {{0, "ab"}, {4, "cd"}});
-    std::ofstream(Path("old.bin")) << "old contents";
+    m_oDir.Write("old.bin", "old contents");
     EXPECT_EQ(129u, twoBlocks.SaveFile(Path("old.bin").c_str(), CTarvikHexfile::Binary));
     EXPECT_EQ("File " + Path("old.bin") + " could not be saved.\n\n" + refusal, twoBlocks.GetErrorMessage());
     EXPECT_EQ("", twoBlocks.GetFilename());

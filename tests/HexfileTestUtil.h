@@ -1,0 +1,88 @@
+// Helpers shared by the memory-image tests: images as comparable values, sample files and a
+// per-test temporary directory (so that ctest may run the tests in parallel).
+#ifndef TARVIK_TESTS_HEXFILETESTUTIL_H
+#define TARVIK_TESTS_HEXFILETESTUTIL_H
+
+#include "tarvik/hexfile/TarvikHexfile.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace hexfile_test
+{
+// Blocks as (start address, bytes), comparable with EXPECT_EQ.
+using Blocks = std::vector<std::pair<uint64_t, std::string>>;
+
+// A line as the reader hands it to the parsers: the newline became a NUL at its end.
+inline std::string Line(const std::string& text)
+{
+    return text + '\0';
+}
+
+inline Blocks ImageBlocks(const CTarvikHexfile& image)
+{
+    Blocks result;
+    for (const auto* block : image.GetMemoryBlocks())
+        result.emplace_back(block->m_nStartAddress, std::string(block->m_pData, block->m_nLength));
+    return result;
+}
+
+// Builds the blocks of a page map, returns them as values and releases them.
+inline Blocks TakeBlocks(CTarvikHexfile::CByteMap& map)
+{
+    std::vector<CTarvikHexfile::SMemoryBlock*> blocks;
+    map.ToMemoryBlocks(blocks);
+    Blocks result;
+    for (auto* block : blocks)
+    {
+        result.emplace_back(block->m_nStartAddress, std::string(block->m_pData, block->m_nLength));
+        delete block;
+    }
+    return result;
+}
+
+inline std::string DataPath(const char* name)
+{
+    return std::string(TARVIK_TEST_DATA_DIR) + "/" + name;
+}
+
+inline std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+class CTempDir
+{
+public:
+    CTempDir()
+    {
+        char path[] = "/tmp/tarvik_hexfileXXXXXX";
+        m_sPath = mkdtemp(path) != nullptr ? path : "/tmp";
+    }
+    ~CTempDir()
+    {
+        if (m_sPath != "/tmp")
+            (void)std::system(("rm -rf '" + m_sPath + "'").c_str());
+    }
+    CTempDir(const CTempDir&) = delete;
+    CTempDir& operator=(const CTempDir&) = delete;
+
+    std::string Path(const std::string& name) const { return m_sPath + "/" + name; }
+    std::string Write(const std::string& name, const std::string& content) const
+    {
+        std::ofstream(Path(name), std::ios::binary) << content;
+        return Path(name);
+    }
+
+private:
+    std::string m_sPath;
+};
+} // namespace hexfile_test
+
+#endif
