@@ -47,6 +47,7 @@ best_time() {
     echo "$best"
 }
 
+echo "memory image load: $mib MiB images at address 0, 16-byte records, best of $runs runs"
 "$bench" gen intel "$work/image.hex" "$mib"
 "$bench" gen srec "$work/image.s28" "$mib"
 
