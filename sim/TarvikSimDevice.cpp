@@ -1,0 +1,200 @@
+#include "sim/TarvikSimDevice.h"
+
+#include <algorithm>
+
+namespace
+{
+// Fixed parts of the Info record: what a gateway of this series reports.
+constexpr unsigned int kSerialBase = 21000000;
+constexpr unsigned char kHardwareMajor = 1;
+constexpr unsigned char kHardwareMinor = 2;
+constexpr unsigned char kFirmwareMajor = 2;
+constexpr unsigned char kFirmwareMinor = 18;
+constexpr unsigned short kFirmwareBuild = 263;
+constexpr unsigned short kProductionYear = 2023;
+constexpr unsigned char kProductionMonth = 6;
+constexpr unsigned char kProductionDay = 14;
+constexpr size_t kInfoTypeByte = 18;
+constexpr size_t kInfoIndexByte = 19;
+
+unsigned int ReadLE32(const std::string& data, size_t pos)
+{
+    unsigned int value = 0;
+    CTarvikMsg::FromChar(value, data.data() + pos);
+    return value;
+}
+} // namespace
+
+CTarvikSimDevice::CTarvikSimDevice(ETarvikDevice type, unsigned int index)
+    : m_eType(type), m_nIndex(index), m_nInputs(kDefaultInputs), m_nOutputs(0), m_anAnalog(kAnalogChannels, 0),
+      m_nRequests(0), m_oStarted(std::chrono::steady_clock::now())
+{
+}
+
+CTarvikSimDevice::~CTarvikSimDevice() = default;
+
+std::string CTarvikSimDevice::GetName() const
+{
+    return TarvikDeviceName(m_eType);
+}
+
+bool CTarvikSimDevice::HandleRequest(const CTarvikMsg& req, CTarvikMsg& cnf)
+{
+    if (req.IsConfirmation())
+        return false;
+    unsigned short code = req.GetCmdCode();
+    unsigned char cmd = static_cast<unsigned char>(code & 0xFF);
+    std::string answer;
+    {
+        std::lock_guard<std::mutex> lock(m_oMutex);
+        ++m_nRequests;
+        // A telegram for another device type reaches a port that cannot serve it.
+        bool known = ((code >> 8) & 0x7F) == static_cast<unsigned int>(m_eType) &&
+                     (HandleCommonCommand(cmd, req.GetData(), answer) || HandleCommand(cmd, req.GetData(), answer));
+        if (!known || answer.empty())
+            answer = Answer(eResultFailed);
+    }
+    // The answer never outgrows a telegram: devices check their data sizes.
+    cnf =
+        CTarvikMsg(static_cast<unsigned short>(code | CTarvikMsg::kConfirmationBit), req.GetMsgID(), std::move(answer));
+    return true;
+}
+
+bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string& data, std::string& answer)
+{
+    switch (cmd)
+    {
+    case eCmdInfo: answer = data.empty() ? Answer(eResultOk, GetInfoRecord()) : Answer(eResultFailed); return true;
+    case eCmdStatus: answer = data.empty() ? Answer(eResultOk, StatusText()) : Answer(eResultFailed); return true;
+    case eCmdRestart:
+        if (!data.empty())
+        {
+            answer = Answer(eResultFailed);
+            return true;
+        }
+        RestartLocked();
+        answer = Answer(eResultOk);
+        return true;
+    case eCmdBaseReadDigital:
+        answer = data.empty() ? Answer(eResultOk, CTarvikMsg::ToChar(m_nInputs) + CTarvikMsg::ToChar(m_nOutputs))
+                              : Answer(eResultFailed);
+        return true;
+    case eCmdBaseWriteDigital:
+        if (data.size() != 4)
+        {
+            answer = Answer(eResultFailed);
+            return true;
+        }
+        m_nOutputs = ReadLE32(data, 0);
+        answer = Answer(eResultOk);
+        return true;
+    case eCmdReadAnalog:
+    {
+        if (!data.empty())
+        {
+            answer = Answer(eResultFailed);
+            return true;
+        }
+        std::string values = CTarvikMsg::ToChar(static_cast<unsigned int>(m_anAnalog.size()));
+        for (unsigned int value : m_anAnalog)
+            values += CTarvikMsg::ToChar(value);
+        answer = Answer(eResultOk, values);
+        return true;
+    }
+    case eCmdWriteAnalog:
+        if (data.size() % 4 != 0 || data.size() / 4 > m_anAnalog.size())
+        {
+            answer = Answer(eResultFailed);
+            return true;
+        }
+        for (size_t i = 0; i < data.size() / 4; ++i)
+            m_anAnalog[i] = ReadLE32(data, 4 * i);
+        answer = Answer(eResultOk);
+        return true;
+    default: return false;
+    }
+}
+
+bool CTarvikSimDevice::HandleCommand(unsigned char, const std::string&, std::string&)
+{
+    return false;
+}
+
+void CTarvikSimDevice::OnRestart() {}
+
+std::string CTarvikSimDevice::Answer(unsigned char result, const std::string& data)
+{
+    std::string answer(1, static_cast<char>(result));
+    answer += data;
+    return answer;
+}
+
+std::string CTarvikSimDevice::StatusText() const
+{
+    auto up = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - m_oStarted);
+    return GetName() + " #" + std::to_string(m_nIndex) + " ready, up " + std::to_string(up.count()) + " s, " +
+           std::to_string(m_nRequests) + " requests";
+}
+
+std::string CTarvikSimDevice::GetInfoRecord() const
+{
+    std::string info(kInfoSize, '\0');
+    std::string serial = CTarvikMsg::ToChar(kSerialBase + 1000u * static_cast<unsigned int>(m_eType) + m_nIndex);
+    info.replace(0, 4, serial);
+    info[4] = static_cast<char>(kHardwareMajor);
+    info[5] = static_cast<char>(kHardwareMinor);
+    info[6] = static_cast<char>(kFirmwareMajor);
+    info[7] = static_cast<char>(kFirmwareMinor);
+    info.replace(8, 2, CTarvikMsg::ToChar(kFirmwareBuild));
+    info.replace(10, 2, CTarvikMsg::ToChar(kProductionYear));
+    info[12] = static_cast<char>(kProductionMonth);
+    info[13] = static_cast<char>(kProductionDay);
+    info[kInfoTypeByte] = static_cast<char>(m_eType);
+    info[kInfoIndexByte] = static_cast<char>(m_nIndex & 0xFF);
+    return info;
+}
+
+void CTarvikSimDevice::Restart()
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    RestartLocked();
+}
+
+void CTarvikSimDevice::RestartLocked()
+{
+    // The inputs belong to the wiring outside the gateway and survive a restart.
+    m_nOutputs = 0;
+    std::fill(m_anAnalog.begin(), m_anAnalog.end(), 0u);
+    m_oStarted = std::chrono::steady_clock::now();
+    OnRestart();
+}
+
+unsigned int CTarvikSimDevice::GetDigitalOutputs() const
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    return m_nOutputs;
+}
+
+unsigned int CTarvikSimDevice::GetDigitalInputs() const
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    return m_nInputs;
+}
+
+void CTarvikSimDevice::SetDigitalInputs(unsigned int inputs)
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    m_nInputs = inputs;
+}
+
+std::vector<unsigned int> CTarvikSimDevice::GetAnalogValues() const
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    return m_anAnalog;
+}
+
+unsigned long CTarvikSimDevice::GetRequestCount() const
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    return m_nRequests;
+}

@@ -1,0 +1,112 @@
+// Base of every simulated gateway device: the commands that all devices answer.
+//
+// Common commands (command number = low byte of the command code, high byte = device
+// type; the answer carries the request's code | 0x8000, the same message id, result
+// byte 0 = success, then the data):
+//   0x09 Info              -> 20-byte record (see GetInfoRecord)
+//   0x0A Status            -> status text "Tarvik SPI #0 ready, up 12 s, 34 requests"
+//   0x0C Restart           -> nothing; volatile state back to power-up values
+//   0x40 BaseReadDigital   -> u32 inputs, u32 outputs
+//   0x41 BaseWriteDigital  u32 outputs -> nothing
+//   0x42 ReadAnalog        -> u32 channel count (8), then 8 × u32 channel values
+//   0x43 WriteAnalog       count × u32 (count <= 8) -> nothing; sets channels 0..count-1
+// The digital inputs are wired to a fixed pattern (0x0000A55A) that tests may change
+// with SetDigitalInputs(); they do not follow the outputs. Outputs and analog values
+// start at 0 and keep what was written until a Restart.
+//
+// Result byte 0xFF ("Tarvik command failed") answers a command number the device does
+// not know, a device type byte other than the device's own, and a common command whose
+// data has the wrong length. Telegrams with the confirmation bit set are not requests
+// and get no answer.
+#ifndef TARVIK_SIM_TARVIKSIMDEVICE_H
+#define TARVIK_SIM_TARVIKSIMDEVICE_H
+
+#include "tarvik/core/TarvikMsg.h"
+#include "tarvik/core/TarvikResult.h"
+
+#include <chrono>
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <vector>
+
+class CTarvikSimDevice
+{
+public:
+    enum ECommand
+    {
+        eCmdInfo = 0x09,
+        eCmdStatus = 0x0A,
+        eCmdRestart = 0x0C,
+        eCmdBaseReadDigital = 0x40,
+        eCmdBaseWriteDigital = 0x41,
+        eCmdReadAnalog = 0x42,
+        eCmdWriteAnalog = 0x43,
+    };
+
+    enum EResult
+    {
+        eResultOk = 0x00,
+        eResultFailed = 0xFF,
+    };
+
+    static constexpr size_t kInfoSize = 20;
+    static constexpr size_t kAnalogChannels = 8;
+    static constexpr unsigned int kDefaultInputs = 0x0000A55A;
+    // Largest data field of a telegram: a length field of 65535 less 5.
+    static constexpr size_t kMaxData = 65530;
+
+    CTarvikSimDevice(ETarvikDevice type, unsigned int index);
+    virtual ~CTarvikSimDevice();
+    CTarvikSimDevice(const CTarvikSimDevice&) = delete;
+    CTarvikSimDevice& operator=(const CTarvikSimDevice&) = delete;
+
+    ETarvikDevice GetType() const { return m_eType; }
+    unsigned int GetIndex() const { return m_nIndex; }
+    // Display name, e.g. "Tarvik SPI".
+    virtual std::string GetName() const;
+
+    // Answers one request. False: no answer is due (the telegram is a confirmation).
+    // Thread-safe; requests of several clients are served one at a time.
+    bool HandleRequest(const CTarvikMsg& req, CTarvikMsg& cnf);
+
+    // Same as the Restart command.
+    void Restart();
+
+    // State, for tests; thread-safe.
+    unsigned int GetDigitalOutputs() const;
+    unsigned int GetDigitalInputs() const;
+    void SetDigitalInputs(unsigned int inputs);
+    std::vector<unsigned int> GetAnalogValues() const;
+    unsigned long GetRequestCount() const;
+    // The Info record: bytes 0-3 serial number (u32 LE), 4-5 hardware revision (major,
+    // minor), 6-7 firmware version (major, minor), 8-9 firmware build (u16 LE), 10-11
+    // production year (u16 LE), 12 month, 13 day, 14-17 zero, 18 device type, 19 index.
+    std::string GetInfoRecord() const;
+
+protected:
+    // Device-specific commands, called with m_oMutex held. False for a command number
+    // the device does not know; otherwise answer = result byte followed by the data.
+    virtual bool HandleCommand(unsigned char cmd, const std::string& data, std::string& answer);
+    // Back to power-up state after a Restart, called with m_oMutex held.
+    virtual void OnRestart();
+
+    static std::string Answer(unsigned char result, const std::string& data = std::string());
+
+    mutable std::mutex m_oMutex;
+
+private:
+    bool HandleCommonCommand(unsigned char cmd, const std::string& data, std::string& answer);
+    std::string StatusText() const;
+    void RestartLocked();
+
+    ETarvikDevice m_eType;
+    unsigned int m_nIndex;
+    unsigned int m_nInputs;
+    unsigned int m_nOutputs;
+    std::vector<unsigned int> m_anAnalog;
+    unsigned long m_nRequests;
+    std::chrono::steady_clock::time_point m_oStarted;
+};
+
+#endif

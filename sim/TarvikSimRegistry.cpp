@@ -1,0 +1,56 @@
+#include "sim/TarvikSimRegistry.h"
+
+#include "sim/TarvikSimDeviceSPI.h"
+
+namespace
+{
+struct SModel
+{
+    ETarvikDevice eType;
+    const char* pName;
+    std::unique_ptr<CTarvikSimDevice> (*pCreate)(unsigned int index);
+};
+
+// An explicit table rather than self-registering objects: the linker drops unreferenced
+// objects of a static library, and with them their registration.
+const SModel kModels[] = {
+    {eTarvikSPI, "spi",
+     [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
+     { return std::make_unique<CTarvikSimDeviceSPI>(index); }},
+};
+} // namespace
+
+std::unique_ptr<CTarvikSimDevice> CTarvikSimRegistry::Create(ETarvikDevice type, unsigned int index)
+{
+    for (const SModel& model : kModels)
+        if (model.eType == type)
+            return model.pCreate(index);
+    return nullptr;
+}
+
+bool CTarvikSimRegistry::FindByName(const std::string& name, ETarvikDevice& type)
+{
+    for (const SModel& model : kModels)
+        if (name == model.pName)
+        {
+            type = model.eType;
+            return true;
+        }
+    return false;
+}
+
+std::string CTarvikSimRegistry::GetShortName(ETarvikDevice type)
+{
+    for (const SModel& model : kModels)
+        if (model.eType == type)
+            return model.pName;
+    return std::string();
+}
+
+std::vector<std::string> CTarvikSimRegistry::GetShortNames()
+{
+    std::vector<std::string> names;
+    for (const SModel& model : kModels)
+        names.push_back(model.pName);
+    return names;
+}
