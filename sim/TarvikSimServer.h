@@ -1,0 +1,104 @@
+// The simulator's TCP server: one listening socket per emulated device, a thread that
+// accepts clients, and one thread per client connection (CTarvikSimConnection).
+//
+// Typical use in a test:
+//   CTarvikSimServer server;
+//   server.AddDevice(eTarvikSPI);                  // loopback, any free port
+//   server.Start();
+//   connect to 127.0.0.1 : server.GetPort(eTarvikSPI) ...
+//   server.Stop();                                 // or let the destructor do it
+//
+// Configuration (AddDevice, Start, Stop) belongs to one thread; the fault settings,
+// CloseConnections, GetConnectionCount and the devices' own accessors may be used from
+// any thread at any time.
+#ifndef TARVIK_SIM_TARVIKSIMSERVER_H
+#define TARVIK_SIM_TARVIKSIMSERVER_H
+
+#include "sim/TarvikSimDevice.h"
+#include "sim/TarvikSimFaults.h"
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+class CTarvikSimConnection;
+
+class CTarvikSimServer
+{
+public:
+    // Port of device type t at port index i: kBasePort + t + 100 × i.
+    static constexpr unsigned short kBasePort = 4999;
+
+    CTarvikSimServer();
+    // Stops the server.
+    ~CTarvikSimServer();
+    CTarvikSimServer(const CTarvikSimServer&) = delete;
+    CTarvikSimServer& operator=(const CTarvikSimServer&) = delete;
+
+    static unsigned short GetStandardPort(ETarvikDevice type, unsigned int index = 0);
+
+    // Creates the model of the type and binds its listening socket at once, so GetPort()
+    // is known before Start(). Port 0 takes any free port; an empty host listens on all
+    // interfaces. index is the device's port index, reported in its Info record.
+    // Returns 0, or an errno value: EINVAL no model of the type, EEXIST type already
+    // added, EBUSY server started or stopped, else the failing socket call's errno.
+    int AddDevice(ETarvikDevice type, const std::string& host = "127.0.0.1", unsigned short port = 0,
+                  unsigned int index = 0);
+    // Starts accepting clients. False with no device, or after Stop().
+    bool Start();
+    // Closes every socket and joins every thread; the server cannot be started again.
+    void Stop();
+    bool IsRunning() const { return m_bRunning.load(); }
+
+    // Port and host of a device; 0 and "" for a type not added.
+    unsigned short GetPort(ETarvikDevice type) const;
+    std::string GetHost(ETarvikDevice type) const;
+    // The device model (null for a type not added); lives as long as the server.
+    CTarvikSimDevice* GetDevice(ETarvikDevice type) const;
+    std::vector<ETarvikDevice> GetDeviceTypes() const;
+    // Text of the last failed AddDevice or Start.
+    std::string GetLastError() const { return m_sLastError; }
+
+    // Fault modes, effective from the next answer of every connection.
+    void SetFault(ETarvikSimFault fault) { m_oFaults.m_eFault = fault; }
+    ETarvikSimFault GetFault() const { return m_oFaults.m_eFault.load(); }
+    void SetAnswerDelay(unsigned int ms) { m_oFaults.m_nDelayMs = ms; }
+    unsigned int GetAnswerDelay() const { return m_oFaults.m_nDelayMs.load(); }
+    // Drops every client connection now; new clients are still accepted.
+    void CloseConnections();
+    // Client connections that are still open.
+    size_t GetConnectionCount() const;
+
+private:
+    struct SEndpoint
+    {
+        std::unique_ptr<CTarvikSimDevice> m_pDevice;
+        std::string m_sHost;
+        unsigned short m_nPort;
+        int m_nSocket;
+    };
+
+    const SEndpoint* FindEndpoint(ETarvikDevice type) const;
+    int Fail(int error, const std::string& text);
+    int Listen(SEndpoint& endpoint, unsigned short port);
+    void Run();
+    void AcceptClients(SEndpoint& endpoint);
+    void ReapFinished();
+    void CloseListeners();
+
+    std::vector<SEndpoint> m_aoEndpoints;
+    STarvikSimFaults m_oFaults;
+    std::thread m_oThread;
+    int m_nWakeFd;
+    std::atomic<bool> m_bRunning;
+    bool m_bStopped;
+    std::string m_sLastError;
+    mutable std::mutex m_oMutex;
+    std::list<std::unique_ptr<CTarvikSimConnection>> m_aoConnections;
+};
+
+#endif
