@@ -20,9 +20,7 @@
 #include "tarvik/runtime/MolString.h"
 #include "tarvik/runtime/MolSync.h"
 #include "tarvik/runtime/MolTime.h"
-#if __has_include("tarvik/hexfile/TarvikHexfile.h")
 #include "tarvik/hexfile/TarvikHexfile.h"
-#endif
 #endif
 
 #endif
