@@ -90,13 +90,15 @@ TEST_F(CCommonTest, EachCommandSendsItsExactRequest)
         {"Restart", [](CTarvikClient& c) { return c.Restart(); }, Hex("05 00 0C 03 02 00 0D")},
         {"Info", [](CTarvikClient& c) { return c.Info(nullptr); }, Hex("05 00 09 03 02 00 08")},
         {"Status",
-         [](CTarvikClient& c) {
+         [](CTarvikClient& c)
+         {
              std::string text;
              return c.Status(text);
          },
          Hex("05 00 0A 03 02 00 0B")},
         {"BaseReadDigital",
-         [](CTarvikClient& c) {
+         [](CTarvikClient& c)
+         {
              unsigned int in = 0, out = 0;
              return c.BaseReadDigital(in, out);
          },
@@ -104,20 +106,23 @@ TEST_F(CCommonTest, EachCommandSendsItsExactRequest)
         {"BaseWriteDigital", [](CTarvikClient& c) { return c.BaseWriteDigital(0x12345678); },
          Hex("09 00 41 03 02 00 78 56 34 12 48")},
         {"ReadAnalog",
-         [](CTarvikClient& c) {
+         [](CTarvikClient& c)
+         {
              unsigned int first = 0, values[2];
              unsigned short count = 2;
              return c.ReadAnalog(first, values, count);
          },
          Hex("05 00 42 03 02 00 43")},
         {"WriteAnalog",
-         [](CTarvikClient& c) {
+         [](CTarvikClient& c)
+         {
              const unsigned int values[] = {1, 0x100};
              return c.WriteAnalog(values, 2);
          },
          Hex("0D 00 43 03 02 00 01 00 00 00 00 01 00 00 42")},
         {"WriteAnalog without values",
-         [](CTarvikClient& c) {
+         [](CTarvikClient& c)
+         {
              const unsigned int values[] = {1, 0x100};
              return c.WriteAnalog(values, 0);
          },
@@ -138,7 +143,8 @@ TEST_F(CCommonTest, CommandsWithoutOutputsReturnTheDevicesResult)
         [](CTarvikClient& c) { return c.Restart(); },
         [](CTarvikClient& c) { return c.Info(nullptr); },
         [](CTarvikClient& c) { return c.BaseWriteDigital(1); },
-        [](CTarvikClient& c) {
+        [](CTarvikClient& c)
+        {
             const unsigned int value = 1;
             return c.WriteAnalog(&value, 1);
         },
@@ -190,8 +196,7 @@ TEST_F(CCommonTest, InfoClearsTheRecordMarksItsTypeAndCopiesUpToTwentyBytes)
     };
     for (const SCase& c : cases)
     {
-        AnswerWith(c.m_oAnswer.m_bAnswered ? c.m_oAnswer.m_sPayload.data() : kNoAnswer,
-                   c.m_oAnswer.m_sPayload.size());
+        AnswerWith(c.m_oAnswer.m_bAnswered ? c.m_oAnswer.m_sPayload.data() : kNoAnswer, c.m_oAnswer.m_sPayload.size());
         STarvikDeviceInfo info;
         std::memset(&info, 0xEE, sizeof(info));
         EXPECT_EQ(c.m_nResult, m_pClient->Info(&info)) << c.m_sName;
@@ -219,8 +224,7 @@ TEST_F(CCommonTest, StatusSetsTheTextOnlyFromASuccessfulAnswerWithText)
     };
     for (const SCase& c : cases)
     {
-        AnswerWith(c.m_oAnswer.m_bAnswered ? c.m_oAnswer.m_sPayload.data() : kNoAnswer,
-                   c.m_oAnswer.m_sPayload.size());
+        AnswerWith(c.m_oAnswer.m_bAnswered ? c.m_oAnswer.m_sPayload.data() : kNoAnswer, c.m_oAnswer.m_sPayload.size());
         std::string text = "old";
         EXPECT_EQ(c.m_nResult, m_pClient->Status(text)) << c.m_sName;
         EXPECT_EQ(c.m_sText, text) << c.m_sName;
@@ -250,8 +254,7 @@ TEST_F(CCommonTest, BaseReadDigitalDecodesOnlyAnAnswerWithBothWords)
     };
     for (const SCase& c : cases)
     {
-        AnswerWith(c.m_oAnswer.m_bAnswered ? c.m_oAnswer.m_sPayload.data() : kNoAnswer,
-                   c.m_oAnswer.m_sPayload.size());
+        AnswerWith(c.m_oAnswer.m_bAnswered ? c.m_oAnswer.m_sPayload.data() : kNoAnswer, c.m_oAnswer.m_sPayload.size());
         unsigned int in = kUntouched, out = kUntouched;
         EXPECT_EQ(c.m_nResult, m_pClient->BaseReadDigital(in, out)) << c.m_sName;
         EXPECT_EQ(c.m_bDecoded ? 0x89ABCDEFu : kUntouched, in) << c.m_sName;
@@ -285,7 +288,12 @@ TEST_F(CCommonTest, ReadAnalogStoresWhatFitsAndReportsWhatTheDeviceSent)
         {"more than fit", 2, Payload(Frame({0}) + first + four), 0, 4, 0x11111111, {1, 2, u, u, u}},
         {"fewer than fit", 5, Payload(Frame({0}) + first + four.substr(0, 12)), 0, 3, 0x11111111, {1, 2, 3, u, u}},
         {"first value only", 5, Payload(Frame({0}) + first), 0, 0, 0x11111111, {u, u, u, u, u}},
-        {"a partial value is not counted", 5, Payload(Frame({0}) + first + four.substr(0, 6)), 0, 1, 0x11111111,
+        {"a partial value is not counted",
+         5,
+         Payload(Frame({0}) + first + four.substr(0, 6)),
+         0,
+         1,
+         0x11111111,
          {1, u, u, u, u}},
         {"too short for the first value", 5, Payload(Frame({0, 1, 2, 3})), 0, 0, u, {u, u, u, u, u}},
         {"device error", 5, Payload(Frame({0x20}) + first + four), 0x0320, 0, u, {u, u, u, u, u}},
@@ -293,8 +301,7 @@ TEST_F(CCommonTest, ReadAnalogStoresWhatFitsAndReportsWhatTheDeviceSent)
     };
     for (const SCase& c : cases)
     {
-        AnswerWith(c.m_oAnswer.m_bAnswered ? c.m_oAnswer.m_sPayload.data() : kNoAnswer,
-                   c.m_oAnswer.m_sPayload.size());
+        AnswerWith(c.m_oAnswer.m_bAnswered ? c.m_oAnswer.m_sPayload.data() : kNoAnswer, c.m_oAnswer.m_sPayload.size());
         unsigned int firstValue = u;
         unsigned int values[5] = {u, u, u, u, u};
         unsigned short count = c.m_nCapacity;

@@ -145,16 +145,16 @@ TEST_F(CDeviceManagerTest, FailedConnectGivesItsCodeAndHandleMinusOne)
     CFakeGateway refusing;
     ASSERT_TRUE(refusing.StartOnLoopbackNet(kLoopbackNet, kSPIPort, CFakeGateway::eModeRefuse));
     int handle = 0;
-    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, CDeviceManager::OpenDevice(&handle, refusing.GetAddress().c_str(), kTimeoutMs,
-                                                                   eTarvikSPI, 0, 1, true));
+    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED,
+              CDeviceManager::OpenDevice(&handle, refusing.GetAddress().c_str(), kTimeoutMs, eTarvikSPI, 0, 1, true));
     EXPECT_EQ(-1, handle);
     EXPECT_EQ(nullptr, CDeviceManager::GetDevice(previous + 1));
 
     CFakeGateway silent;
     ASSERT_TRUE(silent.StartOnLoopbackNet(kLoopbackNet, kSPIPort, CFakeGateway::eModeSilent));
     handle = 0;
-    EXPECT_EQ(TARVIK_ERR_TIMEOUT, CDeviceManager::OpenDevice(&handle, silent.GetAddress().c_str(), kTimeoutMs,
-                                                             eTarvikSPI, 0, 1, true));
+    EXPECT_EQ(TARVIK_ERR_TIMEOUT,
+              CDeviceManager::OpenDevice(&handle, silent.GetAddress().c_str(), kTimeoutMs, eTarvikSPI, 0, 1, true));
     EXPECT_EQ(-1, handle);
 
     // Both failures used up a number.

@@ -243,8 +243,7 @@ TEST_F(CEngineTest, BadConfirmationsAreReportedAndStillHandedOver)
         {"other device type", [](const std::string& f) { return Cnf(0x0203, FrameId(f), Frame({0})); },
          TARVIK_ERR_NOT_CONFIRMED},
         // The check byte is looked at before the command code.
-        {"both wrong",
-         [](const std::string& f) { return TelegramWithCheck(0x8304, FrameId(f), Frame({0}), 0x55); },
+        {"both wrong", [](const std::string& f) { return TelegramWithCheck(0x8304, FrameId(f), Frame({0}), 0x55); },
          TARVIK_ERR_CRC},
     };
     CProbeClient client(kTimeoutMs);
@@ -267,9 +266,10 @@ TEST_F(CEngineTest, CommandsReportBadConfirmationsWithoutDecodingThem)
     client.Open();
     char recv[4] = {'x', 'x', 'x', 'x'};
 
-    m_oGateway.SetHandler([](const std::string& f) {
-        return TelegramWithCheck(0x8303, FrameId(f), Frame({0, 1, 2, 3, 4}), 0);
-    });
+    m_oGateway.SetHandler(
+        [](const std::string& f) {
+            return TelegramWithCheck(0x8303, FrameId(f), Frame({0, 1, 2, 3, 4}), 0);
+        });
     EXPECT_EQ(TARVIK_ERR_CRC, client.DataReq("\x01", 1, recv, 4));
     m_oGateway.SetHandler([](const std::string& f) { return Cnf(0x0314, FrameId(f), Frame({0, 1, 2, 3, 4})); });
     EXPECT_EQ(TARVIK_ERR_NOT_CONFIRMED, client.DataReq("\x01", 1, recv, 4));
@@ -284,7 +284,10 @@ TEST_F(CEngineTest, CommandsReportBadConfirmationsWithoutDecodingThem)
 
 TEST_F(CEngineTest, CopyingSendMsgFillsEveryFieldOfTheCallersTelegram)
 {
-    m_oGateway.SetHandler([](const std::string& f) { return TelegramWithCheck(0x8303, FrameId(f), Frame({0, 9}), 0x77); });
+    m_oGateway.SetHandler(
+        [](const std::string& f) {
+            return TelegramWithCheck(0x8303, FrameId(f), Frame({0, 9}), 0x77);
+        });
     CProbeClient client(kTimeoutMs);
     Connect(client);
     CTarvikMsg req(0x0303, 5, nullptr, 0);
@@ -318,16 +321,18 @@ TEST_F(CEngineTest, LateConfirmationIsNeverTakenByALaterRequest)
     EXPECT_EQ(TARVIK_ERR_TIMEOUT, client.DataReq("\x01", 1, recv, 1));
 
     // Its confirmation comes while the second request (id 1) waits: not taken.
-    m_oGateway.SetHandler([](const std::string& f) {
-        return FrameId(f) == 1 ? Cnf(0x0303, 0, Frame({0, 0xAA})) : std::string();
-    });
+    m_oGateway.SetHandler(
+        [](const std::string& f) {
+            return FrameId(f) == 1 ? Cnf(0x0303, 0, Frame({0, 0xAA})) : std::string();
+        });
     EXPECT_EQ(TARVIK_ERR_TIMEOUT, client.DataReq("\x02", 1, recv, 1));
     EXPECT_EQ('x', recv[0]);
 
     // A stale copy in front of the right answer in the same write: the right one wins.
-    m_oGateway.SetHandler([](const std::string& f) {
-        return Cnf(0x0303, 0, Frame({0, 0xAA})) + Cnf(0x0303, FrameId(f), Frame({0, 0xBB}));
-    });
+    m_oGateway.SetHandler(
+        [](const std::string& f) {
+            return Cnf(0x0303, 0, Frame({0, 0xAA})) + Cnf(0x0303, FrameId(f), Frame({0, 0xBB}));
+        });
     EXPECT_EQ(0, client.DataReq("\x03", 1, recv, 1));
     EXPECT_EQ('\xBB', recv[0]);
 }
@@ -394,16 +399,17 @@ TEST_F(CEngineTest, IndicationsGoToTheDeviceClientAndAreNeverTakenAsConfirmation
     Connect(client);
     // Same command and id as the request, but without the confirmation bit.
     const std::string indication = Telegram(0x0303, 0, Frame({0, 0x44}));
-    m_oGateway.SetHandler([indication](const std::string&) { return indication; });
+    m_oGateway.SetHandler([indication](const std::string&) { return std::string(indication); });
     CTarvikMsg* cnf = nullptr;
     EXPECT_EQ(TARVIK_ERR_TIMEOUT, client.Transact(0x0303, "", cnf));
     EXPECT_EQ(nullptr, cnf);
     EXPECT_EQ(nullptr, client.GetMsg(0));
 
     // In front of the confirmation in the same write: both find their way.
-    m_oGateway.SetHandler([](const std::string& f) {
-        return Telegram(0x0303, FrameId(f), Frame({0, 0x44})) + Cnf(0x0303, FrameId(f), Frame({0, 0x55}));
-    });
+    m_oGateway.SetHandler(
+        [](const std::string& f) {
+            return Telegram(0x0303, FrameId(f), Frame({0, 0x44})) + Cnf(0x0303, FrameId(f), Frame({0, 0x55}));
+        });
     ASSERT_EQ(0, client.Transact(0x0303, "", cnf));
     ASSERT_NE(nullptr, cnf);
     EXPECT_EQ(ToHex(Frame({0, 0x55})), ToHex(cnf->GetData()));
@@ -434,10 +440,12 @@ TEST_F(CEngineTest, MalformedBlocksAreDroppedAndTheStreamStaysInStep)
 {
     CProbeClient client(kTimeoutMs);
     Connect(client);
-    m_oGateway.SetHandler([](const std::string& f) {
-        // A 6-byte block that would be an indication, an empty block, then the answer.
-        return Hex("04 00 03 03 00 00") + Hex("00 00") + Cnf(0x0303, FrameId(f), Frame({0, 0x66}));
-    });
+    m_oGateway.SetHandler(
+        [](const std::string& f)
+        {
+            // A 6-byte block that would be an indication, an empty block, then the answer.
+            return Hex("04 00 03 03 00 00") + Hex("00 00") + Cnf(0x0303, FrameId(f), Frame({0, 0x66}));
+        });
     CTarvikMsg* cnf = nullptr;
     ASSERT_EQ(0, client.Transact(0x0303, "", cnf));
     std::unique_ptr<CTarvikMsg> owned(cnf);
@@ -445,9 +453,10 @@ TEST_F(CEngineTest, MalformedBlocksAreDroppedAndTheStreamStaysInStep)
     EXPECT_TRUE(client.Indications().empty());
 
     // A block too long for a 16-bit size, then an answer.
-    m_oGateway.SetHandler([](const std::string& f) {
-        return Hex("FF FF") + std::string(65535, '\x03') + Cnf(0x0303, FrameId(f), Frame({0, 0x77}));
-    });
+    m_oGateway.SetHandler(
+        [](const std::string& f) {
+            return Hex("FF FF") + std::string(65535, '\x03') + Cnf(0x0303, FrameId(f), Frame({0, 0x77}));
+        });
     ASSERT_EQ(0, client.Transact(0x0303, "", cnf));
     owned.reset(cnf);
     EXPECT_EQ(ToHex(Frame({0, 0x77})), ToHex(cnf->GetData()));
@@ -463,9 +472,9 @@ TEST_F(CEngineTest, BlocksThatDisagreeWithTheirLengthFieldAreDropped)
 {
     CProbeClient client(kTimeoutMs);
     const std::string blocks[] = {
-        Hex("05 00 03 83 07 00"),              // 6 bytes
-        Hex("09 00 03 83 07 00 00 84"),        // length field 9 on 8 bytes
-        Hex("04 00 03 03 07 00 04 03"),        // an indication that is too short for its field
+        Hex("05 00 03 83 07 00"),       // 6 bytes
+        Hex("09 00 03 83 07 00 00 84"), // length field 9 on 8 bytes
+        Hex("04 00 03 03 07 00 04 03"), // an indication that is too short for its field
     };
     for (const std::string& block : blocks)
         client.DataInd(block.data(), static_cast<unsigned short>(block.size()));
@@ -522,10 +531,12 @@ TEST_F(CEngineTest, PeerCloseWakesNobodyAndLaterRequestsAreNotConnected)
 {
     CProbeClient client(kTimeoutMs);
     Connect(client);
-    m_oGateway.SetHandler([this](const std::string&) {
-        m_oGateway.CloseClients();
-        return std::string();
-    });
+    m_oGateway.SetHandler(
+        [this](const std::string&)
+        {
+            m_oGateway.CloseClients();
+            return std::string();
+        });
     CTarvikMsg* cnf = nullptr;
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(TARVIK_ERR_TIMEOUT, client.Transact(0x0303, "", cnf));
@@ -546,9 +557,10 @@ TEST_F(CEngineTest, PeerCloseWakesNobodyAndLaterRequestsAreNotConnected)
 
 TEST_F(CEngineTest, TraceSinkSeesTelegramsBothWaysAndTheConnection)
 {
-    m_oGateway.SetHandler([](const std::string& f) {
-        return TelegramWithCheck(0x8303, FrameId(f), Frame({0, 0x42}), 0) + Hex("04 00 03 03 00 00");
-    });
+    m_oGateway.SetHandler(
+        [](const std::string& f) {
+            return TelegramWithCheck(0x8303, FrameId(f), Frame({0, 0x42}), 0) + Hex("04 00 03 03 00 00");
+        });
     CProbeClient client(kTimeoutMs);
     Connect(client);
     // The connection is reported from the receive thread once it runs.

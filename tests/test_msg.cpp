@@ -171,7 +171,7 @@ TEST(TarvikMsg, BadCheckByteParsesAndIsOnlySeenByIsCRCValid)
     EXPECT_EQ(ToHex(frame), ToHex(msg.GetMessageData()));
 
     // A copy is member-wise: the wrong check byte travels with it.
-    CTarvikMsg copy(msg);
+    CTarvikMsg copy(msg); // NOLINT(performance-unnecessary-copy-initialization): the copy is under test
     EXPECT_EQ(ToHex(frame), ToHex(copy.GetMessageData()));
     EXPECT_FALSE(copy.IsCRCValid());
 }

@@ -114,9 +114,10 @@ TEST(TarvikResult, CodeNotInTheTableFallsBackToTheCodeWithoutDeviceType)
 
 TEST(TarvikResult, DeviceNamesForOneToNineOnly)
 {
-    const char* const names[] = {"Tarvik ???",   "Tarvik I2C", "Tarvik CAN",   "Tarvik SPI",
-                                 "Tarvik RS232", "Tarvik DIO", "Tarvik Audio", "Tarvik AD",
-                                 "Tarvik Universal Programmer", "Tarvik Renesas"};
+    const char* const names[] = {"Tarvik ???",    "Tarvik I2C",   "Tarvik CAN",
+                                 "Tarvik SPI",    "Tarvik RS232", "Tarvik DIO",
+                                 "Tarvik Audio",  "Tarvik AD",    "Tarvik Universal Programmer",
+                                 "Tarvik Renesas"};
     for (int type = 0; type <= 9; ++type)
         EXPECT_EQ(names[type], TarvikDeviceName(type)) << type;
     for (int type : {-1, 10, 11, 14, 17, 255, 0x10000})
@@ -126,10 +127,14 @@ TEST(TarvikResult, DeviceNamesForOneToNineOnly)
 TEST(TarvikResult, TransportResultsMapToBitsSixteenUp)
 {
     const int cases[][2] = {
-        {1, 0},           // success
-        {7, 0x000001},    // the device's connection limit
-        {2, 0x020000},    {3, 0x030000}, {4, 0x040000}, {5, 0x050000}, {6, 0x060000},
-        {0, 0},           // taken as success by the callers
+        {1, 0},        // success
+        {7, 0x000001}, // the device's connection limit
+        {2, 0x020000}, // socket error
+        {3, 0x030000}, // not connected
+        {4, 0x040000}, // time-out
+        {5, 0x050000}, // stack initialising
+        {6, 0x060000}, // stack not initialised
+        {0, 0},        // shifted like any other value: taken as success by the callers
     };
     for (const auto& c : cases)
         EXPECT_EQ(c[1], CTarvikClient::ConvertTCPRetCode(c[0])) << c[0];
@@ -144,14 +149,10 @@ TEST(TarvikResult, ConfirmationResultCarriesTheClientsDeviceType)
         int m_nResult;
     };
     const SCase cases[] = {
-        {eTarvikSPI, "", 0x0C0300},
-        {eTarvikSPI, std::string("\0\x20", 2), 0},
-        {eTarvikSPI, "\x20", 0x0320},
-        {eTarvikSPI, "\xFF\x01", 0x03FF},
-        {eTarvikFirmware, "", 0x0C0000},
-        {eTarvikFirmware, "\x01", 0x000001},
-        {eTarvikDIO, "\x20", 0x0520},
-        {eTarvikTestSystemRelay, "\x20", 0x1120},
+        {eTarvikSPI, "", 0x0C0300},      {eTarvikSPI, std::string("\0\x20", 2), 0},
+        {eTarvikSPI, "\x20", 0x0320},    {eTarvikSPI, "\xFF\x01", 0x03FF},
+        {eTarvikFirmware, "", 0x0C0000}, {eTarvikFirmware, "\x01", 0x000001},
+        {eTarvikDIO, "\x20", 0x0520},    {eTarvikTestSystemRelay, "\x20", 0x1120},
     };
     for (const SCase& c : cases)
     {

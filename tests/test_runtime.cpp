@@ -177,8 +177,8 @@ TEST_F(CConnectionTest, FrameSplitOverSeveralWritesArrivesWhole)
 {
     const std::string frame = Hex("08 00 03 83 02 00 00 11 22 B1");
     // Split inside the length prefix, inside the header and inside the data.
-    ASSERT_TRUE(m_oGateway.SendParts({frame.substr(0, 1), frame.substr(1, 3), frame.substr(4, 4), frame.substr(8)},
-                                     30));
+    ASSERT_TRUE(
+        m_oGateway.SendParts({frame.substr(0, 1), frame.substr(1, 3), frame.substr(4, 4), frame.substr(8)}, 30));
     ASSERT_TRUE(m_oConnection.WaitForBlocks(1));
     // One byte at a time.
     std::vector<std::string> bytes;
@@ -264,10 +264,12 @@ TEST_F(CConnectionTest, SendingWhileThePeerClosesNeverRaisesSigpipe)
 {
     // Sends race the close: some reach a socket whose peer is gone. With
     // SIGPIPE at its default action a single unguarded send would end the program.
-    std::thread closer([this] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        m_oGateway.CloseClients();
-    });
+    std::thread closer(
+        [this]
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            m_oGateway.CloseClients();
+        });
     const std::string frame = Hex("C6 00") + std::string(198, '\0');
     int result = CMolIPBase::eResultSuccess;
     auto start = std::chrono::steady_clock::now();
@@ -335,10 +337,12 @@ TEST(MolEvent, WaitEndsOnSignalFromAnotherThreadOrAfterItsTime)
     EXPECT_FALSE(event.Wait(100));
     EXPECT_GE(ElapsedMs(start), 90);
 
-    std::thread signaller([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        event.Signal();
-    });
+    std::thread signaller(
+        [&]
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            event.Signal();
+        });
     start = std::chrono::steady_clock::now();
     EXPECT_TRUE(event.Wait(kWaitMs));
     EXPECT_LT(ElapsedMs(start), kWaitMs);
@@ -354,11 +358,13 @@ TEST(MolMutex, LockWithTimeOutFailsWhileAnotherThreadHoldsIt)
     other.join();
     EXPECT_FALSE(taken);
     mutex.Unlock();
-    std::thread again([&] {
-        taken = mutex.Lock(1000);
-        if (taken)
-            mutex.Unlock();
-    });
+    std::thread again(
+        [&]
+        {
+            taken = mutex.Lock(1000);
+            if (taken)
+                mutex.Unlock();
+        });
     again.join();
     EXPECT_TRUE(taken);
 }
@@ -482,7 +488,7 @@ TEST(MolString, DumpLineShowsOffsetHexAndText)
     const char data[] = "ABCDEFGHIJKLMNOPQ\x01";
     EXPECT_EQ("00000000: 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50  ABCDEFGHIJKLMNOP",
               MolMemDumpLine(data, 18, 0));
-    EXPECT_EQ("00000010: 51 01" + std::string(14 * 3, ' ') + "  Q.", MolMemDumpLine(data, 18, 16));
+    EXPECT_EQ("00000010: 51 01" + std::string(14u * 3, ' ') + "  Q.", MolMemDumpLine(data, 18, 16));
     EXPECT_EQ("", MolMemDumpLine(data, 18, 18));
     EXPECT_EQ("32", MolToString(32));
     EXPECT_EQ("-65281", MolToString(-65281));

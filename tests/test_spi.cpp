@@ -118,8 +118,8 @@ TEST_F(CSPITest, DataReqPadsTheSentBytesToTheReceiveLength)
         m_oGateway.ClearFrames();
         AnswerWith(Frame({0}));
         char recv[8] = {};
-        EXPECT_EQ(0, client.DataReq(c.m_sSend.data(), static_cast<unsigned short>(c.m_sSend.size()), recv,
-                                    c.m_nRecvLen));
+        EXPECT_EQ(0,
+                  client.DataReq(c.m_sSend.data(), static_cast<unsigned short>(c.m_sSend.size()), recv, c.m_nRecvLen));
         EXPECT_EQ(ToHex(c.m_sRequest), ToHex(Frames(1).at(0)));
     }
 }
@@ -192,9 +192,10 @@ TEST_F(CSPITest, SynchronousSequenceHandsOutTheAnswerFromItsResultByteOn)
 TEST_F(CSPITest, AsynchronousSequenceIsCollectedLaterByItsId)
 {
     // Answers carry the request's id so that each collection can be told apart.
-    m_oGateway.SetHandler([](const std::string& f) {
-        return Cnf(0x0314, FrameId(f), Frame({0, 0x11, static_cast<int>(FrameId(f))}));
-    });
+    m_oGateway.SetHandler(
+        [](const std::string& f) {
+            return Cnf(0x0314, FrameId(f), Frame({0, 0x11, static_cast<int>(FrameId(f))}));
+        });
     short first = -1, second = -1;
     EXPECT_EQ(0, m_oClient.SequenceReq("\x10\x20", 2, &first));
     EXPECT_EQ(0, m_oClient.SequenceReq("\x10\x20", 2, &second));
@@ -228,14 +229,22 @@ TEST_F(CSPITest, AsynchronousSequenceReportsBadOrMissingAnswers)
         std::string m_sOut;
     };
     const SCase cases[] = {
-        {"device error", [](const std::string& f) { return Cnf(0x0314, FrameId(f), Frame({0x31, 0x77})); }, 0x0331,
-         Hex("77 EE")},
+        {"device error",
+         [](const std::string& f) {
+             return Cnf(0x0314, FrameId(f), Frame({0x31, 0x77}));
+         },
+         0x0331, Hex("77 EE")},
         {"empty confirmation", [](const std::string& f) { return Cnf(0x0314, FrameId(f), ""); }, 0x0C0300,
          Hex("EE EE")},
-        {"wrong command", [](const std::string& f) { return Cnf(0x0303, FrameId(f), Frame({0, 0x77})); },
+        {"wrong command",
+         [](const std::string& f) {
+             return Cnf(0x0303, FrameId(f), Frame({0, 0x77}));
+         },
          TARVIK_ERR_NOT_CONFIRMED, Hex("EE EE")},
         {"wrong check byte",
-         [](const std::string& f) { return TelegramWithCheck(0x8314, FrameId(f), Frame({0, 0x77}), 0); },
+         [](const std::string& f) {
+             return TelegramWithCheck(0x8314, FrameId(f), Frame({0, 0x77}), 0);
+         },
          TARVIK_ERR_CRC, Hex("EE EE")},
         {"no answer", nullptr, TARVIK_ERR_TIMEOUT, Hex("EE EE")},
     };
@@ -332,16 +341,15 @@ TEST(TarvikClientSPIHelpers, EEPROMSlaveAddressCarriesTheHighOffsetBits)
         unsigned int m_nAddress;
     };
     const SCase cases[] = {
-        {0, 0x0134, 0x0108, 0xA2},  // 8 address bits, one extra: offset bit 8 in bit 1
-        {5, 0x0000, 0x0010, 0xAA},  // no extra bits: three sub-address bits
-        {7, 0x0000, 0x0008, 0xAE},
-        {0, 0x0134, 0x0008, 0xA0},  // without extra bits the offset stays out
-        {0, 0x0080, 0x0107, 0xA2},  // 7 address bits, one extra: offset bit 7
-        {7, 0x03FF, 0x0208, 0xAE},  // two extra bits, one sub-address bit
-        {3, 0x0700, 0x0308, 0xAE},  // three extra bits, no sub-address
-        {3, 0x1FFFF, 0x0110, 0xAE}, // 16 address bits, one extra: offset bit 16
-        {0, 0x10000, 0x0114, 0xA2}, // more than 16 address bits count as 16
-        {2, 0x1234, 0x0410, 0xA4},  // flag bits above bit 9 are ignored
+        {0, 0x0134, 0x0108, 0xA2},                             // 8 address bits, one extra: offset bit 8 in bit 1
+        {5, 0x0000, 0x0010, 0xAA},                             // no extra bits: three sub-address bits
+        {7, 0x0000, 0x0008, 0xAE},  {0, 0x0134, 0x0008, 0xA0}, // without extra bits the offset stays out
+        {0, 0x0080, 0x0107, 0xA2},                             // 7 address bits, one extra: offset bit 7
+        {7, 0x03FF, 0x0208, 0xAE},                             // two extra bits, one sub-address bit
+        {3, 0x0700, 0x0308, 0xAE},                             // three extra bits, no sub-address
+        {3, 0x1FFFF, 0x0110, 0xAE},                            // 16 address bits, one extra: offset bit 16
+        {0, 0x10000, 0x0114, 0xA2},                            // more than 16 address bits count as 16
+        {2, 0x1234, 0x0410, 0xA4},                             // flag bits above bit 9 are ignored
     };
     for (const SCase& c : cases)
         EXPECT_EQ(c.m_nAddress, CTarvikClientSPI::GetEEPROMSlaveAddress(c.m_nSub, c.m_nOffset, c.m_nFlags))

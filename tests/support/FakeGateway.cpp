@@ -20,8 +20,8 @@ constexpr size_t kReadChunk = 65536;
 
 size_t FrameSize(const std::string& buffer)
 {
-    return static_cast<size_t>(static_cast<unsigned char>(buffer[0]) |
-                               (static_cast<unsigned char>(buffer[1]) << 8)) + 2;
+    return static_cast<size_t>(static_cast<unsigned char>(buffer[0]) | (static_cast<unsigned char>(buffer[1]) << 8)) +
+           2;
 }
 
 void CloseFd(int& fd)
@@ -41,17 +41,8 @@ struct CFakeGateway::SClient
 };
 
 CFakeGateway::CFakeGateway()
-    : m_nPort(0),
-      m_eMode(eModeAnswer),
-      m_nListenFd(-1),
-      m_nFillerFd(-1),
-      m_anWakeFd{-1, -1},
-      m_bStop(false),
-      m_nAnswerDelayMs(0),
-      m_nAccepted(0),
-      m_nPeerClosed(0),
-      m_bCloseRequested(false),
-      m_nCloseGeneration(0)
+    : m_nPort(0), m_eMode(eModeAnswer), m_nListenFd(-1), m_nFillerFd(-1), m_anWakeFd{-1, -1}, m_bStop(false),
+      m_nAnswerDelayMs(0), m_nAccepted(0), m_nPeerClosed(0), m_bCloseRequested(false), m_nCloseGeneration(0)
 {
 }
 
