@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -347,6 +348,31 @@ TEST(MolEvent, WaitEndsOnSignalFromAnotherThreadOrAfterItsTime)
     EXPECT_TRUE(event.Wait(kWaitMs));
     EXPECT_LT(ElapsedMs(start), kWaitMs);
     signaller.join();
+}
+
+// Two threads sharing one client's event must both look again on every signal,
+// or one of them sleeps through the confirmation it waits for.
+TEST(MolEvent, OneSignalWakesEveryWaiter)
+{
+    CMolEvent event;
+    std::atomic<int> woken{0};
+    std::atomic<int> waiting{0};
+    auto waiter = [&]
+    {
+        ++waiting;
+        if (event.Wait(kWaitMs))
+            ++woken;
+    };
+    std::thread first(waiter);
+    std::thread second(waiter);
+    while (waiting < 2)
+        std::this_thread::yield();
+    // Both threads are inside Wait (or about to be) before the single signal.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    event.Signal();
+    first.join();
+    second.join();
+    EXPECT_EQ(woken, 2);
 }
 
 TEST(MolMutex, LockWithTimeOutFailsWhileAnotherThreadHoldsIt)

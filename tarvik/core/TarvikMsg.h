@@ -22,7 +22,8 @@ public:
 
     CTarvikMsg();
     CTarvikMsg(unsigned short cmd, short id, const char* data, unsigned short len);
-    // Takes the payload by move; longer payloads than 65530 bytes make an invalid telegram.
+    // Takes the payload by move. The length field is 16 bits wide: a payload of more
+    // than 65530 bytes cannot be sent (CTarvikClient refuses it before sending).
     CTarvikMsg(unsigned short cmd, short id, std::string&& data);
     // Parses a received frame (see SetMessage(const char*, unsigned short)).
     CTarvikMsg(const char* frame, unsigned short len);

@@ -7,7 +7,7 @@ namespace
 constexpr unsigned int kInfinite = 0xFFFFFFFFu;
 }
 
-CMolEvent::CMolEvent() : m_bSignalled(false) {}
+CMolEvent::CMolEvent() : m_bSignalled(false), m_nGeneration(0) {}
 
 CMolEvent::~CMolEvent() = default;
 
@@ -16,8 +16,9 @@ void CMolEvent::Signal()
     {
         std::lock_guard<std::mutex> lock(m_oMutex);
         m_bSignalled = true;
+        ++m_nGeneration;
     }
-    m_oCond.notify_one();
+    m_oCond.notify_all();
 }
 
 void CMolEvent::Reset()
@@ -29,9 +30,11 @@ void CMolEvent::Reset()
 bool CMolEvent::Wait(unsigned int timeoutMs)
 {
     std::unique_lock<std::mutex> lock(m_oMutex);
+    const unsigned long generation = m_nGeneration;
+    auto woken = [this, generation] { return m_bSignalled || m_nGeneration != generation; };
     if (timeoutMs == kInfinite)
-        m_oCond.wait(lock, [this] { return m_bSignalled; });
-    else if (!m_oCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return m_bSignalled; }))
+        m_oCond.wait(lock, woken);
+    else if (!m_oCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), woken))
         return false;
     m_bSignalled = false;
     return true;

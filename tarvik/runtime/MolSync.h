@@ -9,7 +9,9 @@
 #include <mutex>
 #include <thread>
 
-// Event: Signal() wakes one Wait(); Wait() consumes the signal (auto-reset).
+// Event: Signal() wakes every thread in Wait() and is consumed by the wake-up (a
+// signal with nobody waiting is kept for the next Wait()). Waking all waiters lets
+// several threads share one event and each re-check its own condition.
 class TARVIK_API CMolEvent
 {
 public:
@@ -27,6 +29,7 @@ private:
     std::mutex m_oMutex;
     std::condition_variable m_oCond;
     bool m_bSignalled;
+    unsigned long m_nGeneration;
 };
 
 // Mutex whose Lock() takes a time-out; 0xFFFFFFFF waits forever.
