@@ -1,0 +1,180 @@
+#include "CliFormat.h"
+
+#include "tarvik/core/TarvikResult.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+namespace
+{
+int HexDigit(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    return -1;
+}
+
+bool IsByteSeparator(char c)
+{
+    return std::isspace(static_cast<unsigned char>(c)) || c == ':' || c == ',' || c == '-' || c == '.';
+}
+
+bool HasHexPrefix(const std::string& text, size_t pos)
+{
+    return pos + 1 < text.size() && text[pos] == '0' && (text[pos + 1] == 'x' || text[pos + 1] == 'X');
+}
+
+[[noreturn]] void FailUsage(const std::string& what, const std::string& text, const char* why)
+{
+    CliFail(what + ": " + why + ": \"" + text + "\"", eCliExitUsage);
+}
+} // namespace
+
+std::string CliHexBytes(const void* data, size_t len, const char* sep)
+{
+    const unsigned char* bytes = static_cast<const unsigned char*>(data);
+    std::string out;
+    char digits[3];
+    for (size_t i = 0; i < len; ++i)
+    {
+        if (i != 0)
+            out += sep;
+        std::snprintf(digits, sizeof(digits), "%02X", bytes[i]);
+        out += digits;
+    }
+    return out;
+}
+
+std::string CliHex(unsigned long value, int digits)
+{
+    char text[32];
+    std::snprintf(text, sizeof(text), "0x%0*lX", digits, value);
+    return text;
+}
+
+std::string CliParseHexBytes(const std::string& text, const std::string& what)
+{
+    std::string bytes;
+    size_t pos = 0;
+    while (pos < text.size())
+    {
+        if (IsByteSeparator(text[pos]))
+        {
+            ++pos;
+            continue;
+        }
+        // "0x" belongs to the byte after it; "0x0" alone is the byte 0 followed by junk.
+        if (HasHexPrefix(text, pos) && pos + 2 < text.size() && HexDigit(text[pos + 2]) >= 0)
+            pos += 2;
+        bool paired = pos + 1 < text.size() && !IsByteSeparator(text[pos + 1]);
+        int high = HexDigit(text[pos]);
+        int low = paired ? HexDigit(text[pos + 1]) : 0;
+        if (high < 0 || low < 0)
+            FailUsage(what, text, "not a hex digit");
+        if (!paired)
+            FailUsage(what, text, "odd number of hex digits");
+        bytes += static_cast<char>(high << 4 | low);
+        pos += 2;
+    }
+    return bytes;
+}
+
+unsigned long CliParseNumber(const std::string& text, unsigned long max, const std::string& what)
+{
+    if (text.empty() || text[0] == '-' || text[0] == '+' || std::isspace(static_cast<unsigned char>(text[0])))
+        FailUsage(what, text, "not a number");
+    // Base 10 unless "0x": a leading zero must not switch to octal.
+    int base = HasHexPrefix(text, 0) ? 16 : 10;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long value = std::strtoul(text.c_str(), &end, base);
+    if (end == text.c_str() || *end != '\0')
+        FailUsage(what, text, "not a number");
+    if (errno == ERANGE || value > max)
+        FailUsage(what, text, ("larger than " + std::to_string(max)).c_str());
+    return value;
+}
+
+long CliParseSigned(const std::string& text, const std::string& what)
+{
+    bool negative = !text.empty() && text[0] == '-';
+    unsigned long magnitude = CliParseNumber(negative ? text.substr(1) : text, 0xFFFFFFFFul, what);
+    // Codes above 0x7FFFFFFF are accepted as their 32-bit pattern.
+    long value = static_cast<long>(static_cast<int>(static_cast<unsigned int>(magnitude)));
+    if (negative)
+    {
+        if (magnitude > 0x80000000ul)
+            FailUsage(what, text, "out of range");
+        value = -static_cast<long>(magnitude);
+    }
+    return value;
+}
+
+void CliCheck(int result, const std::string& what)
+{
+    if (result != 0)
+        CliFail(what + ": " + TarvikErrorMsg(result) + " (" + CliHex(static_cast<unsigned int>(result), 6) + ")");
+}
+
+CCliJson& CCliJson::AddRaw(const char* key, const std::string& value)
+{
+    if (!m_sBody.empty())
+        m_sBody += ",";
+    m_sBody += Quote(key) + ":" + value;
+    return *this;
+}
+
+CCliJson& CCliJson::AddText(const char* key, const std::string& value)
+{
+    return AddRaw(key, Quote(value));
+}
+
+CCliJson& CCliJson::AddNumber(const char* key, long long value)
+{
+    return AddRaw(key, std::to_string(value));
+}
+
+CCliJson& CCliJson::AddBool(const char* key, bool value)
+{
+    return AddRaw(key, value ? "true" : "false");
+}
+
+std::string CCliJson::Quote(const std::string& text)
+{
+    std::string out = "\"";
+    for (char c : text)
+    {
+        unsigned char u = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\')
+            out += std::string("\\") + c;
+        else if (u < 0x20 || u == 0x7F)
+        {
+            // Control bytes of a device's status text must not break the line.
+            char escaped[8];
+            std::snprintf(escaped, sizeof(escaped), "\\u%04X", u);
+            out += escaped;
+        }
+        else
+            out += c;
+    }
+    return out + "\"";
+}
+
+std::string CCliJson::Array(const std::vector<std::string>& values)
+{
+    std::string out = "[";
+    for (size_t i = 0; i < values.size(); ++i)
+        out += (i != 0 ? "," : "") + values[i];
+    return out + "]";
+}
+
+void CliPrint(const SCliGlobals& globals, const std::string& text, const CCliJson& json)
+{
+    std::cout << (globals.m_bJson ? json.Str() : text) << "\n";
+}

@@ -1,0 +1,50 @@
+// The gateway connection of one command. A command makes a client of the device type
+// it needs and hands it to Open(), which connects it to the gateway at --host and
+// --port-index, or, with --sim or without --host, to a simulator that this process
+// starts on a free loopback port; with --trace every telegram is printed on stderr.
+#ifndef TARVIK_TOOLS_CLISESSION_H
+#define TARVIK_TOOLS_CLISESSION_H
+
+#include "TarvikCli.h"
+
+#include "tarvik/core/TarvikClient.h"
+
+#include <memory>
+#include <string>
+
+class CTarvikSimServer;
+
+class CCliSession
+{
+public:
+    explicit CCliSession(const SCliGlobals& globals);
+    // Stops the embedded simulator; declare the session before its client.
+    ~CCliSession();
+    CCliSession(const CCliSession&) = delete;
+    CCliSession& operator=(const CCliSession&) = delete;
+
+    // Connects and opens client; a failure ends the command with the library's text.
+    void Open(CTarvikClient& client);
+    // "Tarvik SPI at 127.0.0.1:5002", for messages.
+    const std::string& Describe() const { return m_sDescription; }
+    bool IsSimulated() const { return m_pSim != nullptr; }
+
+    // Device type from a short name ("spi", "dio", ...) or a number; fails the command
+    // for anything else.
+    static ETarvikDevice ParseDeviceType(const std::string& name);
+    // Short names for help texts: "firmware, i2c, can, spi, ...".
+    static std::string DeviceTypeNames();
+
+private:
+    // Starts the simulator with a device of type; returns its port.
+    unsigned short StartSimulator(ETarvikDevice type);
+
+    const SCliGlobals& m_oGlobals;
+    std::unique_ptr<CTarvikSimServer> m_pSim;
+    std::string m_sDescription;
+};
+
+// Prints every telegram of client on stderr, one decoded line each.
+void CliInstallTracePrinter(CTarvikClient& client);
+
+#endif
