@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# A short tour: the tarvik tool against the simulator inside its own process, then the
+# C example against a tarvik-sim server on 127.0.0.1.
+#
+#   bash examples/demo.sh BUILDDIR
+set -euo pipefail
+
+build=${1:?usage: demo.sh BUILDDIR}
+build=$(cd "$build" && pwd)
+tarvik=$build/tools/tarvik
+sim=$build/sim/tarvik-sim
+spi_demo=$build/examples/spi_demo
+for program in "$tarvik" "$sim" "$spi_demo"; do
+    if [ ! -x "$program" ]; then
+        echo "demo.sh: $program is not built" >&2
+        exit 1
+    fi
+done
+
+# Shows the command as a user would type it, then runs it.
+step() {
+    local shown arg
+    shown=$(basename "$1")
+    for arg in "${@:2}"; do
+        case $arg in
+            *" "*) shown+=" \"$arg\"" ;;
+            *) shown+=" $arg" ;;
+        esac
+    done
+    echo
+    echo "\$ $shown"
+    "$@"
+}
+
+echo "== the tarvik tool; without --host it starts a simulator inside the process"
+step "$tarvik" info
+step "$tarvik" status
+# One process, so one simulated EEPROM: write enable, write 4 bytes at 0x0040, read them back.
+step "$tarvik" spi xfer 06 "02 0040 CAFE1234" 030040+4
+step "$tarvik" --trace spi globals
+step "$tarvik" errcode 0x0330
+step "$tarvik" ping -n 100
+
+echo
+echo "== the C example against tarvik-sim on 127.0.0.1:5002"
+sim_pid=
+stop_sim() {
+    if [ -n "$sim_pid" ]; then
+        kill "$sim_pid" 2>/dev/null || true
+        wait "$sim_pid" 2>/dev/null || true
+    fi
+}
+trap stop_sim EXIT
+
+"$sim" --host 127.0.0.1 --devices spi &
+sim_pid=$!
+# Wait for the port (bash's /dev/tcp), at most 5 s.
+wait_for_port() {
+    for _ in $(seq 50); do
+        if (exec 3<>/dev/tcp/127.0.0.1/5002) 2>/dev/null; then
+            return 0
+        fi
+        kill -0 "$sim_pid" 2>/dev/null || return 1
+        sleep 0.1
+    done
+    return 1
+}
+if ! wait_for_port; then
+    echo "demo.sh: tarvik-sim does not listen on 127.0.0.1:5002 (port taken?)" >&2
+    exit 1
+fi
+step "$spi_demo" 127.0.0.1
