@@ -7,6 +7,7 @@ BENCH_BUILD ?= build-bench
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
+COMPONENTS = -DTARVIK_BUILD_TESTS=ON -DTARVIK_BUILD_SIM=ON -DTARVIK_BUILD_TOOLS=ON -DTARVIK_BUILD_EXAMPLES=ON
 
 PACKAGES = cmake make g++ pkg-config libboost-dev libgtest-dev libgmock-dev \
            libbenchmark-dev libcli11-dev srecord
@@ -29,7 +30,7 @@ deps:
 	fi
 
 configure: deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(COMPONENTS) $(CMAKE_ARGS)
 
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
@@ -40,7 +41,7 @@ test: build
 	$(MAKE) test-asan
 
 test-asan: deps
-	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARVIK_SANITIZE=ON $(CMAKE_ARGS)
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARVIK_SANITIZE=ON $(COMPONENTS) $(CMAKE_ARGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ASAN_OPTIONS=abort_on_error=1:detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD) -j $(JOBS) --output-on-failure -LE script
