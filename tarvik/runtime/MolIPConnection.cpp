@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -145,9 +146,13 @@ int CMolIPConnection::ConnectReq(const char* host, unsigned short port, unsigned
     if (m_aBuffer.size() < kInitialBufferSize)
         m_aBuffer.resize(kInitialBufferSize);
     m_nState.store(eStateConnected, std::memory_order_release);
+    // ConnectInd(true) runs on the receive thread but is over before ConnectReq
+    // returns, so the connect report always comes before the first telegram sent.
+    std::promise<void> announced;
+    std::future<void> done = announced.get_future();
     try
     {
-        m_oReceiver = std::thread(&CMolIPConnection::ReceiveLoop, this);
+        m_oReceiver = std::thread(&CMolIPConnection::ReceiveLoop, this, &announced);
     }
     catch (...)
     {
@@ -156,6 +161,7 @@ int CMolIPConnection::ConnectReq(const char* host, unsigned short port, unsigned
         m_nSocket = -1;
         return eResultSocketError;
     }
+    done.wait();
     return eResultSuccess;
 }
 
@@ -263,10 +269,11 @@ void CMolIPConnection::ApplyAlive()
     SetIntOption(m_nSocket, IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(m_nAliveMs) * 3);
 }
 
-void CMolIPConnection::ReceiveLoop()
+void CMolIPConnection::ReceiveLoop(std::promise<void>* announced)
 {
     int fd = m_nSocket;
     ConnectInd(true);
+    announced->set_value();
     size_t filled = 0;
     for (;;)
     {

@@ -5,6 +5,7 @@
 #include "tarvik/core/TarvikExport.h"
 
 #include <atomic>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -86,7 +87,7 @@ protected:
     virtual bool IsConnectMsgAccepted(const std::string& msg);
 
 private:
-    void ReceiveLoop();
+    void ReceiveLoop(std::promise<void>* announced);
     size_t CutFrames(size_t filled);
     int OpenSocket(const char* host, unsigned short port, unsigned int timeoutMs);
     void ApplyAlive();
