@@ -64,9 +64,9 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
 {
     switch (cmd)
     {
-    case eCmdInfo: answer = data.empty() ? Answer(eResultOk, GetInfoRecord()) : Answer(eResultFailed); return true;
-    case eCmdStatus: answer = data.empty() ? Answer(eResultOk, StatusText()) : Answer(eResultFailed); return true;
-    case eCmdRestart:
+    case CTarvikClient::eCmdInfo: answer = data.empty() ? Answer(eResultOk, GetInfoRecord()) : Answer(eResultFailed); return true;
+    case CTarvikClient::eCmdStatus: answer = data.empty() ? Answer(eResultOk, StatusText()) : Answer(eResultFailed); return true;
+    case CTarvikClient::eCmdRestart:
         if (!data.empty())
         {
             answer = Answer(eResultFailed);
@@ -75,11 +75,11 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
         RestartLocked();
         answer = Answer(eResultOk);
         return true;
-    case eCmdBaseReadDigital:
+    case CTarvikClient::eCmdBaseReadDigital:
         answer = data.empty() ? Answer(eResultOk, CTarvikMsg::ToChar(m_nInputs) + CTarvikMsg::ToChar(m_nOutputs))
                               : Answer(eResultFailed);
         return true;
-    case eCmdBaseWriteDigital:
+    case CTarvikClient::eCmdBaseWriteDigital:
         if (data.size() != 4)
         {
             answer = Answer(eResultFailed);
@@ -88,7 +88,7 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
         m_nOutputs = ReadLE32(data, 0);
         answer = Answer(eResultOk);
         return true;
-    case eCmdReadAnalog:
+    case CTarvikClient::eCmdReadAnalog:
     {
         if (!data.empty())
         {
@@ -101,7 +101,7 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
         answer = Answer(eResultOk, values);
         return true;
     }
-    case eCmdWriteAnalog:
+    case CTarvikClient::eCmdWriteAnalog:
         if (data.size() % 4 != 0 || data.size() / 4 > m_anAnalog.size())
         {
             answer = Answer(eResultFailed);

@@ -27,23 +27,14 @@
 #include <chrono>
 #include <cstddef>
 #include <mutex>
+#include "tarvik/core/TarvikClient.h"
+
 #include <string>
 #include <vector>
 
 class CTarvikSimDevice
 {
 public:
-    enum ECommand
-    {
-        eCmdInfo = 0x09,
-        eCmdStatus = 0x0A,
-        eCmdRestart = 0x0C,
-        eCmdBaseReadDigital = 0x40,
-        eCmdBaseWriteDigital = 0x41,
-        eCmdReadAnalog = 0x42,
-        eCmdWriteAnalog = 0x43,
-    };
-
     enum EResult
     {
         eResultOk = 0x00,
