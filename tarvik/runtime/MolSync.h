@@ -26,10 +26,14 @@ public:
     bool Wait(unsigned int timeoutMs);
 
 private:
+    // How long Wait() yields before it blocks.
+    static constexpr int kSpinUs = 50;
+    bool TrySpin(unsigned long generation);
+
     std::mutex m_oMutex;
     std::condition_variable m_oCond;
-    bool m_bSignalled;
-    unsigned long m_nGeneration;
+    std::atomic<bool> m_bSignalled;
+    std::atomic<unsigned long> m_nGeneration;
 };
 
 // Mutex whose Lock() takes a time-out; 0xFFFFFFFF waits forever.
