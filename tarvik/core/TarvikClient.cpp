@@ -161,7 +161,7 @@ int CTarvikClient::SendMsg(const CTarvikMsg& req, CTarvikMsg& cnf, const unsigne
 
 CTarvikMsg* CTarvikClient::WaitForMsg(short id, const unsigned int* waitMs)
 {
-    // The spec'd wait is signed: a wait of 2^31 ms or more does not wait at all.
+    // The wait is taken as signed: a wait of 2^31 ms or more does not wait at all.
     int32_t remaining = static_cast<int32_t>(waitMs != nullptr ? *waitMs : m_nTimeout);
     int64_t deadlineUs = MolMonotonicMicroSeconds() + static_cast<int64_t>(remaining) * 1000;
     CTarvikMsg* msg = GetMsg(id);
