@@ -87,7 +87,7 @@ CTarvikSimServer::~CTarvikSimServer()
 
 unsigned short CTarvikSimServer::GetStandardPort(ETarvikDevice type, unsigned int index)
 {
-    return static_cast<unsigned short>(kBasePort + static_cast<unsigned int>(type) + 100u * index);
+    return TarvikDevicePort(type, static_cast<int>(index));
 }
 
 int CTarvikSimServer::AddDevice(ETarvikDevice type, const std::string& host, unsigned short port, unsigned int index)

@@ -30,15 +30,13 @@ class CTarvikSimConnection;
 class CTarvikSimServer
 {
 public:
-    // Port of device type t at port index i: kBasePort + t + 100 × i.
-    static constexpr unsigned short kBasePort = 4999;
-
     CTarvikSimServer();
     // Stops the server.
     ~CTarvikSimServer();
     CTarvikSimServer(const CTarvikSimServer&) = delete;
     CTarvikSimServer& operator=(const CTarvikSimServer&) = delete;
 
+    // Port of device type t at port index i: 4999 + t + 100 x i (the gateways' own scheme).
     static unsigned short GetStandardPort(ETarvikDevice type, unsigned int index = 0);
 
     // Creates the model of the type and binds its listening socket at once, so GetPort()

@@ -35,13 +35,6 @@ const SDeviceName kDeviceNames[] = {
 
 const char* const kSimHost = "127.0.0.1";
 
-// The gateway's port: 4999 + type (5099 for the firmware service) + 100 per index.
-unsigned short GatewayPort(ETarvikDevice type, int index)
-{
-    int base = type == eTarvikFirmware ? 5099 : 4999 + static_cast<int>(type);
-    return static_cast<unsigned short>(base + 100 * index);
-}
-
 std::string DeviceLabel(ETarvikDevice type)
 {
     std::string name = TarvikDeviceName(type);
@@ -60,7 +53,7 @@ void CCliSession::Open(CTarvikClient& client)
     ETarvikDevice type = client.GetDeviceType();
     bool simulated = m_oGlobals.m_bSim || m_oGlobals.m_sHost.empty();
     std::string host = simulated ? kSimHost : m_oGlobals.m_sHost;
-    unsigned short port = simulated ? StartSimulator(type) : GatewayPort(type, m_oGlobals.m_nPortIndex);
+    unsigned short port = simulated ? StartSimulator(type) : TarvikDevicePort(type, m_oGlobals.m_nPortIndex);
     m_sDescription = DeviceLabel(type) + " at " + host + ":" + std::to_string(port);
     if (simulated)
         m_sDescription += " (simulator)";

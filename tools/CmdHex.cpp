@@ -1,4 +1,5 @@
 // tarvik hex: inspect, convert and dump memory image files (Intel HEX, S-record, binary).
+#include "CliFormat.h"
 #include "TarvikCli.h"
 
 #include "tarvik/hexfile/TarvikHexfile.h"
@@ -17,8 +18,6 @@ namespace
 // Bytes dumped per call to the image, so that a dump of any range needs little memory.
 constexpr uint64_t kDumpChunkLines = 4096;
 constexpr unsigned int kMaxDumpWidth = 256;
-// Exit code for arguments that cannot be used (as the option parser's own errors).
-constexpr int kExitUsage = 2;
 
 struct SHexOptions
 {
@@ -41,50 +40,10 @@ const char* FormatName(CTarvikHexfile::EType type)
     }
 }
 
-// Decimal, or hexadecimal with a 0x prefix.
-uint64_t ParseAddress(const std::string& text, const char* option)
-{
-    bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    const std::string digits = hex ? text.substr(2) : text;
-    const std::string allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
-    if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos || digits.size() > (hex ? 16u : 19u))
-        CliFail(std::string("invalid address for ") + option + ": " + text, kExitUsage);
-    return std::stoull(digits, nullptr, hex ? 16 : 10);
-}
-
 void LoadImage(CTarvikHexfile& image, const std::string& file)
 {
     if (image.LoadFile(file.c_str()) != 0)
         CliFail(image.GetErrorMessage());
-}
-
-std::string Hex32(uint64_t value)
-{
-    char text[24];
-    std::snprintf(text, sizeof(text), "0x%08" PRIX64, value);
-    return text;
-}
-
-std::string JsonString(const std::string& text)
-{
-    std::string out = "\"";
-    for (unsigned char c : text)
-    {
-        if (c == '"' || c == '\\')
-        {
-            out += '\\';
-            out += static_cast<char>(c);
-        }
-        else if (c < 0x20)
-        {
-            char escape[8];
-            std::snprintf(escape, sizeof(escape), "\\u%04x", c);
-            out += escape;
-        }
-        else
-            out += static_cast<char>(c);
-    }
-    return out + "\"";
 }
 
 void RunInfo(const SHexOptions& options, const SCliGlobals& globals)
@@ -94,28 +53,33 @@ void RunInfo(const SHexOptions& options, const SCliGlobals& globals)
     const auto& blocks = image.GetMemoryBlocks();
     if (globals.m_bJson)
     {
-        std::cout << "{\"file\":" << JsonString(options.m_sFile) << ",\"format\":\"" << FormatName(image.m_eType)
-                  << "\",\"blocks\":[";
-        for (size_t i = 0; i < blocks.size(); ++i)
-        {
-            const auto* block = blocks[i];
-            std::cout << (i > 0 ? "," : "") << "{\"start\":" << block->m_nStartAddress
-                      << ",\"end\":" << block->m_nStartAddress + block->m_nLength - 1
-                      << ",\"size\":" << block->m_nLength << "}";
-        }
-        std::cout << "],\"total\":" << image.GetTotalBytes() << ",\"min\":" << image.m_nMinAddr
-                  << ",\"max\":" << image.m_nMaxAddr << "}\n";
+        std::vector<std::string> list;
+        for (const auto* block : blocks)
+            list.push_back(CCliJson()
+                               .AddNumber("start", static_cast<long long>(block->m_nStartAddress))
+                               .AddNumber("end", static_cast<long long>(block->m_nStartAddress + block->m_nLength - 1))
+                               .AddNumber("size", static_cast<long long>(block->m_nLength))
+                               .Str());
+        std::cout << CCliJson()
+                         .AddText("file", options.m_sFile)
+                         .AddText("format", FormatName(image.m_eType))
+                         .AddRaw("blocks", CCliJson::Array(list))
+                         .AddNumber("total", static_cast<long long>(image.GetTotalBytes()))
+                         .AddNumber("min", static_cast<long long>(image.m_nMinAddr))
+                         .AddNumber("max", static_cast<long long>(image.m_nMaxAddr))
+                         .Str()
+                  << "\n";
         return;
     }
     std::cout << "file:   " << options.m_sFile << "\n"
               << "format: " << FormatName(image.m_eType) << "\n"
               << "blocks: " << blocks.size() << "\n";
     for (const auto* block : blocks)
-        std::cout << "  start " << Hex32(block->m_nStartAddress) << "  end "
-                  << Hex32(block->m_nStartAddress + block->m_nLength - 1) << "  size " << block->m_nLength << "\n";
+        std::cout << "  start " << CliHex(block->m_nStartAddress, 8) << "  end "
+                  << CliHex(block->m_nStartAddress + block->m_nLength - 1, 8) << "  size " << block->m_nLength << "\n";
     std::cout << "total:  " << image.GetTotalBytes() << " bytes\n"
-              << "min:    " << Hex32(image.m_nMinAddr) << "\n"
-              << "max:    " << Hex32(image.m_nMaxAddr) << "\n";
+              << "min:    " << CliHex(image.m_nMinAddr, 8) << "\n"
+              << "max:    " << CliHex(image.m_nMaxAddr, 8) << "\n";
 }
 
 void RunConvert(const SHexOptions& options)
@@ -137,10 +101,10 @@ void RunDump(const SHexOptions& options)
     LoadImage(image, options.m_sFile);
     if (image.GetMemoryBlocks().empty())
         return;
-    uint64_t from = options.m_sFrom.empty() ? 0 : ParseAddress(options.m_sFrom, "--from");
-    uint64_t to = options.m_sTo.empty() ? image.m_nMaxAddr : ParseAddress(options.m_sTo, "--to");
+    uint64_t from = options.m_sFrom.empty() ? 0 : CliParseNumber(options.m_sFrom, ~0ul, "--from");
+    uint64_t to = options.m_sTo.empty() ? image.m_nMaxAddr : CliParseNumber(options.m_sTo, ~0ul, "--to");
     if (from > to)
-        CliFail("--from " + options.m_sFrom + " is above --to " + options.m_sTo, kExitUsage);
+        CliFail("--from " + options.m_sFrom + " is above --to " + options.m_sTo, eCliExitUsage);
     if (from > image.m_nMaxAddr)
         return;
     to = std::min(to, image.m_nMaxAddr);

@@ -1,11 +1,5 @@
 #include "tarvik/clients/TarvikClientSPI.h"
 
-namespace
-{
-// Largest data field whose length field (data + 5) still fits in 16 bits.
-constexpr unsigned short kMaxPayload = 0xFFFF - 5;
-} // namespace
-
 CTarvikClientSPI::CTarvikClientSPI(int timeoutMs)
     : CTarvikClient(eTarvikSPI, static_cast<unsigned int>(timeoutMs)), m_nReserved(100000)
 {
@@ -69,16 +63,7 @@ int CTarvikClientSPI::SequenceReq(const char* seq, unsigned short len, char* out
 
 int CTarvikClientSPI::SequenceReq(const char* seq, unsigned short len, short* id)
 {
-    // Refused like Request() does: a wrapped length field would put the device out
-    // of step with the byte stream.
-    if (seq != nullptr && len > kMaxPayload)
-        return TARVIK_ERR_INVALID_PARAMETER;
-    short msgID = NextMsgID();
-    CTarvikMsg req(MakeCmdCode(eCmdSequence), msgID, seq, len);
-    int result = SendMsg(req);
-    if (id != nullptr)
-        *id = msgID;
-    return result;
+    return Post(eCmdSequence, seq, len, id);
 }
 
 int CTarvikClientSPI::SequenceGetCnf(short id, char* out, unsigned short outLen)

@@ -5,8 +5,6 @@
 
 namespace
 {
-// Largest payload whose length field (payload + 5) still fits in 16 bits.
-constexpr size_t kMaxPayload = 0xFFFF - 5;
 constexpr unsigned int kInfinite = 0xFFFFFFFFu;
 
 int64_t WallClockMicroSeconds()
@@ -94,7 +92,7 @@ int CTarvikClient::Close()
 int CTarvikClient::Connect(const char* host, unsigned short port, unsigned char protocol, bool flag)
 {
     if (port == 0)
-        port = static_cast<unsigned short>(m_nDeviceType == 0 ? 5099 : 4999 + m_nDeviceType);
+        port = TarvikDevicePort(m_nDeviceType);
     int result = m_oConnection.ConnectReq(host, port, m_nTimeout, static_cast<unsigned char>(m_nDeviceType),
                                           static_cast<CMolIPBase::EProtocol>(protocol), std::string(), flag);
     return ConvertTCPRetCode(result);
@@ -332,7 +330,7 @@ int CTarvikClient::Request(unsigned char cmd, const char* data, size_t len, CTar
 
 int CTarvikClient::Request(unsigned char cmd, std::string&& payload, CTarvikReply& reply, const unsigned int* waitMs)
 {
-    if (payload.size() > kMaxPayload)
+    if (payload.size() > CTarvikMsg::kMaxData)
     {
         reply.Set(TARVIK_ERR_INVALID_PARAMETER, TARVIK_ERR_INVALID_PARAMETER, nullptr);
         return reply.Result();
@@ -342,6 +340,19 @@ int CTarvikClient::Request(unsigned char cmd, std::string&& payload, CTarvikRepl
     int transport = SendMsg(req, cnf, waitMs);
     int result = (transport == 0 && cnf != nullptr) ? GetCnfRetCode(*cnf) : transport;
     reply.Set(transport, result, cnf);
+    return result;
+}
+
+int CTarvikClient::Post(unsigned char cmd, const char* data, size_t len, short* id)
+{
+    // A wrapped length field would put the device out of step with the byte stream.
+    if (data != nullptr && len > CTarvikMsg::kMaxData)
+        return TARVIK_ERR_INVALID_PARAMETER;
+    short msgID = NextMsgID();
+    CTarvikMsg req(MakeCmdCode(cmd), msgID, data, static_cast<unsigned short>(len));
+    int result = SendMsg(req);
+    if (id != nullptr)
+        *id = msgID;
     return result;
 }
 

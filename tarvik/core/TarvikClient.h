@@ -182,6 +182,10 @@ protected:
     // Checks a collected confirmation against the request's command code:
     // 0x040000 when none, 0x0A0000 bad check byte, 0x0B0000 wrong code, else 0.
     static int CheckCnf(const CTarvikMsg* cnf, unsigned short reqCode);
+    // Sends cmd without waiting (no event reset); *id (may be null) receives the message
+    // id to Collect() its confirmation with. An over-long payload gives 0x920000
+    // without drawing an id or sending.
+    int Post(unsigned char cmd, const char* data, size_t len, short* id);
     // Collects the confirmation of an earlier asynchronous request into reply.
     int Collect(short id, unsigned short reqCode, CTarvikReply& reply, const unsigned int* waitMs = nullptr);
 

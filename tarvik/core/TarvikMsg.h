@@ -19,6 +19,8 @@ public:
     static constexpr unsigned short kOverhead = 7;
     // Bit of the command code that marks a confirmation.
     static constexpr unsigned short kConfirmationBit = 0x8000;
+    // Largest data field whose length field (data size + 5) fits in 16 bits.
+    static constexpr size_t kMaxData = 0xFFFF - 5;
 
     CTarvikMsg();
     CTarvikMsg(unsigned short cmd, short id, const char* data, unsigned short len);

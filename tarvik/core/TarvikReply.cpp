@@ -31,23 +31,7 @@ bool CTarvikReply::ReadU8(size_t pos, unsigned char& value) const
     return true;
 }
 
-bool CTarvikReply::ReadU16(size_t pos, unsigned short& value) const
-{
-    if (pos > Size() || Size() - pos < 2)
-        return false;
-    CTarvikMsg::FromChar(value, Data() + pos);
-    return true;
-}
-
 bool CTarvikReply::ReadU32(size_t pos, unsigned int& value) const
-{
-    if (pos > Size() || Size() - pos < 4)
-        return false;
-    CTarvikMsg::FromChar(value, Data() + pos);
-    return true;
-}
-
-bool CTarvikReply::ReadI32(size_t pos, int& value) const
 {
     if (pos > Size() || Size() - pos < 4)
         return false;

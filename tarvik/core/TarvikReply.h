@@ -21,19 +21,13 @@ public:
     int Transport() const { return m_nTransport; }
     // Transport result, or, when that is 0, the device's result code.
     int Result() const { return m_nResult; }
-    bool HasCnf() const { return m_pCnf != nullptr; }
-    const CTarvikMsg* Cnf() const { return m_pCnf.get(); }
-    // Gives up ownership of the confirmation.
-    CTarvikMsg* Release() { return m_pCnf.release(); }
 
     // Payload size (0 without a confirmation); byte 0 is the device's result byte.
     size_t Size() const;
     const char* Data() const;
     // Readers return false and leave value untouched when the bytes are not all there.
     bool ReadU8(size_t pos, unsigned char& value) const;
-    bool ReadU16(size_t pos, unsigned short& value) const;
     bool ReadU32(size_t pos, unsigned int& value) const;
-    bool ReadI32(size_t pos, int& value) const;
     // Copies min(max, Size() - pos) bytes from pos (nothing when pos is past the end).
     size_t CopyTo(size_t pos, void* out, size_t max) const;
     // The payload from pos to the end (empty when pos is past the end).

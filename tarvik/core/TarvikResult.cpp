@@ -85,6 +85,12 @@ std::string TarvikErrorMsg(int code)
     }
 }
 
+unsigned short TarvikDevicePort(int type, int portIndex)
+{
+    int base = type == eTarvikFirmware ? 5099 : 4999 + type;
+    return static_cast<unsigned short>(base + 100 * portIndex);
+}
+
 std::string TarvikDeviceName(int type)
 {
     if (type < 1 || type > 9)

@@ -56,6 +56,9 @@ enum ETarvikDevice
 TARVIK_API std::string TarvikErrorMsg(int code);
 // Display name of a device type, "Tarvik ???" outside 1..9.
 TARVIK_API std::string TarvikDeviceName(int type);
+// TCP port of a gateway: 4999 + device type (5099 for the firmware service of
+// type 0), plus 100 per port index.
+TARVIK_API unsigned short TarvikDevicePort(int type, int portIndex = 0);
 // Transport or library part (bits 16..23) of a result code.
 inline int TarvikErrorTransport(int code) { return (code >> 16) & 0xFF; }
 // Device type part (bits 8..15) of a result code.

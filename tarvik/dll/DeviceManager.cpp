@@ -11,7 +11,6 @@ namespace
 {
 constexpr unsigned char kMaxPortIndex = 99;
 constexpr unsigned char kMaxDeviceType = 17;
-constexpr int kBasePort = 4999;
 } // namespace
 
 CDevice::CDevice() : m_pClient(nullptr), m_nPort(0), m_nHandle(0), m_nDeviceType(0), m_bOwnsClient(false) {}
@@ -63,7 +62,7 @@ int CDeviceManager::OpenDevice(int* handle, const char* host, int timeoutMs, uns
         device->m_pClient = client;
         device->m_bOwnsClient = true;
         device->m_nHandle = *handle;
-        device->m_nPort = static_cast<unsigned short>(type + 100 * portIndex + kBasePort);
+        device->m_nPort = TarvikDevicePort(type, portIndex);
         device->m_sHost = host != nullptr ? host : "";
         device->m_nDeviceType = type;
     }

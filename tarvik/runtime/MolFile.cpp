@@ -2,7 +2,7 @@
 
 #include <sys/stat.h>
 
-CMolFileStatus::CMolFileStatus() : m_bExists(false), m_bRegular(false), m_nSize(0), m_nModifiedSeconds(0) {}
+CMolFileStatus::CMolFileStatus() : m_bExists(false), m_bRegular(false), m_nSize(0) {}
 
 CMolFileStatus::~CMolFileStatus() = default;
 
@@ -15,6 +15,5 @@ bool CMolFile::GetStatus(const char* path, CMolFileStatus& status)
     status.m_bExists = true;
     status.m_bRegular = S_ISREG(info.st_mode);
     status.m_nSize = static_cast<uint64_t>(info.st_size);
-    status.m_nModifiedSeconds = static_cast<int64_t>(info.st_mtime);
     return true;
 }

@@ -15,7 +15,6 @@ public:
     bool m_bExists;
     bool m_bRegular;
     uint64_t m_nSize;
-    int64_t m_nModifiedSeconds;
 };
 
 class TARVIK_API CMolFile
