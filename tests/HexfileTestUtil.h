@@ -18,32 +18,17 @@ namespace hexfile_test
 // Blocks as (start address, bytes), comparable with EXPECT_EQ.
 using Blocks = std::vector<std::pair<uint64_t, std::string>>;
 
-// A line as the reader hands it to the parsers: the newline became a NUL at its end.
-inline std::string Line(const std::string& text)
+inline Blocks ToBlocks(const std::vector<CTarvikHexfile::SMemoryBlock*>& blocks)
 {
-    return text + '\0';
+    Blocks result;
+    for (const auto* block : blocks)
+        result.emplace_back(block->m_nStartAddress, std::string(block->m_pData, block->m_nLength));
+    return result;
 }
 
 inline Blocks ImageBlocks(const CTarvikHexfile& image)
 {
-    Blocks result;
-    for (const auto* block : image.GetMemoryBlocks())
-        result.emplace_back(block->m_nStartAddress, std::string(block->m_pData, block->m_nLength));
-    return result;
-}
-
-// Builds the blocks of a page map, returns them as values and releases them.
-inline Blocks TakeBlocks(CTarvikHexfile::CByteMap& map)
-{
-    std::vector<CTarvikHexfile::SMemoryBlock*> blocks;
-    map.ToMemoryBlocks(blocks);
-    Blocks result;
-    for (auto* block : blocks)
-    {
-        result.emplace_back(block->m_nStartAddress, std::string(block->m_pData, block->m_nLength));
-        delete block;
-    }
-    return result;
+    return ToBlocks(image.GetMemoryBlocks());
 }
 
 inline std::string DataPath(const char* name)
@@ -74,11 +59,6 @@ public:
     CTempDir& operator=(const CTempDir&) = delete;
 
     std::string Path(const std::string& name) const { return m_sPath + "/" + name; }
-    std::string Write(const std::string& name, const std::string& content) const
-    {
-        std::ofstream(Path(name), std::ios::binary) << content;
-        return Path(name);
-    }
 
 private:
     std::string m_sPath;
