@@ -247,23 +247,31 @@ TEST_F(CCommandTest, AsynchronousSequenceIsCollectedLaterByItsId)
 
 TEST_F(CCommandTest, PayloadTooLongForATelegramIsRefusedWithoutSending)
 {
-    // The length field counts data + 5 in 16 bits: 65530 bytes of data at most.
+    // The length field counts data + 5 in 16 bits: 65530 bytes of data at most. A
+    // transfer's answer (result byte + one byte per byte clocked) must also arrive in
+    // a frame of at most 65535 bytes: 65527 bytes clocked at most.
     AnswerWith(Frame({0}));
     const std::string tooLong(65531, '\x5A');
     std::string recv(2, '\xEE');
     short id = 77;
     EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_pClient->DataReq(tooLong.data(), 65531, &recv[0], 2));
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_pClient->DataReq(tooLong.data(), 65528, &recv[0], 2));
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_pClient->DataReq(tooLong.data(), 2, &recv[0], 65528));
     EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_pClient->SequenceReq(tooLong.data(), 65531, &recv[0], 2));
     EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_pClient->SequenceReq(tooLong.data(), 65531, &id));
     EXPECT_EQ("EE EE", ToHex(recv));
     EXPECT_EQ(77, id);
-    // The longest goes out whole, and the stream stays in step after the refusals.
+    // The longest of each goes out whole, and the stream stays in step after the refusals.
+    EXPECT_EQ(0, m_pClient->DataReq(tooLong.data(), 65527, &recv[0], 2));
+    EXPECT_EQ(0, m_pClient->SequenceReq(tooLong.data(), 65530, &recv[0], 2));
     EXPECT_EQ(0, m_pClient->SequenceReq(tooLong.data(), 65530, &id));
     EXPECT_EQ(0, m_pClient->WriteDigital(1));
-    std::vector<std::string> frames = Frames(2);
-    ASSERT_EQ(2u, frames.size());
-    EXPECT_EQ(Telegram(0x0314, id, tooLong.substr(1)), frames[0]);
-    EXPECT_EQ(0x0341u, FrameCmd(frames[1]));
+    std::vector<std::string> frames = Frames(4);
+    ASSERT_EQ(4u, frames.size());
+    EXPECT_EQ(Telegram(0x0303, 2, tooLong.substr(4)), frames[0]);
+    EXPECT_EQ(Telegram(0x0314, 3, tooLong.substr(1)), frames[1]);
+    EXPECT_EQ(Telegram(0x0314, id, tooLong.substr(1)), frames[2]);
+    EXPECT_EQ(0x0341u, FrameCmd(frames[3]));
 }
 
 TEST(TarvikClientSPIHelpers, OffsetBytesAndEEPROMSlaveAddress)

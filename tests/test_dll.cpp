@@ -57,6 +57,17 @@ protected:
 };
 } // namespace
 
+// First in this file: run alone (as ctest does) or first, it draws the process's first handle.
+TEST(TarvikDll, TheFirstHandleOfAProcessIsOne)
+{
+    CFakeGateway gateway;
+    ASSERT_TRUE(gateway.StartOnLoopbackNet(kLoopbackNet, kSPIPort));
+    int handle = 0;
+    ASSERT_EQ(0, SPIOpenDevice(&handle, gateway.GetAddress().c_str(), kTimeoutMs));
+    EXPECT_EQ(1, handle);
+    EXPECT_EQ(0, SPICloseDevice(handle));
+}
+
 TEST(TarvikDll, TextCopiesDropTheFirstCharacterWhenShort)
 {
     auto version = [](char* buf, int size) { return DLLInfo(buf, size); };
@@ -153,6 +164,12 @@ TEST_F(CDllTest, UnsupportedTypeOrPortIndexIsRefused)
     CDeviceManager::SetDevice(&handle, device);
     EXPECT_EQ(m_nHandle + 2, handle);
     EXPECT_EQ(TARVIK_ERR_INVALID_DEVICE_TYPE, SPIWriteDigital(handle, 1));
+    EXPECT_EQ(0, CDeviceManager::CloseDevice(handle));
+    // Port index 99 is the last one: 4999 + 3 + 9900.
+    CFakeGateway far;
+    ASSERT_TRUE(far.StartOnLoopbackNet(kLoopbackNet, 14902));
+    EXPECT_EQ(0, CDeviceManager::OpenDevice(&handle, far.GetAddress().c_str(), kTimeoutMs, 3, 99, 1, true));
+    EXPECT_TRUE(far.WaitForAccepted(1, kWaitMs));
     EXPECT_EQ(0, CDeviceManager::CloseDevice(handle));
 }
 
