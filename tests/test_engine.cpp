@@ -24,31 +24,7 @@ constexpr unsigned int kWaitMs = 5000;
 // Loopback net of this program's gateways on fixed ports (127.0.41.x).
 constexpr unsigned char kLoopbackNet = 41;
 
-class CEngineTest : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_oGateway.Start("127.0.0.1"));
-        Connect(m_oClient);
-    }
-
-    // Returns once the gateway has accepted the client, so that Send() reaches it.
-    void Connect(CTarvikClient& client)
-    {
-        ASSERT_EQ(0, client.Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort()));
-        ASSERT_TRUE(m_oGateway.WaitForAccepted(++m_nClients, kWaitMs));
-    }
-    void Answer(std::function<std::string(short id)> answer)
-    {
-        m_oGateway.SetHandler([answer](const std::string& f) { return answer(FrameId(f)); });
-    }
-
-    CFakeGateway m_oGateway;
-    size_t m_nClients = 0;
-    CProbeClient m_oClient{kTimeoutMs};
-    std::unique_ptr<CTarvikMsg> m_pCnf;
-};
+typedef CProbeFixture<kTimeoutMs> CEngineTest;
 } // namespace
 
 TEST_F(CEngineTest, BadConfirmationsAreReportedAndStillHandedOver)

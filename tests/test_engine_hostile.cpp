@@ -96,23 +96,9 @@ private:
     std::vector<std::string> m_asSeen;
 };
 
-class CHostileTest : public ::testing::Test
+class CHostileTest : public CProbeFixture<kTimeoutMs>
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_oGateway.Start("127.0.0.1"));
-        Connect(m_oClient);
-    }
-    void Connect(CTarvikClient& client)
-    {
-        ASSERT_EQ(0, client.Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort()));
-        ASSERT_TRUE(m_oGateway.WaitForAccepted(++m_nClients, kWaitMs));
-    }
-    void Answer(std::function<std::string(short id)> answer)
-    {
-        m_oGateway.SetHandler([answer](const std::string& f) { return answer(FrameId(f)); });
-    }
     // One request; the time it took is added to the worst so far.
     int Transact(const std::string& data = std::string())
     {
@@ -132,10 +118,6 @@ protected:
         return false;
     }
 
-    CFakeGateway m_oGateway;
-    size_t m_nClients = 0;
-    CProbeClient m_oClient{kTimeoutMs};
-    std::unique_ptr<CTarvikMsg> m_pCnf;
     CClock::duration m_oSlowest{};
 };
 } // namespace

@@ -7,9 +7,12 @@
 
 #include "tarvik/core/TarvikClient.h"
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -109,6 +112,33 @@ private:
     std::vector<std::string> m_asLog;
 };
 
+// A scripted gateway on 127.0.0.1 and a probe client with this time-out, connected.
+template <unsigned int TTimeoutMs> class CProbeFixture : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_oGateway.Start("127.0.0.1"));
+        Connect(m_oClient);
+    }
+
+    // Returns once the gateway has accepted the client, so that Send() reaches it.
+    void Connect(CTarvikClient& client)
+    {
+        ASSERT_EQ(0, client.Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort()));
+        ASSERT_TRUE(m_oGateway.WaitForAccepted(++m_nClients, kProbeWaitMs));
+    }
+    // Answers every request with what answer makes of its message id.
+    void Answer(std::function<std::string(short id)> answer)
+    {
+        m_oGateway.SetHandler([answer](const std::string& f) { return answer(FrameId(f)); });
+    }
+
+    CFakeGateway m_oGateway;
+    size_t m_nClients = 0;
+    CProbeClient m_oClient{TTimeoutMs};
+    std::unique_ptr<CTarvikMsg> m_pCnf;
+};
 } // namespace tarvik_test
 
 #endif
