@@ -33,7 +33,7 @@ public:
         SetTraceSink(&CProbeClient::Sink, this);
     }
     // The receive thread calls into this class: stop it before the members go.
-    ~CProbeClient() override { GetConnection().Shutdown(); }
+    ~CProbeClient() override { StopConnection(); }
 
     using CTarvikClient::NextMsgID;
 

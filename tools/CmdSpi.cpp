@@ -19,6 +19,7 @@ class CCliClientSPI : public CTarvikClientSPI
 {
 public:
     using CTarvikClientSPI::CTarvikClientSPI;
+    ~CCliClientSPI() override { StopConnection(); }
 
     int Sequence(const std::string& script, std::string& answer)
     {

@@ -5,7 +5,10 @@ CTarvikClientSPI::CTarvikClientSPI(int timeoutMs)
 {
 }
 
-CTarvikClientSPI::~CTarvikClientSPI() = default;
+CTarvikClientSPI::~CTarvikClientSPI()
+{
+    StopConnection();
+}
 
 int CTarvikClientSPI::Open()
 {
@@ -44,8 +47,10 @@ int CTarvikClientSPI::DataReq(const char* send, unsigned short sendLen, char* re
     std::string payload(sendLen > recvLen ? sendLen : recvLen, '\0');
     if (send != nullptr && sendLen > 0)
         payload.replace(0, sendLen, send, sendLen);
+    // The answer is the result byte and one byte per byte clocked.
+    size_t answerLen = 1 + payload.size();
     CTarvikReply reply;
-    int result = Request(eCmdDataReq, std::move(payload), reply);
+    int result = Request(eCmdDataReq, std::move(payload), reply, nullptr, answerLen);
     if (reply.Transport() == 0)
         reply.CopyTo(1, recv, recvLen);
     return result;

@@ -28,6 +28,7 @@ public:
     };
 
     explicit CTarvikClientSPI(int timeoutMs);
+    // Stops the connection first (see CTarvikClient::StopConnection).
     ~CTarvikClientSPI() override;
 
     int Open() override;
@@ -38,7 +39,8 @@ public:
     int GetGlobals(unsigned int& rate, unsigned char& setting1, unsigned char& setting2, unsigned char& setting3);
     // Clocks out sendLen bytes, zero-padded to recvLen when that is larger, and copies
     // up to recvLen received bytes into recv whenever an answer arrived (even when the
-    // device reports an error).
+    // device reports an error). More than 65527 bytes either way give 0x920000 without
+    // sending: their answer would not fit in a telegram that can be received.
     int DataReq(const char* send, unsigned short sendLen, char* recv, unsigned short recvLen);
     // Runs a sequence and waits; out receives the answer from its result byte on.
     int SequenceReq(const char* seq, unsigned short len, char* out, unsigned short outLen);

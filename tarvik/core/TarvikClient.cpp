@@ -1,11 +1,30 @@
 #include "tarvik/core/TarvikClient.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 namespace
 {
-constexpr unsigned int kInfinite = 0xFFFFFFFFu;
+// What one stored confirmation costs beyond its data: telegram, item and map node.
+constexpr size_t kPendingEntryCost = 128;
+// Past a cap, the oldest entries go until this share of it is left, so that a flood
+// costs one sort per quarter of the cap and not one per telegram.
+constexpr size_t kPendingKeepNum = 3;
+constexpr size_t kPendingKeepDen = 4;
+
+std::atomic<unsigned long> s_nLateStops{0};
+
+// Sink calls under way on this thread, of any client: SetTraceSink from inside a
+// sink must not wait for itself.
+thread_local int t_nInTraceSink = 0;
+
+size_t PendingCost(const CTarvikMsg* msg)
+{
+    return kPendingEntryCost + (msg != nullptr ? msg->GetData().size() : 0);
+}
 
 int64_t WallClockMicroSeconds()
 {
@@ -60,27 +79,43 @@ bool CTarvikClient::CConnection::IsConnectMsgAccepted(const std::string&)
 // ---------------------------------------------------------------- CTarvikClient
 
 CTarvikClient::CTarvikClient(ETarvikDevice type, unsigned int timeout)
-    : m_nTimeout(timeout), m_nNextMsgID(0), m_nDeviceType(type), m_pTraceSink(nullptr), m_pTraceUser(nullptr)
+    : m_nTimeout(timeout), m_nPendingBytes(0), m_nNextMsgID(0), m_nDeviceType(type), m_bTracing(false),
+      m_pTraceSink(nullptr), m_pTraceUser(nullptr), m_nTraceCalls(0)
 {
     m_oConnection.SetParentClass(this);
 }
 
 CTarvikClient::~CTarvikClient()
 {
-    if (GetConnectState() == CMolIPBase::eStateConnected)
-        Disconnect();
-    // The receive thread must be gone before this object is, even after a peer close.
-    m_oConnection.Shutdown();
+    // A derived part that has gone already may have been called into: count it, so
+    // that a test can find a client class that forgot StopConnection().
+    if (m_oConnection.GetState() == CMolIPBase::eStateConnected)
+        s_nLateStops.fetch_add(1, std::memory_order_relaxed);
+    StopConnection();
     m_oConnection.SetParentClass(nullptr);
     CMolLock lock(m_oPendingMutex);
     for (auto& entry : m_aoPending)
         delete entry.second;
     m_aoPending.clear();
+    m_nPendingBytes = 0;
+}
+
+void CTarvikClient::StopConnection()
+{
+    if (GetConnectState() == CMolIPBase::eStateConnected)
+        Disconnect();
+    // Also after the peer closed: the thread may still be delivering the disconnect.
+    m_oConnection.Shutdown();
+}
+
+unsigned long CTarvikClient::GetLateStopCount()
+{
+    return s_nLateStops.load(std::memory_order_relaxed);
 }
 
 int CTarvikClient::Open()
 {
-    m_nNextMsgID = 2;
+    m_nNextMsgID.store(2, std::memory_order_relaxed);
     return 0;
 }
 
@@ -138,6 +173,9 @@ int CTarvikClient::CheckCnf(const CTarvikMsg* cnf, unsigned short reqCode)
 int CTarvikClient::SendMsg(const CTarvikMsg& req, CTarvikMsg*& cnf, const unsigned int* waitMs)
 {
     m_oCnfEvent.Reset();
+    // Whatever is stored under this id now came before the request: a late answer to an
+    // earlier use of the id, a duplicate, or one sent under a wrong id. Never this answer.
+    DiscardMsg(req.GetMsgID());
     int result = SendMsg(req);
     if (result != 0)
         return result;
@@ -186,9 +224,47 @@ CTarvikMsg* CTarvikClient::GetMsg(short id)
     if (it == m_aoPending.end())
         return nullptr;
     CTarvikMsg* msg = it->second->PopMsg();
+    m_nPendingBytes -= PendingCost(msg);
     delete it->second;
     m_aoPending.erase(it);
     return msg;
+}
+
+void CTarvikClient::DiscardMsg(short id)
+{
+    CMolLock lock(m_oPendingMutex);
+    auto it = m_aoPending.find(id);
+    if (it != m_aoPending.end())
+        ErasePending(it);
+}
+
+// Caller holds m_oPendingMutex.
+void CTarvikClient::ErasePending(std::map<short, CMessageItem*>::iterator it)
+{
+    CTarvikMsg* msg = it->second->PopMsg();
+    m_nPendingBytes -= PendingCost(msg);
+    delete msg;
+    delete it->second;
+    m_aoPending.erase(it);
+}
+
+void CTarvikClient::CapPending()
+{
+    if (m_aoPending.size() <= kMaxPendingCount && m_nPendingBytes <= kMaxPendingBytes)
+        return;
+    std::vector<std::pair<int64_t, short>> byAge;
+    byAge.reserve(m_aoPending.size());
+    for (const auto& entry : m_aoPending)
+        byAge.emplace_back(entry.second->GetReceived().GetNanoSeconds(), entry.first);
+    std::sort(byAge.begin(), byAge.end());
+    const size_t keepCount = kMaxPendingCount * kPendingKeepNum / kPendingKeepDen;
+    const size_t keepBytes = kMaxPendingBytes * kPendingKeepNum / kPendingKeepDen;
+    for (const auto& aged : byAge)
+    {
+        if (m_aoPending.size() <= keepCount && m_nPendingBytes <= keepBytes)
+            break;
+        ErasePending(m_aoPending.find(aged.second));
+    }
 }
 
 void CTarvikClient::RemoveOldMsgs()
@@ -199,13 +275,10 @@ void CTarvikClient::RemoveOldMsgs()
     CMolLock lock(m_oPendingMutex);
     for (auto it = m_aoPending.begin(); it != m_aoPending.end();)
     {
+        auto next = std::next(it);
         if (it->second->GetReceived() < limit)
-        {
-            delete it->second;
-            it = m_aoPending.erase(it);
-        }
-        else
-            ++it;
+            ErasePending(it);
+        it = next;
     }
 }
 
@@ -267,9 +340,11 @@ void CTarvikClient::StoreCnf(CTarvikMsg* cnf)
     if (!result.second)
     {
         // A second confirmation under the same id replaces the first.
-        delete result.first->second;
-        result.first->second = item;
+        ErasePending(result.first);
+        result = m_aoPending.emplace(cnf->GetMsgID(), item);
     }
+    m_nPendingBytes += PendingCost(cnf);
+    CapPending();
     m_oCnfEvent.Signal();
 }
 
@@ -317,20 +392,27 @@ unsigned short CTarvikClient::MakeCmdCode(unsigned char cmd) const
 
 short CTarvikClient::NextMsgID()
 {
-    short id = m_nNextMsgID;
-    m_nNextMsgID = static_cast<short>(static_cast<unsigned short>(id) + 1);
+    // Post-increment with a 16-bit wrap (atomic, so two threads never draw one id).
+    short id = m_nNextMsgID.load(std::memory_order_relaxed);
+    while (!m_nNextMsgID.compare_exchange_weak(id, static_cast<short>(static_cast<unsigned short>(id) + 1),
+                                               std::memory_order_relaxed))
+    {
+    }
     return id;
 }
 
 int CTarvikClient::Request(unsigned char cmd, const char* data, size_t len, CTarvikReply& reply,
-                           const unsigned int* waitMs)
+                           const unsigned int* waitMs, size_t answerLen)
 {
-    return Request(cmd, std::string(data != nullptr ? data : "", data != nullptr ? len : 0), reply, waitMs);
+    return Request(cmd, std::string(data != nullptr ? data : "", data != nullptr ? len : 0), reply, waitMs,
+                   answerLen);
 }
 
-int CTarvikClient::Request(unsigned char cmd, std::string&& payload, CTarvikReply& reply, const unsigned int* waitMs)
+int CTarvikClient::Request(unsigned char cmd, std::string&& payload, CTarvikReply& reply, const unsigned int* waitMs,
+                           size_t answerLen)
 {
-    if (payload.size() > CTarvikMsg::kMaxData)
+    // An answer that cannot reach us would only cost the caller a time-out.
+    if (payload.size() > CTarvikMsg::kMaxData || answerLen > kMaxCnfData)
     {
         reply.Set(TARVIK_ERR_INVALID_PARAMETER, TARVIK_ERR_INVALID_PARAMETER, nullptr);
         return reply.Result();
@@ -350,6 +432,7 @@ int CTarvikClient::Post(unsigned char cmd, const char* data, size_t len, short* 
         return TARVIK_ERR_INVALID_PARAMETER;
     short msgID = NextMsgID();
     CTarvikMsg req(MakeCmdCode(cmd), msgID, data, static_cast<unsigned short>(len));
+    DiscardMsg(msgID);
     int result = SendMsg(req);
     if (id != nullptr)
         *id = msgID;
@@ -367,15 +450,27 @@ int CTarvikClient::Collect(short id, unsigned short reqCode, CTarvikReply& reply
 
 void CTarvikClient::SetTraceSink(PTarvikTraceSink sink, void* user)
 {
-    m_pTraceUser.store(user, std::memory_order_release);
-    m_pTraceSink.store(sink, std::memory_order_release);
+    std::unique_lock<std::mutex> lock(m_oTraceMutex);
+    m_pTraceSink = sink;
+    m_pTraceUser = user;
+    m_bTracing.store(sink != nullptr, std::memory_order_release);
+    // From inside a sink the old sink is this very call: waiting would never end.
+    if (t_nInTraceSink == 0)
+        m_oTraceIdle.wait(lock, [this] { return m_nTraceCalls == 0; });
 }
 
 void CTarvikClient::Trace(STarvikTrace::EKind kind, const CTarvikMsg* msg, bool valid)
 {
-    PTarvikTraceSink sink = m_pTraceSink.load(std::memory_order_acquire);
-    if (sink == nullptr)
-        return;
+    PTarvikTraceSink sink = nullptr;
+    void* user = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_oTraceMutex);
+        sink = m_pTraceSink;
+        user = m_pTraceUser;
+        if (sink == nullptr)
+            return;
+        ++m_nTraceCalls;
+    }
     STarvikTrace trace = {};
     trace.m_eKind = kind;
     trace.m_nTimeUs = WallClockMicroSeconds();
@@ -390,7 +485,20 @@ void CTarvikClient::Trace(STarvikTrace::EKind kind, const CTarvikMsg* msg, bool 
         trace.m_nDataLen = msg->GetData().size();
         trace.m_bCRCValid = msg->IsCRCValid();
     }
-    sink(trace, m_pTraceUser.load(std::memory_order_acquire));
+    // Counted down however the sink returns, or SetTraceSink would wait for ever.
+    struct SCallDone
+    {
+        CTarvikClient& m_oClient;
+        ~SCallDone()
+        {
+            --t_nInTraceSink;
+            std::lock_guard<std::mutex> lock(m_oClient.m_oTraceMutex);
+            if (--m_oClient.m_nTraceCalls == 0)
+                m_oClient.m_oTraceIdle.notify_all();
+        }
+    } done{*this};
+    ++t_nInTraceSink;
+    sink(trace, user);
 }
 
 // ---------------------------------------------------------------- common commands

@@ -3,8 +3,20 @@
 // device client, and the commands that every gateway understands.
 //
 // Threads: the application's thread runs every public operation; one client serves
-// one calling thread at a time (the message id counter is not locked). The
-// connection's receive thread runs DataInd, ConInd and DataIndRespond.
+// one calling thread at a time. The connection's receive thread runs DataInd, ConInd
+// and DataIndRespond.
+//
+// Lifetime: C++ destroys a derived class's part before the base destructor runs, so
+// the receive thread must be stopped before any of it goes. Every client class of
+// this library calls StopConnection() first thing in its destructor; a class of
+// yours derived from a client must do the same in its own destructor:
+//
+//   class CMyClient : public CTarvikClientSPI
+//   {
+//   public:
+//       ~CMyClient() override { StopConnection(); }   // before my members go
+//       bool DataIndRespond(CTarvikMsg* msg) override;  // uses my members
+//   };
 #ifndef TARVIK_CORE_TARVIKCLIENT_H
 #define TARVIK_CORE_TARVIKCLIENT_H
 
@@ -18,8 +30,10 @@
 #include "tarvik/runtime/MolTime.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <string>
 
 // One telegram seen by a client, handed to the application's trace sink.
@@ -43,8 +57,9 @@ struct STarvikTrace
     bool m_bCRCValid;         // stored check byte equals the computed one
 };
 
-// Called on the calling thread (sent) or the receive thread (received); must not
-// block and must not call back into the client.
+// Called on the calling thread (sent) or the receive thread (received, connected,
+// disconnected), without any lock of the library held; must not block for long and
+// must not call back into the client.
 typedef void (*PTarvikTraceSink)(const STarvikTrace& trace, void* user);
 
 class TARVIK_API CTarvikClient
@@ -96,7 +111,13 @@ public:
         CTarvikClient* m_pParent;
     };
 
+    // Stored confirmations are capped: past either limit the oldest are dropped, so
+    // that no device, however many answers nobody asked for it sends, can grow a client.
+    static constexpr size_t kMaxPendingCount = 4096;
+    static constexpr size_t kMaxPendingBytes = 4u << 20;
+
     CTarvikClient(ETarvikDevice type, unsigned int timeout);
+    // Stops the connection (StopConnection()) and drops every stored confirmation.
     virtual ~CTarvikClient();
     CTarvikClient(const CTarvikClient&) = delete;
     CTarvikClient& operator=(const CTarvikClient&) = delete;
@@ -110,6 +131,14 @@ public:
     // Returns 0, 1 (connection limit) or a transport code (0x020000..0x060000).
     int Connect(const char* host, unsigned short port = 0, unsigned char protocol = 1, bool flag = true);
     int Disconnect();
+    // Disconnects and waits until the receive thread has ended: once it returns, no
+    // callback (DataInd, ConInd, DataIndRespond, the trace sink) runs on this object
+    // until the next Connect. The first call in the destructor of every class derived
+    // from a client. Must not be called from a callback (there it only disconnects).
+    void StopConnection();
+    // Clients destroyed so far whose receive thread was still running when the base
+    // destructor began: a derived class that does not call StopConnection() first.
+    static unsigned long GetLateStopCount();
     // The connection's state; 3 = connected.
     int GetConnectState() const;
     CMolIPConnection& GetConnection() { return m_oConnection; }
@@ -127,6 +156,7 @@ public:
     // Result code of a confirmation: 0x0C0000 | type << 8 when empty, else its result byte | type << 8.
     virtual int GetCnfRetCode(const CTarvikMsg& cnf);
     // Sends req and waits for its confirmation (waitMs null: the client's time-out).
+    // A confirmation stored earlier under req's id is stale and dropped before sending.
     // 0: cnf is the confirmation; 0x040000: none came; 0x0A0000: bad check byte;
     // 0x0B0000: wrong command code (cnf is handed over in these two cases too);
     // a transport code from the send (cnf untouched). The caller deletes cnf.
@@ -162,8 +192,10 @@ public:
     int ReadAnalog(unsigned int& first, unsigned int* values, unsigned short& count);
     int WriteAnalog(const unsigned int* values, unsigned short count);
 
-    // Trace sink for every telegram sent and received; null switches it off.
-    // Set it while the client is idle.
+    // Trace sink for every telegram sent and received; null switches it off. Sink and
+    // user change together. Any thread may call it at any time, except from a sink:
+    // it returns once no call of the old sink is under way, so the old user data may
+    // then be released. Do not call it while holding a lock that the old sink takes.
     void SetTraceSink(PTarvikTraceSink sink, void* user);
 
 protected:
@@ -171,14 +203,19 @@ protected:
     unsigned short MakeCmdCode(unsigned char cmd) const;
     // Takes the next message id (post-increment, 16-bit wrap).
     short NextMsgID();
+    // Largest confirmation data field that can reach the client: a frame's size travels
+    // in 16 bits on the receive side, so 65535 - 7 bytes.
+    static constexpr size_t kMaxCnfData = 0xFFFF - CTarvikMsg::kOverhead;
     // The one request/confirmation step of every device command: draws the id,
     // sends cmd with payload, waits (waitMs null: the time-out) and hands back the
     // confirmation in reply. Returns reply.Result(): the send-and-wait result, or
     // when that is 0 GetCnfRetCode of the confirmation. A payload longer than a
-    // telegram can carry gives 0x920000 without sending.
+    // telegram can carry, or an answer of answerLen data bytes (result byte included)
+    // longer than kMaxCnfData, gives 0x920000 without sending.
     int Request(unsigned char cmd, const char* data, size_t len, CTarvikReply& reply,
-                const unsigned int* waitMs = nullptr);
-    int Request(unsigned char cmd, std::string&& payload, CTarvikReply& reply, const unsigned int* waitMs = nullptr);
+                const unsigned int* waitMs = nullptr, size_t answerLen = 0);
+    int Request(unsigned char cmd, std::string&& payload, CTarvikReply& reply, const unsigned int* waitMs = nullptr,
+                size_t answerLen = 0);
     // Checks a collected confirmation against the request's command code:
     // 0x040000 when none, 0x0A0000 bad check byte, 0x0B0000 wrong code, else 0.
     static int CheckCnf(const CTarvikMsg* cnf, unsigned short reqCode);
@@ -190,22 +227,35 @@ protected:
     int Collect(short id, unsigned short reqCode, CTarvikReply& reply, const unsigned int* waitMs = nullptr);
 
     void Trace(STarvikTrace::EKind kind, const CTarvikMsg* msg, bool valid);
-    bool IsTracing() const { return m_pTraceSink.load(std::memory_order_acquire) != nullptr; }
+    bool IsTracing() const { return m_bTracing.load(std::memory_order_acquire); }
 
 private:
     friend class CConnection;
     void StoreCnf(CTarvikMsg* cnf);
+    // Drops the stored confirmation under id, if any.
+    void DiscardMsg(short id);
+    // Caller holds m_oPendingMutex. Drops the oldest entries past the caps.
+    void CapPending();
+    void ErasePending(std::map<short, CMessageItem*>::iterator it);
     void OnConnectInd(bool connected);
 
     CConnection m_oConnection;
     unsigned int m_nTimeout;
     std::map<short, CMessageItem*> m_aoPending;
+    size_t m_nPendingBytes;
     CMolMutex m_oPendingMutex;
-    short m_nNextMsgID;
+    std::atomic<short> m_nNextMsgID;
     int m_nDeviceType;
     CMolEvent m_oCnfEvent;
-    std::atomic<PTarvikTraceSink> m_pTraceSink;
-    std::atomic<void*> m_pTraceUser;
+    // The trace sink and its user pointer change together under m_oTraceMutex; the
+    // flag lets an untraced client skip the lock. m_nTraceCalls counts sink calls
+    // under way, so that SetTraceSink can wait for the old sink to be done.
+    std::atomic<bool> m_bTracing;
+    std::mutex m_oTraceMutex;
+    std::condition_variable m_oTraceIdle;
+    PTarvikTraceSink m_pTraceSink;
+    void* m_pTraceUser;
+    unsigned int m_nTraceCalls;
 };
 
 #endif

@@ -16,11 +16,9 @@
 
 namespace
 {
-unsigned short ReadLE16(const char* p)
-{
-    return static_cast<unsigned short>(static_cast<unsigned char>(p[0]) |
-                                       (static_cast<unsigned char>(p[1]) << 8));
-}
+// The connection whose receive thread this is (null on every other thread). Set by
+// the thread itself, so it is right even before ConnectReq has stored the handle.
+thread_local const CMolIPConnection* t_pReceiving = nullptr;
 
 void SetBlocking(int fd)
 {
@@ -66,7 +64,7 @@ int FinishConnect(int fd, int64_t deadlineUs)
 CMolIPBase::~CMolIPBase() = default;
 
 CMolIPConnection::CMolIPConnection()
-    : m_nState(eStateIdle), m_nSocket(-1), m_nSendTimeoutMs(0), m_nAliveMs(0)
+    : m_nState(eStateIdle), m_nSocket(-1), m_nSendTimeoutMs(0), m_nFrameTimeoutMs(kMinFrameTimeoutMs), m_nAliveMs(0)
 {
 }
 
@@ -77,7 +75,7 @@ CMolIPConnection::~CMolIPConnection()
 
 bool CMolIPConnection::OnReceiveThread() const
 {
-    return m_oReceiver.joinable() && m_oReceiver.get_id() == std::this_thread::get_id();
+    return t_pReceiving == this;
 }
 
 int CMolIPConnection::OpenSocket(const char* host, unsigned short port, unsigned int timeoutMs)
@@ -142,9 +140,9 @@ int CMolIPConnection::ConnectReq(const char* host, unsigned short port, unsigned
         return result;
     }
     m_nSendTimeoutMs = 0;
+    m_nFrameTimeoutMs = timeoutMs > kMinFrameTimeoutMs ? timeoutMs : kMinFrameTimeoutMs;
     ApplyAlive();
-    if (m_aBuffer.size() < kInitialBufferSize)
-        m_aBuffer.resize(kInitialBufferSize);
+    m_oCutter.Reset();
     m_nState.store(eStateConnected, std::memory_order_release);
     // ConnectInd(true) runs on the receive thread but is over before ConnectReq
     // returns, so the connect report always comes before the first telegram sent.
@@ -162,7 +160,9 @@ int CMolIPConnection::ConnectReq(const char* host, unsigned short port, unsigned
         return eResultSocketError;
     }
     done.wait();
-    return eResultSuccess;
+    // The connect report may have closed it again (a Disconnect() from a callback),
+    // or the peer closed at once.
+    return m_nState.load(std::memory_order_acquire) == eStateConnected ? eResultSuccess : eResultNotConnected;
 }
 
 int CMolIPConnection::DisconnectReq(unsigned int)
@@ -271,51 +271,61 @@ void CMolIPConnection::ApplyAlive()
 
 void CMolIPConnection::ReceiveLoop(std::promise<void>* announced)
 {
+    t_pReceiving = this;
     int fd = m_nSocket;
     ConnectInd(true);
     announced->set_value();
-    size_t filled = 0;
+    const int64_t frameTimeoutUs = static_cast<int64_t>(m_nFrameTimeoutMs) * 1000;
+    int64_t frameDeadlineUs = 0;
     for (;;)
     {
-        ssize_t n = recv(fd, m_aBuffer.data() + filled, m_aBuffer.size() - filled, 0);
+        // Between frames the thread blocks in recv() alone; a frame under way must end in time.
+        if (m_oCutter.GetPending() > 0 && !WaitForRest(fd, frameDeadlineUs))
+            break;
+        size_t space = 0;
+        char* into = m_oCutter.GetSpace(space);
+        ssize_t n = recv(fd, into, space, 0);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             break;
-        filled = CutFrames(filled + static_cast<size_t>(n));
+        bool wasPending = m_oCutter.GetPending() > 0;
+        size_t frames = m_oCutter.Commit(static_cast<size_t>(n), &CMolIPConnection::DeliverFrame, this);
+        // The clock runs from the first byte of the frame now at the front.
+        if (m_oCutter.GetPending() > 0 && (frames > 0 || !wasPending))
+            frameDeadlineUs = MolMonotonicMicroSeconds() + frameTimeoutUs;
+    }
+    {
+        // The peer learns at once that this side has given up on the stream.
+        std::lock_guard<std::mutex> send(m_oSendMutex);
+        ::shutdown(fd, SHUT_RDWR);
     }
     m_nState.store(eStateClosed, std::memory_order_release);
     ConnectInd(false);
+    t_pReceiving = nullptr;
 }
 
-// Hands every complete frame in the buffer to DataInd, keeps the incomplete rest
-// at the front and grows the buffer when the next frame is larger than it.
-size_t CMolIPConnection::CutFrames(size_t filled)
+// False when the rest of the frame did not come before the deadline (or the wait failed).
+bool CMolIPConnection::WaitForRest(int fd, int64_t deadlineUs)
 {
-    size_t pos = 0;
-    size_t need = 0;
-    while (filled - pos >= 2)
+    for (;;)
     {
-        size_t frame = static_cast<size_t>(ReadLE16(m_aBuffer.data() + pos)) + 2;
-        if (filled - pos < frame)
-        {
-            need = frame;
-            break;
-        }
-        DataInd(m_aBuffer.data() + pos, static_cast<unsigned short>(frame));
-        pos += frame;
+        int64_t leftUs = deadlineUs - MolMonotonicMicroSeconds();
+        if (leftUs <= 0)
+            return false;
+        int64_t leftMs = (leftUs + 999) / 1000;
+        struct pollfd pfd = {fd, POLLIN, 0};
+        int ready = poll(&pfd, 1, leftMs > 0x7FFFFFFF ? -1 : static_cast<int>(leftMs));
+        if (ready > 0)
+            return true;
+        if (ready < 0 && errno != EINTR)
+            return false;
     }
-    size_t rest = filled - pos;
-    if (pos > 0 && rest > 0)
-        std::memmove(m_aBuffer.data(), m_aBuffer.data() + pos, rest);
-    if (need > m_aBuffer.size())
-    {
-        size_t grown = m_aBuffer.size() * 2;
-        while (grown < need)
-            grown *= 2;
-        m_aBuffer.resize(grown < kMaxFrameSize ? grown : kMaxFrameSize);
-    }
-    return rest;
+}
+
+void CMolIPConnection::DeliverFrame(void* self, const char* frame, size_t len)
+{
+    static_cast<CMolIPConnection*>(self)->DataInd(frame, len <= 0xFFFF ? static_cast<unsigned short>(len) : 0);
 }
 
 void CMolIPConnection::DataInd(const char*, unsigned short) {}

@@ -3,8 +3,10 @@
 #define TARVIK_RUNTIME_MOLIPCONNECTION_H
 
 #include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/MolFrameCutter.h"
 
 #include <atomic>
+#include <cstdint>
 #include <future>
 #include <mutex>
 #include <string>
@@ -48,13 +50,16 @@ public:
 // One TCP connection. Telegrams are cut from the byte stream by their 2-byte
 // little-endian length prefix and handed to DataInd() one at a time, in arrival
 // order, on the connection's receive thread.
+//
+// A frame that has begun must be complete within the connect time-out (at least
+// kMinFrameTimeoutMs): a peer that stalls mid-frame, or sent a length field that
+// nothing follows, has lost step with the stream, and the connection ends as if
+// the peer had closed it (ConnectInd(false)).
 class TARVIK_API CMolIPConnection : public CMolIPBase
 {
 public:
-    // Largest block DataInd() can be given: a 65535 length field plus the prefix.
-    static constexpr size_t kMaxFrameSize = 65537;
-    // The receive buffer starts this small and grows on demand.
-    static constexpr size_t kInitialBufferSize = 4096;
+    // Shortest wait for the rest of a frame, whatever the connect time-out.
+    static constexpr unsigned int kMinFrameTimeoutMs = 100;
 
     CMolIPConnection();
     ~CMolIPConnection() override;
@@ -65,7 +70,8 @@ public:
     // flag are accepted for the callers' sake and do not change the connection.
     int ConnectReq(const char* host, unsigned short port, unsigned int timeoutMs, unsigned char deviceType,
                    CMolIPBase::EProtocol protocol, const std::string& connectMsg, bool flag);
-    // Closes the connection and joins the receive thread (unless called on it).
+    // Closes the connection and joins the receive thread. Called on the receive
+    // thread (from a callback) it only closes; the thread ends after the callback.
     int DisconnectReq(unsigned int timeoutMs);
     // Sends one whole frame; partial writes are completed, a closed peer gives an error, never SIGPIPE.
     int DataReq(const char* data, unsigned short len, unsigned int timeoutMs);
@@ -75,12 +81,16 @@ public:
     // user time-out, so that a dead peer ends in ConnectInd(false). 0 switches it off.
     void SetAlive(unsigned int ms);
     int GetState() const { return m_nState.load(std::memory_order_acquire); }
-    // Stops the receive thread and closes the socket without further callbacks' effect.
+    // Closes the connection and joins the receive thread: once it returns, no callback
+    // runs or will run until the next ConnectReq. Does nothing on the receive thread.
     void Shutdown();
+    // True on this connection's own receive thread (inside a callback).
+    bool OnReceiveThread() const;
 
 protected:
-    // Called on the receive thread once per complete telegram; len = length field + 2
-    // (a block of more than 65535 bytes arrives with its length cut to 16 bits).
+    // Called on the receive thread once per complete telegram; len = length field + 2.
+    // A frame too long for a 16-bit size (65536 or 65537 bytes) arrives as an empty
+    // block, so that it is dropped as malformed and the stream stays in step.
     virtual void DataInd(const char* data, unsigned short len);
     // Called on the receive thread after the connection came up and when it ended.
     virtual void ConnectInd(bool connected);
@@ -88,20 +98,21 @@ protected:
 
 private:
     void ReceiveLoop(std::promise<void>* announced);
-    size_t CutFrames(size_t filled);
+    bool WaitForRest(int fd, int64_t deadlineUs);
+    static void DeliverFrame(void* self, const char* frame, size_t len);
     int OpenSocket(const char* host, unsigned short port, unsigned int timeoutMs);
     void ApplyAlive();
     void JoinReceiver();
-    bool OnReceiveThread() const;
 
     std::atomic<int> m_nState;
     int m_nSocket;
     std::thread m_oReceiver;
-    std::vector<char> m_aBuffer;
+    CMolFrameCutter m_oCutter;
     std::mutex m_oSendMutex;
     std::mutex m_oLifeMutex;
     unsigned int m_nSendTimeoutMs;
-    unsigned int m_nAliveMs;
+    unsigned int m_nFrameTimeoutMs;
+    std::atomic<unsigned int> m_nAliveMs;
 };
 
 #endif
