@@ -227,8 +227,8 @@ void CTarvikSimServer::AcceptClients(SEndpoint& endpoint)
         {
             // A gateway with all its connection slots taken accepts and closes at once,
             // so the client learns it at its first request instead of hanging.
-            ::close(fd);
             ++m_nRefused;
+            ::close(fd);
             continue;
         }
         // Answers are small and awaited one by one: do not let Nagle hold them back.
