@@ -81,19 +81,23 @@ int RunRoundTrips(const char* host, unsigned short port, long rounds)
     long warmUp = std::min(rounds, kWarmUpRounds);
     for (long i = 0; i < warmUp; ++i)
         failures += GetGlobalsOnce(client) ? 0 : 1;
+    // Read and printed once before the figure is taken, so that the stream buffers of
+    // both are not counted as growth.
+    std::printf("client RSS before warm-up: %ld KiB\n", ReadStatusKb("self", "VmRSS"));
     long hwmWarm = ReadStatusKb("self", "VmHWM");
-    long rssWarm = ReadStatusKb("self", "VmRSS");
+    std::printf("client RSS after warm-up (%ld rounds): %ld KiB (peak %ld KiB)\n", warmUp,
+                ReadStatusKb("self", "VmRSS"), hwmWarm);
+    std::fflush(stdout);
     auto start = std::chrono::steady_clock::now();
     for (long i = warmUp; i < rounds; ++i)
         failures += GetGlobalsOnce(client) ? 0 : 1;
     double took = Seconds(start);
     long timed = rounds - warmUp;
+    long hwmEnd = ReadStatusKb("self", "VmHWM");
+    std::printf("client RSS at the end: %ld KiB (peak %ld KiB, %+ld KiB since warm-up)\n",
+                ReadStatusKb("self", "VmRSS"), hwmEnd, hwmEnd - hwmWarm);
     std::printf("round trips: %ld GetGlobals on one client, %ld failed, %.1f s, %.1f us each\n", rounds, failures,
                 took, timed > 0 ? took * 1e6 / static_cast<double>(timed) : 0.0);
-    std::printf("client RSS after warm-up (%ld rounds): %ld KiB (peak %ld KiB)\n", warmUp, rssWarm, hwmWarm);
-    std::printf("client RSS at the end: %ld KiB (peak %ld KiB, %+ld KiB since warm-up)\n",
-                ReadStatusKb("self", "VmRSS"), ReadStatusKb("self", "VmHWM"),
-                ReadStatusKb("self", "VmHWM") - hwmWarm);
     client.Disconnect();
     return failures == 0 ? 0 : 1;
 }
