@@ -96,8 +96,8 @@ int RunRoundTrips(const char* host, unsigned short port, long rounds)
     long hwmEnd = ReadStatusKb("self", "VmHWM");
     std::printf("client RSS at the end: %ld KiB (peak %ld KiB, %+ld KiB since warm-up)\n",
                 ReadStatusKb("self", "VmRSS"), hwmEnd, hwmEnd - hwmWarm);
-    std::printf("round trips: %ld GetGlobals on one client, %ld failed, %.1f s, %.1f us each\n", rounds, failures,
-                took, timed > 0 ? took * 1e6 / static_cast<double>(timed) : 0.0);
+    std::printf("round trips: %ld GetGlobals on one client, %ld failed, %.1f s, %.1f us each\n", rounds, failures, took,
+                timed > 0 ? took * 1e6 / static_cast<double>(timed) : 0.0);
     client.Disconnect();
     return failures == 0 ? 0 : 1;
 }
@@ -160,9 +160,8 @@ long RunWave(const SScale& scale, int wave)
     failures += failed.load();
     long selfPeak = ReadStatusKb("self", "VmRSS");
     long simPeak = ReadStatusKb(scale.m_sSimPid, "VmRSS");
-    std::printf("wave %d: %d clients connected in %.2f s, %ld requests in %.2f s, %ld failed\n", wave,
-                scale.m_nClients, connected, static_cast<long>(scale.m_nClients) * scale.m_nRequests, served,
-                failures);
+    std::printf("wave %d: %d clients connected in %.2f s, %ld requests in %.2f s, %ld failed\n", wave, scale.m_nClients,
+                connected, static_cast<long>(scale.m_nClients) * scale.m_nRequests, served, failures);
     std::printf("wave %d: client process RSS %ld -> %ld KiB, %.1f KiB per client\n", wave, selfBefore, selfPeak,
                 static_cast<double>(selfPeak - selfBefore) / scale.m_nClients);
     for (auto& client : clients)

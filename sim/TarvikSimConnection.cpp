@@ -38,8 +38,8 @@ uint64_t Mix(uint64_t z)
 
 CTarvikSimConnection::CTarvikSimConnection(int socket, CTarvikSimDevice& device, const STarvikSimFaults& faults,
                                            int wakeFd)
-    : m_nSocket(socket), m_oDevice(device), m_oFaults(faults), m_nWakeFd(wakeFd), m_bFinished(false),
-      m_bStop(false), m_nRequests(0), m_nDraws(0), m_nUnasked(0), m_bStalled(false), m_aReceive(kInitialBuffer)
+    : m_nSocket(socket), m_oDevice(device), m_oFaults(faults), m_nWakeFd(wakeFd), m_bFinished(false), m_bStop(false),
+      m_nRequests(0), m_nDraws(0), m_nUnasked(0), m_bStalled(false), m_aReceive(kInitialBuffer)
 {
 }
 

@@ -12,16 +12,11 @@
 namespace
 {
 const std::map<std::string, ETarvikSimFault> kFaultNames = {
-    {"none", eTarvikSimFaultNone},
-    {"silent", eTarvikSimFaultSilent},
-    {"bad-crc", eTarvikSimFaultBadCRC},
-    {"wrong-cmd", eTarvikSimFaultWrongCmd},
-    {"close", eTarvikSimFaultClose},
-    {"wrong-id", eTarvikSimFaultWrongId},
-    {"twice", eTarvikSimFaultTwice},
-    {"garbage", eTarvikSimFaultGarbage},
-    {"stall", eTarvikSimFaultStall},
-    {"close-mid-frame", eTarvikSimFaultCloseMidFrame},
+    {"none", eTarvikSimFaultNone},      {"silent", eTarvikSimFaultSilent},
+    {"bad-crc", eTarvikSimFaultBadCRC}, {"wrong-cmd", eTarvikSimFaultWrongCmd},
+    {"close", eTarvikSimFaultClose},    {"wrong-id", eTarvikSimFaultWrongId},
+    {"twice", eTarvikSimFaultTwice},    {"garbage", eTarvikSimFaultGarbage},
+    {"stall", eTarvikSimFaultStall},    {"close-mid-frame", eTarvikSimFaultCloseMidFrame},
 };
 
 void AddFaultOptions(CLI::App& app, STarvikSimOptions& options)
@@ -41,8 +36,9 @@ void AddFaultOptions(CLI::App& app, STarvikSimOptions& options)
     app.add_option("--drop", options.m_nDropPercent, "Carry out this share of requests (percent) without answering")
         ->check(CLI::Range(0u, 100u))
         ->group(group);
-    app.add_option("--seed", options.m_nSeed, "Seed of the draws behind --drop, --jitter and garbage; every "
-                                              "connection sees the same draws for one seed")
+    app.add_option("--seed", options.m_nSeed,
+                   "Seed of the draws behind --drop, --jitter and garbage; every "
+                   "connection sees the same draws for one seed")
         ->capture_default_str()
         ->group(group);
     app.add_option("--indications", options.m_nIndications,

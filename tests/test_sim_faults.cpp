@@ -170,10 +170,29 @@ enum ERecovery
     eAfterReconnect, // the stream is broken: the connection ends, a new one works
 };
 
+typedef std::function<void(CTarvikSimServer&)> TSetFault;
+
+TSetFault Fault(ETarvikSimFault fault)
+{
+    return [fault](CTarvikSimServer& server) { server.SetFault(fault); };
+}
+
+typedef CTarvikSimServer S;
+
+TSetFault Set(void (S::*set)(unsigned int), unsigned int value)
+{
+    return [set, value](CTarvikSimServer& server) { (server.*set)(value); };
+}
+
+TSetFault Delay(unsigned int ms, unsigned int jitterMs)
+{
+    return [ms, jitterMs](CTarvikSimServer& server) { server.SetAnswerDelay(ms, jitterMs); };
+}
+
 struct SFaultCase
 {
     const char* m_pName;
-    std::function<void(CTarvikSimServer&)> m_fnSet;
+    TSetFault m_fnSet;
     EOp m_eOp;
     // Calls that succeed before the one that meets the fault.
     int m_nGoodBefore;
@@ -184,40 +203,23 @@ struct SFaultCase
 TEST_F(CSimFaultTest, EachFaultGivesItsResultAndTheClientRecovers)
 {
     const SFaultCase cases[] = {
-        {"silent", [](CTarvikSimServer& s) { s.SetFault(eTarvikSimFaultSilent); }, eOpGetGlobals, 0, {kTimeout},
-         eNextSucceeds},
-        {"every answer dropped", [](CTarvikSimServer& s) { s.SetDropPercent(100); }, eOpDataReq, 0, {kTimeout},
-         eNextSucceeds},
-        {"bad check byte", [](CTarvikSimServer& s) { s.SetFault(eTarvikSimFaultBadCRC); }, eOpInfo, 0,
-         {TARVIK_ERR_CRC}, eNextSucceeds},
-        {"wrong command code", [](CTarvikSimServer& s) { s.SetFault(eTarvikSimFaultWrongCmd); }, eOpStatus, 0,
-         {TARVIK_ERR_NOT_CONFIRMED}, eNextSucceeds},
-        {"wrong message id", [](CTarvikSimServer& s) { s.SetFault(eTarvikSimFaultWrongId); }, eOpGetGlobals, 0,
-         {kTimeout}, eNextSucceeds},
-        {"wrong message id, asynchronous", [](CTarvikSimServer& s) { s.SetFault(eTarvikSimFaultWrongId); },
-         eOpSequence, 0, {kTimeout}, eNextSucceeds},
-        {"answered twice", [](CTarvikSimServer& s) { s.SetFault(eTarvikSimFaultTwice); }, eOpSequence, 0, {kOk},
-         eNextSucceeds},
-        {"indications between answers", [](CTarvikSimServer& s) { s.SetIndications(3); }, eOpReadAnalog, 0, {kOk},
-         eNextSucceeds},
-        {"stray confirmations between answers", [](CTarvikSimServer& s) { s.SetStrayConfirmations(5); }, eOpDataReq,
-         0, {kOk}, eNextSucceeds},
-        {"delay and jitter within the time-out", [](CTarvikSimServer& s) { s.SetAnswerDelay(100, 50); },
-         eOpGetGlobals, 0, {kOk}, eNextSucceeds},
-        {"delay beyond the time-out", [](CTarvikSimServer& s) { s.SetAnswerDelay(kTimeoutMs + 100); }, eOpInfo, 0,
-         {kTimeout}, eNextSucceeds},
-        {"dribbled within the time-out", [](CTarvikSimServer& s) { s.SetDribble(5); }, eOpGetGlobals, 0, {kOk},
-         eNextSucceeds},
-        {"garbage", [](CTarvikSimServer& s) { s.SetFault(eTarvikSimFaultGarbage); }, eOpGetGlobals, 0, {kTimeout},
-         eAfterReconnect},
-        {"huge length field, then a stall", [](CTarvikSimServer& s) { s.SetFault(eTarvikSimFaultStall); },
-         eOpDataReq, 0, {kTimeout}, eAfterReconnect},
-        {"closed mid-frame", [](CTarvikSimServer& s) { s.SetFault(eTarvikSimFaultCloseMidFrame); }, eOpInfo, 0,
-         {kTimeout}, eAfterReconnect},
-        {"closed instead of an answer", [](CTarvikSimServer& s) { s.SetFault(eTarvikSimFaultClose); }, eOpStatus,
-         0, {kTimeout, kNotConnected}, eAfterReconnect},
-        {"closed after 3 requests", [](CTarvikSimServer& s) { s.SetCloseAfter(3); }, eOpGetGlobals, 3,
-         {kTimeout, kNotConnected}, eAfterReconnect},
+        {"silent", Fault(eTarvikSimFaultSilent), eOpGetGlobals, 0, {kTimeout}, eNextSucceeds},
+        {"every answer dropped", Set(&S::SetDropPercent, 100), eOpDataReq, 0, {kTimeout}, eNextSucceeds},
+        {"bad check byte", Fault(eTarvikSimFaultBadCRC), eOpInfo, 0, {TARVIK_ERR_CRC}, eNextSucceeds},
+        {"wrong command code", Fault(eTarvikSimFaultWrongCmd), eOpStatus, 0, {TARVIK_ERR_NOT_CONFIRMED}, eNextSucceeds},
+        {"wrong message id", Fault(eTarvikSimFaultWrongId), eOpGetGlobals, 0, {kTimeout}, eNextSucceeds},
+        {"wrong message id, asynchronous", Fault(eTarvikSimFaultWrongId), eOpSequence, 0, {kTimeout}, eNextSucceeds},
+        {"answered twice", Fault(eTarvikSimFaultTwice), eOpSequence, 0, {kOk}, eNextSucceeds},
+        {"indications", Set(&S::SetIndications, 3), eOpReadAnalog, 0, {kOk}, eNextSucceeds},
+        {"stray confirmations", Set(&S::SetStrayConfirmations, 5), eOpDataReq, 0, {kOk}, eNextSucceeds},
+        {"delay and jitter within the time-out", Delay(100, 50), eOpGetGlobals, 0, {kOk}, eNextSucceeds},
+        {"delay beyond the time-out", Delay(kTimeoutMs + 100, 0), eOpInfo, 0, {kTimeout}, eNextSucceeds},
+        {"dribbled within the time-out", Set(&S::SetDribble, 5), eOpGetGlobals, 0, {kOk}, eNextSucceeds},
+        {"garbage", Fault(eTarvikSimFaultGarbage), eOpGetGlobals, 0, {kTimeout}, eAfterReconnect},
+        {"huge length field, then a stall", Fault(eTarvikSimFaultStall), eOpDataReq, 0, {kTimeout}, eAfterReconnect},
+        {"closed mid-frame", Fault(eTarvikSimFaultCloseMidFrame), eOpInfo, 0, {kTimeout}, eAfterReconnect},
+        {"closed for an answer", Fault(eTarvikSimFaultClose), eOpStatus, 0, {kTimeout, kNotConnected}, eAfterReconnect},
+        {"closed after 3", Set(&S::SetCloseAfter, 3), eOpGetGlobals, 3, {kTimeout, kNotConnected}, eAfterReconnect},
     };
     for (const SFaultCase& c : cases)
     {
