@@ -144,6 +144,7 @@ long RunWave(const SScale& scale, int wave)
     // Each thread serves its own slice of the clients, one request at a time per client.
     std::atomic<long> failed{0};
     std::vector<std::thread> threads;
+    threads.reserve(static_cast<size_t>(scale.m_nThreads));
     start = std::chrono::steady_clock::now();
     for (int t = 0; t < scale.m_nThreads; ++t)
         threads.emplace_back(
