@@ -3,6 +3,7 @@
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+TSAN_BUILD ?= build-tsan
 BENCH_BUILD ?= build-bench
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
@@ -10,11 +11,11 @@ CMAKE_ARGS ?=
 COMPONENTS = -DTARVIK_BUILD_TESTS=ON -DTARVIK_BUILD_SIM=ON -DTARVIK_BUILD_TOOLS=ON -DTARVIK_BUILD_EXAMPLES=ON
 
 PACKAGES = cmake make g++ pkg-config libboost-dev libgtest-dev libgmock-dev \
-           libbenchmark-dev libcli11-dev srecord
+           libbenchmark-dev libcli11-dev srecord ccache
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test test-asan demo bench soak install clean
+.PHONY: all deps configure build test test-asan test-tsan demo bench soak install clean
 
 all: build
 
@@ -35,16 +36,24 @@ configure: deps
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
-# The suite, then the same suite again with AddressSanitizer and UBSan.
+# The suite, then the same suite again with AddressSanitizer and UBSan, and with
+# ThreadSanitizer. Any sanitizer report fails its test.
 test: build
 	ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure
 	$(MAKE) test-asan
+	$(MAKE) test-tsan
 
 test-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARVIK_SANITIZE=ON $(COMPONENTS) $(CMAKE_ARGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ASAN_OPTIONS=abort_on_error=1:detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD) -j $(JOBS) --output-on-failure -LE script
+
+test-tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARVIK_SANITIZE_THREAD=ON $(COMPONENTS) $(CMAKE_ARGS)
+	cmake --build $(TSAN_BUILD) -j $(JOBS)
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --test-dir $(TSAN_BUILD) -j $(JOBS) --output-on-failure -LE script
 
 demo: build
 	bash examples/demo.sh $(BUILD)
@@ -64,4 +73,4 @@ install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BENCH_BUILD)

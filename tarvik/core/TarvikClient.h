@@ -136,8 +136,8 @@ public:
     // until the next Connect. The first call in the destructor of every class derived
     // from a client. Must not be called from a callback (there it only disconnects).
     void StopConnection();
-    // Clients destroyed so far whose receive thread was still running when the base
-    // destructor began: a derived class that does not call StopConnection() first.
+    // Objects of derived classes destroyed so far whose connection was still up when
+    // the base destructor began: a derived class that does not call StopConnection() first.
     static unsigned long GetLateStopCount();
     // The connection's state; 3 = connected.
     int GetConnectState() const;
@@ -246,6 +246,8 @@ private:
     CMolMutex m_oPendingMutex;
     std::atomic<short> m_nNextMsgID;
     int m_nDeviceType;
+    // Whether this object is of a class derived from this one (known from Connect on).
+    std::atomic<bool> m_bDerived;
     CMolEvent m_oCnfEvent;
     // The trace sink and its user pointer change together under m_oTraceMutex; the
     // flag lets an untraced client skip the lock. m_nTraceCalls counts sink calls

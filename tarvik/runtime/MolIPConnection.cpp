@@ -236,9 +236,13 @@ int CMolIPConnection::DataReqLong(const char* data, size_t len, unsigned int tim
         }
         if (n < 0 && errno == EINTR)
             continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-            return eResultTimeout;
-        return (errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN) ? eResultNotConnected : eResultSocketError;
+        int result = (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) ? eResultTimeout
+                     : (errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN) ? eResultNotConnected
+                                                                                    : eResultSocketError;
+        // Part of a frame is out: the peer would take the next frame's bytes as its rest.
+        if (sent > 0)
+            ::shutdown(m_nSocket, SHUT_RDWR);
+        return result;
     }
     return eResultSuccess;
 }

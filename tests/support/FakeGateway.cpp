@@ -133,6 +133,15 @@ bool CFakeGateway::Send(const std::string& raw)
     return ok;
 }
 
+bool CFakeGateway::SendNoWait(const std::string& raw)
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    bool ok = !m_anClients.empty();
+    for (int fd : m_anClients)
+        ok = ::send(fd, raw.data(), raw.size(), MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(raw.size()) && ok;
+    return ok;
+}
+
 // The client's thread sees the end of its stream and closes the socket.
 void CFakeGateway::CloseClients()
 {

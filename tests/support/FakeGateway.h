@@ -57,6 +57,9 @@ public:
 
     // Sends raw bytes to every client in one write; false when none is connected.
     bool Send(const std::string& raw);
+    // The same without waiting for buffer space: a client whose buffers are full gets
+    // only what fits (a cut stream). False unless every client took all of it.
+    bool SendNoWait(const std::string& raw);
     // Closes every client connection; the gateway keeps listening.
     void CloseClients();
 
