@@ -1,4 +1,4 @@
-# Entry points: make test | make demo | make bench | make install
+# Entry points: make test | make demo | make bench | make soak | make install
 # Each target installs what is missing (Debian 12, apt-get), configures and builds.
 
 BUILD      ?= build
@@ -15,7 +15,7 @@ PACKAGES = cmake make g++ pkg-config libboost-dev libgtest-dev libgmock-dev \
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test test-asan test-tsan demo bench install clean
+.PHONY: all deps configure build test test-asan test-tsan demo bench soak install clean
 
 all: build
 
@@ -62,6 +62,12 @@ bench: deps
 	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DTARVIK_BUILD_BENCH=ON -DTARVIK_BUILD_TESTS=OFF $(CMAKE_ARGS)
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
 	bash bench/run_all.sh $(BENCH_BUILD)
+
+# A million round trips on one client, then 512 clients at once, against a tarvik-sim process.
+soak: deps
+	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DTARVIK_BUILD_BENCH=ON -DTARVIK_BUILD_TESTS=OFF $(CMAKE_ARGS)
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target bench_soak tarvik-sim
+	bash bench/run_soak.sh $(BENCH_BUILD)
 
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)

@@ -1,5 +1,6 @@
 #include "sim/TarvikSimConnection.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -10,20 +11,35 @@ namespace
 {
 // The largest frame: a length field of 65535 plus the field itself.
 constexpr size_t kMaxFrame = 65537;
-// Bytes asked of one recv(); a whole burst of pipelined requests fits.
-constexpr size_t kReadChunk = 65536;
+// What an idle connection keeps for receiving and sending; a request of a few
+// kilobytes, or a burst of small pipelined ones, fits without growing.
+constexpr size_t kInitialBuffer = 4096;
 constexpr size_t kLengthField = 2;
+constexpr size_t kGarbageBytes = 32;
+// Ids of stray confirmations: 0x4000..0x7FFF, clear of the ids a fresh client draws.
+constexpr unsigned short kStrayIdBase = 0x4000;
+constexpr unsigned short kStrayIdMask = 0x3FFF;
 
 size_t FrameSize(const char* p)
 {
     return (static_cast<unsigned char>(p[0]) | static_cast<size_t>(static_cast<unsigned char>(p[1])) << 8) +
            kLengthField;
 }
+
+// SplitMix64: a good spread from a plain counter, and the same sequence on every platform.
+uint64_t Mix(uint64_t z)
+{
+    z += 0x9E3779B97F4A7C15u;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
+    return z ^ (z >> 31);
+}
 } // namespace
 
-CTarvikSimConnection::CTarvikSimConnection(int socket, CTarvikSimDevice& device, const STarvikSimFaults& faults)
-    : m_nSocket(socket), m_oDevice(device), m_oFaults(faults), m_bFinished(false), m_bStop(false),
-      m_aReceive(kMaxFrame + kReadChunk)
+CTarvikSimConnection::CTarvikSimConnection(int socket, CTarvikSimDevice& device, const STarvikSimFaults& faults,
+                                           int wakeFd)
+    : m_nSocket(socket), m_oDevice(device), m_oFaults(faults), m_nWakeFd(wakeFd), m_bFinished(false), m_bStop(false),
+      m_nRequests(0), m_nDraws(0), m_nUnasked(0), m_bStalled(false), m_aReceive(kInitialBuffer)
 {
 }
 
@@ -52,12 +68,18 @@ void CTarvikSimConnection::RequestStop()
     ::shutdown(m_nSocket, SHUT_RDWR);
 }
 
+void CTarvikSimConnection::Close()
+{
+    ::shutdown(m_nSocket, SHUT_RDWR);
+}
+
 void CTarvikSimConnection::Run()
 {
     size_t used = 0;
     bool open = true;
     while (open)
     {
+        MakeRoom(used);
         ssize_t got = ::recv(m_nSocket, m_aReceive.data() + used, m_aReceive.size() - used, 0);
         if (got < 0 && errno == EINTR)
             continue;
@@ -73,12 +95,29 @@ void CTarvikSimConnection::Run()
             open = HandleFrame(m_aReceive.data() + pos, size);
             pos += size;
         }
-        // What is left is part of one frame, shorter than kMaxFrame: a whole chunk fits behind it.
         if (pos > 0 && used > pos)
             std::memmove(m_aReceive.data(), m_aReceive.data() + pos, used - pos);
         used -= pos;
+        // A large frame is done with: give its memory back.
+        if (used == 0 && m_aReceive.size() > kInitialBuffer)
+            std::vector<char>(kInitialBuffer).swap(m_aReceive);
     }
     m_bFinished = true;
+    if (m_nWakeFd >= 0)
+    {
+        uint64_t one = 1;
+        ssize_t written = ::write(m_nWakeFd, &one, sizeof(one));
+        (void)written;
+    }
+}
+
+void CTarvikSimConnection::MakeRoom(size_t used)
+{
+    if (used < m_aReceive.size())
+        return;
+    // Full, and all that is in it is the start of one frame (complete ones are gone).
+    size_t grown = std::max(FrameSize(m_aReceive.data()), 2 * m_aReceive.size());
+    m_aReceive.resize(std::min(grown, kMaxFrame));
 }
 
 bool CTarvikSimConnection::HandleFrame(const char* frame, size_t len)
@@ -97,23 +136,97 @@ bool CTarvikSimConnection::HandleFrame(const char* frame, size_t len)
     CTarvikMsg cnf;
     if (!m_oDevice.HandleRequest(req, cnf))
         return true;
-    if (!WaitDelay(m_oFaults.m_nDelayMs.load()))
+    ++m_nRequests;
+    unsigned int closeAfter = m_oFaults.m_nCloseAfter.load();
+    if (closeAfter != 0 && m_nRequests > closeAfter)
+    {
+        Close();
         return false;
+    }
+    if (m_bStalled)
+        return true;
+    unsigned int delay = m_oFaults.m_nDelayMs.load();
+    unsigned int jitter = m_oFaults.m_nJitterMs.load();
+    if (jitter != 0)
+        delay += static_cast<unsigned int>(Draw() % (jitter + 1ull));
+    if (!WaitDelay(delay))
+        return false;
+    unsigned int drop = m_oFaults.m_nDropPercent.load();
+    if (drop != 0 && Draw() % 100 < drop)
+        return true;
+    return SendExtras(cnf) && Answer(cnf);
+}
+
+bool CTarvikSimConnection::Answer(const CTarvikMsg& cnf)
+{
+    unsigned short code = cnf.GetCmdCode();
     switch (m_oFaults.m_eFault.load())
     {
     case eTarvikSimFaultSilent: return true;
-    case eTarvikSimFaultClose: ::shutdown(m_nSocket, SHUT_RDWR); return false;
-    case eTarvikSimFaultBadCRC: return Send(cnf, true);
-    case eTarvikSimFaultWrongCmd:
+    case eTarvikSimFaultClose: Close(); return false;
+    case eTarvikSimFaultBadCRC:
     {
-        unsigned short code = cnf.GetCmdCode();
+        std::string frame = cnf.GetMessageData();
+        frame.back() = static_cast<char>(~frame.back());
+        return SendBytes(frame.data(), frame.size());
+    }
+    case eTarvikSimFaultWrongCmd:
         code = static_cast<unsigned short>((code & 0xFF00) | ((code + 1) & 0x00FF));
-        std::string data = cnf.GetData();
-        return Send(CTarvikMsg(code, cnf.GetMsgID(), std::move(data)), false);
+        return Send(CTarvikMsg(code, cnf.GetMsgID(), std::string(cnf.GetData())));
+    case eTarvikSimFaultWrongId:
+        return Send(CTarvikMsg(code, static_cast<short>(cnf.GetMsgID() + 1), std::string(cnf.GetData())));
+    case eTarvikSimFaultTwice: return Send(cnf) && Send(cnf);
+    case eTarvikSimFaultGarbage:
+    {
+        std::string garbage;
+        while (garbage.size() < kGarbageBytes)
+        {
+            uint64_t bits = Draw();
+            garbage.append(reinterpret_cast<const char*>(&bits), sizeof(bits));
+        }
+        return SendBytes(garbage.data(), garbage.size());
+    }
+    case eTarvikSimFaultStall:
+    {
+        std::string frame = cnf.GetMessageData();
+        frame[0] = frame[1] = '\xFF';
+        m_bStalled = true;
+        return SendBytes(frame.data(), frame.size());
+    }
+    case eTarvikSimFaultCloseMidFrame:
+    {
+        std::string frame = cnf.GetMessageData();
+        SendBytes(frame.data(), frame.size() / 2);
+        Close();
+        return false;
     }
     case eTarvikSimFaultNone: break;
     }
-    return Send(cnf, false);
+    return Send(cnf);
+}
+
+bool CTarvikSimConnection::SendExtras(const CTarvikMsg& cnf)
+{
+    auto type = static_cast<unsigned short>(cnf.GetCmdCode() & 0x7F00);
+    for (unsigned int i = m_oFaults.m_nIndications.load(); i > 0; --i)
+    {
+        short id = static_cast<short>(m_nUnasked++);
+        if (!Send(CTarvikMsg(static_cast<unsigned short>(type | kTarvikSimIndicationCmd), id,
+                             CTarvikMsg::ToChar(static_cast<unsigned int>(m_nRequests)))))
+            return false;
+    }
+    for (unsigned int i = m_oFaults.m_nStrayCnfs.load(); i > 0; --i)
+    {
+        auto id = static_cast<short>(kStrayIdBase | (m_nUnasked++ & kStrayIdMask));
+        if (!Send(CTarvikMsg(cnf.GetCmdCode(), id, std::string(cnf.GetData()))))
+            return false;
+    }
+    return true;
+}
+
+uint64_t CTarvikSimConnection::Draw()
+{
+    return Mix(m_oFaults.m_nSeed.load() ^ Mix(m_nDraws++));
 }
 
 bool CTarvikSimConnection::WaitDelay(unsigned int ms)
@@ -124,17 +237,34 @@ bool CTarvikSimConnection::WaitDelay(unsigned int ms)
     return !m_bStop;
 }
 
-bool CTarvikSimConnection::Send(const CTarvikMsg& cnf, bool badCRC)
+bool CTarvikSimConnection::Send(const CTarvikMsg& msg)
 {
-    m_aSend.resize(cnf.GetData().size() + CTarvikMsg::kOverhead);
-    size_t size = cnf.GetMessageData(m_aSend.data());
-    if (badCRC)
-        m_aSend[size - 1] = static_cast<char>(~m_aSend[size - 1]);
+    m_sSend.resize(msg.GetData().size() + CTarvikMsg::kOverhead);
+    size_t size = msg.GetMessageData(&m_sSend[0]);
+    bool sent = SendBytes(m_sSend.data(), size);
+    if (m_sSend.capacity() > kInitialBuffer)
+        std::string().swap(m_sSend);
+    return sent;
+}
+
+bool CTarvikSimConnection::SendBytes(const char* data, size_t size)
+{
+    unsigned int pause = m_oFaults.m_nDribbleMs.load();
+    if (pause == 0)
+        return SendAll(data, size);
+    for (size_t i = 0; i < size; ++i)
+        if ((i > 0 && !WaitDelay(pause)) || !SendAll(data + i, 1))
+            return false;
+    return true;
+}
+
+bool CTarvikSimConnection::SendAll(const char* data, size_t size)
+{
     // One send() carries the whole answer unless the socket buffer is full.
     size_t sent = 0;
     while (sent < size)
     {
-        ssize_t n = ::send(m_nSocket, m_aSend.data() + sent, size - sent, MSG_NOSIGNAL);
+        ssize_t n = ::send(m_nSocket, data + sent, size - sent, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)

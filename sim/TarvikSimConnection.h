@@ -1,8 +1,10 @@
-// One client connection of a simulated device: its own thread reads the TCP stream
-// in large blocks, cuts telegrams at their length prefix and answers each in one send().
+// One client connection of a simulated device: its own thread reads the TCP stream,
+// cuts telegrams at their length prefix and answers each, shaped by the fault settings.
 //
 // A frame shorter than 7 bytes or with a bad check byte is dropped without an answer;
 // the length prefix still tells where the next frame starts, so the stream stays in step.
+// The receive buffer starts small, grows for a large frame and shrinks back once it is
+// handled, so that hundreds of idle connections cost little.
 #ifndef TARVIK_SIM_TARVIKSIMCONNECTION_H
 #define TARVIK_SIM_TARVIKSIMCONNECTION_H
 
@@ -11,15 +13,18 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
 class CTarvikSimConnection
 {
 public:
-    // Takes ownership of the connected socket.
-    CTarvikSimConnection(int socket, CTarvikSimDevice& device, const STarvikSimFaults& faults);
+    // Takes ownership of the connected socket. wakeFd (an eventfd, or -1) is written
+    // once when the connection ends, so that the server reaps it promptly.
+    CTarvikSimConnection(int socket, CTarvikSimDevice& device, const STarvikSimFaults& faults, int wakeFd = -1);
     // Stops the thread, waits for it and closes the socket.
     ~CTarvikSimConnection();
     CTarvikSimConnection(const CTarvikSimConnection&) = delete;
@@ -33,21 +38,37 @@ public:
 
 private:
     void Run();
+    // Room for the next recv(): grows the buffer when a partial frame fills it.
+    void MakeRoom(size_t used);
     // False when the connection is to end.
     bool HandleFrame(const char* frame, size_t len);
+    bool Answer(const CTarvikMsg& cnf);
+    bool SendExtras(const CTarvikMsg& cnf);
+    // The next value of the fault generator for this connection.
+    uint64_t Draw();
     bool WaitDelay(unsigned int ms);
-    bool Send(const CTarvikMsg& cnf, bool badCRC);
+    bool Send(const CTarvikMsg& msg);
+    bool SendBytes(const char* data, size_t size);
+    bool SendAll(const char* data, size_t size);
+    void Close();
 
     int m_nSocket;
     CTarvikSimDevice& m_oDevice;
     const STarvikSimFaults& m_oFaults;
+    int m_nWakeFd;
     std::thread m_oThread;
     std::atomic<bool> m_bFinished;
     std::mutex m_oMutex;
     std::condition_variable m_oWake;
     bool m_bStop;
+    // Requests received, draws taken and telegrams sent unasked on this connection.
+    unsigned long m_nRequests;
+    uint64_t m_nDraws;
+    unsigned short m_nUnasked;
+    // A stalled connection never sends again.
+    bool m_bStalled;
     std::vector<char> m_aReceive;
-    std::vector<char> m_aSend;
+    std::string m_sSend;
 };
 
 #endif

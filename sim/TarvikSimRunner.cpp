@@ -5,11 +5,72 @@
 
 #include <algorithm>
 #include <csignal>
+#include <map>
 #include <sstream>
 #include <vector>
 
 namespace
 {
+const std::map<std::string, ETarvikSimFault> kFaultNames = {
+    {"none", eTarvikSimFaultNone},      {"silent", eTarvikSimFaultSilent},
+    {"bad-crc", eTarvikSimFaultBadCRC}, {"wrong-cmd", eTarvikSimFaultWrongCmd},
+    {"close", eTarvikSimFaultClose},    {"wrong-id", eTarvikSimFaultWrongId},
+    {"twice", eTarvikSimFaultTwice},    {"garbage", eTarvikSimFaultGarbage},
+    {"stall", eTarvikSimFaultStall},    {"close-mid-frame", eTarvikSimFaultCloseMidFrame},
+};
+
+void AddFaultOptions(CLI::App& app, STarvikSimOptions& options)
+{
+    const char* group = "Faults";
+    app.add_option("--fault", options.m_eFault,
+                   "Shape of every answer: none; silent (no answer); bad-crc (check byte inverted); "
+                   "wrong-cmd (command number + 1); wrong-id (message id + 1); twice (answer sent twice); "
+                   "garbage (32 drawn bytes instead); stall (length field 65535, then nothing more on that "
+                   "connection); close (close instead of answering); close-mid-frame (half the answer, then "
+                   "close)")
+        ->transform(CLI::CheckedTransformer(kFaultNames, CLI::ignore_case).description(""))
+        ->type_name("NAME")
+        ->group(group);
+    app.add_option("--delay", options.m_nDelayMs, "Send every answer this many ms late")->group(group);
+    app.add_option("--jitter", options.m_nJitterMs, "Add a drawn 0..ms to each delay")->group(group);
+    app.add_option("--drop", options.m_nDropPercent, "Carry out this share of requests (percent) without answering")
+        ->check(CLI::Range(0u, 100u))
+        ->group(group);
+    app.add_option("--seed", options.m_nSeed,
+                   "Seed of the draws behind --drop, --jitter and garbage; every "
+                   "connection sees the same draws for one seed")
+        ->capture_default_str()
+        ->group(group);
+    app.add_option("--indications", options.m_nIndications,
+                   "Send this many indications (command number 0x60, bit 15 clear) before each answer")
+        ->group(group);
+    app.add_option("--strays", options.m_nStrayCnfs,
+                   "Send this many confirmations of requests never made (ids 0x4000..0x7FFF) before each answer")
+        ->group(group);
+    app.add_option("--close-after", options.m_nCloseAfter,
+                   "Close a connection on its request N+1, unanswered (0: never)")
+        ->group(group);
+    app.add_option("--dribble", options.m_nDribbleMs, "Send answers one byte at a time, this many ms apart")
+        ->group(group);
+    app.add_option("--max-connections", options.m_nMaxConnections,
+                   "Serve at most N clients at once; more are accepted and closed at once, "
+                   "as a gateway with no free slot does (0: no limit)")
+        ->group(group);
+}
+
+void ApplyFaults(const STarvikSimOptions& options, CTarvikSimServer& server)
+{
+    server.SetFault(options.m_eFault);
+    server.SetAnswerDelay(options.m_nDelayMs, options.m_nJitterMs);
+    server.SetDropPercent(options.m_nDropPercent);
+    server.SetSeed(options.m_nSeed);
+    server.SetIndications(options.m_nIndications);
+    server.SetStrayConfirmations(options.m_nStrayCnfs);
+    server.SetCloseAfter(options.m_nCloseAfter);
+    server.SetDribble(options.m_nDribbleMs);
+    server.SetMaxConnections(options.m_nMaxConnections);
+}
+
 // Resolves a device list; an empty list means every model.
 int ParseDevices(const std::string& list, std::vector<ETarvikDevice>& types, std::string& error)
 {
@@ -56,6 +117,7 @@ void CTarvikSimRunner::AddOptions(CLI::App& app, STarvikSimOptions& options)
     app.add_option("-i,--index", options.m_nIndex, "Port index")->capture_default_str()->check(CLI::Range(0u, 600u));
     app.add_option("-p,--port", options.m_nPort, "Port, only with one device; 0 takes any free port")
         ->check(CLI::Range(0, 65535));
+    AddFaultOptions(app, options);
 }
 
 int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, std::string& error)
@@ -88,6 +150,7 @@ int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, s
             return eExitServer;
         }
     }
+    ApplyFaults(options, server);
     if (!server.Start())
     {
         error = server.GetLastError();

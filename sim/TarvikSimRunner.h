@@ -3,7 +3,11 @@
 #ifndef TARVIK_SIM_TARVIKSIMRUNNER_H
 #define TARVIK_SIM_TARVIKSIMRUNNER_H
 
+#include "sim/TarvikSimFaults.h"
+
 #include <CLI/CLI.hpp>
+
+#include <cstdint>
 
 #include <ostream>
 #include <string>
@@ -14,6 +18,17 @@ struct STarvikSimOptions
     std::string m_sDevices;            // comma-separated short names; empty: every model
     unsigned int m_nIndex = 0;         // port index: 4999 + type + 100 x index
     int m_nPort = -1;                  // >= 0: this port (one device only; 0 = any free port)
+    // Faults from the start; see TarvikSimFaults.h.
+    ETarvikSimFault m_eFault = eTarvikSimFaultNone;
+    unsigned int m_nDelayMs = 0;
+    unsigned int m_nJitterMs = 0;
+    unsigned int m_nDropPercent = 0;
+    uint64_t m_nSeed = kTarvikSimDefaultSeed;
+    unsigned int m_nIndications = 0;
+    unsigned int m_nStrayCnfs = 0;
+    unsigned int m_nCloseAfter = 0;
+    unsigned int m_nDribbleMs = 0;
+    unsigned int m_nMaxConnections = 0;
 };
 
 class CTarvikSimRunner
@@ -28,7 +43,7 @@ public:
 
     // The short names of every model, comma-separated.
     static std::string JoinNames();
-    // Adds -H/--host, -d/--devices, -i/--index and -p/--port to app.
+    // Adds -H/--host, -d/--devices, -i/--index, -p/--port and the fault options to app.
     static void AddOptions(CLI::App& app, STarvikSimOptions& options);
     // Listens as options say, prints one line per device on out and serves until
     // SIGINT or SIGTERM. Returns an EExit value; error receives the text of a failure.

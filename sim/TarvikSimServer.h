@@ -9,7 +9,7 @@
 //   server.Stop();                                 // or let the destructor do it
 //
 // Configuration (AddDevice, Start, Stop) belongs to one thread; the fault settings,
-// CloseConnections, GetConnectionCount and the devices' own accessors may be used from
+// CloseConnections, GetConnectionCount, GetRefusedCount and the devices' own accessors may be used from
 // any thread at any time.
 #ifndef TARVIK_SIM_TARVIKSIMSERVER_H
 #define TARVIK_SIM_TARVIKSIMSERVER_H
@@ -61,11 +61,35 @@ public:
     // Text of the last failed AddDevice or Start.
     std::string GetLastError() const { return m_sLastError; }
 
-    // Fault modes, effective from the next answer of every connection.
+    // Faults (see TarvikSimFaults.h), effective from the next answer of every
+    // connection; any thread, at any time. Settings combine.
     void SetFault(ETarvikSimFault fault) { m_oFaults.m_eFault = fault; }
     ETarvikSimFault GetFault() const { return m_oFaults.m_eFault.load(); }
-    void SetAnswerDelay(unsigned int ms) { m_oFaults.m_nDelayMs = ms; }
+    // Every answer is sent ms later, plus a drawn 0..jitterMs.
+    void SetAnswerDelay(unsigned int ms, unsigned int jitterMs = 0)
+    {
+        m_oFaults.m_nDelayMs = ms;
+        m_oFaults.m_nJitterMs = jitterMs;
+    }
     unsigned int GetAnswerDelay() const { return m_oFaults.m_nDelayMs.load(); }
+    // This share of requests (0..100 %) is carried out but not answered.
+    void SetDropPercent(unsigned int percent) { m_oFaults.m_nDropPercent = percent > 100 ? 100 : percent; }
+    // Seed of the draws behind drops, jitter and garbage.
+    void SetSeed(uint64_t seed) { m_oFaults.m_nSeed = seed; }
+    // Indications (command number kTarvikSimIndicationCmd, bit 15 clear) before each answer.
+    void SetIndications(unsigned int count) { m_oFaults.m_nIndications = count; }
+    // Confirmations nobody asked for (ids 0x4000..0x7FFF) before each answer.
+    void SetStrayConfirmations(unsigned int count) { m_oFaults.m_nStrayCnfs = count; }
+    // A connection that has had count requests closes on the next one (0: never).
+    void SetCloseAfter(unsigned int count) { m_oFaults.m_nCloseAfter = count; }
+    // Answers go out byte by byte with ms between bytes (0: whole).
+    void SetDribble(unsigned int ms) { m_oFaults.m_nDribbleMs = ms; }
+    // Clients beyond count open connections are accepted and closed at once (0: no limit).
+    void SetMaxConnections(unsigned int count) { m_oFaults.m_nMaxConnections = count; }
+    // Clients turned away by the limit so far.
+    unsigned long GetRefusedCount() const { return m_nRefused.load(); }
+    // Every fault setting back to normal answers.
+    void ClearFaults();
     // Drops every client connection now; new clients are still accepted.
     void CloseConnections();
     // Client connections that are still open.
@@ -86,6 +110,7 @@ private:
     void Run();
     void AcceptClients(SEndpoint& endpoint);
     void ReapFinished();
+    bool IsFull() const;
     void CloseListeners();
 
     std::vector<SEndpoint> m_aoEndpoints;
@@ -94,6 +119,7 @@ private:
     int m_nWakeFd;
     std::atomic<bool> m_bRunning;
     bool m_bStopped;
+    std::atomic<unsigned long> m_nRefused;
     std::string m_sLastError;
     mutable std::mutex m_oMutex;
     std::list<std::unique_ptr<CTarvikSimConnection>> m_aoConnections;

@@ -1,0 +1,400 @@
+// The library's clients against the simulator's fault modes: the result code each
+// fault gives, that no call overruns its time-out, and how the client recovers: the
+// next request succeeds, or after a broken stream the connection ends on its own and
+// a Disconnect and Connect bring it back.
+#include "support/FakeGateway.h"
+
+#include "sim/TarvikSimDeviceSPI.h"
+#include "sim/TarvikSimServer.h"
+#include "tarvik/Tarvik.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace tarvik_test;
+
+namespace
+{
+constexpr unsigned int kTimeoutMs = 300;
+// What a call may take beyond its time-out.
+constexpr auto kSlack = std::chrono::milliseconds(500);
+constexpr int kOk = 0;
+constexpr int kTimeout = TARVIK_ERR_TIMEOUT;
+constexpr int kNotConnected = TARVIK_ERR_NOT_CONNECTED;
+
+// EEPROM contents the reading operations expect.
+constexpr unsigned int kMarkAddress = 0x0010;
+const std::string kMark = Hex("AB CD EF 01");
+
+// Polls cond until it holds; the limit only ends a hang.
+template <typename F> bool Eventually(F cond, std::chrono::milliseconds limit = std::chrono::seconds(5))
+{
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!cond() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    return cond();
+}
+
+// Operations of the SPI client and of every client, each checking its answer: a
+// result of 0 with the wrong data counts as kWrongData.
+enum EOp
+{
+    eOpGetGlobals,
+    eOpDataReq,
+    eOpSequence,
+    eOpInfo,
+    eOpStatus,
+    eOpReadAnalog,
+};
+constexpr int kWrongData = -1;
+
+int Check(int rc, bool good)
+{
+    return rc != 0 || good ? rc : kWrongData;
+}
+
+int Call(CTarvikClientSPI& client, EOp op)
+{
+    switch (op)
+    {
+    case eOpGetGlobals:
+    {
+        unsigned int rate = 0;
+        unsigned char s1 = 1, s2 = 1, s3 = 1;
+        int rc = client.GetGlobals(rate, s1, s2, s3);
+        return Check(rc, rate == CTarvikSimDeviceSPI::kDefaultRate && s1 == 0 && s2 == 0 && s3 == 0);
+    }
+    case eOpDataReq:
+    {
+        // READ at the mark: three bytes clocked in during the instruction, then the mark.
+        const char send[] = {0x03, 0x00, static_cast<char>(kMarkAddress)};
+        char recv[7] = {};
+        int rc = client.DataReq(send, sizeof(send), recv, sizeof(recv));
+        return Check(rc, std::string(recv + 3, 4) == kMark);
+    }
+    case eOpSequence:
+    {
+        // SELECT, WRITE [READ 00 10], READ 4, DESELECT; asynchronous, collected by id.
+        const std::string script = Hex("01 03 03 00 03 00 10 04 04 00 02");
+        short id = -1;
+        int rc = client.SequenceReq(script.data(), static_cast<unsigned short>(script.size()), &id);
+        if (rc != 0)
+            return rc;
+        char out[4] = {};
+        rc = client.SequenceGetCnf(id, out, sizeof(out));
+        return Check(rc, std::string(out, 4) == kMark);
+    }
+    case eOpInfo:
+    {
+        STarvikDeviceInfo info = {};
+        int rc = client.Info(&info);
+        // Serial number 21003000, little-endian.
+        return Check(rc, ToHex(std::string(reinterpret_cast<char*>(info.m_abData), 4)) == "F8 7A 40 01");
+    }
+    case eOpStatus:
+    {
+        std::string text;
+        int rc = client.Status(text);
+        return Check(rc, text.compare(0, 19, "Tarvik SPI #0 ready") == 0);
+    }
+    case eOpReadAnalog:
+    {
+        unsigned int first = 0;
+        unsigned int values[8] = {};
+        unsigned short count = 8;
+        int rc = client.ReadAnalog(first, values, count);
+        return Check(rc, first == 8 && count == 8);
+    }
+    }
+    return kWrongData;
+}
+
+// Runs op and checks that it returned within its time-out and a little more.
+int TimedCall(CTarvikClientSPI& client, EOp op)
+{
+    auto start = std::chrono::steady_clock::now();
+    int rc = Call(client, op);
+    auto took = std::chrono::steady_clock::now() - start;
+    // An asynchronous sequence is one send and one wait: both bounded alike.
+    EXPECT_LE(took, std::chrono::milliseconds(kTimeoutMs) + kSlack) << "call took too long";
+    return rc;
+}
+
+class CSimFaultTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(0, m_oServer.AddDevice(eTarvikSPI));
+        ASSERT_TRUE(m_oServer.Start());
+        auto* spi = dynamic_cast<CTarvikSimDeviceSPI*>(m_oServer.GetDevice(eTarvikSPI));
+        ASSERT_NE(nullptr, spi);
+        spi->PokeEeprom(kMarkAddress, kMark);
+    }
+
+    std::unique_ptr<CTarvikClientSPI> Connected(unsigned int timeoutMs = kTimeoutMs)
+    {
+        auto client = std::make_unique<CTarvikClientSPI>(timeoutMs);
+        EXPECT_EQ(0, client->Connect("127.0.0.1", m_oServer.GetPort(eTarvikSPI)));
+        client->Open();
+        return client;
+    }
+
+    // After a broken stream: the connection ends by itself, requests fail at once as
+    // not connected, and a new connection works.
+    void ExpectReconnectRecovers(CTarvikClientSPI& client, EOp op)
+    {
+        EXPECT_TRUE(Eventually([&] { return client.GetConnectState() != CMolIPBase::eStateConnected; }))
+            << "the connection did not end";
+        EXPECT_EQ(kNotConnected, TimedCall(client, op));
+        client.Disconnect();
+        ASSERT_EQ(0, client.Connect("127.0.0.1", m_oServer.GetPort(eTarvikSPI)));
+        EXPECT_EQ(kOk, TimedCall(client, op));
+    }
+
+    CTarvikSimServer m_oServer;
+};
+
+enum ERecovery
+{
+    eNextSucceeds,   // the stream is in step: the next request is answered
+    eAfterReconnect, // the stream is broken: the connection ends, a new one works
+};
+
+typedef std::function<void(CTarvikSimServer&)> TSetFault;
+
+TSetFault Fault(ETarvikSimFault fault)
+{
+    return [fault](CTarvikSimServer& server) { server.SetFault(fault); };
+}
+
+typedef CTarvikSimServer S;
+
+TSetFault Set(void (S::*set)(unsigned int), unsigned int value)
+{
+    return [set, value](CTarvikSimServer& server) { (server.*set)(value); };
+}
+
+TSetFault Delay(unsigned int ms, unsigned int jitterMs)
+{
+    return [ms, jitterMs](CTarvikSimServer& server) { server.SetAnswerDelay(ms, jitterMs); };
+}
+
+struct SFaultCase
+{
+    const char* m_pName;
+    TSetFault m_fnSet;
+    EOp m_eOp;
+    // Calls that succeed before the one that meets the fault.
+    int m_nGoodBefore;
+    std::vector<int> m_anResults;
+    ERecovery m_eRecovery;
+};
+
+TEST_F(CSimFaultTest, EachFaultGivesItsResultAndTheClientRecovers)
+{
+    const SFaultCase cases[] = {
+        {"silent", Fault(eTarvikSimFaultSilent), eOpGetGlobals, 0, {kTimeout}, eNextSucceeds},
+        {"every answer dropped", Set(&S::SetDropPercent, 100), eOpDataReq, 0, {kTimeout}, eNextSucceeds},
+        {"bad check byte", Fault(eTarvikSimFaultBadCRC), eOpInfo, 0, {TARVIK_ERR_CRC}, eNextSucceeds},
+        {"wrong command code", Fault(eTarvikSimFaultWrongCmd), eOpStatus, 0, {TARVIK_ERR_NOT_CONFIRMED}, eNextSucceeds},
+        {"wrong message id", Fault(eTarvikSimFaultWrongId), eOpGetGlobals, 0, {kTimeout}, eNextSucceeds},
+        {"wrong message id, asynchronous", Fault(eTarvikSimFaultWrongId), eOpSequence, 0, {kTimeout}, eNextSucceeds},
+        {"answered twice", Fault(eTarvikSimFaultTwice), eOpSequence, 0, {kOk}, eNextSucceeds},
+        {"indications", Set(&S::SetIndications, 3), eOpReadAnalog, 0, {kOk}, eNextSucceeds},
+        {"stray confirmations", Set(&S::SetStrayConfirmations, 5), eOpDataReq, 0, {kOk}, eNextSucceeds},
+        {"delay and jitter within the time-out", Delay(100, 50), eOpGetGlobals, 0, {kOk}, eNextSucceeds},
+        {"delay beyond the time-out", Delay(kTimeoutMs + 100, 0), eOpInfo, 0, {kTimeout}, eNextSucceeds},
+        {"dribbled within the time-out", Set(&S::SetDribble, 5), eOpGetGlobals, 0, {kOk}, eNextSucceeds},
+        {"garbage", Fault(eTarvikSimFaultGarbage), eOpGetGlobals, 0, {kTimeout}, eAfterReconnect},
+        {"huge length field, then a stall", Fault(eTarvikSimFaultStall), eOpDataReq, 0, {kTimeout}, eAfterReconnect},
+        {"closed mid-frame", Fault(eTarvikSimFaultCloseMidFrame), eOpInfo, 0, {kTimeout}, eAfterReconnect},
+        {"closed for an answer", Fault(eTarvikSimFaultClose), eOpStatus, 0, {kTimeout, kNotConnected}, eAfterReconnect},
+        {"closed after 3", Set(&S::SetCloseAfter, 3), eOpGetGlobals, 3, {kTimeout, kNotConnected}, eAfterReconnect},
+    };
+    for (const SFaultCase& c : cases)
+    {
+        SCOPED_TRACE(c.m_pName);
+        auto client = Connected();
+        c.m_fnSet(m_oServer);
+        for (int i = 0; i < c.m_nGoodBefore; ++i)
+            EXPECT_EQ(kOk, TimedCall(*client, c.m_eOp));
+        int rc = TimedCall(*client, c.m_eOp);
+        EXPECT_NE(c.m_anResults.end(), std::find(c.m_anResults.begin(), c.m_anResults.end(), rc))
+            << "result 0x" << std::hex << rc;
+        m_oServer.ClearFaults();
+        if (c.m_eRecovery == eNextSucceeds)
+            EXPECT_EQ(kOk, TimedCall(*client, c.m_eOp));
+        else
+            ExpectReconnectRecovers(*client, c.m_eOp);
+    }
+}
+
+TEST_F(CSimFaultTest, DropsFollowTheSeedOnEveryConnection)
+{
+    m_oServer.SetSeed(7);
+    m_oServer.SetDropPercent(50);
+    std::vector<std::string> patterns;
+    for (int connection = 0; connection < 2; ++connection)
+    {
+        auto client = Connected(100);
+        std::string pattern;
+        for (int i = 0; i < 12; ++i)
+        {
+            int rc = Call(*client, eOpGetGlobals);
+            ASSERT_TRUE(rc == kOk || rc == kTimeout) << std::hex << rc;
+            pattern += rc == kOk ? '+' : '-';
+        }
+        patterns.push_back(pattern);
+    }
+    EXPECT_EQ(patterns[0], patterns[1]);
+    EXPECT_NE(std::string::npos, patterns[0].find('+')) << patterns[0];
+    EXPECT_NE(std::string::npos, patterns[0].find('-')) << patterns[0];
+}
+
+TEST_F(CSimFaultTest, FloodOfStrayConfirmationsLeavesRequestsAnswered)
+{
+    // 40000 confirmations nobody asked for, over the 16384 ids 0x4000..0x7FFF: more
+    // than the client keeps, so its store of confirmations is cut back as they come.
+    m_oServer.SetStrayConfirmations(2000);
+    auto client = Connected(2000);
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(kOk, Call(*client, eOpGetGlobals)) << "request " << i;
+    m_oServer.ClearFaults();
+    EXPECT_EQ(kOk, Call(*client, eOpDataReq));
+}
+
+TEST_F(CSimFaultTest, FaultsChangedWhileRequestsRunGiveOnlyTheirOwnResults)
+{
+    auto client = Connected();
+    std::atomic<bool> done{false};
+    std::thread changer(
+        [&]
+        {
+            const ETarvikSimFault faults[] = {eTarvikSimFaultBadCRC, eTarvikSimFaultWrongCmd, eTarvikSimFaultNone};
+            for (unsigned int i = 0; !done; ++i)
+            {
+                m_oServer.SetFault(faults[i % 3]);
+                m_oServer.SetAnswerDelay(i % 2, i % 3);
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+    const int allowed[] = {kOk, TARVIK_ERR_CRC, TARVIK_ERR_NOT_CONFIRMED};
+    for (int i = 0; i < 300; ++i)
+    {
+        int rc = TimedCall(*client, i % 2 ? eOpGetGlobals : eOpDataReq);
+        EXPECT_NE(std::end(allowed), std::find(std::begin(allowed), std::end(allowed), rc)) << std::hex << rc;
+    }
+    done = true;
+    changer.join();
+    m_oServer.ClearFaults();
+    EXPECT_EQ(kOk, TimedCall(*client, eOpSequence));
+}
+
+TEST_F(CSimFaultTest, ClientBeyondTheConnectionLimitIsTurnedAway)
+{
+    m_oServer.SetMaxConnections(1);
+    auto first = Connected();
+    ASSERT_TRUE(Eventually([this] { return m_oServer.GetConnectionCount() == 1; }));
+    // The gateway accepts, then closes at once: the connect succeeds, or sees the close
+    // already; a request on it fails either way.
+    CTarvikClientSPI second(kTimeoutMs);
+    int rc = second.Connect("127.0.0.1", m_oServer.GetPort(eTarvikSPI));
+    EXPECT_TRUE(rc == kOk || rc == kNotConnected) << std::hex << rc;
+    rc = TimedCall(second, eOpGetGlobals);
+    EXPECT_TRUE(rc == kNotConnected || rc == kTimeout) << std::hex << rc;
+    EXPECT_EQ(1u, m_oServer.GetRefusedCount());
+    EXPECT_EQ(kOk, TimedCall(*first, eOpGetGlobals));
+
+    first->Disconnect();
+    ASSERT_TRUE(Eventually([this] { return m_oServer.GetConnectionCount() == 0; }));
+    second.Disconnect();
+    ASSERT_EQ(0, second.Connect("127.0.0.1", m_oServer.GetPort(eTarvikSPI)));
+    EXPECT_EQ(kOk, TimedCall(second, eOpGetGlobals));
+}
+
+// The flat C interface over the same faults. SPIOpenDevice dials port 5002, so the
+// simulator listens on its own loopback address, 127.0.0.71 to .79.
+class CSimFaultDllTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        int rc = EADDRINUSE;
+        for (int last = 71; last <= 79 && rc == EADDRINUSE; ++last)
+        {
+            m_sHost = "127.0.0." + std::to_string(last);
+            rc = m_oServer.AddDevice(eTarvikSPI, m_sHost, 5002);
+        }
+        ASSERT_EQ(0, rc) << m_oServer.GetLastError();
+        ASSERT_TRUE(m_oServer.Start());
+        ASSERT_EQ(0, SPIOpenDevice(&m_nHandle, m_sHost.c_str(), static_cast<int>(kTimeoutMs)));
+    }
+
+    void TearDown() override
+    {
+        if (m_nHandle >= 0)
+            SPICloseDevice(m_nHandle);
+    }
+
+    int GetGlobals()
+    {
+        unsigned int rate = 0;
+        auto start = std::chrono::steady_clock::now();
+        int rc = SPIGetGlobals(m_nHandle, &rate, nullptr, nullptr, nullptr);
+        EXPECT_LE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kTimeoutMs) + kSlack);
+        return rc == 0 && rate != CTarvikSimDeviceSPI::kDefaultRate ? kWrongData : rc;
+    }
+
+    CTarvikSimServer m_oServer;
+    std::string m_sHost;
+    int m_nHandle = -1;
+};
+
+TEST_F(CSimFaultDllTest, FaultsReachTheCallerAsResultCodes)
+{
+    struct SCase
+    {
+        const char* m_pName;
+        ETarvikSimFault m_eFault;
+        int m_nResult;
+    };
+    const SCase cases[] = {
+        {"bad check byte", eTarvikSimFaultBadCRC, TARVIK_ERR_CRC},
+        {"wrong command code", eTarvikSimFaultWrongCmd, TARVIK_ERR_NOT_CONFIRMED},
+        {"wrong message id", eTarvikSimFaultWrongId, kTimeout},
+        {"answered twice", eTarvikSimFaultTwice, kOk},
+    };
+    for (const SCase& c : cases)
+    {
+        m_oServer.SetFault(c.m_eFault);
+        EXPECT_EQ(c.m_nResult, GetGlobals()) << c.m_pName;
+        m_oServer.ClearFaults();
+        EXPECT_EQ(kOk, GetGlobals()) << c.m_pName;
+    }
+}
+
+TEST_F(CSimFaultDllTest, StalledStreamNeedsTheDeviceReopened)
+{
+    m_oServer.SetFault(eTarvikSimFaultStall);
+    const char send[] = {0x05, 0x00};
+    char recv[2] = {};
+    EXPECT_EQ(kTimeout, SPIDataReq(m_nHandle, send, 2, recv, 2));
+    m_oServer.ClearFaults();
+    // The stalled frame ends the connection within the time-out; then nothing gets through.
+    EXPECT_TRUE(Eventually([this] { return GetGlobals() == kNotConnected; }));
+    SPICloseDevice(m_nHandle);
+    m_nHandle = -1;
+    ASSERT_EQ(0, SPIOpenDevice(&m_nHandle, m_sHost.c_str(), static_cast<int>(kTimeoutMs)));
+    EXPECT_EQ(kOk, GetGlobals());
+}
+} // namespace
