@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <random>
 #include <set>
 #include <sstream>
@@ -99,6 +100,45 @@ TEST(ReadLines, FirstExtendedAddressOfTheProcessSetsTheMinimum)
     EXPECT_EQ(0x10000u, first.m_nMinAddr);
     EXPECT_EQ(0u, second.AnalizeLineIntel(":020000040800F2", map, extended));
     EXPECT_EQ(0u, second.m_nMinAddr);
+}
+
+// Writes in any order, overlapping, around page and 64-byte boundaries and at both ends of the
+// address space give the runs of a plain address-to-byte map, the last write winning.
+TEST(ReadLines, ByteMapGivesTheRunsOfAPlainMap)
+{
+    std::mt19937 random(7);
+    auto pick = [&random](uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(random); };
+    const uint32_t bases[] = {0, 0x40, 0xFC0, 0x1000, 0x7FFFF000, 0xFFFFF000};
+    for (int round = 0; round < 50; ++round)
+    {
+        CTarvikHexfile::CByteMap map;
+        std::map<uint32_t, char> reference;
+        for (int write = pick(300); write-- > 0;)
+        {
+            // Spans of up to 130 bytes, so that full and partial slices both occur.
+            const uint32_t start = bases[pick(6)] + pick(0x2000) - 0x1000;
+            for (uint32_t n = pick(4) == 0 ? pick(130) : 1; n-- > 0;)
+            {
+                const char value = static_cast<char>(pick(256));
+                map.SetByte(start + n, value);
+                reference[start + n] = value;
+            }
+        }
+        Blocks expected;
+        uint64_t next = 0;
+        for (const auto& byte : reference)
+        {
+            if (expected.empty() || byte.first != next)
+                expected.emplace_back(byte.first, "");
+            expected.back().second += byte.second;
+            next = uint64_t(byte.first) + 1;
+        }
+        std::vector<CTarvikHexfile::SMemoryBlock*> blocks;
+        map.ToMemoryBlocks(blocks);
+        EXPECT_EQ(expected, ToBlocks(blocks)) << "round " << round;
+        for (auto* block : blocks)
+            delete block;
+    }
 }
 
 TEST(ReadLines, ImageAbove4GiBFailsEveryGoodRecord)
