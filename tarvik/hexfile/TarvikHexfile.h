@@ -144,7 +144,8 @@ public:
     std::string GetSizeString(int bytes) const;
 
     // Dumps. The caller provides a zero-filled output of
-    // ceil(size / N) * GetNumberOfBytesNeedForLine(N) characters; lines have no address column.
+    // ceil(size / N) * GetNumberOfBytesNeedForLine(N) + 1 characters: every line, the last one
+    // too, ends in a newline, and a NUL follows the last. Lines have no address column.
     void MemDumpLine(const char* data, const bool* present, uint64_t size, uint64_t offset, char* out,
                      unsigned long* written, uint64_t bytesPerLine, uint64_t address) const;
     void MemDump(const char* data, const bool* present, uint64_t size, char* out, uint64_t bytesPerLine,
