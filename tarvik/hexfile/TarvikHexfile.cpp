@@ -27,7 +27,7 @@ constexpr size_t kRunReserve = 0x40000;
 
 // The line reader takes at most this many characters plus the terminator.
 constexpr size_t kLineBufferSize = 1024;
-constexpr size_t kReadChunk = 1 << 20;
+constexpr size_t kReadChunk = 1 << 16;
 
 constexpr unsigned int kBytesPerRecord = 16;
 
