@@ -1,20 +1,26 @@
-# Entry points: make test | make demo | make bench | make install
+# Entry points: make test | make demo | make bench | make fuzz | make install
 # Each target installs what is missing (Debian 12, apt-get), configures and builds.
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 BENCH_BUILD ?= build-bench
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
 COMPONENTS = -DTARVIK_BUILD_TESTS=ON -DTARVIK_BUILD_SIM=ON -DTARVIK_BUILD_TOOLS=ON -DTARVIK_BUILD_EXAMPLES=ON
 
 PACKAGES = cmake make g++ pkg-config libboost-dev libgtest-dev libgmock-dev \
-           libbenchmark-dev libcli11-dev srecord
+           libbenchmark-dev libcli11-dev srecord clang libclang-rt-14-dev
+
+# The fuzz build goes through ccache when there is one.
+CCACHE := $(shell command -v ccache 2>/dev/null)
+FUZZ_LAUNCHER = $(if $(CCACHE),-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test test-asan demo bench install clean
+.PHONY: all deps configure build test test-asan fuzz fuzz-smoke demo bench install clean
 
 all: build
 
@@ -35,16 +41,29 @@ configure: deps
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
-# The suite, then the same suite again with AddressSanitizer and UBSan.
+# The suite, then the same suite again with AddressSanitizer and UBSan, then a short fuzz run.
 test: build
 	ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure
 	$(MAKE) test-asan
+	$(MAKE) fuzz-smoke
 
 test-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARVIK_SANITIZE=ON $(COMPONENTS) $(CMAKE_ARGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ASAN_OPTIONS=abort_on_error=1:detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD) -j $(JOBS) --output-on-failure -LE script
+
+# Every libFuzzer target of tests/fuzz, built with clang, each run FUZZ_SECONDS on a scratch
+# copy of its seeds; prints executions per second per target and fails on a crash.
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVIK_BUILD_FUZZ=ON \
+	  -DTARVIK_BUILD_TESTS=OFF -DTARVIK_BUILD_SIM=OFF -DTARVIK_BUILD_TOOLS=OFF -DTARVIK_BUILD_EXAMPLES=OFF \
+	  $(FUZZ_LAUNCHER) $(CMAKE_ARGS)
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	bash tests/fuzz/run_fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+fuzz-smoke:
+	$(MAKE) fuzz FUZZ_SECONDS=5
 
 demo: build
 	bash examples/demo.sh $(BUILD)
@@ -58,4 +77,4 @@ install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)
