@@ -5,7 +5,9 @@
 // - survive being written as Intel HEX and as S-records and read back: the same blocks at the
 //   same addresses. Both writers cut blocks into records that the reader takes back whole, and
 //   a loaded image has sorted blocks below 4 GiB that never touch, so the blocks come back as
-//   they were. (A binary save is not checked: it drops the start address by design.)
+//   they were;
+// - be written as binary exactly when it is one block and its minimum is 0, as that block's
+//   bytes (a binary file drops the start address, so it is not read back).
 // A failed check aborts, so libFuzzer keeps the input.
 #include "tarvik/hexfile/TarvikHexfile.h"
 
@@ -107,6 +109,20 @@ void CheckRoundTrip(CTarvikHexfile& image, CTarvikHexfile::EType type)
         Fail(type == CTarvikHexfile::Intel ? "Intel HEX does not give back the blocks written"
                                            : "S-records do not give back the blocks written");
 }
+void CheckBinary(CTarvikHexfile& image)
+{
+    std::ostringstream out;
+    const uint32_t result = image.SaveAsFileBinary(out);
+    const auto& blocks = image.GetMemoryBlocks();
+    if (blocks.size() == 1 && image.m_nMinAddr == 0)
+    {
+        if (result != CTarvikHexfile::ResultOk || out.str() != std::string(blocks[0]->m_pData, blocks[0]->m_nLength))
+            Fail("one block with minimum 0 is not written as its bytes");
+    }
+    else if (result != (blocks.empty() ? CTarvikHexfile::ResultOk : CTarvikHexfile::ResultBinaryRefused) ||
+             !out.str().empty())
+        Fail("a binary save writes what it must refuse");
+}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -124,5 +140,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     CheckDump(image, bytesPerLine);
     CheckRoundTrip(image, CTarvikHexfile::Intel);
     CheckRoundTrip(image, CTarvikHexfile::Motorola);
+    CheckBinary(image);
     return 0;
 }
