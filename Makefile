@@ -1,21 +1,27 @@
-# Entry points: make test | make demo | make bench | make soak | make install
+# Entry points: make test | make demo | make bench | make soak | make fuzz | make install
 # Each target installs what is missing (Debian 12, apt-get), configures and builds.
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 BENCH_BUILD ?= build-bench
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
 COMPONENTS = -DTARVIK_BUILD_TESTS=ON -DTARVIK_BUILD_SIM=ON -DTARVIK_BUILD_TOOLS=ON -DTARVIK_BUILD_EXAMPLES=ON
 
 PACKAGES = cmake make g++ pkg-config libboost-dev libgtest-dev libgmock-dev \
-           libbenchmark-dev libcli11-dev srecord ccache
+           libbenchmark-dev libcli11-dev srecord ccache clang libclang-rt-14-dev
+
+# The fuzz build goes through ccache when there is one.
+CCACHE := $(shell command -v ccache 2>/dev/null)
+FUZZ_LAUNCHER = $(if $(CCACHE),-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test test-asan test-tsan demo bench soak install clean
+.PHONY: all deps configure build test test-asan test-tsan fuzz fuzz-smoke demo bench soak install clean
 
 all: build
 
@@ -37,11 +43,12 @@ build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
 # The suite, then the same suite again with AddressSanitizer and UBSan, and with
-# ThreadSanitizer. Any sanitizer report fails its test.
+# ThreadSanitizer (any sanitizer report fails its test), then a short fuzz run.
 test: build
 	ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
+	$(MAKE) fuzz-smoke
 
 test-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARVIK_SANITIZE=ON $(COMPONENTS) $(CMAKE_ARGS)
@@ -54,6 +61,18 @@ test-tsan: deps
 	cmake --build $(TSAN_BUILD) -j $(JOBS)
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  ctest --test-dir $(TSAN_BUILD) -j $(JOBS) --output-on-failure -LE script
+
+# Every libFuzzer target of tests/fuzz, built with clang, each run FUZZ_SECONDS on a scratch
+# copy of its seeds; prints executions per second per target and fails on a crash.
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVIK_BUILD_FUZZ=ON \
+	  -DTARVIK_BUILD_TESTS=OFF -DTARVIK_BUILD_SIM=OFF -DTARVIK_BUILD_TOOLS=OFF -DTARVIK_BUILD_EXAMPLES=OFF \
+	  $(FUZZ_LAUNCHER) $(CMAKE_ARGS)
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	bash tests/fuzz/run_fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+fuzz-smoke:
+	$(MAKE) fuzz FUZZ_SECONDS=5
 
 demo: build
 	bash examples/demo.sh $(BUILD)
@@ -73,4 +92,4 @@ install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Load speed of 16 MiB Intel HEX and S-record images (16-byte records) in tarvik, against
-# SRecord's srec_cat converting the same files to binary on the same machine in the same run.
+# SRecord's srec_cat converting the same files to binary on the same machine in the same run;
+# then the memory one load takes for a sparse and a dense Intel HEX file of 1.5 MiB each.
 #
 #   bash bench/run_hexfile.sh BUILD_DIR
 #
@@ -72,6 +73,13 @@ for format in intel srec; do
         printf "%-5s tarvik:   %.4f s, %.1f MiB/s\n", f, t, m / t
     }'
     ratio[$format]=$(awk -v s="$srec_s" -v t="$tarvik_s" 'BEGIN { printf "%.2f", s / t }')
+done
+
+echo "memory of one load: 1.5 MiB Intel HEX files, sparse (one-byte records, each on a new 4 KiB page)"
+echo "and dense (16-byte records back to back), each loaded in a fresh process"
+for kind in sparse dense; do
+    "$bench" gen "$kind" "$work/$kind.hex" 1536
+    "$bench" memory "$work/$kind.hex" | grep -v '^peak_kib'
 done
 
 echo "ratio intel srec_cat/tarvik: ${ratio[intel]}"

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 namespace
@@ -56,17 +57,42 @@ TEST(Dump, LineLayout)
     EXPECT_EQ(67u, image.GetNumberOfBytesNeedForLine(16));
 }
 
-TEST(Dump, RangeOfTheImageWithAHole)
+// Ranges that cut blocks at one or both ends, start or end in a hole, or run past the highest
+// address (clamped). The output has exactly the documented size, followed by guard bytes.
+TEST(Dump, RangesOfTheImage)
 {
     CTarvikHexfile image;
-    image.AddMemoryBlock(0x10, "ABCD", 4);
-    image.AddMemoryBlock(0x16, "xy\x01", 3);
-    const uint64_t size = 2 * image.GetNumberOfBytesNeedForLine(8) + 1;
-    std::string out = Output(size);
-    image.GetPrintDump(&out[0], 8, 0x10, 0x30); // the end is clamped to the highest address
-    EXPECT_EQ(" 41 42 43 44 -- -- 78 79 ABCD  xy\n"
-              " 01                      .       \n",
-              std::string(out.c_str()));
-    EXPECT_EQ("####", out.substr(size));
+    image.AddMemoryBlock(0x08, "before", 6);
+    image.AddMemoryBlock(0x40, "0123456789abcdefghijklmnopqrstuv", 32);
+    image.AddMemoryBlock(0x70, "aft\x01r", 5);
+    const std::string blank8(24, ' '); // eight bytes past the end in the hex part
+    const struct
+    {
+        const char* m_pName;
+        uint64_t m_nFrom;
+        uint64_t m_nTo;
+        uint64_t m_nBytesPerLine;
+        std::string m_sText;
+    } cases[] = {
+        {"block_cut_at_both_ends", 0x45, 0x5A, 8,
+         " 35 36 37 38 39 61 62 63 56789abc\n"
+         " 64 65 66 67 68 69 6A 6B defghijk\n"
+         " 6C 6D 6E 6F 70 71       lmnopq  \n"},
+        {"one_byte_inside_a_block", 0x50, 0x50, 8, " 67" + std::string(22, ' ') + "g       \n"},
+        {"cut_blocks_around_a_hole", 0x5C, 0x72, 16,
+         " 73 74 75 76 -- -- -- --  -- -- -- -- -- -- -- -- stuv            \n"
+         " -- -- -- -- 61 66 74     " + blank8 + "    aft         \n"},
+        {"end_clamped_to_the_highest_address", 0x70, 0x90, 8, " 61 66 74 01 72          aft.r   \n"},
+    };
+    for (const auto& c : cases)
+    {
+        const uint64_t lines = (std::min<uint64_t>(c.m_nTo, image.m_nMaxAddr) - c.m_nFrom) / c.m_nBytesPerLine + 1;
+        const uint64_t size = lines * image.GetNumberOfBytesNeedForLine(static_cast<unsigned int>(c.m_nBytesPerLine)) + 1;
+        std::string out = Output(size);
+        image.GetPrintDump(&out[0], c.m_nBytesPerLine, c.m_nFrom, c.m_nTo);
+        EXPECT_EQ(c.m_sText, std::string(out.c_str())) << c.m_pName;
+        EXPECT_EQ(c.m_sText.size() + 1, size) << c.m_pName; // the text fills the output to its last byte
+        EXPECT_EQ("####", out.substr(size)) << c.m_pName;
+    }
 }
 } // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <random>
 #include <set>
 #include <sstream>
@@ -73,9 +74,19 @@ INSTANTIATE_TEST_SUITE_P(
         SLineCase{"intel_type_3", true, ":0400000300001234B3", 144, kType, {}},
         // The bytes of a record with a bad checksum are taken all the same.
         SLineCase{"intel_checksum", true, ":0400100001020304E3", 146, kChecksum, {{0x10, "\x01\x02\x03\x04"}}},
+        // A start address adds its four bytes to the checksum and nothing to the image.
+        SLineCase{"intel_type_5", true, ":0400000508000131BD", 0, nullptr, {}},
+        SLineCase{"intel_type_5_checksum", true, ":0400000508000131BC", 146, kChecksum, {}},
         // S-record checksums are not verified.
         SLineCase{"srec_cr_bad_checksum", false, "S1061234010203FF\r", 0, nullptr, {{0x1234, "\x01\x02\x03"}}},
         SLineCase{"srec_lower_case", false, "S2060100000a0be3", 0, nullptr, {{0x10000, "\x0A\x0B"}}},
+        // Address sizes at their limits; data runs on across 0x10000 and 0x1000000 and wraps at 4 GiB.
+        SLineCase{"srec_s1_ffff", false, "S105FFFF0102F9", 0, nullptr, {{0xFFFF, "\x01\x02"}}},
+        SLineCase{"srec_s2_ffff", false, "S20600FFFF0102F8", 0, nullptr, {{0xFFFF, "\x01\x02"}}},
+        SLineCase{"srec_s2_10000", false, "S2060100000102F5", 0, nullptr, {{0x10000, "\x01\x02"}}},
+        SLineCase{"srec_s2_ffffff", false, "S206FFFFFF0102F9", 0, nullptr, {{0xFFFFFF, "\x01\x02"}}},
+        SLineCase{"srec_s3_10000", false, "S307000100000102F4", 0, nullptr, {{0x10000, "\x01\x02"}}},
+        SLineCase{"srec_s3_ffffffff", false, "S307FFFFFFFF0102F9", 0, nullptr, {{0, "\x02"}, {0xFFFFFFFF, "\x01"}}},
         SLineCase{"srec_blanks", false, " \t\r", 0, nullptr, {}},
         SLineCase{"srec_comment", false, ";S1061234010203AD", 145, kFormat, {}},
         SLineCase{"srec_count_past_end", false, "S1FF0000AABB", 145, kLength, {}},
@@ -99,6 +110,45 @@ TEST(ReadLines, FirstExtendedAddressOfTheProcessSetsTheMinimum)
     EXPECT_EQ(0x10000u, first.m_nMinAddr);
     EXPECT_EQ(0u, second.AnalizeLineIntel(":020000040800F2", map, extended));
     EXPECT_EQ(0u, second.m_nMinAddr);
+}
+
+// Writes in any order, overlapping, around page and 64-byte boundaries and at both ends of the
+// address space give the runs of a plain address-to-byte map, the last write winning.
+TEST(ReadLines, ByteMapGivesTheRunsOfAPlainMap)
+{
+    std::mt19937 random(7);
+    auto pick = [&random](uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(random); };
+    const uint32_t bases[] = {0, 0x40, 0xFC0, 0x1000, 0x7FFFF000, 0xFFFFF000};
+    for (int round = 0; round < 50; ++round)
+    {
+        CTarvikHexfile::CByteMap map;
+        std::map<uint32_t, char> reference;
+        for (int write = pick(300); write-- > 0;)
+        {
+            // Spans of up to 130 bytes, so that full and partial slices both occur.
+            const uint32_t start = bases[pick(6)] + pick(0x2000) - 0x1000;
+            for (uint32_t n = pick(4) == 0 ? pick(130) : 1; n-- > 0;)
+            {
+                const char value = static_cast<char>(pick(256));
+                map.SetByte(start + n, value);
+                reference[start + n] = value;
+            }
+        }
+        Blocks expected;
+        uint64_t next = 0;
+        for (const auto& byte : reference)
+        {
+            if (expected.empty() || byte.first != next)
+                expected.emplace_back(byte.first, "");
+            expected.back().second += byte.second;
+            next = uint64_t(byte.first) + 1;
+        }
+        std::vector<CTarvikHexfile::SMemoryBlock*> blocks;
+        map.ToMemoryBlocks(blocks);
+        EXPECT_EQ(expected, ToBlocks(blocks)) << "round " << round;
+        for (auto* block : blocks)
+            delete block;
+    }
 }
 
 TEST(ReadLines, ImageAbove4GiBFailsEveryGoodRecord)

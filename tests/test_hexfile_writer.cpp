@@ -54,14 +54,27 @@ TEST(Writer, IntelText)
               Write({{0x1FFF8, Bytes(0, 17)}}, CTarvikHexfile::Intel));
 }
 
-// S1 up to 0xFFFF, S2 up to 0xFFFFFF, S3 above, decided by each record's first address.
+// S1 up to 0xFFFF, S2 up to 0xFFFFFF, S3 above, decided by each record's first address: a
+// record keeps its type when its data run on past the limit.
 TEST(Writer, SrecText)
 {
-    EXPECT_EQ("S113FFF8000102030405060708090A0B0C0D0E0F7D\n"
-              "S20501000810E1\n"
-              "S205FFFFFF01FC\n"
-              "S30701000000BEEF4A\n",
-              Write({{0xFFF8, Bytes(0, 17)}, {0xFFFFFF, "\x01"}, {0x1000000, "\xBE\xEF"}}, CTarvikHexfile::Motorola));
+    const struct
+    {
+        const char* m_pName;
+        Blocks m_vecBlocks;
+        const char* m_pText;
+    } cases[] = {
+        {"records_of_16", {{0xFFF8, Bytes(0, 17)}},
+         "S113FFF8000102030405060708090A0B0C0D0E0F7D\n"
+         "S20501000810E1\n"},
+        {"s1_at_ffff", {{0xFFFF, "\x01\x02"}}, "S105FFFF0102F9\n"},
+        {"s2_at_10000", {{0x10000, "\x01\x02"}}, "S2060100000102F5\n"},
+        {"s2_at_ffffff", {{0xFFFFFF, "\x01\x02"}}, "S206FFFFFF0102F9\n"},
+        {"s3_at_1000000", {{0x1000000, "\xBE\xEF"}}, "S30701000000BEEF4A\n"},
+        {"s3_at_ffffffff", {{0xFFFFFFFF, "\x5A"}}, "S306FFFFFFFF5AA3\n"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.m_pText, Write(c.m_vecBlocks, CTarvikHexfile::Motorola)) << c.m_pName;
 }
 
 TEST(Writer, BinaryNeedsOneBlockAtZeroAndFilesMustOpen)

@@ -21,11 +21,13 @@ constexpr unsigned int kIntelStartLinear = 5;
 
 constexpr unsigned int kPageSize = 4096;
 constexpr unsigned int kPageMask = kPageSize - 1;
+// A page is stored in slices of 64 bytes, one present bit each in a 64-bit word.
+constexpr unsigned int kSliceSize = 64;
 constexpr size_t kRunReserve = 0x40000;
 
 // The line reader takes at most this many characters plus the terminator.
 constexpr size_t kLineBufferSize = 1024;
-constexpr size_t kReadChunk = 1 << 20;
+constexpr size_t kReadChunk = 1 << 16;
 
 constexpr unsigned int kBytesPerRecord = 16;
 
@@ -226,15 +228,30 @@ bool CTarvikHexfile::SMemoryBlock::operator==(const SMemoryBlock& other) const
 // ---------------------------------------------------------------------------------------------
 // CByteMap
 
-CTarvikHexfile::CByteMap::CByteMap() : m_nLastPageBase(0), m_pLastPage(nullptr) {}
-
-void CTarvikHexfile::CByteMap::SelectPage(unsigned int base)
+CTarvikHexfile::CByteMap::CByteMap()
+    : m_nLastPageBase(0), m_pLastPage(nullptr), m_nLastSliceBase(0), m_pLastSlice(nullptr)
 {
-    auto it = m_mapPages.find(base);
-    if (it == m_mapPages.end())
-        it = m_mapPages.emplace(base, TPage(kPageSize, std::make_pair('\0', false))).first;
-    m_nLastPageBase = base;
-    m_pLastPage = it->second.data();
+}
+
+void CTarvikHexfile::CByteMap::SelectSlice(unsigned int base)
+{
+    const unsigned int pageBase = base & ~kPageMask;
+    if (m_pLastPage == nullptr || pageBase != m_nLastPageBase)
+    {
+        m_pLastPage = &m_mapPages[pageBase];
+        m_nLastPageBase = pageBase;
+    }
+    SPage& page = *m_pLastPage;
+    const unsigned int slice = (base & kPageMask) / kSliceSize;
+    const uint64_t bit = uint64_t(1) << slice;
+    const size_t place = static_cast<size_t>(__builtin_popcountll(page.m_nSlices & (bit - 1)));
+    if ((page.m_nSlices & bit) == 0)
+    {
+        page.m_vecSlices.insert(page.m_vecSlices.begin() + static_cast<std::ptrdiff_t>(place), SSlice());
+        page.m_nSlices |= bit;
+    }
+    m_nLastSliceBase = base;
+    m_pLastSlice = &page.m_vecSlices[place];
 }
 
 void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks)
@@ -251,34 +268,39 @@ void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks
     uint64_t expected = 0;
     for (const auto& page : m_mapPages)
     {
-        const std::pair<char, bool>* entries = page.second.data();
-        // Taken span by span of present entries, which is the same as entry by entry.
-        unsigned int index = 0;
-        while (index < kPageSize)
+        uint64_t slices = page.second.m_nSlices;
+        for (const SSlice& slice : page.second.m_vecSlices)
         {
-            if (!entries[index].second)
+            // The slices are stored in address order; the lowest bit left is this one's.
+            const unsigned int sliceIndex = static_cast<unsigned int>(__builtin_ctzll(slices));
+            slices &= slices - 1;
+            const uint64_t sliceAddress = static_cast<uint64_t>(page.first) + sliceIndex * kSliceSize;
+            // Taken span by span of present bytes, which is the same as byte by byte.
+            uint64_t present = slice.m_nPresent;
+            unsigned int index = 0;
+            while (present != 0)
             {
-                ++index;
-                continue;
+                const unsigned int skip = static_cast<unsigned int>(__builtin_ctzll(present));
+                index += skip;
+                present >>= skip;
+                // Above the bytes still to look at, present holds zeros: only a full slice
+                // has no zero bit at all.
+                const unsigned int length =
+                    present == ~uint64_t(0) ? kSliceSize : static_cast<unsigned int>(__builtin_ctzll(~present));
+                const uint64_t address = sliceAddress + index;
+                if (address > expected)
+                {
+                    if (!run.empty())
+                        blocks.push_back(new SMemoryBlock(runStart, run.data(), run.size()));
+                    run.clear();
+                    runStart = address;
+                    expected = address;
+                }
+                run.insert(run.end(), slice.m_acData + index, slice.m_acData + index + length);
+                expected += length;
+                index += length;
+                present = length < kSliceSize ? present >> length : 0;
             }
-            unsigned int end = index + 1;
-            while (end < kPageSize && entries[end].second)
-                ++end;
-            uint64_t address = static_cast<uint64_t>(page.first) + index;
-            if (address > expected)
-            {
-                if (!run.empty())
-                    blocks.push_back(new SMemoryBlock(runStart, run.data(), run.size()));
-                run.clear();
-                runStart = address;
-                expected = address;
-            }
-            size_t used = run.size();
-            run.resize(used + (end - index));
-            for (unsigned int i = index; i < end; ++i)
-                run[used + (i - index)] = entries[i].first;
-            expected += end - index;
-            index = end;
         }
     }
     if (!run.empty())
@@ -289,6 +311,7 @@ void CTarvikHexfile::CByteMap::Clear()
 {
     m_mapPages.clear();
     m_pLastPage = nullptr;
+    m_pLastSlice = nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------

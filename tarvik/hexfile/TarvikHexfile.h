@@ -60,33 +60,53 @@ public:
     };
 
     // Collects the bytes of a text file in 4096-byte pages, so that records may come in any
-    // order and overlap; the blocks are built in one ordered pass at the end.
+    // order and overlap; the blocks are built in one ordered pass at the end. A page keeps only
+    // the 64-byte slices that bytes were written to, so it costs about what it holds: a file that
+    // puts one byte on each of many pages does not pay 4096 entries for each of them.
     class TARVIK_API CByteMap
     {
     public:
-        typedef std::vector<std::pair<char, bool>> TPage; // (value, present)
+        // Bytes 64 k to 64 k + 63 of a page; bit i of m_nPresent is set once byte i was written.
+        struct SSlice
+        {
+            uint64_t m_nPresent;
+            char m_acData[64];
+        };
+        // The slices of a page in address order. Bit k of m_nSlices is set when slice k of the
+        // page is there; its place in m_vecSlices is the number of lower bits set.
+        struct SPage
+        {
+            uint64_t m_nSlices = 0;
+            std::vector<SSlice> m_vecSlices;
+        };
 
         CByteMap();
         // Inline: a multi-megabyte image takes one call per byte.
         void SetByte(unsigned int address, char value)
         {
-            const unsigned int base = address & ~0xFFFu;
-            if (m_pLastPage == nullptr || base != m_nLastPageBase)
-                SelectPage(base);
-            m_pLastPage[address & 0xFFFu] = std::make_pair(value, true);
+            const unsigned int base = address & ~0x3Fu;
+            if (m_pLastSlice == nullptr || base != m_nLastSliceBase)
+                SelectSlice(base);
+            const unsigned int index = address & 0x3Fu;
+            m_pLastSlice->m_acData[index] = value;
+            m_pLastSlice->m_nPresent |= uint64_t(1) << index;
         }
         // Replaces the contents of blocks (releasing what it held) by the collected runs.
         void ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks);
         void Clear();
 
     private:
-        // Makes the page at base (created when missing) the current one.
-        void SelectPage(unsigned int base);
+        // Makes the slice at base (created with its page when missing) the current one.
+        void SelectSlice(unsigned int base);
 
-        std::map<unsigned int, TPage> m_mapPages;
-        // Records arrive mostly in address order: the page of the last write is kept at hand.
+        std::map<unsigned int, SPage> m_mapPages;
+        // Records arrive mostly in address order: the page and the slice of the last write are
+        // kept at hand. Creating a slice moves the others of its page, so only the slice just
+        // selected is ever remembered.
         unsigned int m_nLastPageBase;
-        std::pair<char, bool>* m_pLastPage;
+        SPage* m_pLastPage;
+        unsigned int m_nLastSliceBase;
+        SSlice* m_pLastSlice;
     };
 
     static const uint64_t m_nMaxAddressSupported = 0xFFFFFFFFull;
@@ -124,7 +144,8 @@ public:
     std::string GetSizeString(int bytes) const;
 
     // Dumps. The caller provides a zero-filled output of
-    // ceil(size / N) * GetNumberOfBytesNeedForLine(N) characters; lines have no address column.
+    // ceil(size / N) * GetNumberOfBytesNeedForLine(N) + 1 characters: every line, the last one
+    // too, ends in a newline, and a NUL follows the last. Lines have no address column.
     void MemDumpLine(const char* data, const bool* present, uint64_t size, uint64_t offset, char* out,
                      unsigned long* written, uint64_t bytesPerLine, uint64_t address) const;
     void MemDump(const char* data, const bool* present, uint64_t size, char* out, uint64_t bytesPerLine,
