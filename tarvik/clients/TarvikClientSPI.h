@@ -59,7 +59,8 @@ public:
     static unsigned int GetEEPROMSlaveAddress(unsigned short subAddress, unsigned int offset, unsigned int flags);
 
 private:
-    unsigned int m_nReserved;
+    // Reserved: set by the constructor, read by no operation.
+    [[maybe_unused]] unsigned int m_nReserved;
 };
 
 #endif

@@ -93,7 +93,8 @@ private:
     std::thread m_oThread;
     std::atomic<bool> m_bTerminate;
     std::atomic<bool> m_bRunning;
-    unsigned int m_nStackSize;
+    // Kept for callers that pass one; std::thread takes the system's default stack.
+    [[maybe_unused]] unsigned int m_nStackSize;
 };
 
 #endif
