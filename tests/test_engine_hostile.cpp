@@ -369,7 +369,7 @@ TEST_F(CHostileTest, AFrameDribbledByteByByteWithinTheTimeOutArrives)
             for (char byte : raw)
             {
                 m_oGateway.Send(std::string(1, byte));
-                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
             }
             return std::string();
         });
