@@ -102,6 +102,20 @@ int GenerateIntelText(const char* path, unsigned long kib, unsigned int recordBy
     return out.good() ? 0 : 1;
 }
 
+// Loads path into image: the seconds it took, or a negative number (message printed) on failure.
+double TimedLoad(CTarvikHexfile& image, const char* path)
+{
+    auto start = std::chrono::steady_clock::now();
+    uint32_t result = image.LoadFile(path);
+    auto stop = std::chrono::steady_clock::now();
+    if (result != 0)
+    {
+        std::fprintf(stderr, "%s\n", image.GetErrorMessage().c_str());
+        return -1.0;
+    }
+    return std::chrono::duration<double>(stop - start).count();
+}
+
 // Best time of runs loads, or a negative number when a load fails.
 double TimeLoad(const char* path, int runs, uint64_t& bytes)
 {
@@ -109,16 +123,10 @@ double TimeLoad(const char* path, int runs, uint64_t& bytes)
     for (int run = 0; run < runs; ++run)
     {
         CTarvikHexfile image;
-        auto start = std::chrono::steady_clock::now();
-        uint32_t result = image.LoadFile(path);
-        auto stop = std::chrono::steady_clock::now();
-        if (result != 0)
-        {
-            std::fprintf(stderr, "%s\n", image.GetErrorMessage().c_str());
+        double seconds = TimedLoad(image, path);
+        if (seconds < 0)
             return -1.0;
-        }
         bytes = image.GetTotalBytes();
-        double seconds = std::chrono::duration<double>(stop - start).count();
         if (best < 0 || seconds < best)
             best = seconds;
     }
@@ -162,20 +170,15 @@ int Memory(const char* path)
     const long before = StatusKib("VmRSS");
     const size_t heapBefore = mallinfo2().uordblks + mallinfo2().hblkhd;
     CTarvikHexfile image;
-    auto start = std::chrono::steady_clock::now();
-    uint32_t result = image.LoadFile(path);
-    auto stop = std::chrono::steady_clock::now();
-    if (result != 0)
-    {
-        std::fprintf(stderr, "%s\n", image.GetErrorMessage().c_str());
+    const double seconds = TimedLoad(image, path);
+    if (seconds < 0)
         return 1;
-    }
     const long peak = StatusKib("VmHWM") - before;
     const size_t held = mallinfo2().uordblks + mallinfo2().hblkhd - heapBefore;
     std::printf("tarvik memory %s: file %.0f KiB, %llu bytes in %zu blocks, load %.4f s, peak RSS %ld KiB, "
                 "+%ld KiB by the load (%.1fx the file), heap held after the load %.0f KiB\n",
                 path, fileKib, static_cast<unsigned long long>(image.GetTotalBytes()), image.GetMemoryBlocks().size(),
-                std::chrono::duration<double>(stop - start).count(), peak + before, peak, peak / fileKib,
+                seconds, peak + before, peak, peak / fileKib,
                 held / 1024.0);
     std::printf("peak_kib %ld\n", peak);
     return 0;
