@@ -122,59 +122,12 @@ void CliCheck(int result, const std::string& what)
         CliFail(what + ": " + TarvikErrorMsg(result) + " (" + CliHex(static_cast<unsigned int>(result), 6) + ")");
 }
 
-CCliJson& CCliJson::AddRaw(const char* key, const std::string& value)
+std::string CliJsonLine(const TCliJson& json)
 {
-    if (!m_sBody.empty())
-        m_sBody += ",";
-    m_sBody += Quote(key) + ":" + value;
-    return *this;
+    return json.dump(-1, ' ', false, TCliJson::error_handler_t::replace);
 }
 
-CCliJson& CCliJson::AddText(const char* key, const std::string& value)
+void CliPrint(const SCliGlobals& globals, const std::string& text, const TCliJson& json)
 {
-    return AddRaw(key, Quote(value));
-}
-
-CCliJson& CCliJson::AddNumber(const char* key, long long value)
-{
-    return AddRaw(key, std::to_string(value));
-}
-
-CCliJson& CCliJson::AddBool(const char* key, bool value)
-{
-    return AddRaw(key, value ? "true" : "false");
-}
-
-std::string CCliJson::Quote(const std::string& text)
-{
-    std::string out = "\"";
-    for (char c : text)
-    {
-        unsigned char u = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\')
-            out += std::string("\\") + c;
-        else if (u < 0x20 || u == 0x7F)
-        {
-            // Control bytes of a device's status text must not break the line.
-            char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), "\\u%04X", u);
-            out += escaped;
-        }
-        else
-            out += c;
-    }
-    return out + "\"";
-}
-
-std::string CCliJson::Array(const std::vector<std::string>& values)
-{
-    std::string out = "[";
-    for (size_t i = 0; i < values.size(); ++i)
-        out += (i != 0 ? "," : "") + values[i];
-    return out + "]";
-}
-
-void CliPrint(const SCliGlobals& globals, const std::string& text, const CCliJson& json)
-{
-    std::cout << (globals.m_bJson ? json.Str() : text) << "\n";
+    std::cout << (globals.m_bJson ? CliJsonLine(json) : text) << "\n";
 }

@@ -1,9 +1,11 @@
-// Text helpers shared by the commands: hex bytes in and out, numbers, one-line JSON
-// objects, and the one way a failed library call ends a command.
+// Text helpers shared by the commands: hex bytes in and out, numbers, one-line JSON,
+// and the one way a failed library call ends a command.
 #ifndef TARVIK_TOOLS_CLIFORMAT_H
 #define TARVIK_TOOLS_CLIFORMAT_H
 
 #include "TarvikCli.h"
+
+#include <nlohmann/json.hpp>
 
 #include <cstddef>
 #include <string>
@@ -30,26 +32,12 @@ long CliParseSigned(const std::string& text, const std::string& what);
 // Ends the command when result is not 0: "<what>: <library text> (0x040000)".
 void CliCheck(int result, const std::string& what);
 
-// One JSON object, built key by key, printed on one line.
-class CCliJson
-{
-public:
-    CCliJson& AddText(const char* key, const std::string& value);
-    CCliJson& AddNumber(const char* key, long long value);
-    CCliJson& AddBool(const char* key, bool value);
-    // value is already JSON (an array or object).
-    CCliJson& AddRaw(const char* key, const std::string& value);
-    std::string Str() const { return "{" + m_sBody + "}"; }
+// JSON output: objects keep their keys in the order they were added.
+typedef nlohmann::ordered_json TCliJson;
 
-    static std::string Quote(const std::string& text);
-    // "[1,2,3]" from already formatted JSON values.
-    static std::string Array(const std::vector<std::string>& values);
-
-private:
-    std::string m_sBody;
-};
-
+// One line of JSON; bytes that are not UTF-8 (a device's status text) become U+FFFD.
+std::string CliJsonLine(const TCliJson& json);
 // Prints the JSON line with --json, the human-readable text otherwise.
-void CliPrint(const SCliGlobals& globals, const std::string& text, const CCliJson& json);
+void CliPrint(const SCliGlobals& globals, const std::string& text, const TCliJson& json);
 
 #endif

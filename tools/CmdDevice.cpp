@@ -47,10 +47,9 @@ void RunInfo(const SCliGlobals& globals, const SDeviceOptions& options)
     // Byte 18 names the device type; the rest is the device's own and shown as it came.
     int type = info.m_abData[TARVIK_DEVICE_INFO_TYPE_BYTE];
     std::string bytes = CliHexBytes(info.m_abData, sizeof(info.m_abData));
-    CCliJson json;
-    json.AddNumber("device_type", type)
-        .AddText("device", TarvikDeviceName(type))
-        .AddText("info", CliHexBytes(info.m_abData, sizeof(info.m_abData), ""));
+    TCliJson json = {{"device_type", type},
+                     {"device", TarvikDeviceName(type)},
+                     {"info", CliHexBytes(info.m_abData, sizeof(info.m_abData), "")}};
     CliPrint(globals, "device: " + TarvikDeviceName(type) + " (type " + std::to_string(type) + ")\ninfo:   " + bytes,
              json);
 }
@@ -62,7 +61,7 @@ void RunStatus(const SCliGlobals& globals, const SDeviceOptions& options)
     session.Open(client);
     std::string text;
     CliCheck(client.Status(text), "status");
-    CliPrint(globals, text, CCliJson().AddText("status", text));
+    CliPrint(globals, text, TCliJson{{"status", text}});
 }
 
 void RunRestart(const SCliGlobals& globals, const SDeviceOptions& options)
@@ -71,7 +70,7 @@ void RunRestart(const SCliGlobals& globals, const SDeviceOptions& options)
     CTarvikClient client(CCliSession::ParseDeviceType(options.m_sDevice), globals.m_nTimeoutMs);
     session.Open(client);
     CliCheck(client.Restart(), "restart");
-    CliPrint(globals, "restarted " + session.Describe(), CCliJson().AddBool("restarted", true));
+    CliPrint(globals, "restarted " + session.Describe(), TCliJson{{"restarted", true}});
 }
 
 // --set takes hex with or without "0x".
@@ -94,7 +93,7 @@ void RunDigital(const SCliGlobals& globals, const SDeviceOptions& options)
     unsigned int current = 0;
     CliCheck(client.BaseReadDigital(inputs, current), "read digital");
     CliPrint(globals, "inputs  " + CliHex(inputs, 8) + "\noutputs " + CliHex(current, 8),
-             CCliJson().AddNumber("inputs", inputs).AddNumber("outputs", current));
+             TCliJson{{"inputs", inputs}, {"outputs", current}});
 }
 
 void RunAnalog(const SCliGlobals& globals, const SDeviceOptions& options)
@@ -113,16 +112,11 @@ void RunAnalog(const SCliGlobals& globals, const SDeviceOptions& options)
     CliCheck(client.ReadAnalog(first, read.data(), count), "read analog");
     read.resize(std::min<size_t>(count, kAnalogCapacity));
     std::string text = "first  " + std::to_string(first) + "\nvalues";
-    std::vector<std::string> numbers;
     for (unsigned int value : read)
-    {
         text += " " + std::to_string(value);
-        numbers.push_back(std::to_string(value));
-    }
     if (count > kAnalogCapacity)
         text += " (device sent " + std::to_string(count) + ")";
-    CliPrint(globals, text,
-             CCliJson().AddNumber("first", first).AddNumber("count", count).AddRaw("values", CCliJson::Array(numbers)));
+    CliPrint(globals, text, TCliJson{{"first", first}, {"count", count}, {"values", read}});
 }
 
 // Round trips of Info, the one request every device answers without side effects.
@@ -142,11 +136,10 @@ void RunPing(const SCliGlobals& globals, const SDeviceOptions& options)
     std::sort(times.begin(), times.end());
     size_t n = times.size();
     double median = n % 2 != 0 ? times[n / 2] : (times[n / 2 - 1] + times[n / 2]) / 2;
-    CCliJson json;
-    json.AddNumber("count", static_cast<long long>(n))
-        .AddRaw("min_us", Micro(times.front()))
-        .AddRaw("median_us", Micro(median))
-        .AddRaw("max_us", Micro(times.back()));
+    TCliJson json = {{"count", n},
+                     {"min_us", std::stod(Micro(times.front()))},
+                     {"median_us", std::stod(Micro(median))},
+                     {"max_us", std::stod(Micro(times.back()))}};
     CliPrint(globals,
              session.Describe() + ": " + std::to_string(n) + " requests, round trip min " + Micro(times.front()) +
                  " us, median " + Micro(median) + " us, max " + Micro(times.back()) + " us",

@@ -19,13 +19,12 @@ void RunErrcode(const SCliGlobals& globals, const std::string& text)
     std::string out = "code        " + CliHex(static_cast<unsigned int>(code), 6) + " (" + std::to_string(code) +
                       ")\ntransport   " + CliHex(transport, 2) + "\ndevice type " + CliHex(type, 2) + typeName +
                       "\ndevice byte " + CliHex(byte, 2) + "\ntext        " + message;
-    CCliJson json;
-    json.AddNumber("code", code)
-        .AddNumber("transport", transport)
-        .AddNumber("device_type", type)
-        .AddText("device", type != 0 ? TarvikDeviceName(type) : "")
-        .AddNumber("device_byte", byte)
-        .AddText("text", message);
+    TCliJson json = {{"code", code},
+                     {"transport", transport},
+                     {"device_type", type},
+                     {"device", type != 0 ? TarvikDeviceName(type) : ""},
+                     {"device_byte", byte},
+                     {"text", message}};
     CliPrint(globals, out, json);
 }
 } // namespace

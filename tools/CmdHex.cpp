@@ -53,22 +53,18 @@ void RunInfo(const SHexOptions& options, const SCliGlobals& globals)
     const auto& blocks = image.GetMemoryBlocks();
     if (globals.m_bJson)
     {
-        std::vector<std::string> list;
+        TCliJson list = TCliJson::array();
         for (const auto* block : blocks)
-            list.push_back(CCliJson()
-                               .AddNumber("start", static_cast<long long>(block->m_nStartAddress))
-                               .AddNumber("end", static_cast<long long>(block->m_nStartAddress + block->m_nLength - 1))
-                               .AddNumber("size", static_cast<long long>(block->m_nLength))
-                               .Str());
-        std::cout << CCliJson()
-                         .AddText("file", options.m_sFile)
-                         .AddText("format", FormatName(image.m_eType))
-                         .AddRaw("blocks", CCliJson::Array(list))
-                         .AddNumber("total", static_cast<long long>(image.GetTotalBytes()))
-                         .AddNumber("min", static_cast<long long>(image.m_nMinAddr))
-                         .AddNumber("max", static_cast<long long>(image.m_nMaxAddr))
-                         .Str()
-                  << "\n";
+            list.push_back({{"start", block->m_nStartAddress},
+                            {"end", block->m_nStartAddress + block->m_nLength - 1},
+                            {"size", block->m_nLength}});
+        TCliJson json = {{"file", options.m_sFile},
+                         {"format", FormatName(image.m_eType)},
+                         {"blocks", list},
+                         {"total", image.GetTotalBytes()},
+                         {"min", image.m_nMinAddr},
+                         {"max", image.m_nMaxAddr}};
+        std::cout << CliJsonLine(json) << "\n";
         return;
     }
     std::cout << "file:   " << options.m_sFile << "\n"

@@ -91,9 +91,9 @@ void RunGlobals(const SCliGlobals& globals, const SSpiOptions& options)
         CliCheck(client.SetGlobals(rate, s[0], s[1], s[2]), "set globals");
     }
     CliCheck(client.GetGlobals(rate, s[0], s[1], s[2]), "get globals");
-    std::vector<std::string> settings = {std::to_string(s[0]), std::to_string(s[1]), std::to_string(s[2])};
+    std::vector<int> settings = {s[0], s[1], s[2]};
     CliPrint(globals, GlobalsText(rate, s),
-             CCliJson().AddNumber("rate", rate).AddRaw("settings", CCliJson::Array(settings)));
+             TCliJson{{"rate", rate}, {"settings", settings}});
 }
 
 void RunXfer(const SCliGlobals& globals, const SSpiOptions& options)
@@ -105,7 +105,7 @@ void RunXfer(const SCliGlobals& globals, const SSpiOptions& options)
     CTarvikClientSPI client(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(client);
     std::string text;
-    std::vector<std::string> results;
+    TCliJson results = TCliJson::array();
     for (size_t i = 0; i < transfers.size(); ++i)
     {
         const STransfer& transfer = transfers[i];
@@ -114,12 +114,9 @@ void RunXfer(const SCliGlobals& globals, const SSpiOptions& options)
                                 &received[0], transfer.m_nReceive),
                  "transfer " + std::to_string(i + 1));
         text += (i != 0 ? "\n" : "") + CliHexBytes(received);
-        results.push_back(CCliJson()
-                              .AddText("sent", CliHexBytes(transfer.m_sSend, ""))
-                              .AddText("received", CliHexBytes(received, ""))
-                              .Str());
+        results.push_back({{"sent", CliHexBytes(transfer.m_sSend, "")}, {"received", CliHexBytes(received, "")}});
     }
-    CliPrint(globals, text, CCliJson().AddRaw("transfers", CCliJson::Array(results)));
+    CliPrint(globals, text, TCliJson{{"transfers", results}});
 }
 
 void RunSeq(const SCliGlobals& globals, const SSpiOptions& options)
@@ -135,7 +132,7 @@ void RunSeq(const SCliGlobals& globals, const SSpiOptions& options)
     std::string answer;
     CliCheck(client.Sequence(script, answer), "sequence");
     CliPrint(globals, answer.empty() ? "(no data)" : CliHexBytes(answer),
-             CCliJson().AddText("answer", CliHexBytes(answer, "")));
+             TCliJson{{"answer", CliHexBytes(answer, "")}});
 }
 } // namespace
 
