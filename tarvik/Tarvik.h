@@ -3,6 +3,7 @@
 #ifndef TARVIK_TARVIK_H
 #define TARVIK_TARVIK_H
 
+#include "tarvik/TarvikVersion.h"
 #include "tarvik/core/TarvikDeviceInfo.h"
 #include "tarvik/core/TarvikExport.h"
 #include "tarvik/core/TarvikResult.h"
