@@ -89,8 +89,11 @@ soak: deps
 	cmake --build $(BENCH_BUILD) -j $(JOBS) --target bench_soak tarvik-sim
 	bash bench/run_soak.sh $(BENCH_BUILD)
 
+# The programs find the library through their run path; ldconfig refreshes the loader's
+# cache for system prefixes (harmless for others).
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
+	@if [ "$$(id -u)" = 0 ] && command -v ldconfig >/dev/null; then ldconfig; fi
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)

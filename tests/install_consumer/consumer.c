@@ -2,6 +2,10 @@
 #include <tarvik/Tarvik.h>
 
 #include <stdio.h>
+
+#if !defined(TARVIK_VERSION_NUMBER) || TARVIK_VERSION_NUMBER < 0x010300
+#error "the installed headers give no version, or an older one"
+#endif
 #include <string.h>
 
 int main(void)
@@ -13,6 +17,6 @@ int main(void)
     /* Nothing listens on port 5002 of this address: the open must fail cleanly. */
     if (SPIOpenDevice(&handle, "127.0.0.254", 200) == 0 || handle != -1)
         return 2;
-    printf("%s\n", text);
+    printf("%s (%s)\n", text, TARVIK_VERSION_STRING);
     return 0;
 }

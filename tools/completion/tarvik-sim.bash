@@ -1,0 +1,14 @@
+# bash completion for tarvik-sim: its options and fault names.
+_tarvik_sim()
+{
+    local cur prev words cword
+    _init_completion || return
+    case $prev in
+        --fault) COMPREPLY=($(compgen -W "none silent bad-crc wrong-cmd wrong-id twice garbage stall close close-mid-frame" -- "$cur")); return ;;
+        -d|--devices) COMPREPLY=($(compgen -W "spi" -- "$cur")); return ;;
+        -H|--host) _known_hosts_real -- "$cur"; return ;;
+        -*) [[ $prev == --* && $prev != --help && $prev != --version ]] && return ;;
+    esac
+    COMPREPLY=($(compgen -W "--help --version --host --devices --index --port --fault --delay --jitter --drop --seed
+        --indications --strays --close-after --dribble --max-connections" -- "$cur"))
+} && complete -F _tarvik_sim tarvik-sim

@@ -1,0 +1,45 @@
+# bash completion for tarvik: commands, their subcommands and options, file names
+# for the memory-image commands.
+_tarvik()
+{
+    local cur prev words cword
+    _init_completion || return
+
+    local globals="--host --port --port-index --timeout --sim --trace --json --help --version"
+    case $prev in
+        -H|--host) _known_hosts_real -- "$cur"; return ;;
+        -P|--port-index|-p|--port|-t|--timeout|-n|--count) return ;;
+        -o|--output) _filedir; return ;;
+        --to|--from)
+            [[ ${words[1]} == hex || ${words[2]} == hex ]] && COMPREPLY=($(compgen -W "intel srec bin" -- "$cur"))
+            return ;;
+        -d|--device) COMPREPLY=($(compgen -W "firmware i2c can spi dio ad awire renesas" -- "$cur")); return ;;
+    esac
+
+    # The command and its subcommand, skipping the global options and their values.
+    local i command="" sub=""
+    for ((i = 1; i < cword; i++)); do
+        case ${words[i]} in
+            -H|--host|-P|--port-index|-p|--port|-t|--timeout) ((i++)) ;;
+            -*) ;;
+            *) if [[ -z $command ]]; then command=${words[i]}; elif [[ -z $sub ]]; then sub=${words[i]}; fi ;;
+        esac
+    done
+
+    case $command in
+        "")
+            COMPREPLY=($(compgen -W "info status restart digital analog ping spi errcode sim hex $globals" -- "$cur")) ;;
+        spi)
+            [[ -z $sub ]] && COMPREPLY=($(compgen -W "globals xfer seq --help" -- "$cur")) ;;
+        hex)
+            if [[ -z $sub ]]; then
+                COMPREPLY=($(compgen -W "info convert dump merge crop fill offset cmp crc --help" -- "$cur"))
+            elif [[ $cur == -* ]]; then
+                COMPREPLY=($(compgen -W "--from --to --output --width --strict --no-overlap --byte --fill --help" -- "$cur"))
+            else
+                _filedir
+            fi ;;
+        *)
+            [[ $cur == -* ]] && COMPREPLY=($(compgen -W "$globals" -- "$cur")) ;;
+    esac
+} && complete -F _tarvik tarvik
