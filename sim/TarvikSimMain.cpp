@@ -38,8 +38,7 @@ int Run(int argc, char** argv)
     {
         if (e.get_exit_code() == 0)
             return app.exit(e);
-        std::fprintf(stderr, "%s: %s\nRun '%s --help' for usage.\n", kProgram, UsageMessage(app, e).c_str(),
-                     kProgram);
+        std::fprintf(stderr, "%s: %s\nRun '%s --help' for usage.\n", kProgram, UsageMessage(app, e).c_str(), kProgram);
         return CTarvikSimRunner::eExitUsage;
     }
     std::string error;

@@ -162,7 +162,8 @@ public:
     {
         args.insert(args.end(), {"--devices", "spi", "--port", "0"});
         m_pProcess.reset(new CProcess(kSim, args));
-        for (int i = 0; i < 1000 && m_pProcess->Out().find('\n') == std::string::npos && m_pProcess->Wait(10) == -1; ++i)
+        for (int i = 0; i < 1000 && m_pProcess->Out().find('\n') == std::string::npos && m_pProcess->Wait(10) == -1;
+             ++i)
         {
         }
         std::smatch match;
@@ -246,8 +247,10 @@ INSTANTIATE_TEST_SUITE_P(
               ""},
         SCase{{"tarvik", "--json", "info", "--raw"},
               0,
-              "{\"device_type\":3,\"device\":\"Tarvik SPI\",\"serial\":21003000,\"hardware\":\"1.2\",\"firmware\":\"2.18\","
-              "\"build\":263,\"date\":\"2023-06-14\",\"port_index\":0,\"raw\":\"F87A4001010202120701E707060E000000000300\"}",
+              "{\"device_type\":3,\"device\":\"Tarvik "
+              "SPI\",\"serial\":21003000,\"hardware\":\"1.2\",\"firmware\":\"2.18\","
+              "\"build\":263,\"date\":\"2023-06-14\",\"port_index\":0,\"raw\":"
+              "\"F87A4001010202120701E707060E000000000300\"}",
               ""},
         // The first word of the answer is the channel count, not a channel.
         SCase{{"tarvik", "analog", "--set", "1", "2", "3"}, 0, "channels 8\nvalues   1 2 3 0 0 0 0 0\n", ""},
@@ -276,8 +279,12 @@ INSTANTIATE_TEST_SUITE_P(
     Usage, CliInvocation,
     ::testing::Values(
         SCase{{"tarvik"}, 2, "tarvik: drive Tarvik network gateways from the command line.\n", ""},
-        SCase{{"tarvik", "frobnicate"}, 2, "", "tarvik: unknown command 'frobnicate'\nRun 'tarvik --help' for usage.\n"},
-        SCase{{"tarvik", "spi", "frob"}, 2, "", "tarvik: unknown command 'spi frob'\nRun 'tarvik spi --help' for usage.\n"},
+        SCase{
+            {"tarvik", "frobnicate"}, 2, "", "tarvik: unknown command 'frobnicate'\nRun 'tarvik --help' for usage.\n"},
+        SCase{{"tarvik", "spi", "frob"},
+              2,
+              "",
+              "tarvik: unknown command 'spi frob'\nRun 'tarvik spi --help' for usage.\n"},
         SCase{{"tarvik", "spi"},
               2,
               "",
@@ -302,7 +309,10 @@ INSTANTIATE_TEST_SUITE_P(
         SCase{{"tarvik", "--json"}, 2, "{\"error\":\"missing command (one of info, ...\n", ""},
         SCase{{"tarvik", "--version"}, 0, "tarvik " TARVIK_VERSION_STRING " (Tarvik SPI DLL V1.3-2.18)\n", ""},
         SCase{{"tarvik-sim", "--version"}, 0, "tarvik-sim " TARVIK_VERSION_STRING " (Tarvik SPI DLL V1.3-2.18)\n", ""},
-        SCase{{"tarvik-sim", "--bogus"}, 2, "", "tarvik-sim: unknown option '--bogus'\nRun 'tarvik-sim --help' for usage.\n"},
+        SCase{{"tarvik-sim", "--bogus"},
+              2,
+              "",
+              "tarvik-sim: unknown option '--bogus'\nRun 'tarvik-sim --help' for usage.\n"},
         SCase{{"tarvik-sim", "--devices", "nope"}, 2, "", "tarvik-sim: unknown device \"nope\"..."}));
 
 // A gateway that cannot be reached, or does not answer: the library's code and text,
@@ -355,9 +365,10 @@ TEST(CliPing, ReportsSentLostAndRoundTrips)
 {
     SRun run = RunCli({"ping", "-n", "25"});
     ASSERT_EQ(0, run.m_nExit) << Describe(run);
-    EXPECT_TRUE(std::regex_match(run.m_sOut, std::regex(R"(Tarvik SPI at 127\.0\.0\.1:\d+ \(simulator\): 25 sent, 0 lost, )"
-                                                        R"(round trip min [0-9.]+ us, p50 [0-9.]+ us, )"
-                                                        R"(p99 [0-9.]+ us, max [0-9.]+ us\n)")))
+    EXPECT_TRUE(
+        std::regex_match(run.m_sOut, std::regex(R"(Tarvik SPI at 127\.0\.0\.1:\d+ \(simulator\): 25 sent, 0 lost, )"
+                                                R"(round trip min [0-9.]+ us, p50 [0-9.]+ us, )"
+                                                R"(p99 [0-9.]+ us, max [0-9.]+ us\n)")))
         << Describe(run);
 }
 

@@ -19,11 +19,11 @@ constexpr unsigned short kAnalogCapacity = 0xFFFF;
 // same): offsets into the 20 bytes.
 enum EInfoField
 {
-    eInfoSerial = 0,     // u32 LE
-    eInfoHardware = 4,   // major, minor
-    eInfoFirmware = 6,   // major, minor
-    eInfoBuild = 8,      // u16 LE
-    eInfoYear = 10,      // u16 LE
+    eInfoSerial = 0,   // u32 LE
+    eInfoHardware = 4, // major, minor
+    eInfoFirmware = 6, // major, minor
+    eInfoBuild = 8,    // u16 LE
+    eInfoYear = 10,    // u16 LE
     eInfoMonth = 12,
     eInfoDay = 13,
     eInfoPortIndex = 19, // byte 18 is the device type
@@ -50,7 +50,8 @@ CLI::App* AddDeviceCommand(CLI::App& app, const char* name, const char* help, SD
 std::unique_ptr<CTarvikClient> OpenClient(CCliSession& session, const SCliGlobals& globals,
                                           const SDeviceOptions& options)
 {
-    auto client = std::make_unique<CTarvikClient>(CCliSession::ParseDeviceType(options.m_sDevice), globals.m_nTimeoutMs);
+    auto client =
+        std::make_unique<CTarvikClient>(CCliSession::ParseDeviceType(options.m_sDevice), globals.m_nTimeoutMs);
     session.Open(*client);
     return client;
 }
@@ -199,8 +200,8 @@ void PrintPing(const SCliGlobals& globals, const CCliSession& session, unsigned 
 {
     std::sort(times.begin(), times.end());
     TCliJson json = {{"sent", sent}, {"lost", sent - times.size()}};
-    std::string text = session.Describe() + ": " + std::to_string(sent) + " sent, " +
-                       std::to_string(sent - times.size()) + " lost";
+    std::string text =
+        session.Describe() + ": " + std::to_string(sent) + " sent, " + std::to_string(sent - times.size()) + " lost";
     const std::pair<const char*, double> stats[] = {{"min", 0.0}, {"p50", 0.5}, {"p99", 0.99}, {"max", 1.0}};
     text += times.empty() ? "" : ", round trip";
     for (const auto& stat : stats)

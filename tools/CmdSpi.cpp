@@ -92,8 +92,7 @@ void RunGlobals(const SCliGlobals& globals, const SSpiOptions& options)
     }
     session.Check(client.GetGlobals(rate, s[0], s[1], s[2]), "get globals");
     std::vector<int> settings = {s[0], s[1], s[2]};
-    CliPrint(globals, GlobalsText(rate, s),
-             TCliJson{{"rate", rate}, {"settings", settings}});
+    CliPrint(globals, GlobalsText(rate, s), TCliJson{{"rate", rate}, {"settings", settings}});
 }
 
 void RunXfer(const SCliGlobals& globals, const SSpiOptions& options)
@@ -111,8 +110,8 @@ void RunXfer(const SCliGlobals& globals, const SSpiOptions& options)
         const STransfer& transfer = transfers[i];
         std::string received(transfer.m_nReceive, '\0');
         session.Check(client.DataReq(transfer.m_sSend.data(), static_cast<unsigned short>(transfer.m_sSend.size()),
-                                &received[0], transfer.m_nReceive),
-                 "transfer " + std::to_string(i + 1));
+                                     &received[0], transfer.m_nReceive),
+                      "transfer " + std::to_string(i + 1));
         text += (i != 0 ? "\n" : "") + CliHexBytes(received);
         results.push_back({{"sent", CliHexBytes(transfer.m_sSend, "")}, {"received", CliHexBytes(received, "")}});
     }

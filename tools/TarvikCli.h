@@ -48,6 +48,7 @@ private:
     std::string m_sCause;
 };
 
+// Ends the command with message (no result code behind it).
 [[noreturn]] inline void CliFail(const std::string& message, int exitCode = eCliExitFailure)
 {
     throw CCliError(message, exitCode);

@@ -51,23 +51,24 @@ void AddGlobalOptions(CLI::App& app, SCliGlobals& globals)
             option->group(kGlobalGroup);
 }
 
+std::string GlobalOptionsHelp(const CLI::App& root)
+{
+    auto global = [](const CLI::Option* option) { return option->get_group() == kGlobalGroup; };
+    std::string group = CLI::Formatter().make_group(kGlobalGroup, false, root.get_options(global));
+    // The formatter frames a group with blank lines; a footer brings its own.
+    return CLI::detail::trim_copy(group, "\n");
+}
+
 // Global options may follow the command ("tarvik spi xfer 9F+3 --trace"), so every
 // command's help lists them too, with their defaults.
-void ShowGlobalsInHelp(CLI::App& root, CLI::App& app)
+void ShowGlobalsInHelp(const CLI::App& root, CLI::App& app)
 {
     for (CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; }))
     {
         // "sim" has options of the same names for the simulator it runs.
         if (sub->get_name() == "sim")
             continue;
-        const CLI::App& globals = root;
-        sub->footer(std::function<std::string()>([&globals] {
-            std::string group = CLI::Formatter().make_group(kGlobalGroup, false, globals.get_options([](const CLI::Option* option) {
-                return option->get_group() == kGlobalGroup;
-            }));
-            // The formatter frames a group with blank lines; the footer brings its own.
-            return CLI::detail::trim_copy(group, "\n");
-        }));
+        sub->footer(std::function<std::string()>([&root] { return GlobalOptionsHelp(root); }));
         ShowGlobalsInHelp(root, *sub);
     }
 }
