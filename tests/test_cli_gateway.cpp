@@ -247,10 +247,9 @@ INSTANTIATE_TEST_SUITE_P(
               ""},
         SCase{{"tarvik", "--json", "info", "--raw"},
               0,
-              "{\"device_type\":3,\"device\":\"Tarvik "
-              "SPI\",\"serial\":21003000,\"hardware\":\"1.2\",\"firmware\":\"2.18\","
-              "\"build\":263,\"date\":\"2023-06-14\",\"port_index\":0,\"raw\":"
-              "\"F87A4001010202120701E707060E000000000300\"}",
+              "{\"device_type\":3,\"device\":\"Tarvik SPI\",\"serial\":21003000,"
+              "\"hardware\":\"1.2\",\"firmware\":\"2.18\",\"build\":263,\"date\":\"2023-06-14\","
+              "\"port_index\":0,\"raw\":\"F87A4001010202120701E707060E000000000300\"}",
               ""},
         // The first word of the answer is the channel count, not a channel.
         SCase{{"tarvik", "analog", "--set", "1", "2", "3"}, 0, "channels 8\nvalues   1 2 3 0 0 0 0 0\n", ""},
