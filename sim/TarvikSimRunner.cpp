@@ -3,6 +3,9 @@
 #include "sim/TarvikSimRegistry.h"
 #include "sim/TarvikSimServer.h"
 
+#include "tarvik/TarvikVersion.h"
+#include "tarvik/dll/TarvikDLL.h"
+
 #include <algorithm>
 #include <csignal>
 #include <map>
@@ -97,6 +100,11 @@ int ParseDevices(const std::string& list, std::vector<ETarvikDevice>& types, std
     return CTarvikSimRunner::eExitOk;
 }
 } // namespace
+
+std::string CTarvikSimRunner::VersionText(const std::string& program)
+{
+    return program + " " TARVIK_VERSION_STRING " (" + gsDLLVersionString + ")";
+}
 
 std::string CTarvikSimRunner::JoinNames()
 {

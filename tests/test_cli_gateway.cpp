@@ -1,5 +1,7 @@
 // The tarvik command-line tool as a user runs it: the built binary, its output and exit
 // code, and how it ends when a tarvik-sim process it talks to is killed or frozen.
+#include "tarvik/TarvikVersion.h"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -107,14 +109,19 @@ struct SRun
     double m_dSeconds;
 };
 
-// Runs tarvik to its end; a run that hangs for 20 s is killed and ends with exit -1.
-SRun RunCli(const std::vector<std::string>& args)
+// Runs a program to its end; a run that hangs for 20 s is killed and ends with exit -1.
+SRun RunProgram(const std::string& program, const std::vector<std::string>& args)
 {
     auto start = std::chrono::steady_clock::now();
-    CProcess cli(kTarvik, args);
-    int exit = cli.Wait(20000);
-    return {exit, cli.Out(), cli.Err(),
+    CProcess process(program, args);
+    int exit = process.Wait(20000);
+    return {exit, process.Out(), process.Err(),
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()};
+}
+
+SRun RunCli(const std::vector<std::string>& args)
+{
+    return RunProgram(kTarvik, args);
 }
 
 std::string Describe(const SRun& run)
@@ -122,12 +129,65 @@ std::string Describe(const SRun& run)
     return "exit " + std::to_string(run.m_nExit) + "\nstdout:\n" + run.m_sOut + "stderr:\n" + run.m_sErr;
 }
 
+// Whether text begins with the lines of expected; an expected line that ends in "..."
+// only has to begin the line. Nothing expected: text must be empty.
+bool StartsWithLines(const std::string& text, const std::string& expected)
+{
+    std::istringstream want(expected);
+    std::istringstream got(text);
+    std::string line;
+    std::string actual;
+    while (std::getline(want, line))
+    {
+        if (!std::getline(got, actual))
+            return false;
+        bool prefix = line.size() >= 3 && line.compare(line.size() - 3, 3, "...") == 0;
+        if (prefix ? actual.compare(0, line.size() - 3, line, 0, line.size() - 3) != 0 : actual != line)
+            return false;
+    }
+    return !expected.empty() || text.empty();
+}
+
+void Replace(std::string& text, const std::string& from, const std::string& to)
+{
+    for (size_t pos = text.find(from); pos != std::string::npos; pos = text.find(from, pos + to.size()))
+        text.replace(pos, from.size(), to);
+}
+
+// A tarvik-sim process on a free port of 127.0.0.1, by process id.
+class CSimProcess
+{
+public:
+    explicit CSimProcess(std::vector<std::string> args)
+    {
+        args.insert(args.end(), {"--devices", "spi", "--port", "0"});
+        m_pProcess.reset(new CProcess(kSim, args));
+        for (int i = 0; i < 1000 && m_pProcess->Out().find('\n') == std::string::npos && m_pProcess->Wait(10) == -1;
+             ++i)
+        {
+        }
+        std::smatch match;
+        std::string out = m_pProcess->Out();
+        if (std::regex_match(out, match, std::regex("Tarvik SPI listening on (127\\.0\\.0\\.1:\\d+)\n")))
+            m_sAddress = match[1];
+    }
+    // "127.0.0.1:40123"; empty if the simulator did not come up.
+    const std::string& Address() const { return m_sAddress; }
+
+private:
+    std::unique_ptr<CProcess> m_pProcess;
+    std::string m_sAddress;
+};
+
+// One invocation: the program ("tarvik" or "tarvik-sim") and its arguments, the exit
+// code, and the first lines of stdout and stderr (see StartsWithLines). "{silent}"
+// stands for the address of a simulator that never answers.
 struct SCase
 {
     std::vector<std::string> m_asArgs;
     int m_nExit;
-    std::string m_sOut; // all of stdout
-    std::string m_sErr; // part of stderr
+    std::string m_sOut;
+    std::string m_sErr;
 };
 
 void PrintTo(const SCase& c, std::ostream* os)
@@ -136,48 +196,192 @@ void PrintTo(const SCase& c, std::ostream* os)
         *os << arg << " ";
 }
 
-class CliCommand : public ::testing::TestWithParam<SCase>
+class CliInvocation : public ::testing::TestWithParam<SCase>
 {
+protected:
+    static void TearDownTestSuite() { s_pSilent.reset(); }
+
+    // Started for the first case that needs it.
+    static const std::string& SilentAddress()
+    {
+        if (!s_pSilent)
+            s_pSilent.reset(new CSimProcess({"--fault", "silent"}));
+        return s_pSilent->Address();
+    }
+
+    static void Fill(std::string& text)
+    {
+        if (text.find("{silent}") != std::string::npos)
+            Replace(text, "{silent}", SilentAddress());
+    }
+
+    static std::unique_ptr<CSimProcess> s_pSilent;
 };
 
-TEST_P(CliCommand, PrintsItsOutputAndExitCode)
+std::unique_ptr<CSimProcess> CliInvocation::s_pSilent;
+
+TEST_P(CliInvocation, ExitsWithItsCodeAndFirstLines)
 {
-    SRun run = RunCli(GetParam().m_asArgs);
-    EXPECT_EQ(GetParam().m_nExit, run.m_nExit) << Describe(run);
-    EXPECT_EQ(GetParam().m_sOut, run.m_sOut);
-    EXPECT_NE(std::string::npos, run.m_sErr.find(GetParam().m_sErr)) << Describe(run);
+    SCase c = GetParam();
+    std::vector<std::string> args(c.m_asArgs.begin() + 1, c.m_asArgs.end());
+    for (std::string* text : {&c.m_sOut, &c.m_sErr})
+        Fill(*text);
+    for (std::string& arg : args)
+        Fill(arg);
+    ASSERT_TRUE(!s_pSilent || !SilentAddress().empty()) << "tarvik-sim did not start";
+    SRun run = RunProgram(c.m_asArgs.front() == "tarvik-sim" ? kSim : kTarvik, args);
+    EXPECT_EQ(c.m_nExit, run.m_nExit) << Describe(run);
+    EXPECT_TRUE(StartsWithLines(run.m_sOut, c.m_sOut)) << "expected stdout:\n" << c.m_sOut << "\n" << Describe(run);
+    EXPECT_TRUE(StartsWithLines(run.m_sErr, c.m_sErr)) << "expected stderr:\n" << c.m_sErr << "\n" << Describe(run);
 }
 
 // Without --host each command runs against a simulator inside the process.
 INSTANTIATE_TEST_SUITE_P(
-    EmbeddedSimulator, CliCommand,
+    EmbeddedSimulator, CliInvocation,
     ::testing::Values(
-        SCase{{"info"},
+        // The simulator's record: serial 21000000 + 1000 x type, 2023-06-14, port index 0.
+        SCase{{"tarvik", "info"},
               0,
-              "device: Tarvik SPI (type 3)\ninfo:   F8 7A 40 01 01 02 02 12 07 01 E7 07 06 0E 00 00 00 00 03 00\n",
+              "device:     Tarvik SPI (type 3)\nserial:     21003000\nhardware:   1.2\nfirmware:   2.18 build 263\n"
+              "date:       2023-06-14\nport index: 0\n",
               ""},
+        SCase{{"tarvik", "--json", "info", "--raw"},
+              0,
+              "{\"device_type\":3,\"device\":\"Tarvik SPI\",\"serial\":21003000,"
+              "\"hardware\":\"1.2\",\"firmware\":\"2.18\",\"build\":263,\"date\":\"2023-06-14\","
+              "\"port_index\":0,\"raw\":\"F87A4001010202120701E707060E000000000300\"}",
+              ""},
+        // The first word of the answer is the channel count, not a channel.
+        SCase{{"tarvik", "analog", "--set", "1", "2", "3"}, 0, "channels 8\nvalues   1 2 3 0 0 0 0 0\n", ""},
         // WREN, WRITE at 0x0100, READ back: one chip-select frame per argument.
-        SCase{{"spi", "xfer", "06", "02 01 00 DE AD BE EF", "030100+4"},
+        SCase{{"tarvik", "spi", "xfer", "06", "02 01 00 DE AD BE EF", "030100+4"},
               0,
               "FF\nFF FF FF FF FF FF FF\nFF FF FF DE AD BE EF\n",
               ""},
-        SCase{{"errcode", "0x0330"},
+        SCase{{"tarvik", "errcode", "0x0330"},
               0,
               "code        0x000330 (816)\ntransport   0x00\ndevice type 0x03 Tarvik SPI\ndevice byte 0x30\n"
               "text        SPI sequence unknown command op code\n",
               ""},
-        SCase{{"--json", "spi", "globals"}, 0, "{\"rate\":1000000,\"settings\":[0,0,0]}\n", ""},
-        SCase{{"spi", "seq", "01", "09"}, 1, "", "tarvik: sequence: SPI sequence unknown command op code (0x000330)\n"},
-        SCase{{"spi", "xfer", "0G"}, 2, "", "tarvik: transfer: not a hex digit: \"0G\"\n"}));
+        SCase{{"tarvik", "--json", "spi", "globals"}, 0, "{\"rate\":1000000,\"settings\":[0,0,0]}\n", ""},
+        SCase{{"tarvik", "spi", "seq", "01", "09"},
+              1,
+              "",
+              "tarvik: sequence: SPI sequence unknown command op code (0x000330)\n"},
+        SCase{{"tarvik", "--json", "spi", "seq", "01", "09"},
+              1,
+              "{\"error\":\"sequence: SPI sequence unknown command op code\",\"code\":\"0x000330\",\"exit\":1}\n",
+              ""}));
 
-TEST(CliPing, ReportsMinMedianMax)
+// Every usage error: exit 2, one line naming it, a hint where to read more.
+INSTANTIATE_TEST_SUITE_P(
+    Usage, CliInvocation,
+    ::testing::Values(
+        SCase{{"tarvik"}, 2, "tarvik: drive Tarvik network gateways from the command line.\n", ""},
+        SCase{
+            {"tarvik", "frobnicate"}, 2, "", "tarvik: unknown command 'frobnicate'\nRun 'tarvik --help' for usage.\n"},
+        SCase{{"tarvik", "spi", "frob"},
+              2,
+              "",
+              "tarvik: unknown command 'spi frob'\nRun 'tarvik spi --help' for usage.\n"},
+        SCase{{"tarvik", "spi"},
+              2,
+              "",
+              "tarvik: spi: missing command (one of globals, xfer, seq)\nRun 'tarvik spi --help' for usage.\n"},
+        SCase{{"tarvik", "spi", "xfer"}, 2, "", "tarvik: spi xfer: ...\nRun 'tarvik spi xfer --help' for usage.\n"},
+        SCase{{"tarvik", "ping", "-n", "abc"}, 2, "", "tarvik: ping: ...\nRun 'tarvik ping --help' for usage.\n"},
+        SCase{{"tarvik", "info", "--bogus"},
+              2,
+              "",
+              "tarvik: info: unknown option '--bogus'\nRun 'tarvik info --help' for usage.\n"},
+        SCase{{"tarvik", "spi", "xfer", "0G"},
+              2,
+              "",
+              "tarvik: transfer: not a hex digit: \"0G\"\nRun 'tarvik spi xfer --help' for usage.\n"},
+        SCase{{"tarvik", "-H", "[::1", "info"}, 2, "", "tarvik: --host: no ']' after the IPv6 address: \"[::1\"\n"},
+        SCase{{"tarvik", "-H", "127.0.0.1:5002", "--port", "5003", "info"},
+              2,
+              "",
+              "tarvik: --port 5003 and --host 127.0.0.1:5002 name different ports\n"},
+        // With --json the error is the one line on stdout, also when no command is given.
+        SCase{{"tarvik", "--json", "frobnicate"}, 2, "{\"error\":\"unknown command 'frobnicate'\",\"exit\":2}\n", ""},
+        SCase{{"tarvik", "--json"}, 2, "{\"error\":\"missing command (one of info, ...\n", ""},
+        SCase{{"tarvik", "--version"}, 0, "tarvik " TARVIK_VERSION_STRING " (Tarvik SPI DLL V1.3-2.18)\n", ""},
+        SCase{{"tarvik-sim", "--version"}, 0, "tarvik-sim " TARVIK_VERSION_STRING " (Tarvik SPI DLL V1.3-2.18)\n", ""},
+        SCase{{"tarvik-sim", "--bogus"},
+              2,
+              "",
+              "tarvik-sim: unknown option '--bogus'\nRun 'tarvik-sim --help' for usage.\n"},
+        SCase{{"tarvik-sim", "--devices", "nope"}, 2, "", "tarvik-sim: unknown device \"nope\"..."}));
+
+// A gateway that cannot be reached, or does not answer: the library's code and text,
+// then the cause the tool found.
+INSTANTIATE_TEST_SUITE_P(
+    Unreachable, CliInvocation,
+    ::testing::Values(
+        // An empty label fails in the resolver itself, without asking a name server.
+        SCase{{"tarvik", "-H", "nosuch..invalid", "info"},
+              1,
+              "",
+              "tarvik: connect to Tarvik SPI at nosuch..invalid:5002: TCP/IP socket error (0x020000)\n"
+              "tarvik: cannot resolve host 'nosuch..invalid' ..."},
+        SCase{{"tarvik", "--json", "-H", "nosuch..invalid", "info"},
+              1,
+              "{\"error\":\"connect to Tarvik SPI at nosuch..invalid:5002: TCP/IP socket error\",\"code\":\"0x020000\","
+              "\"cause\":\"cannot resolve host 'nosuch..invalid' ...",
+              ""},
+        SCase{{"tarvik", "-H", "127.0.0.1", "--port", "1", "status"},
+              1,
+              "",
+              "tarvik: connect to Tarvik SPI at 127.0.0.1:1: Not connected to TCP/IP partner (0x030000)\n"
+              "tarvik: connection refused by 127.0.0.1:1 \u2014 is a gateway or tarvik-sim listening?\n"},
+        SCase{{"tarvik", "-H", "[::1]:1", "status"}, 1, "", "tarvik: connect to Tarvik SPI at [::1]:1: ..."},
+        SCase{{"tarvik", "-H", "{silent}", "-t", "50", "info"},
+              1,
+              "",
+              "tarvik: info: TCP/IP timeout occured (0x040000)\ntarvik: no answer from {silent} within 50 ms\n"},
+        // Ping goes on after a time-out; all lost is a failure.
+        SCase{{"tarvik", "-H", "{silent}", "-t", "50", "ping", "-n", "3"},
+              1,
+              "Tarvik SPI at {silent}: 3 sent, 3 lost\n",
+              "tarvik: ping: every request lost: TCP/IP timeout occured (0x040000)\n"},
+        SCase{{"tarvik", "--json", "-H", "{silent}", "-t", "50", "ping", "-n", "2"},
+              1,
+              "{\"sent\":2,\"lost\":2,\"min_us\":null,\"p50_us\":null,\"p99_us\":null,\"max_us\":null}\n"
+              "{\"error\":\"ping: every request lost: TCP/IP timeout occured\",\"code\":\"0x040000\","
+              "\"cause\":\"no answer from {silent} within 50 ms\",\"exit\":1}\n",
+              ""}));
+
+TEST(CliHelp, CommandHelpListsTheGlobalOptionsWithDefaults)
+{
+    SRun run = RunCli({"spi", "xfer", "--help"});
+    ASSERT_EQ(0, run.m_nExit) << Describe(run);
+    EXPECT_TRUE(std::regex_search(run.m_sOut, std::regex(R"(\nGlobal options:\n(.*\n)*  -t,--timeout .*=1000\n)")))
+        << run.m_sOut;
+}
+
+TEST(CliPing, ReportsSentLostAndRoundTrips)
 {
     SRun run = RunCli({"ping", "-n", "25"});
     ASSERT_EQ(0, run.m_nExit) << Describe(run);
     EXPECT_TRUE(
-        std::regex_match(run.m_sOut, std::regex(R"(Tarvik SPI at 127\.0\.0\.1:\d+ \(simulator\): 25 requests, )"
-                                                R"(round trip min [0-9.]+ us, median [0-9.]+ us, max [0-9.]+ us\n)")))
+        std::regex_match(run.m_sOut, std::regex(R"(Tarvik SPI at 127\.0\.0\.1:\d+ \(simulator\): 25 sent, 0 lost, )"
+                                                R"(round trip min [0-9.]+ us, p50 [0-9.]+ us, )"
+                                                R"(p99 [0-9.]+ us, max [0-9.]+ us\n)")))
         << Describe(run);
+}
+
+TEST(CliPing, SomeLostIsStillSuccess)
+{
+    CSimProcess sim({"--drop", "50"});
+    ASSERT_FALSE(sim.Address().empty());
+    SRun run = RunCli({"--json", "-H", sim.Address(), "-t", "50", "ping", "-n", "20"});
+    ASSERT_EQ(0, run.m_nExit) << Describe(run);
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(run.m_sOut, match, std::regex(R"(\{"sent":20,"lost":(\d+),"min_us":.*\}\n)")))
+        << Describe(run);
+    EXPECT_GT(std::stoi(match[1]), 0);
+    EXPECT_LT(std::stoi(match[1]), 20);
 }
 
 TEST(CliTrace, PrintsOneDecodedLinePerTelegramOnStderr)

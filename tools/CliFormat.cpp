@@ -58,6 +58,11 @@ std::string CliHex(unsigned long value, int digits)
     return text;
 }
 
+std::string CliCode(int code)
+{
+    return CliHex(static_cast<unsigned int>(code), 6);
+}
+
 std::string CliParseHexBytes(const std::string& text, const std::string& what)
 {
     std::string bytes;
@@ -116,10 +121,10 @@ long CliParseSigned(const std::string& text, const std::string& what)
     return value;
 }
 
-void CliCheck(int result, const std::string& what)
+void CliCheck(int result, const std::string& what, const std::string& cause)
 {
     if (result != 0)
-        CliFail(what + ": " + TarvikErrorMsg(result) + " (" + CliHex(static_cast<unsigned int>(result), 6) + ")");
+        throw CCliError(what + ": " + TarvikErrorMsg(result), eCliExitFailure, result, cause);
 }
 
 std::string CliJsonLine(const TCliJson& json)
@@ -130,4 +135,32 @@ std::string CliJsonLine(const TCliJson& json)
 void CliPrint(const SCliGlobals& globals, const std::string& text, const TCliJson& json)
 {
     std::cout << (globals.m_bJson ? CliJsonLine(json) : text) << "\n";
+}
+
+TCliJson CliErrorJson(const CCliError& error)
+{
+    TCliJson json = {{"error", error.what()}};
+    if (error.GetCode() != 0)
+        json["code"] = CliCode(error.GetCode());
+    if (!error.GetCause().empty())
+        json["cause"] = error.GetCause();
+    json["exit"] = error.GetExitCode();
+    return json;
+}
+
+void CliReportError(const CCliError& error, bool json, const std::string& help)
+{
+    if (json)
+    {
+        std::cout << CliJsonLine(CliErrorJson(error)) << std::endl;
+        return;
+    }
+    std::cerr << "tarvik: " << error.what();
+    if (error.GetCode() != 0)
+        std::cerr << " (" << CliCode(error.GetCode()) << ")";
+    std::cerr << "\n";
+    if (!error.GetCause().empty())
+        std::cerr << "tarvik: " << error.GetCause() << "\n";
+    if (!help.empty())
+        std::cerr << "Run '" << help << "' for usage.\n";
 }

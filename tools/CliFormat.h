@@ -19,6 +19,8 @@ inline std::string CliHexBytes(const std::string& bytes, const char* sep = " ")
 }
 // "0x000330": value in hex with at least digits digits.
 std::string CliHex(unsigned long value, int digits);
+// A result code as the library's messages show it: "0x030000".
+std::string CliCode(int code);
 
 // Bytes from hex text such as "02 00 40", "020040" or "0x02,0x00,0x40": pairs of hex
 // digits; blanks, ':', ',', '-', '.' and "0x" between bytes are allowed. Anything else
@@ -29,8 +31,9 @@ unsigned long CliParseNumber(const std::string& text, unsigned long max, const s
 // Same for a value that may be negative (a result code).
 long CliParseSigned(const std::string& text, const std::string& what);
 
-// Ends the command when result is not 0: "<what>: <library text> (0x040000)".
-void CliCheck(int result, const std::string& what);
+// Ends the command when result is not 0: "<what>: <library text> (0x040000)", with
+// the cause the tool found, if any, on a line of its own.
+void CliCheck(int result, const std::string& what, const std::string& cause = "");
 
 // JSON output: objects keep their keys in the order they were added.
 typedef nlohmann::ordered_json TCliJson;
@@ -39,5 +42,13 @@ typedef nlohmann::ordered_json TCliJson;
 std::string CliJsonLine(const TCliJson& json);
 // Prints the JSON line with --json, the human-readable text otherwise.
 void CliPrint(const SCliGlobals& globals, const std::string& text, const TCliJson& json);
+
+// An error as one JSON object: {"error":..., "code":"0x030000", "cause":..., "exit":1};
+// code and cause only when there is one.
+TCliJson CliErrorJson(const CCliError& error);
+// Prints a failed command's error: with json one JSON line on stdout (where a program
+// reads the results), otherwise "tarvik: <message> (<code>)" and the cause on stderr,
+// then "Run '<help>' for usage." when help is not empty.
+void CliReportError(const CCliError& error, bool json, const std::string& help);
 
 #endif

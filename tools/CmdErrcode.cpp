@@ -16,15 +16,12 @@ void RunErrcode(const SCliGlobals& globals, const std::string& text)
     int byte = TarvikErrorDeviceByte(code);
     std::string message = TarvikErrorMsg(code);
     std::string typeName = type != 0 ? " " + TarvikDeviceName(type) : "";
-    std::string out = "code        " + CliHex(static_cast<unsigned int>(code), 6) + " (" + std::to_string(code) +
-                      ")\ntransport   " + CliHex(transport, 2) + "\ndevice type " + CliHex(type, 2) + typeName +
-                      "\ndevice byte " + CliHex(byte, 2) + "\ntext        " + message;
-    TCliJson json = {{"code", code},
-                     {"transport", transport},
-                     {"device_type", type},
-                     {"device", type != 0 ? TarvikDeviceName(type) : ""},
-                     {"device_byte", byte},
-                     {"text", message}};
+    std::string out = "code        " + CliCode(code) + " (" + std::to_string(code) + ")\ntransport   " +
+                      CliHex(transport, 2) + "\ndevice type " + CliHex(type, 2) + typeName + "\ndevice byte " +
+                      CliHex(byte, 2) + "\ntext        " + message;
+    TCliJson json = {{"code", code},        {"transport", transport},
+                     {"device_type", type}, {"device", type != 0 ? TarvikDeviceName(type) : ""},
+                     {"device_byte", byte}, {"text", message}};
     CliPrint(globals, out, json);
 }
 } // namespace

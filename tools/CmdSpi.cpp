@@ -83,17 +83,16 @@ void RunGlobals(const SCliGlobals& globals, const SSpiOptions& options)
     if (set)
     {
         // Whatever is not given keeps its current value.
-        CliCheck(client.GetGlobals(rate, s[0], s[1], s[2]), "get globals");
+        session.Check(client.GetGlobals(rate, s[0], s[1], s[2]), "get globals");
         if (options.m_nRate >= 0)
             rate = static_cast<unsigned int>(options.m_nRate);
         for (size_t i = 0; i < options.m_anSettings.size() && i < 3; ++i)
             s[i] = static_cast<unsigned char>(options.m_anSettings[i]);
-        CliCheck(client.SetGlobals(rate, s[0], s[1], s[2]), "set globals");
+        session.Check(client.SetGlobals(rate, s[0], s[1], s[2]), "set globals");
     }
-    CliCheck(client.GetGlobals(rate, s[0], s[1], s[2]), "get globals");
+    session.Check(client.GetGlobals(rate, s[0], s[1], s[2]), "get globals");
     std::vector<int> settings = {s[0], s[1], s[2]};
-    CliPrint(globals, GlobalsText(rate, s),
-             TCliJson{{"rate", rate}, {"settings", settings}});
+    CliPrint(globals, GlobalsText(rate, s), TCliJson{{"rate", rate}, {"settings", settings}});
 }
 
 void RunXfer(const SCliGlobals& globals, const SSpiOptions& options)
@@ -110,9 +109,9 @@ void RunXfer(const SCliGlobals& globals, const SSpiOptions& options)
     {
         const STransfer& transfer = transfers[i];
         std::string received(transfer.m_nReceive, '\0');
-        CliCheck(client.DataReq(transfer.m_sSend.data(), static_cast<unsigned short>(transfer.m_sSend.size()),
-                                &received[0], transfer.m_nReceive),
-                 "transfer " + std::to_string(i + 1));
+        session.Check(client.DataReq(transfer.m_sSend.data(), static_cast<unsigned short>(transfer.m_sSend.size()),
+                                     &received[0], transfer.m_nReceive),
+                      "transfer " + std::to_string(i + 1));
         text += (i != 0 ? "\n" : "") + CliHexBytes(received);
         results.push_back({{"sent", CliHexBytes(transfer.m_sSend, "")}, {"received", CliHexBytes(received, "")}});
     }
@@ -130,7 +129,7 @@ void RunSeq(const SCliGlobals& globals, const SSpiOptions& options)
     CCliClientSPI client(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(client);
     std::string answer;
-    CliCheck(client.Sequence(script, answer), "sequence");
+    session.Check(client.Sequence(script, answer), "sequence");
     CliPrint(globals, answer.empty() ? "(no data)" : CliHexBytes(answer),
              TCliJson{{"answer", CliHexBytes(answer, "")}});
 }
