@@ -191,11 +191,12 @@ void RunDump(const SHexOptions& options, const SCliGlobals& globals)
 
 void AddInfo(CLI::App* hex, const std::shared_ptr<SHexOptions>& options, SCliGlobals& globals)
 {
-    CLI::App* info = hex->add_subcommand(
-        "info", "Format, blocks, total bytes, lowest and highest address with data, and the CRC-32 "
-                "(Boost crc_32_type) of the blocks' bytes in address order, gaps left out");
+    CLI::App* info = hex->add_subcommand("info", "Format, blocks, address range and CRC-32 of an image");
     info->add_option("FILE", options->m_sFile, "Image file (- for standard input)")->required();
-    HexAddLoadOptions(info, options->m_oLoad, "--from");
+    HexAddLoadOptions(info, options->m_oLoad, "--from",
+                      "min and max are the lowest and highest address that hold data. crc32 is the CRC-32\n"
+                      "(Boost crc_32_type) of the blocks' bytes in address order, gaps left out; hex crc\n"
+                      "covers an address range with the gaps filled.");
     info->fallthrough();
     info->callback([options, &globals]() { RunInfo(*options, globals); });
 }
@@ -215,13 +216,14 @@ void AddConvert(CLI::App* hex, const std::shared_ptr<SHexOptions>& options)
 
 void AddDump(CLI::App* hex, const std::shared_ptr<SHexOptions>& options, SCliGlobals& globals)
 {
-    CLI::App* dump = hex->add_subcommand(
-        "dump", "Hexadecimal dump, block by block: -- marks bytes not in the image, a gap line the lines left out");
+    CLI::App* dump = hex->add_subcommand("dump", "Hexadecimal dump of the data, block by block");
     dump->add_option("FILE", options->m_sFile, "Image file (- for standard input)")->required();
     dump->add_option("--from", options->m_sFrom, "First address (decimal or 0x hex; default 0)");
     dump->add_option("--to", options->m_sTo, "Last address (decimal or 0x hex; default: highest address)");
     dump->add_option("--width", options->m_nWidth, "Bytes per line")->check(CLI::Range(1u, kMaxDumpWidth));
-    HexAddLoadOptions(dump, options->m_oLoad);
+    HexAddLoadOptions(dump, options->m_oLoad, "",
+                      "-- marks a byte that is not in the image; lines without data are left out, and a line\n"
+                      "\"-- gap of N bytes --\" says how many bytes lie between two pieces of data.");
     dump->fallthrough();
     dump->callback([options, &globals]() { RunDump(*options, globals); });
 }

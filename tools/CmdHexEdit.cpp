@@ -208,17 +208,17 @@ void AddOutput(CLI::App* command, SEditOptions& options, const std::string& form
         ->check(CLI::IsMember({"intel", "srec", "bin"}));
 }
 
-void AddRange(CLI::App* command, SEditOptions& options, const std::string& what)
+void AddRange(CLI::App* command, SEditOptions& options)
 {
-    command->add_option("--from", options.m_sFrom, "First address " + what + " (decimal or 0x hex)");
-    command->add_option("--to", options.m_sTo, "Last address " + what + " (decimal or 0x hex)");
+    command->add_option("--from", options.m_sFrom, "First address (decimal or 0x hex; default: the lowest with data)");
+    command->add_option("--to", options.m_sTo, "Last address (decimal or 0x hex; default: the highest with data)");
 }
 
 CLI::App* AddCommand(CLI::App* hex, const char* name, const std::string& help, SEditOptions& options,
-                     const std::string& formatAlias, std::function<void()> run)
+                     const std::string& formatAlias, std::function<void()> run, const std::string& note = "")
 {
     CLI::App* command = hex->add_subcommand(name, help);
-    HexAddLoadOptions(command, options.m_oLoad, formatAlias);
+    HexAddLoadOptions(command, options.m_oLoad, formatAlias, note);
     command->fallthrough();
     command->callback(std::move(run));
     return command;
@@ -226,8 +226,11 @@ CLI::App* AddCommand(CLI::App* hex, const char* name, const std::string& help, S
 
 void AddMerge(CLI::App* hex, const std::shared_ptr<SEditOptions>& options)
 {
-    CLI::App* merge = AddCommand(hex, "merge", "Join images into one; where they overlap, the later file wins",
-                                 *options, "--from", [options]() { RunMerge(*options); });
+    CLI::App* merge = AddCommand(
+        hex, "merge", "Join images into one; where they overlap, the later file wins", *options, "--from",
+        [options]() { RunMerge(*options); },
+        "The output is written beside OUT under a temporary name and renamed into place, so a failed\n"
+        "command leaves no output behind. The same holds for convert, crop, fill and offset.");
     merge->add_option("FILES", options->m_asFiles, "Input image files (- for standard input)")->required();
     AddOutput(merge, *options, ",--to");
     merge->add_flag("--no-overlap", options->m_bNoOverlap, "Fail when two inputs hold the same address");
@@ -238,7 +241,7 @@ void AddCrop(CLI::App* hex, const std::shared_ptr<SEditOptions>& options)
     CLI::App* crop = AddCommand(hex, "crop", "Keep only the bytes from --from to --to", *options, "",
                                 [options]() { RunCrop(*options); });
     crop->add_option("IN", options->m_sFile, "Input image file (- for standard input)")->required();
-    AddRange(crop, *options, "to keep (default: the image's lowest / highest)");
+    AddRange(crop, *options);
     AddOutput(crop, *options, "");
 }
 
@@ -247,7 +250,7 @@ void AddFill(CLI::App* hex, const std::shared_ptr<SEditOptions>& options)
     CLI::App* fill = AddCommand(hex, "fill", "Fill the gaps from --from to --to with a byte; data stays as it is",
                                 *options, "", [options]() { RunFill(*options); });
     fill->add_option("IN", options->m_sFile, "Input image file (- for standard input)")->required();
-    AddRange(fill, *options, "to fill (default: the image's lowest / highest)");
+    AddRange(fill, *options);
     fill->add_option("--byte", options->m_sByte, "Fill byte (decimal or 0x hex)")->capture_default_str();
     AddOutput(fill, *options, "");
 }
@@ -264,20 +267,23 @@ void AddOffset(CLI::App* hex, const std::shared_ptr<SEditOptions>& options)
 void AddCmp(CLI::App* hex, const std::shared_ptr<SEditOptions>& options, SCliGlobals& globals)
 {
     CLI::App* cmp = AddCommand(
-        hex, "cmp", "Compare the bytes of two images, whatever their formats; exit code 1 when they differ",
-        *options, "--from", [options, &globals]() { RunCmp(*options, globals); });
+        hex, "cmp", "Compare the bytes of two images, whatever their formats", *options, "--from",
+        [options, &globals]() { RunCmp(*options, globals); },
+        "Lists the first addresses at which the images differ (-- where an image has no byte) and\n"
+        "the number of such addresses; exit code 0 when the images are equal, 1 when they differ.");
     cmp->add_option("FILES", options->m_asFiles, "The two image files A and B (- for standard input)")->required()->expected(2);
     cmp->add_option("-n,--max", options->m_nMaxDifferences, "Differences listed at most")->capture_default_str();
 }
 
 void AddCrc(CLI::App* hex, const std::shared_ptr<SEditOptions>& options, SCliGlobals& globals)
 {
-    CLI::App* crc = AddCommand(hex, "crc",
-                               "CRC-32 (Boost crc_32_type: polynomial 0x04C11DB7 reflected, initial and final "
-                               "value 0xFFFFFFFF) of an address range, gaps taken as the fill byte",
-                               *options, "", [options, &globals]() { RunCrc(*options, globals); });
+    CLI::App* crc = AddCommand(
+        hex, "crc", "CRC-32 of an address range, gaps taken as the fill byte", *options, "",
+        [options, &globals]() { RunCrc(*options, globals); },
+        "The CRC-32 is Boost's crc_32_type (polynomial 0x04C11DB7 reflected, initial and final value\n"
+        "0xFFFFFFFF) over every address from --from to --to, as over a binary file of that range.");
     crc->add_option("IN", options->m_sFile, "Input image file (- for standard input)")->required();
-    AddRange(crc, *options, "(default: the image's lowest / highest)");
+    AddRange(crc, *options);
     crc->add_option("--fill", options->m_sByte, "Byte taken for addresses without data")->capture_default_str();
 }
 } // namespace

@@ -25,6 +25,15 @@ constexpr size_t kReportedLines = 10;
 
 const char kUtf8Bom[] = "\xEF\xBB\xBF";
 
+const char kInputHelp[] =
+    "Inputs: a file that starts with ':' is Intel HEX, with 'S' S-records, anything else raw bytes at\n"
+    "address 0. A hex file that starts with a comment, a blank line or a byte-order mark is read as\n"
+    "what its first record is, with a warning; a text file without records is read as bytes, with a\n"
+    "warning. -i forces the format. Records of an unsupported type (Intel 03, S4, S6) are skipped\n"
+    "with a warning; Intel records with a wrong checksum fail the command.\n"
+    "Exit codes: 0 success; 1 a file that cannot be read or written faithfully, or images that differ\n"
+    "(cmp); 2 unusable arguments.";
+
 // ---------------------------------------------------------------------------------------------
 // Temporary files
 
@@ -571,8 +580,10 @@ void HexSave(CTarvikHexfile& image, const std::string& file, const std::string& 
     temp.RenameTo(file);
 }
 
-void HexAddLoadOptions(CLI::App* command, SHexLoadOptions& options, const std::string& formatAlias)
+void HexAddLoadOptions(CLI::App* command, SHexLoadOptions& options, const std::string& formatAlias,
+                       const std::string& note)
 {
+    command->footer((note.empty() ? "" : note + "\n\n") + kInputHelp);
     command
         ->add_option("-i,--input-format" + (formatAlias.empty() ? "" : "," + formatAlias), options.m_sFormat,
                      "Read the input as intel, srec or bin instead of deciding from its contents")

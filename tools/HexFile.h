@@ -33,8 +33,9 @@ const char* HexFormatName(CTarvikHexfile::EType type);
 
 // Adds the options that choose how inputs are read: -i/--input-format (also spelt with the
 // extra name formatAlias, such as "--from", where the command has no other use for it),
-// --strict and --ignore-checksum.
-void HexAddLoadOptions(CLI::App* command, SHexLoadOptions& options, const std::string& formatAlias = "");
+// --strict and --ignore-checksum, and a help footer (note first, then how inputs are read).
+void HexAddLoadOptions(CLI::App* command, SHexLoadOptions& options, const std::string& formatAlias = "",
+                       const std::string& note = "");
 
 // merge, crop, fill, offset, cmp and crc.
 void RegisterHexEditCommands(CLI::App* hex, SCliGlobals& globals);
