@@ -55,8 +55,9 @@ protected:
     SRun Shell(const std::string& line) const
     {
         const std::string errFile = m_oDir.Path("stderr.txt");
-        const std::string command = "cd '" + m_oDir.Path("") + "' && tarvik() { '" TARVIK_BINARY_DIR
-                                    "/tools/tarvik' \"$@\"; } && " + line + " 2>'" + errFile + "'";
+        const std::string command = "cd '" + m_oDir.Path("") +
+                                    "' && tarvik() { '" TARVIK_BINARY_DIR "/tools/tarvik' \"$@\"; } && " + line +
+                                    " 2>'" + errFile + "'";
         SRun run{-1, "", ""};
         FILE* pipe = popen(command.c_str(), "r");
         if (pipe == nullptr)
@@ -166,9 +167,11 @@ TEST_F(CCliHexTest, EachInputIsReadAsWhatItIsOrRefused)
          "tarvik: warning: hexfile_bad_checksum.hex: Invalid checksum in data line: :0400100001020304E3"},
         {"hex info type03.hex", 0, "file:   type03.hex",
          "tarvik: warning: type03.hex:1: Invalid record type in data line: :0400000300001234B3"},
-        {"hex info type03.hex --strict", 1, "", "tarvik: type03.hex:1: Invalid record type in data line: "
-                                                ":0400000300001234B3"},
-        {"hex info s6.s19", 0, "file:   s6.s19", "tarvik: warning: s6.s19:2: Invalid record type in data line: S6040000010A"},
+        {"hex info type03.hex --strict", 1, "",
+         "tarvik: type03.hex:1: Invalid record type in data line: "
+         ":0400000300001234B3"},
+        {"hex info s6.s19", 0, "file:   s6.s19",
+         "tarvik: warning: s6.s19:2: Invalid record type in data line: S6040000010A"},
         {"hex info junk.hex", 1, "", "tarvik: junk.hex:2: Invalid format in data line: xyz"},
         {"hex info empty.hex", 1, "", "tarvik: File <empty.hex> is empty."},
         {"hex info missing.hex", 1, "", "tarvik: File <missing.hex> could not be opened."},
@@ -266,7 +269,8 @@ TEST_F(CCliHexTest, OperationsMakeTheImagesThatSrecCatMakes)
          std::string("srec_cat ") + a + " -exclude -within " + b + " " + b},
         {"tarvik hex crop hexfile_edit_a.hex --from 0x8 --to 0x8007 -o out.hex",
          std::string("srec_cat ") + a + " -crop 0x8 0x8008"},
-        {"tarvik hex crop hexfile_edit_a.hex --from 0xFFF8 -o out.hex", std::string("srec_cat ") + a + " -crop 0xFFF8 0x10010"},
+        {"tarvik hex crop hexfile_edit_a.hex --from 0xFFF8 -o out.hex",
+         std::string("srec_cat ") + a + " -crop 0xFFF8 0x10010"},
         {"tarvik hex fill hexfile_edit_a.hex --from 0x10 --to 0x9000 --byte 0xA5 -o out.hex",
          std::string("srec_cat ") + a + " -fill 0xA5 0x10 0x9001"},
         {"tarvik hex fill hexfile_edit_a.hex -o out.hex", std::string("srec_cat ") + a + " -fill 0xFF 0 0x10010"},

@@ -18,7 +18,7 @@ constexpr unsigned long kMaxAddress = 0xFFFFFFFFul;
 struct SEditOptions
 {
     std::vector<std::string> m_asFiles; // merge and cmp
-    std::string m_sFile;                 // the one input of the others
+    std::string m_sFile;                // the one input of the others
     std::string m_sOutput;
     std::string m_sFormat; // output format; empty: the first input's
     std::string m_sFrom;
@@ -194,8 +194,7 @@ void RunCrc(const SEditOptions& options, const SCliGlobals& globals)
     ParseRange(options, *image, first, last);
     const unsigned char fill = ParseByte(options.m_sByte, "--fill");
     const uint32_t crc = HexRangeCrc(*image, first, last, fill);
-    const TCliJson json = {{"file", options.m_sFile}, {"from", first}, {"to", last},
-                           {"fill", fill},                      {"crc32", crc}};
+    const TCliJson json = {{"file", options.m_sFile}, {"from", first}, {"to", last}, {"fill", fill}, {"crc32", crc}};
     CliPrint(globals, CliHex(crc, 8), json);
 }
 
@@ -257,8 +256,8 @@ void AddFill(CLI::App* hex, const std::shared_ptr<SEditOptions>& options)
 
 void AddOffset(CLI::App* hex, const std::shared_ptr<SEditOptions>& options)
 {
-    CLI::App* offset = AddCommand(hex, "offset", "Move every block by DELTA bytes (negative moves down)",
-                                  *options, "--from", [options]() { RunOffset(*options); });
+    CLI::App* offset = AddCommand(hex, "offset", "Move every block by DELTA bytes (negative moves down)", *options,
+                                  "--from", [options]() { RunOffset(*options); });
     offset->add_option("IN", options->m_sFile, "Input image file (- for standard input)")->required();
     offset->add_option("DELTA", options->m_sDelta, "Bytes to move by (decimal or 0x hex, - for down)")->required();
     AddOutput(offset, *options, ",--to");
@@ -271,7 +270,9 @@ void AddCmp(CLI::App* hex, const std::shared_ptr<SEditOptions>& options, SCliGlo
         [options, &globals]() { RunCmp(*options, globals); },
         "Lists the first addresses at which the images differ (-- where an image has no byte) and\n"
         "the number of such addresses; exit code 0 when the images are equal, 1 when they differ.");
-    cmp->add_option("FILES", options->m_asFiles, "The two image files A and B (- for standard input)")->required()->expected(2);
+    cmp->add_option("FILES", options->m_asFiles, "The two image files A and B (- for standard input)")
+        ->required()
+        ->expected(2);
     cmp->add_option("-n,--max", options->m_nMaxDifferences, "Differences listed at most")->capture_default_str();
 }
 

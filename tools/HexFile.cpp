@@ -184,7 +184,7 @@ private:
 };
 
 // Library text without the NUL that ends its lines and without carriage returns.
-std::string CleanText(std::string text)
+std::string CleanText(const std::string& text)
 {
     std::string clean;
     for (char c : text)
@@ -386,8 +386,7 @@ std::vector<SLineProblem> FindBadLines(const std::string& path, CTarvikHexfile::
     return problems;
 }
 
-size_t ReportLines(const std::string& display, const std::vector<SLineProblem>& problems, uint32_t result,
-                   bool warning)
+size_t ReportLines(const std::string& display, const std::vector<SLineProblem>& problems, uint32_t result, bool warning)
 {
     size_t count = 0;
     for (const SLineProblem& problem : problems)
@@ -442,8 +441,9 @@ void ReportLineErrors(const SLoadReport& report, const SHexLoadOptions& options)
     const size_t formats = ReportLines(display, problems, CTarvikHexfile::ResultInvalidFormat, false);
     const size_t sums = report.m_asPrinted.size();
     if (formats > 0)
-        CliFail(display + ": " + Plural(formats, "line is", "lines are") + " not a valid record" +
-                (options.m_sFormat.empty() ? " (" + options.m_sFormatOption + " bin reads the file as raw bytes)" : ""));
+        CliFail(
+            display + ": " + Plural(formats, "line is", "lines are") + " not a valid record" +
+            (options.m_sFormat.empty() ? " (" + options.m_sFormatOption + " bin reads the file as raw bytes)" : ""));
     if (sums > 0 && !options.m_bIgnoreChecksum)
         CliFail(display + ": " + Plural(sums, "record has", "records have") +
                 " a wrong checksum (--ignore-checksum takes the bytes as they are)");
@@ -456,8 +456,7 @@ void ReportLineErrors(const SLoadReport& report, const SHexLoadOptions& options)
         CliFail(display + ": the file could not be read");
 }
 
-void ReportLoad(const CTarvikHexfile& image, uint32_t result, const SLoadReport& report,
-                const SHexLoadOptions& options)
+void ReportLoad(const CTarvikHexfile& image, uint32_t result, const SLoadReport& report, const SHexLoadOptions& options)
 {
     switch (result)
     {
@@ -544,12 +543,15 @@ void HexLoad(CTarvikHexfile& image, const std::string& file, const SHexLoadOptio
     const CTarvikHexfile::EType chosen = ChooseFormat(input, options);
     SLoadReport report{input.m_sPath, input.m_sDisplay, chosen, {}};
     std::unique_ptr<CTempFile> stripped;
-    std::string text;
-    if (chosen != CTarvikHexfile::Binary && StripComments(text = ReadAll(input.m_sPath)))
+    if (chosen != CTarvikHexfile::Binary)
     {
-        stripped.reset(new CTempFile(TempDirectory(), "tarvik-text"));
-        WriteAll(stripped->Path(), text);
-        report.m_sPath = stripped->Path();
+        std::string text = ReadAll(input.m_sPath);
+        if (StripComments(text))
+        {
+            stripped.reset(new CTempFile(TempDirectory(), "tarvik-text"));
+            WriteAll(stripped->Path(), text);
+            report.m_sPath = stripped->Path();
+        }
     }
     CStdoutCapture capture;
     const uint32_t result = image.LoadFile(report.m_sPath.c_str(), chosen);
