@@ -42,6 +42,22 @@ step "$tarvik" errcode 0x0330
 step "$tarvik" ping -n 100
 
 echo
+echo "== memory images: a boot block in Intel HEX and an application in S-records, joined"
+# A scratch copy, so that the merged file does not land in the source tree.
+work=$(mktemp -d)
+cp "$(dirname "$0")"/images/boot.hex "$(dirname "$0")"/images/app.s19 "$work"
+cd "$work"
+step "$tarvik" hex info boot.hex
+step "$tarvik" hex info app.s19
+step "$tarvik" hex merge boot.hex app.s19 --no-overlap -o firmware.hex
+step "$tarvik" hex info firmware.hex
+step "$tarvik" hex dump firmware.hex
+# The CRC-32 of the whole range with the gap filled by 0xFF, as a programmer would see it.
+step "$tarvik" hex crc firmware.hex --fill 0xFF
+cd - >/dev/null
+rm -rf "$work"
+
+echo
 echo "== the C example against tarvik-sim on 127.0.0.1:5002"
 sim_pid=
 stop_sim() {
