@@ -150,6 +150,9 @@ TCliJson CliErrorJson(const CCliError& error)
 
 void CliReportError(const CCliError& error, bool json, const std::string& help)
 {
+    // A command that has printed its own report (hex cmp's differences) ends with no message.
+    if (*error.what() == '\0' && error.GetCause().empty())
+        return;
     if (json)
     {
         std::cout << CliJsonLine(CliErrorJson(error)) << std::endl;

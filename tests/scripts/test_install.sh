@@ -18,9 +18,9 @@ grep -q "define TARVIK_VERSION_STRING \"$(sed -n 's/^project(tarvik VERSION \([0
 # The programs find their library in the prefix, wherever it is.
 unset LD_LIBRARY_PATH
 BIN="$WORK/prefix/bin"
-"$BIN/tarvik" --version | grep -q "Tarvik SPI DLL V1.3-2.18"
+"$BIN/tarvik" --version | grep -q "^tarvik [0-9.]* (Tarvik SPI DLL V1.3-2.18)$"
 "$BIN/tarvik" info >/dev/null
-"$BIN/tarvik-sim" --help >/dev/null
+"$BIN/tarvik-sim" --version | grep -q "^tarvik-sim [0-9.]* (Tarvik SPI DLL V1.3-2.18)$"
 for doc in LICENSE CHANGELOG.md README.md; do test -f "$WORK/prefix/share/doc/tarvik/$doc"; done
 if command -v help2man >/dev/null; then
     for page in tarvik tarvik-sim; do grep -q "^.TH" "$WORK/prefix/share/man/man1/$page.1"; done
