@@ -10,8 +10,15 @@ _tarvik()
         -H|--host) _known_hosts_real -- "$cur"; return ;;
         -P|--port-index|-p|--port|-t|--timeout|-n|--count) return ;;
         -o|--output) _filedir; return ;;
+        -i|--input-format|-O|--output-format)
+            COMPREPLY=($(compgen -W "intel srec bin" -- "$cur"))
+            return ;;
         --to|--from)
-            [[ ${words[1]} == hex || ${words[2]} == hex ]] && COMPREPLY=($(compgen -W "intel srec bin" -- "$cur"))
+            # Formats in the commands that read or write whole images, addresses elsewhere.
+            local w
+            for w in "${words[@]}"; do
+                case $w in info|convert|merge|offset|cmp) COMPREPLY=($(compgen -W "intel srec bin" -- "$cur")) ;; esac
+            done
             return ;;
         -d|--device) COMPREPLY=($(compgen -W "firmware i2c can spi dio ad awire renesas" -- "$cur")); return ;;
     esac
@@ -35,7 +42,8 @@ _tarvik()
             if [[ -z $sub ]]; then
                 COMPREPLY=($(compgen -W "info convert dump merge crop fill offset cmp crc --help" -- "$cur"))
             elif [[ $cur == -* ]]; then
-                COMPREPLY=($(compgen -W "--from --to --output --width --strict --no-overlap --byte --fill --help" -- "$cur"))
+                COMPREPLY=($(compgen -W "--input-format --output-format --from --to --output --width --strict
+                    --ignore-checksum --no-overlap --byte --fill --max --help" -- "$cur"))
             else
                 _filedir
             fi ;;
