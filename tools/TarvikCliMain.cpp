@@ -32,6 +32,7 @@ int main(int argc, char** argv)
     RegisterErrcodeCommand(app, globals);
     RegisterSimCommand(app, globals);
     RegisterHexCommands(app, globals);
+    RegisterTestSystemCommands(app, globals);
 
     try
     {
