@@ -12,3 +12,5 @@ if [ -f "$here/run_hexfile.sh" ]; then
     echo
     bash "$here/run_hexfile.sh" "$build"
 fi
+echo
+bash "$here/run_sendfile.sh" "$build"

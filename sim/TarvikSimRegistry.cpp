@@ -1,6 +1,9 @@
 #include "sim/TarvikSimRegistry.h"
 
+#include "sim/TarvikSimDeviceAD.h"
 #include "sim/TarvikSimDeviceSPI.h"
+#include "sim/TarvikSimDeviceTestSystemCOM.h"
+#include "sim/TarvikSimDeviceTestUnit.h"
 
 namespace
 {
@@ -17,6 +20,24 @@ const SModel kModels[] = {
     {eTarvikSPI, "spi",
      [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
      { return std::make_unique<CTarvikSimDeviceSPI>(index); }},
+    // The digital gateway is the base device: its inputs are set from outside.
+    {eTarvikDIO, "dio",
+     [](unsigned int index) { return std::make_unique<CTarvikSimDevice>(eTarvikDIO, index); }},
+    {eTarvikAD, "ad",
+     [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
+     { return std::make_unique<CTarvikSimDeviceAD>(index); }},
+    {eTarvikTestSystemIO, "tsio",
+     [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
+     { return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemIO, index); }},
+    {eTarvikTestSystemPWR, "tspwr",
+     [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
+     { return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemPWR, index); }},
+    {eTarvikTestSystemCOM, "tscom",
+     [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
+     { return std::make_unique<CTarvikSimDeviceTestSystemCOM>(index); }},
+    {eTarvikTestSystemRelay, "tsrelay",
+     [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
+     { return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemRelay, index); }},
 };
 } // namespace
 

@@ -11,7 +11,13 @@
 #include "tarvik/dll/TarvikDllSPI.h"
 
 #ifdef __cplusplus
+#include "tarvik/clients/TarvikClientAD.h"
+#include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientSPI.h"
+#include "tarvik/clients/TarvikClientTestSystemCOM.h"
+#include "tarvik/clients/TarvikClientTestSystemIO.h"
+#include "tarvik/clients/TarvikClientTestSystemPWR.h"
+#include "tarvik/clients/TarvikClientTestSystemRelay.h"
 #include "tarvik/core/TarvikClient.h"
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/core/TarvikReply.h"

@@ -4,6 +4,8 @@
 #include "support/FakeGateway.h"
 #include "support/ProbeClient.h"
 
+#include "tarvik/clients/TarvikClientAD.h"
+#include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/core/TarvikClient.h"
 #include "tarvik/dll/DeviceManager.h"
@@ -142,7 +144,7 @@ TEST(HostileLifetime, EveryClientClassIsDestroyedSafelyWhileTelegramsArrive)
             client.reset();
         }
     }
-    // Every class the registry creates, by device type, and the base class itself.
+    // Every class the registry creates, by device type, the DIO and AD classes, and the base class itself.
     for (int type = 0; type <= 17; ++type)
     {
         CFakeGateway gateway;
@@ -152,7 +154,14 @@ TEST(HostileLifetime, EveryClientClassIsDestroyedSafelyWhileTelegramsArrive)
                                             static_cast<unsigned char>(type), 0, 1, true);
         if (rc == TARVIK_ERR_INVALID_DEVICE_TYPE)
         {
-            auto client = std::make_unique<CTarvikClient>(static_cast<ETarvikDevice>(type), kTimeoutMs);
+            // The client classes that the registry does not create, else the base class.
+            std::unique_ptr<CTarvikClient> client;
+            if (type == eTarvikDIO)
+                client = std::make_unique<CTarvikClientDIO>(kTimeoutMs);
+            else if (type == eTarvikAD)
+                client = std::make_unique<CTarvikClientAD>(kTimeoutMs);
+            else
+                client = std::make_unique<CTarvikClient>(static_cast<ETarvikDevice>(type), kTimeoutMs);
             ASSERT_EQ(0, client->Connect(gateway.GetAddress().c_str())) << type;
             ASSERT_TRUE(gateway.WaitForAccepted(1, kWaitMs)) << type;
             CFlood running(gateway, flood);

@@ -59,5 +59,6 @@ void RegisterDeviceCommands(CLI::App& app, SCliGlobals& globals);
 void RegisterSpiCommands(CLI::App& app, SCliGlobals& globals);
 void RegisterErrcodeCommand(CLI::App& app, SCliGlobals& globals);
 void RegisterSimCommand(CLI::App& app, SCliGlobals& globals);
+void RegisterTestSystemCommands(CLI::App& app, SCliGlobals& globals);
 
 #endif

@@ -166,6 +166,7 @@ int main(int argc, char** argv)
     RegisterErrcodeCommand(app, globals);
     RegisterSimCommand(app, globals);
     RegisterHexCommands(app, globals);
+    RegisterTestSystemCommands(app, globals);
     ShowGlobalsInHelp(app, app);
 
     bool json = WantsJson(argc, argv);

@@ -1,6 +1,10 @@
 #include "tarvik/dll/DeviceManager.h"
 
 #include "tarvik/clients/TarvikClientSPI.h"
+#include "tarvik/clients/TarvikClientTestSystemCOM.h"
+#include "tarvik/clients/TarvikClientTestSystemIO.h"
+#include "tarvik/clients/TarvikClientTestSystemPWR.h"
+#include "tarvik/clients/TarvikClientTestSystemRelay.h"
 
 std::map<int, CDevice*> CDeviceManager::m_aoHandleMap;
 CMolMutex CDeviceManager::m_oMutexHandleMap;
@@ -40,6 +44,10 @@ CTarvikClient* CDeviceManager::CreateClient(unsigned char type, int, int timeout
     switch (type)
     {
     case eTarvikSPI: return new CTarvikClientSPI(timeoutMs);
+    case eTarvikTestSystemIO: return new CTarvikClientTestSystemIO(timeoutMs);
+    case eTarvikTestSystemPWR: return new CTarvikClientTestSystemPWR(timeoutMs);
+    case eTarvikTestSystemCOM: return new CTarvikClientTestSystemCOM(timeoutMs);
+    case eTarvikTestSystemRelay: return new CTarvikClientTestSystemRelay(timeoutMs);
     default: return nullptr;
     }
 }

@@ -1,16 +1,85 @@
-// Every confirmation decode of every client, answered from fuzz input without a socket:
+// Every confirmation decode of every client (SPI, the test-system units, DIO, AD), answered from fuzz input without a socket:
 // the first byte picks the command, its arguments and each answer come from the rest.
 // Output buffers are exactly as large as the caller says, so a write past one is seen.
 #include "FuzzAnswer.h"
 
+#include "tarvik/clients/TarvikClientAD.h"
+#include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientSPI.h"
+#include "tarvik/clients/TarvikClientTestSystemCOM.h"
+#include "tarvik/clients/TarvikClientTestSystemIO.h"
+#include "tarvik/clients/TarvikClientTestSystemPWR.h"
+#include "tarvik/clients/TarvikClientTestSystemRelay.h"
 
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace
 {
 typedef CFuzzAnswering<CTarvikClientSPI> CSpi;
+typedef CFuzzAnswering<CTarvikClientTestSystemCOM> CCom;
+typedef CFuzzAnswering<CTarvikClientTestSystemIO> CIO;
+typedef CFuzzAnswering<CTarvikClientTestSystemPWR> CPwr;
+typedef CFuzzAnswering<CTarvikClientTestSystemRelay> CRelay;
+typedef CFuzzAnswering<CTarvikClientDIO> CDio;
+typedef CFuzzAnswering<CTarvikClientAD> CAd;
+
+// The clients of the test system and the simple gateways, for one input.
+struct SOthers
+{
+    explicit SOthers(CFuzzInput& in) : com(in), io(in), pwr(in), relay(in), dio(in), ad(in) {}
+    CCom com;
+    CIO io;
+    CPwr pwr;
+    CRelay relay;
+    CDio dio;
+    CAd ad;
+};
+
+// A file of a little over two chunks, made once per process and removed at its end.
+class CUploadFile
+{
+public:
+    CUploadFile()
+    {
+        const char* dir = std::getenv("TMPDIR");
+        m_sPath = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/fuzz_confirm_XXXXXX";
+        int fd = mkstemp(&m_sPath[0]);
+        if (fd >= 0)
+            close(fd);
+        std::ofstream(m_sPath, std::ios::binary) << std::string(2 * 32768 + 100, '\x5A');
+    }
+    ~CUploadFile() { std::remove(m_sPath.c_str()); }
+    const std::string& Path() const { return m_sPath; }
+
+private:
+    std::string m_sPath;
+};
+
+const std::string& UploadPath()
+{
+    static CUploadFile file;
+    return file.Path();
+}
+
+// Exactly as many words as the caller says, so that a write past them is seen.
+template <class TGet> void GetWords(CFuzzInput& in, TGet get)
+{
+    unsigned char count = in.Byte();
+    std::vector<unsigned short> words(count);
+    get(words.empty() ? nullptr : words.data(), count);
+}
+
+template <class TSet> void SetWords(CFuzzInput& in, TSet set)
+{
+    unsigned char count = in.Byte();
+    std::vector<unsigned short> words(count, 0x1234);
+    set(words.empty() ? nullptr : words.data(), count);
+}
 
 // The common commands, through any client.
 void RunCommon(CTarvikClient& client, uint8_t which, CFuzzInput& in)
@@ -102,6 +171,73 @@ void RunSpi(CSpi& spi, uint8_t which, CFuzzInput& in)
     }
     }
 }
+void RunCom(CCom& com, uint8_t which, CFuzzInput& in)
+{
+    switch (which % 5)
+    {
+    case 0: com.SetConfig(in.Bytes(in.Byte())); break;
+    case 1:
+    {
+        std::string name;
+        com.GetConfig(name);
+        break;
+    }
+    case 2:
+    {
+        bool available = false;
+        unsigned int crc = 0;
+        com.IsConfigAvailable(in.Bytes(in.Byte()), available, crc);
+        break;
+    }
+    case 3: com.SendFile(UploadPath(), in.Word()); break;
+    default: com.InstallConfig(in.Bytes(in.Byte()), UploadPath()); break;
+    }
+}
+
+void RunOthers(SOthers& o, uint8_t which, CFuzzInput& in)
+{
+    using W = unsigned short*;
+    using N = unsigned char;
+    switch (which % 12)
+    {
+    case 0: RunCom(o.com, in.Byte(), in); break;
+    case 1: SetWords(in, [&](W w, N n) { o.io.SetValue(w, n); o.io.SetPower(w, n); }); break;
+    case 2: GetWords(in, [&](W w, N n) { o.io.GetValue(w, n); }); break;
+    case 3: GetWords(in, [&](W w, N n) { o.io.GetPower(w, n); }); break;
+    case 4: SetWords(in, [&](W w, N n) { o.pwr.SetValue(w, n); }); break;
+    case 5: GetWords(in, [&](W w, N n) { o.pwr.GetValue(w, n); }); break;
+    case 6:
+    {
+        bool pressed = false;
+        o.relay.SetRelay(in.Byte(), in.Byte() & 1);
+        o.relay.GetButton(in.Byte(), pressed);
+        break;
+    }
+    case 7: GetWords(in, [&](W w, N n) { o.relay.GetPower(w, n); }); break;
+    case 8: SetWords(in, [&](W w, N n) { o.relay.SetPower(w, n); }); break;
+    case 9:
+    {
+        unsigned int inputs = 0, outputs = 0;
+        o.dio.Read(inputs, outputs);
+        o.dio.Write(in.Word());
+        break;
+    }
+    case 10:
+    {
+        unsigned int a = 0, b = 0, c = 0;
+        o.ad.ReadDigitalInput(a, b, c);
+        o.ad.ReadDigital(a, b);
+        o.ad.WriteDigital(in.Word());
+        break;
+    }
+    default:
+    {
+        std::vector<unsigned int> values(in.Byte());
+        o.ad.Read(values);
+        break;
+    }
+    }
+}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -109,12 +245,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     CFuzzInput in(data, size);
     CSpi spi(in);
     spi.Open();
+    SOthers others(in);
     // Several commands per input, so that what one leaves stored meets the next.
     for (int i = 0; i < 8 && !in.Empty(); ++i)
     {
         uint8_t which = in.Byte();
         if (which & 0x80)
             RunSpi(spi, static_cast<uint8_t>(which & 0x7F), in);
+        else if (which & 0x40)
+            RunOthers(others, static_cast<uint8_t>(which & 0x3F), in);
         else
             RunCommon(spi, static_cast<uint8_t>(which & 0x7F), in);
     }

@@ -1,0 +1,43 @@
+#include "CliProgress.h"
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace
+{
+constexpr int kWidth = 30;
+constexpr double kMiB = 1024.0 * 1024.0;
+} // namespace
+
+CCliProgress::CCliProgress(const std::string& label, uint64_t total)
+    : m_sLabel(label), m_nTotal(total), m_nDone(0), m_nShown(-1), m_bTerminal(isatty(STDERR_FILENO) == 1)
+{
+}
+
+CCliProgress::~CCliProgress()
+{
+    if (m_nShown >= 0)
+        std::fputc('\n', stderr);
+}
+
+void CCliProgress::Add(uint64_t bytes)
+{
+    m_nDone += bytes;
+    if (!m_bTerminal)
+        return;
+    uint64_t done = m_nDone < m_nTotal ? m_nDone : m_nTotal;
+    int percent = m_nTotal == 0 ? 100 : static_cast<int>(done * 100 / m_nTotal);
+    if (percent != m_nShown)
+        Draw(percent);
+}
+
+void CCliProgress::Draw(int percent)
+{
+    m_nShown = percent;
+    std::string bar(kWidth, '-');
+    bar.replace(0, static_cast<size_t>(percent * kWidth / 100), static_cast<size_t>(percent * kWidth / 100), '#');
+    uint64_t done = m_nDone < m_nTotal ? m_nDone : m_nTotal;
+    std::fprintf(stderr, "\r%s [%s] %3d%%  %.1f/%.1f MiB", m_sLabel.c_str(), bar.c_str(), percent,
+                 static_cast<double>(done) / kMiB, static_cast<double>(m_nTotal) / kMiB);
+    std::fflush(stderr);
+}
