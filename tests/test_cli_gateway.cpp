@@ -271,7 +271,21 @@ INSTANTIATE_TEST_SUITE_P(
         SCase{{"tarvik", "--json", "spi", "seq", "01", "09"},
               1,
               "{\"error\":\"sequence: SPI sequence unknown command op code\",\"code\":\"0x000330\",\"exit\":1}\n",
-              ""}));
+              ""},
+        // Test-system units, DIO and AD gateways, each against a fresh simulated device.
+        SCase{{"tarvik", "testsys", "install", "boot", TARVIK_TEST_DATA_DIR "/hexfile_sample.hex"},
+              0,
+              "installed boot from " TARVIK_TEST_DATA_DIR "/hexfile_sample.hex\n",
+              ""},
+        SCase{{"tarvik", "--json", "testsys", "available", "boot"}, 0, "{\"config\":\"boot\",\"available\":false}\n", ""},
+        SCase{{"tarvik", "testsys", "relay", "1", "on"}, 0, "relay 1 on\n", ""},
+        SCase{{"tarvik", "testsys", "button", "0"}, 0, "button 0 released\n", ""},
+        SCase{{"tarvik", "dio", "read"}, 0, "inputs  0x0000A55A\noutputs 0x00000000\n", ""},
+        SCase{{"tarvik", "--json", "dio", "write", "0x55"}, 0, "{\"outputs\":85}\n", ""},
+        SCase{{"tarvik", "testsys", "install", "boot", "/nonexistent/boot.cfg"},
+              1,
+              "",
+              "tarvik: install: cannot read /nonexistent/boot.cfg: No such file or directory\n"}));
 
 // Every usage error: exit 2, one line naming it, a hint where to read more.
 INSTANTIATE_TEST_SUITE_P(

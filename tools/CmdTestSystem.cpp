@@ -14,6 +14,8 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -93,7 +95,7 @@ void RunInstall(const SCliGlobals& globals, const STestSysOptions& options)
 {
     struct stat info;
     if (stat(options.m_sFile.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
-        CliFail("install: cannot read " + options.m_sFile, eCliExitUsage);
+        CliFail("install: cannot read " + options.m_sFile + ": " + std::strerror(errno));
     CCliSession session(globals);
     CTarvikClientTestSystemCOM client(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(client);
