@@ -58,6 +58,26 @@ cd - >/dev/null
 rm -rf "$work"
 
 echo
+echo "== a test system: tarvik-sim with a communication unit and a relay unit at port index 7"
+ts_pid=
+"$sim" --host 127.0.0.1 --devices tscom,tsrelay --index 7 &
+ts_pid=$!
+ts_cfg=$(mktemp)
+printf 'station 4: flash, test, label\n' >"$ts_cfg"
+ts=("$tarvik" --host 127.0.0.1 --port-index 7)
+for _ in $(seq 50); do "${ts[@]}" testsys config >/dev/null 2>&1 && break; sleep 0.1; done
+# Uploaded and activated; a second install of the same file skips the upload (same CRC).
+step "${ts[@]}" testsys install station4 "$ts_cfg"
+step "${ts[@]}" testsys available station4
+step "${ts[@]}" testsys config
+step "${ts[@]}" testsys relay 2 on
+step "${ts[@]}" testsys button 0
+step "${ts[@]}" testsys relay 2 off
+kill "$ts_pid" 2>/dev/null || true
+wait "$ts_pid" 2>/dev/null || true
+rm -f "$ts_cfg"
+
+echo
 echo "== the C example against tarvik-sim on 127.0.0.1:5002"
 sim_pid=
 stop_sim() {

@@ -165,7 +165,7 @@ int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, s
         return eExitServer;
     }
     for (ETarvikDevice type : types)
-        out << TarvikDeviceName(type) << " listening on " << options.m_sHost << ":" << server.GetPort(type)
+        out << server.GetDevice(type)->GetName() << " listening on " << options.m_sHost << ":" << server.GetPort(type)
             << std::endl;
     int signal = 0;
     sigwait(&signals, &signal);

@@ -35,7 +35,22 @@ _tarvik()
 
     case $command in
         "")
-            COMPREPLY=($(compgen -W "info status restart digital analog ping spi errcode sim hex $globals" -- "$cur")) ;;
+            COMPREPLY=($(compgen -W "info status restart digital analog ping spi testsys dio ad errcode sim hex $globals" \
+                -- "$cur")) ;;
+        testsys)
+            if [[ -z $sub ]]; then
+                COMPREPLY=($(compgen -W "install config available io pwr power relay-power relay button --help" -- "$cur"))
+            elif [[ $sub == install ]]; then
+                _filedir
+            elif [[ $sub == relay ]]; then
+                COMPREPLY=($(compgen -W "on off" -- "$cur"))
+            elif [[ $sub == io || $sub == pwr || $sub == power || $sub == relay-power ]]; then
+                COMPREPLY=($(compgen -W "get set" -- "$cur"))
+            fi ;;
+        dio)
+            [[ -z $sub ]] && COMPREPLY=($(compgen -W "read write --help" -- "$cur")) ;;
+        ad)
+            [[ -z $sub ]] && COMPREPLY=($(compgen -W "read digital inputs --help" -- "$cur")) ;;
         spi)
             [[ -z $sub ]] && COMPREPLY=($(compgen -W "globals xfer seq --help" -- "$cur")) ;;
         hex)
