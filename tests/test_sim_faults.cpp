@@ -397,4 +397,75 @@ TEST_F(CSimFaultDllTest, StalledStreamNeedsTheDeviceReopened)
     ASSERT_EQ(0, SPIOpenDevice(&m_nHandle, m_sHost.c_str(), static_cast<int>(kTimeoutMs)));
     EXPECT_EQ(kOk, GetGlobals());
 }
+
+// Every device family meets the faults alike: the transport codes are the engine's,
+// the stream stays in step after a wrong answer, and a stalled frame ends the
+// connection until it is made again.
+struct SFamily
+{
+    const char* m_pName;
+    ETarvikDevice m_eType;
+    std::function<std::unique_ptr<CTarvikClient>()> m_fnCreate;
+    // One request of the family's own; its result code.
+    std::function<int(CTarvikClient&)> m_fnCall;
+};
+
+template <class TClient> std::function<std::unique_ptr<CTarvikClient>()> Make()
+{
+    return [] { return std::make_unique<TClient>(static_cast<int>(kTimeoutMs)); };
+}
+
+template <class TClient> std::function<int(CTarvikClient&)> Op(std::function<int(TClient&)> call)
+{
+    return [call](CTarvikClient& client) { return call(static_cast<TClient&>(client)); };
+}
+
+TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
+{
+    unsigned short words[4] = {};
+    const SFamily families[] = {
+        {"dio", eTarvikDIO, Make<CTarvikClientDIO>(),
+         Op<CTarvikClientDIO>([](CTarvikClientDIO& c) { unsigned int i = 0, o = 0; return c.Read(i, o); })},
+        {"ad", eTarvikAD, Make<CTarvikClientAD>(),
+         Op<CTarvikClientAD>([](CTarvikClientAD& c) { std::vector<unsigned int> v; return c.Read(v); })},
+        {"tscom", eTarvikTestSystemCOM, Make<CTarvikClientTestSystemCOM>(),
+         Op<CTarvikClientTestSystemCOM>([](CTarvikClientTestSystemCOM& c) { std::string n; return c.GetConfig(n); })},
+        {"tsio", eTarvikTestSystemIO, Make<CTarvikClientTestSystemIO>(),
+         Op<CTarvikClientTestSystemIO>([&](CTarvikClientTestSystemIO& c) { return c.GetValue(words, 2); })},
+        {"tspwr", eTarvikTestSystemPWR, Make<CTarvikClientTestSystemPWR>(),
+         Op<CTarvikClientTestSystemPWR>([&](CTarvikClientTestSystemPWR& c) { return c.GetValue(words, 2); })},
+        {"tsrelay", eTarvikTestSystemRelay, Make<CTarvikClientTestSystemRelay>(),
+         Op<CTarvikClientTestSystemRelay>([](CTarvikClientTestSystemRelay& c) { return c.SetRelay(1, true); })},
+    };
+    const std::pair<ETarvikSimFault, int> answers[] = {
+        {eTarvikSimFaultBadCRC, TARVIK_ERR_CRC},
+        {eTarvikSimFaultWrongCmd, TARVIK_ERR_NOT_CONFIRMED},
+        {eTarvikSimFaultWrongId, kTimeout},
+        {eTarvikSimFaultTwice, kOk},
+    };
+    for (const SFamily& family : families)
+    {
+        CTarvikSimServer server;
+        ASSERT_EQ(0, server.AddDevice(family.m_eType)) << family.m_pName;
+        ASSERT_TRUE(server.Start());
+        std::unique_ptr<CTarvikClient> client = family.m_fnCreate();
+        ASSERT_EQ(0, client->Connect("127.0.0.1", server.GetPort(family.m_eType))) << family.m_pName;
+        client->Open();
+        EXPECT_EQ(kOk, family.m_fnCall(*client)) << family.m_pName;
+        for (const auto& answer : answers)
+        {
+            server.SetFault(answer.first);
+            EXPECT_EQ(answer.second, family.m_fnCall(*client)) << family.m_pName << " fault " << answer.first;
+            server.ClearFaults();
+            EXPECT_EQ(kOk, family.m_fnCall(*client)) << family.m_pName << " after fault " << answer.first;
+        }
+        server.SetFault(eTarvikSimFaultStall);
+        EXPECT_EQ(kTimeout, family.m_fnCall(*client)) << family.m_pName;
+        server.ClearFaults();
+        EXPECT_TRUE(Eventually([&] { return family.m_fnCall(*client) == kNotConnected; })) << family.m_pName;
+        client->Disconnect();
+        ASSERT_EQ(0, client->Connect("127.0.0.1", server.GetPort(family.m_eType))) << family.m_pName;
+        EXPECT_EQ(kOk, family.m_fnCall(*client)) << family.m_pName << " after reconnect";
+    }
+}
 } // namespace
