@@ -12,6 +12,7 @@
 // "load" ends with the line "seconds S" (best run), "memory" with "peak_kib K" (the rise of
 // the process's peak resident size over its size before the load) for scripts. Run "memory"
 // in a fresh process for each file: the peak of a process never comes down again.
+#include "BenchStatus.h"
 #include "tarvik/hexfile/TarvikHexfile.h"
 
 #include <chrono>
@@ -145,17 +146,6 @@ int Load(const char* path, int runs)
     return 0;
 }
 
-// A field of /proc/self/status in KiB ("VmRSS", "VmHWM"), or -1.
-long StatusKib(const char* field)
-{
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    const size_t length = std::strlen(field);
-    while (std::getline(in, line))
-        if (line.compare(0, length, field) == 0 && line.size() > length && line[length] == ':')
-            return std::strtol(line.c_str() + length + 1, nullptr, 10);
-    return -1;
-}
 
 // One load in this process: the rise of the peak resident size over the size before the load,
 // and what the heap still holds afterwards (the blocks of the image).
@@ -167,13 +157,13 @@ int Memory(const char* path)
     // The peak (VmHWM) belongs to the address space, which exec makes new; setting it back to
     // the present size leaves only what the load adds.
     std::ofstream("/proc/self/clear_refs") << "5";
-    const long before = StatusKib("VmRSS");
+    const long before = BenchStatusKib("self", "VmRSS");
     const size_t heapBefore = mallinfo2().uordblks + mallinfo2().hblkhd;
     CTarvikHexfile image;
     const double seconds = TimedLoad(image, path);
     if (seconds < 0)
         return 1;
-    const long peak = StatusKib("VmHWM") - before;
+    const long peak = BenchStatusKib("self", "VmHWM") - before;
     const size_t held = mallinfo2().uordblks + mallinfo2().hblkhd - heapBefore;
     std::printf("tarvik memory %s: file %.0f KiB, %llu bytes in %zu blocks, load %.4f s, peak RSS %ld KiB, "
                 "+%ld KiB by the load (%.1fx the file), heap held after the load %.0f KiB\n",

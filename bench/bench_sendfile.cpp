@@ -13,6 +13,7 @@
 //   bench_sendfile memory MIB
 // The speed run ends with "ratio sendfile/raw: X" (best runs), the memory run with
 // "peak_kib K" for scripts.
+#include "BenchStatus.h"
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
 #include "sim/TarvikSimRawClient.h"
 #include "sim/TarvikSimServer.h"
@@ -161,17 +162,6 @@ int Speed(unsigned long mib, int runs)
     return 0;
 }
 
-// A field of /proc/self/status in KiB ("VmRSS", "VmHWM"), or -1.
-long StatusKib(const char* field)
-{
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    const size_t length = std::strlen(field);
-    while (std::getline(in, line))
-        if (line.compare(0, length, field) == 0 && line.size() > length && line[length] == ':')
-            return std::strtol(line.c_str() + length + 1, nullptr, 10);
-    return -1;
-}
 
 // One upload with CRC in this process (client and simulated unit), and its peak RSS.
 int Memory(unsigned long mib)
@@ -185,9 +175,9 @@ int Memory(unsigned long mib)
         return 1;
     // Only what the upload adds counts: the peak starts again from the present size.
     std::ofstream("/proc/self/clear_refs") << "5";
-    const long before = StatusKib("VmRSS");
+    const long before = BenchStatusKib("self", "VmRSS");
     int result = client.SendFile(file.Path(), 0);
-    const long peak = StatusKib("VmHWM");
+    const long peak = BenchStatusKib("self", "VmHWM");
     if (result != 0)
         return 1;
     std::printf("SendFile %lu MiB: RSS before %ld KiB, peak RSS %ld KiB (+%ld KiB)\n", mib, before, peak,

@@ -11,6 +11,7 @@
 //
 // Every line of figures starts with the name of what it measures; failures are
 // counted and make the exit code 1.
+#include "BenchStatus.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 
 #include <sys/resource.h>
@@ -33,17 +34,6 @@ constexpr long kWarmUpRounds = 20000;
 constexpr auto kSettleLimit = std::chrono::seconds(5);
 constexpr auto kSettlePoll = std::chrono::milliseconds(50);
 
-// A "VmRSS:" style line of /proc/<pid>/status in KiB; -1 if missing.
-long ReadStatusKb(const std::string& pid, const char* field)
-{
-    std::ifstream status("/proc/" + pid + "/status");
-    std::string line;
-    std::string key = std::string(field) + ":";
-    while (std::getline(status, line))
-        if (line.compare(0, key.size(), key) == 0)
-            return std::strtol(line.c_str() + key.size(), nullptr, 10);
-    return -1;
-}
 
 // Each client has a socket and a receive thread: take every descriptor allowed.
 void RaiseFileLimit()
@@ -83,19 +73,19 @@ int RunRoundTrips(const char* host, unsigned short port, long rounds)
         failures += GetGlobalsOnce(client) ? 0 : 1;
     // Read and printed once before the figure is taken, so that the stream buffers of
     // both are not counted as growth.
-    std::printf("client RSS before warm-up: %ld KiB\n", ReadStatusKb("self", "VmRSS"));
-    long hwmWarm = ReadStatusKb("self", "VmHWM");
+    std::printf("client RSS before warm-up: %ld KiB\n", BenchStatusKib("self", "VmRSS"));
+    long hwmWarm = BenchStatusKib("self", "VmHWM");
     std::printf("client RSS after warm-up (%ld rounds): %ld KiB (peak %ld KiB)\n", warmUp,
-                ReadStatusKb("self", "VmRSS"), hwmWarm);
+                BenchStatusKib("self", "VmRSS"), hwmWarm);
     std::fflush(stdout);
     auto start = std::chrono::steady_clock::now();
     for (long i = warmUp; i < rounds; ++i)
         failures += GetGlobalsOnce(client) ? 0 : 1;
     double took = Seconds(start);
     long timed = rounds - warmUp;
-    long hwmEnd = ReadStatusKb("self", "VmHWM");
+    long hwmEnd = BenchStatusKib("self", "VmHWM");
     std::printf("client RSS at the end: %ld KiB (peak %ld KiB, %+ld KiB since warm-up)\n",
-                ReadStatusKb("self", "VmRSS"), hwmEnd, hwmEnd - hwmWarm);
+                BenchStatusKib("self", "VmRSS"), hwmEnd, hwmEnd - hwmWarm);
     std::printf("round trips: %ld GetGlobals on one client, %ld failed, %.1f s, %.1f us each\n", rounds, failures, took,
                 timed > 0 ? took * 1e6 / static_cast<double>(timed) : 0.0);
     client.Disconnect();
@@ -106,11 +96,11 @@ int RunRoundTrips(const char* host, unsigned short port, long rounds)
 long SettledRss(const std::string& pid)
 {
     auto deadline = std::chrono::steady_clock::now() + kSettleLimit;
-    long last = ReadStatusKb(pid, "VmRSS");
+    long last = BenchStatusKib(pid, "VmRSS");
     for (;;)
     {
         std::this_thread::sleep_for(kSettlePoll);
-        long now = ReadStatusKb(pid, "VmRSS");
+        long now = BenchStatusKib(pid, "VmRSS");
         if (now == last || std::chrono::steady_clock::now() > deadline)
             return now;
         last = now;
@@ -130,7 +120,7 @@ struct SScale
 // One wave: all clients up, every request done, figures taken, all down. Failures returned.
 long RunWave(const SScale& scale, int wave)
 {
-    long selfBefore = ReadStatusKb("self", "VmRSS");
+    long selfBefore = BenchStatusKib("self", "VmRSS");
     std::vector<std::unique_ptr<CTarvikClientSPI>> clients;
     long failures = 0;
     auto start = std::chrono::steady_clock::now();
@@ -159,8 +149,8 @@ long RunWave(const SScale& scale, int wave)
         thread.join();
     double served = Seconds(start);
     failures += failed.load();
-    long selfPeak = ReadStatusKb("self", "VmRSS");
-    long simPeak = ReadStatusKb(scale.m_sSimPid, "VmRSS");
+    long selfPeak = BenchStatusKib("self", "VmRSS");
+    long simPeak = BenchStatusKib(scale.m_sSimPid, "VmRSS");
     std::printf("wave %d: %d clients connected in %.2f s, %ld requests in %.2f s, %ld failed\n", wave, scale.m_nClients,
                 connected, static_cast<long>(scale.m_nClients) * scale.m_nRequests, served, failures);
     std::printf("wave %d: client process RSS %ld -> %ld KiB, %.1f KiB per client\n", wave, selfBefore, selfPeak,
@@ -176,7 +166,7 @@ long RunWave(const SScale& scale, int wave)
 int RunScale(const SScale& scale, int waves)
 {
     RaiseFileLimit();
-    long simBefore = ReadStatusKb(scale.m_sSimPid, "VmRSS");
+    long simBefore = BenchStatusKib(scale.m_sSimPid, "VmRSS");
     if (simBefore < 0)
     {
         std::fprintf(stderr, "bench_soak: no process %s\n", scale.m_sSimPid.c_str());
@@ -188,9 +178,9 @@ int RunScale(const SScale& scale, int waves)
     for (int wave = 1; wave <= waves; ++wave)
     {
         failures += RunWave(scale, wave);
-        simPeak = std::max(simPeak, ReadStatusKb(scale.m_sSimPid, "VmHWM"));
+        simPeak = std::max(simPeak, BenchStatusKib(scale.m_sSimPid, "VmHWM"));
     }
-    long simAfter = ReadStatusKb(scale.m_sSimPid, "VmRSS");
+    long simAfter = BenchStatusKib(scale.m_sSimPid, "VmRSS");
     std::printf("simulator RSS before %ld KiB, peak %ld KiB, after %ld KiB: %+.1f KiB per connection left behind\n",
                 simBefore, simPeak, simAfter,
                 static_cast<double>(simAfter - simBefore) / (static_cast<double>(scale.m_nClients) * waves));

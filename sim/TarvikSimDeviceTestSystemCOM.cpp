@@ -2,6 +2,8 @@
 
 namespace
 {
+// The unit answers the command numbers its client sends.
+typedef CTarvikClientTestSystemCOM CCom;
 // Reads a length-prefixed name at pos and moves pos past it; false when it is cut short.
 bool ReadName(const std::string& data, size_t& pos, std::string& name)
 {
@@ -34,12 +36,12 @@ bool CTarvikSimDeviceTestSystemCOM::HandleCommand(unsigned char cmd, const std::
 {
     switch (cmd)
     {
-    case eCmdSetConfig: answer = SetConfig(data); return true;
-    case eCmdGetConfig: answer = data.empty() ? Answer(eResultOk, m_sActive) : Answer(eResultFailed); return true;
-    case eCmdIsConfigAvailable: answer = IsConfigAvailable(data); return true;
-    case eCmdFileStart: answer = FileStart(data); return true;
-    case eCmdFileData: answer = FileData(data); return true;
-    case eCmdInstallConfig: answer = InstallConfig(data); return true;
+    case CCom::eCmdSetConfig: answer = SetConfig(data); return true;
+    case CCom::eCmdGetConfig: answer = data.empty() ? Answer(eResultOk, m_sActive) : Answer(eResultFailed); return true;
+    case CCom::eCmdIsConfigAvailable: answer = IsConfigAvailable(data); return true;
+    case CCom::eCmdFileStart: answer = FileStart(data); return true;
+    case CCom::eCmdFileData: answer = FileData(data); return true;
+    case CCom::eCmdInstallConfig: answer = InstallConfig(data); return true;
     default: return false;
     }
 }

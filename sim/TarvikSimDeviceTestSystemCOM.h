@@ -21,6 +21,7 @@
 #define TARVIK_SIM_TARVIKSIMDEVICETESTSYSTEMCOM_H
 
 #include "sim/TarvikSimDevice.h"
+#include "tarvik/clients/TarvikClientTestSystemCOM.h"
 
 #include <boost/crc.hpp>
 
@@ -30,15 +31,6 @@
 class CTarvikSimDeviceTestSystemCOM : public CTarvikSimDevice
 {
 public:
-    enum ECmd
-    {
-        eCmdSetConfig = 0x05,
-        eCmdGetConfig = 0x06,
-        eCmdIsConfigAvailable = 0xD2,
-        eCmdFileStart = 0xD3,
-        eCmdFileData = 0xD4,
-        eCmdInstallConfig = 0xD5,
-    };
     enum EComResult
     {
         eResultFileOpen = 0x20,
