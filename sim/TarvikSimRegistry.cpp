@@ -1,6 +1,7 @@
 #include "sim/TarvikSimRegistry.h"
 
 #include "sim/TarvikSimDeviceAD.h"
+#include "sim/TarvikSimDeviceRenesas.h"
 #include "sim/TarvikSimDeviceSPI.h"
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
 #include "sim/TarvikSimDeviceTestUnit.h"
@@ -26,6 +27,9 @@ const SModel kModels[] = {
     {eTarvikAD, "ad",
      [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
      { return std::make_unique<CTarvikSimDeviceAD>(index); }},
+    {eTarvikRenesas, "renesas",
+     [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
+     { return std::make_unique<CTarvikSimDeviceRenesas>(index); }},
     {eTarvikTestSystemIO, "tsio",
      [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
      { return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemIO, index); }},

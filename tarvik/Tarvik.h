@@ -13,6 +13,7 @@
 #ifdef __cplusplus
 #include "tarvik/clients/TarvikClientAD.h"
 #include "tarvik/clients/TarvikClientDIO.h"
+#include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"

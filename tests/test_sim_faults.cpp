@@ -436,6 +436,8 @@ TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
          Op<CTarvikClientTestSystemPWR>([&](CTarvikClientTestSystemPWR& c) { return c.GetValue(words, 2); })},
         {"tsrelay", eTarvikTestSystemRelay, Make<CTarvikClientTestSystemRelay>(),
          Op<CTarvikClientTestSystemRelay>([](CTarvikClientTestSystemRelay& c) { return c.SetRelay(1, true); })},
+        {"renesas", eTarvikRenesas, Make<CTarvikClientRenesas>(),
+         Op<CTarvikClientRenesas>([](CTarvikClientRenesas& c) { return c.Init(); })},
     };
     const std::pair<ETarvikSimFault, int> answers[] = {
         {eTarvikSimFaultBadCRC, TARVIK_ERR_CRC},

@@ -1,5 +1,6 @@
 #include "tarvik/dll/DeviceManager.h"
 
+#include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"
@@ -44,6 +45,7 @@ CTarvikClient* CDeviceManager::CreateClient(unsigned char type, int, int timeout
     switch (type)
     {
     case eTarvikSPI: return new CTarvikClientSPI(timeoutMs);
+    case eTarvikRenesas: return new CTarvikClientRenesas(timeoutMs);
     case eTarvikTestSystemIO: return new CTarvikClientTestSystemIO(timeoutMs);
     case eTarvikTestSystemPWR: return new CTarvikClientTestSystemPWR(timeoutMs);
     case eTarvikTestSystemCOM: return new CTarvikClientTestSystemCOM(timeoutMs);

@@ -1,10 +1,11 @@
-// Every confirmation decode of every client (SPI, the test-system units, DIO, AD), answered from fuzz input without a socket:
+// Every confirmation decode of every client (SPI, the test-system units, DIO, AD, Renesas), answered from fuzz input without a socket:
 // the first byte picks the command, its arguments and each answer come from the rest.
 // Output buffers are exactly as large as the caller says, so a write past one is seen.
 #include "FuzzAnswer.h"
 
 #include "tarvik/clients/TarvikClientAD.h"
 #include "tarvik/clients/TarvikClientDIO.h"
+#include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"
@@ -27,6 +28,7 @@ typedef CFuzzAnswering<CTarvikClientTestSystemPWR> CPwr;
 typedef CFuzzAnswering<CTarvikClientTestSystemRelay> CRelay;
 typedef CFuzzAnswering<CTarvikClientDIO> CDio;
 typedef CFuzzAnswering<CTarvikClientAD> CAd;
+typedef CFuzzAnswering<CTarvikClientRenesas> CRenesas;
 
 // The clients of the test system and the simple gateways, for one input.
 struct SOthers
@@ -238,6 +240,57 @@ void RunOthers(SOthers& o, uint8_t which, CFuzzInput& in)
     }
     }
 }
+
+// The Renesas programming commands; the buffers are exactly as large as asked.
+void RunRenesas(CRenesas& ren, uint8_t which, CFuzzInput& in)
+{
+    switch (which % 10)
+    {
+    case 0: ren.Init(); ren.Complete(); break;
+    case 1:
+    {
+        std::string id = in.Bytes(in.Byte() & 0x0F);
+        ren.CheckID(id.empty() ? nullptr : id.data(), static_cast<unsigned char>(id.size()));
+        break;
+    }
+    case 2: ren.SetBaudrate(in.Byte()); break;
+    case 3:
+    {
+        std::vector<char> page(in.Word() & 0x01FF);
+        unsigned short received = 0;
+        ren.ReadPage(in.Word(), page.empty() ? nullptr : page.data(), static_cast<unsigned short>(page.size()),
+                     received);
+        break;
+    }
+    case 4: ren.EraseAll(); break;
+    case 5:
+    {
+        std::string data = in.Bytes(in.Word() & 0x01FF);
+        ren.WritePage(in.Word(), data.empty() ? nullptr : data.data(), static_cast<unsigned short>(data.size()));
+        break;
+    }
+    case 6:
+    {
+        std::vector<char> version(in.Byte());
+        ren.GetVersion(version.empty() ? nullptr : version.data(), static_cast<unsigned char>(version.size()));
+        break;
+    }
+    case 7:
+    {
+        unsigned short sum = 0;
+        ren.VerifyCheck(in.Word(), in.Word(), sum);
+        break;
+    }
+    case 8: ren.BlockErase(in.Word()); break;
+    default:
+    {
+        unsigned int inputs = 0, outputs = 0;
+        ren.ReadDigital(inputs, outputs);
+        ren.WriteDigital(in.Word());
+        break;
+    }
+    }
+}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -246,6 +299,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     CSpi spi(in);
     spi.Open();
     SOthers others(in);
+    CRenesas renesas(in);
     // Several commands per input, so that what one leaves stored meets the next.
     for (int i = 0; i < 8 && !in.Empty(); ++i)
     {
@@ -254,6 +308,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             RunSpi(spi, static_cast<uint8_t>(which & 0x7F), in);
         else if (which & 0x40)
             RunOthers(others, static_cast<uint8_t>(which & 0x3F), in);
+        else if (which & 0x20)
+            RunRenesas(renesas, static_cast<uint8_t>(which & 0x1F), in);
         else
             RunCommon(spi, static_cast<uint8_t>(which & 0x7F), in);
     }
