@@ -97,12 +97,15 @@ int CTarvikClientRenesas::Complete()
 
 int CTarvikClientRenesas::VerifyCheck(unsigned short nFirst, unsigned short nSecond, unsigned short& nChecksum)
 {
-    nChecksum = 0;
     CTarvikReply reply;
     int result = Request(eCmdVerifyCheck, CTarvikMsg::ToChar(nFirst) + CTarvikMsg::ToChar(nSecond), reply,
                          nullptr, kChecksumAnswer);
+    if (reply.Transport() != 0)
+        return result;
+    // Any confirmation clears the sum; one that carries it sets it, also with an error result.
+    nChecksum = 0;
     char sum[2];
-    if (reply.Transport() == 0 && reply.CopyTo(1, sum, sizeof sum) == sizeof sum)
+    if (reply.CopyTo(1, sum, sizeof sum) == sizeof sum)
         CTarvikMsg::FromChar(nChecksum, sum);
     return result;
 }

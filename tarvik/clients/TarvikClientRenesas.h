@@ -68,8 +68,9 @@ public:
     int GetVersion(char* pBuffer, unsigned char nBufferLen);
     // Ends the programming sequence.
     int Complete();
-    // Checksum over a range (nFirst, nSecond) that the gateway interprets. nChecksum
-    // is 0 unless a confirmation arrived that carries it (even with an error result).
+    // Checksum over a range (nFirst, nSecond) that the gateway interprets. Any
+    // confirmation sets nChecksum: to the sum when it carries one (even with an error
+    // result), else to 0; without a confirmation it is left alone.
     int VerifyCheck(unsigned short nFirst, unsigned short nSecond, unsigned short& nChecksum);
     // 0x0922: erasing failed.
     int BlockErase(unsigned short nBlock);
