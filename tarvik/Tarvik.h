@@ -13,6 +13,8 @@
 #ifdef __cplusplus
 #include "tarvik/clients/TarvikClientAD.h"
 #include "tarvik/clients/TarvikClientDIO.h"
+#include "tarvik/clients/TarvikClientFirmware.h"
+#include "tarvik/clients/TarvikClientI2C.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"

@@ -1,5 +1,6 @@
 #include "tarvik/dll/DeviceManager.h"
 
+#include "tarvik/clients/TarvikClientI2C.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"
@@ -43,6 +44,7 @@ CTarvikClient* CDeviceManager::CreateClient(unsigned char type, int, int timeout
 {
     switch (type)
     {
+    case eTarvikI2C: return new CTarvikClientI2C(timeoutMs);
     case eTarvikSPI: return new CTarvikClientSPI(timeoutMs);
     case eTarvikTestSystemIO: return new CTarvikClientTestSystemIO(timeoutMs);
     case eTarvikTestSystemPWR: return new CTarvikClientTestSystemPWR(timeoutMs);
