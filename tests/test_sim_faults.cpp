@@ -436,6 +436,10 @@ TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
          Op<CTarvikClientTestSystemPWR>([&](CTarvikClientTestSystemPWR& c) { return c.GetValue(words, 2); })},
         {"tsrelay", eTarvikTestSystemRelay, Make<CTarvikClientTestSystemRelay>(),
          Op<CTarvikClientTestSystemRelay>([](CTarvikClientTestSystemRelay& c) { return c.SetRelay(1, true); })},
+        {"i2c", eTarvikI2C, Make<CTarvikClientI2C>(),
+         Op<CTarvikClientI2C>([](CTarvikClientI2C& c) { unsigned int r = 0; return c.GetBaudrate(r); })},
+        {"firmware", eTarvikFirmware, Make<CTarvikClientFirmware>(),
+         Op<CTarvikClientFirmware>([](CTarvikClientFirmware& c) { int n = 0; return c.GetEEPromInfo(n); })},
     };
     const std::pair<ETarvikSimFault, int> answers[] = {
         {eTarvikSimFaultBadCRC, TARVIK_ERR_CRC},
