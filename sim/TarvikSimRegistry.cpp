@@ -2,6 +2,8 @@
 
 #include "sim/TarvikSimDeviceAD.h"
 #include "sim/TarvikSimDeviceRenesas.h"
+#include "sim/TarvikSimDeviceFirmware.h"
+#include "sim/TarvikSimDeviceI2C.h"
 #include "sim/TarvikSimDeviceSPI.h"
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
 #include "sim/TarvikSimDeviceTestUnit.h"
@@ -18,6 +20,8 @@ struct SModel
 // An explicit table rather than self-registering objects: the linker drops unreferenced
 // objects of a static library, and with them their registration.
 const SModel kModels[] = {
+    {eTarvikI2C, "i2c", [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice> { return std::make_unique<CTarvikSimDeviceI2C>(index); }},
+    {eTarvikFirmware, "firmware", [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice> { return std::make_unique<CTarvikSimDeviceFirmware>(index); }},
     {eTarvikSPI, "spi",
      [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
      { return std::make_unique<CTarvikSimDeviceSPI>(index); }},

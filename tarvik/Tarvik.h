@@ -14,6 +14,8 @@
 #include "tarvik/clients/TarvikClientAD.h"
 #include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
+#include "tarvik/clients/TarvikClientFirmware.h"
+#include "tarvik/clients/TarvikClientI2C.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"

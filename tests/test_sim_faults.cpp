@@ -438,6 +438,10 @@ TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
          Op<CTarvikClientTestSystemRelay>([](CTarvikClientTestSystemRelay& c) { return c.SetRelay(1, true); })},
         {"renesas", eTarvikRenesas, Make<CTarvikClientRenesas>(),
          Op<CTarvikClientRenesas>([](CTarvikClientRenesas& c) { return c.Init(); })},
+        {"i2c", eTarvikI2C, Make<CTarvikClientI2C>(),
+         Op<CTarvikClientI2C>([](CTarvikClientI2C& c) { unsigned int r = 0; return c.GetBaudrate(r); })},
+        {"firmware", eTarvikFirmware, Make<CTarvikClientFirmware>(),
+         Op<CTarvikClientFirmware>([](CTarvikClientFirmware& c) { int n = 0; return c.GetEEPromInfo(n); })},
     };
     const std::pair<ETarvikSimFault, int> answers[] = {
         {eTarvikSimFaultBadCRC, TARVIK_ERR_CRC},

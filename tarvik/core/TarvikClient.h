@@ -203,6 +203,8 @@ protected:
     unsigned short MakeCmdCode(unsigned char cmd) const;
     // Takes the next message id (post-increment, 16-bit wrap).
     short NextMsgID();
+    // The id the next request takes.
+    void SetNextMsgID(short id) { m_nNextMsgID.store(id, std::memory_order_relaxed); }
     // Largest confirmation data field that can reach the client: a frame's size travels
     // in 16 bits on the receive side, so 65535 - 7 bytes.
     static constexpr size_t kMaxCnfData = 0xFFFF - CTarvikMsg::kOverhead;

@@ -1,6 +1,7 @@
 #include "tarvik/dll/DeviceManager.h"
 
 #include "tarvik/clients/TarvikClientRenesas.h"
+#include "tarvik/clients/TarvikClientI2C.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"
@@ -44,6 +45,7 @@ CTarvikClient* CDeviceManager::CreateClient(unsigned char type, int, int timeout
 {
     switch (type)
     {
+    case eTarvikI2C: return new CTarvikClientI2C(timeoutMs);
     case eTarvikSPI: return new CTarvikClientSPI(timeoutMs);
     case eTarvikRenesas: return new CTarvikClientRenesas(timeoutMs);
     case eTarvikTestSystemIO: return new CTarvikClientTestSystemIO(timeoutMs);

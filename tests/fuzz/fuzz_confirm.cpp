@@ -1,11 +1,14 @@
-// Every confirmation decode of every client (SPI, the test-system units, DIO, AD, Renesas), answered from fuzz input without a socket:
-// the first byte picks the command, its arguments and each answer come from the rest.
+// Every confirmation decode of every client (SPI, the test-system units, DIO, AD, Renesas,
+// I2C, firmware), answered from fuzz input without a socket: the first byte picks the
+// command, its arguments and each answer come from the rest.
 // Output buffers are exactly as large as the caller says, so a write past one is seen.
 #include "FuzzAnswer.h"
 
 #include "tarvik/clients/TarvikClientAD.h"
 #include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
+#include "tarvik/clients/TarvikClientFirmware.h"
+#include "tarvik/clients/TarvikClientI2C.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"
@@ -29,17 +32,21 @@ typedef CFuzzAnswering<CTarvikClientTestSystemRelay> CRelay;
 typedef CFuzzAnswering<CTarvikClientDIO> CDio;
 typedef CFuzzAnswering<CTarvikClientAD> CAd;
 typedef CFuzzAnswering<CTarvikClientRenesas> CRenesas;
+typedef CFuzzAnswering<CTarvikClientI2C> CI2c;
+typedef CFuzzAnswering<CTarvikClientFirmware> CFw;
 
 // The clients of the test system and the simple gateways, for one input.
 struct SOthers
 {
-    explicit SOthers(CFuzzInput& in) : com(in), io(in), pwr(in), relay(in), dio(in), ad(in) {}
+    explicit SOthers(CFuzzInput& in) : com(in), io(in), pwr(in), relay(in), dio(in), ad(in), i2c(in), fw(in) {}
     CCom com;
     CIO io;
     CPwr pwr;
     CRelay relay;
     CDio dio;
     CAd ad;
+    CI2c i2c;
+    CFw fw;
 };
 
 // A file of a little over two chunks, made once per process and removed at its end.
@@ -196,13 +203,153 @@ void RunCom(CCom& com, uint8_t which, CFuzzInput& in)
     }
 }
 
+// A buffer of exactly the size the input says, so that a write past it is seen.
+std::vector<char> Buffer(CFuzzInput& in)
+{
+    return std::vector<char>(in.Byte());
+}
+
+char* Ptr(std::vector<char>& buffer)
+{
+    return buffer.empty() ? nullptr : buffer.data();
+}
+
+unsigned short Len(const std::vector<char>& buffer)
+{
+    return static_cast<unsigned short>(buffer.size());
+}
+
+void RunI2cSequence(CI2c& i2c, CFuzzInput& in)
+{
+    std::vector<std::vector<char>> buffers(in.Byte() % 5);
+    std::vector<CTarvikClientI2C::I2CCommand> steps;
+    for (std::vector<char>& buffer : buffers)
+    {
+        unsigned short command = in.Byte();
+        buffer = Buffer(in);
+        steps.push_back({command, Len(buffer), Ptr(buffer)});
+    }
+    unsigned short pos = 0;
+    i2c.WriteSequence(steps.empty() ? nullptr : steps.data(), static_cast<unsigned short>(steps.size()), pos);
+}
+
+void RunI2c(CI2c& i2c, uint8_t which, CFuzzInput& in)
+{
+    unsigned short n = 0, pos = 0;
+    switch (which % 8)
+    {
+    case 0:
+    {
+        unsigned int rate = 0;
+        i2c.GetBaudrate(rate);
+        i2c.SetBaudrate(in.Word());
+        break;
+    }
+    case 1:
+    {
+        std::vector<char> buffer = Buffer(in);
+        i2c.Read(in.Word(), Ptr(buffer), Len(buffer), n);
+        break;
+    }
+    case 2:
+    {
+        std::string data = in.Bytes(in.Byte());
+        i2c.Write(in.Word(), data.data(), static_cast<unsigned short>(data.size()), pos);
+        break;
+    }
+    case 3:
+    {
+        unsigned char byte = 0;
+        i2c.RAWStart();
+        i2c.RAWSend(in.Byte(), in.Byte());
+        i2c.RAWGet(in.Byte(), byte);
+        i2c.RAWStop();
+        break;
+    }
+    case 4:
+    {
+        std::string seq = in.Bytes(in.Byte());
+        std::vector<char> buffer = Buffer(in);
+        i2c.WriteSequence(seq.data(), static_cast<unsigned short>(seq.size()), Ptr(buffer), Len(buffer), n, pos);
+        break;
+    }
+    case 5: RunI2cSequence(i2c, in); break;
+    case 6:
+    {
+        std::vector<char> buffer = Buffer(in);
+        i2c.ReadEEProm(in.Byte(), in.Word(), in.Word(), Ptr(buffer), Len(buffer), n);
+        break;
+    }
+    default:
+    {
+        std::string data = in.Bytes(in.Byte());
+        i2c.WriteEEProm(in.Byte(), in.Word(), in.Word(), data.data(), static_cast<unsigned short>(data.size()));
+        i2c.WriteEEPromPollAck(in.Byte(), in.Word(), in.Word(), data.data(), static_cast<unsigned short>(data.size()),
+                               in.Word());
+        break;
+    }
+    }
+}
+
+void RunFirmware(CFw& fw, uint8_t which, CFuzzInput& in)
+{
+    switch (which % 6)
+    {
+    case 0:
+    {
+        std::vector<char> block(CTarvikClientFirmware::kFlashBlockSize);
+        unsigned long n = 0;
+        fw.ReadFlash(in.Word(), block.data(), n);
+        break;
+    }
+    case 1:
+    {
+        int info = 0;
+        fw.GetEEPromInfo(info);
+        fw.Restart();
+        fw.ClearFlash();
+        break;
+    }
+    case 2:
+    {
+        std::vector<char> buffer = Buffer(in);
+        unsigned short n = 0;
+        fw.ReadEEProm(in.Word(), Ptr(buffer), Len(buffer), n);
+        break;
+    }
+    case 3:
+    {
+        CTarvikClientFirmware::STarvikDeviceInfoEx info = {};
+        fw.GetInfo(info);
+        info.GetSWVersionString();
+        info.GetHWVersionString();
+        break;
+    }
+    case 4:
+    {
+        CTarvikClientFirmware::STarvikDeviceInfoEx info = {};
+        info.nField5 = in.Word();
+        fw.SetInfo(info);
+        break;
+    }
+    default:
+    {
+        std::string data = in.Bytes(in.Byte());
+        fw.WriteEEProm(in.Word(), data.data(), static_cast<unsigned short>(data.size()));
+        break;
+    }
+    }
+}
+
 void RunOthers(SOthers& o, uint8_t which, CFuzzInput& in)
 {
     using W = unsigned short*;
     using N = unsigned char;
-    switch (which % 12)
+    switch (which % 14)
     {
     case 0: RunCom(o.com, in.Byte(), in); break;
+    case 12: RunI2c(o.i2c, in.Byte(), in); break;
+    case 13: RunFirmware(o.fw, in.Byte(), in); break;
     case 1: SetWords(in, [&](W w, N n) { o.io.SetValue(w, n); o.io.SetPower(w, n); }); break;
     case 2: GetWords(in, [&](W w, N n) { o.io.GetValue(w, n); }); break;
     case 3: GetWords(in, [&](W w, N n) { o.io.GetPower(w, n); }); break;

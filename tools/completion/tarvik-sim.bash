@@ -5,7 +5,7 @@ _tarvik_sim()
     _init_completion || return
     case $prev in
         --fault) COMPREPLY=($(compgen -W "none silent bad-crc wrong-cmd wrong-id twice garbage stall close close-mid-frame" -- "$cur")); return ;;
-        -d|--devices) COMPREPLY=($(compgen -W "spi dio ad renesas tsio tspwr tscom tsrelay" -- "$cur")); return ;;
+        -d|--devices) COMPREPLY=($(compgen -W "i2c firmware spi dio ad renesas tsio tspwr tscom tsrelay" -- "$cur")); return ;;
         -H|--host) _known_hosts_real -- "$cur"; return ;;
         -*) [[ $prev == --* && $prev != --help && $prev != --version ]] && return ;;
     esac
