@@ -1,5 +1,6 @@
 // The commands of every gateway and of the SPI client: exact request frames, result
 // codes and which outputs each command writes or leaves alone.
+#include "support/ClientFixture.h"
 #include "support/FakeGateway.h"
 
 #include "tarvik/clients/TarvikClientSPI.h"
@@ -18,7 +19,6 @@ using namespace tarvik_test;
 namespace
 {
 constexpr unsigned int kTimeoutMs = 200;
-constexpr unsigned int kWaitMs = 5000;
 // Sentinel of the outputs: what still holds it was left alone.
 constexpr unsigned int kU = 0xDEADBEEF;
 constexpr unsigned char kUByte = 0xEE;
@@ -41,40 +41,8 @@ std::string Nums(std::initializer_list<unsigned int> values)
     return out.substr(1);
 }
 
-class CCommandTest : public ::testing::Test
+class CCommandTest : public CClientFixture<CTarvikClientSPI>
 {
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_oGateway.Start("127.0.0.1"));
-        NewClient();
-    }
-
-    // A fresh, opened SPI client (which sends nothing yet): its first request carries id 2.
-    void NewClient()
-    {
-        m_pClient.reset(new CTarvikClientSPI(kTimeoutMs));
-        ASSERT_EQ(0, m_pClient->Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort()));
-        ASSERT_EQ(0, m_pClient->Open());
-    }
-
-    // Answers every request with its own command code and this payload.
-    void AnswerWith(const TAnswer& payload)
-    {
-        if (!payload)
-            return m_oGateway.SetHandler(nullptr);
-        std::string data = *payload;
-        m_oGateway.SetHandler([data](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), data); });
-    }
-
-    std::vector<std::string> Frames(size_t count)
-    {
-        EXPECT_TRUE(m_oGateway.WaitForFrames(count, kWaitMs));
-        return m_oGateway.GetFrames();
-    }
-
-    CFakeGateway m_oGateway;
-    std::unique_ptr<CTarvikClientSPI> m_pClient;
 };
 } // namespace
 

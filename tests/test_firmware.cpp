@@ -1,6 +1,7 @@
 // The firmware and device-information client: exact requests, result rewrites of the
 // information EEPROM, outputs written or left alone, the information image and its
 // version texts, and the service device in the simulator.
+#include "support/ClientFixture.h"
 #include "support/FakeGateway.h"
 
 #include "sim/TarvikSimDeviceFirmware.h"
@@ -23,42 +24,17 @@ constexpr unsigned int kWaitMs = 5000;
 typedef CTarvikClientFirmware::STarvikDeviceInfoEx SInfo;
 typedef std::function<std::string(CTarvikClientFirmware&, int& result)> TCall;
 
-class CFirmwareTest : public ::testing::Test
+class CFirmwareTest : public CClientFixture<CTarvikClientFirmware>
 {
 protected:
-    void SetUp() override
+    // This Open only sets the next message id to 1; its two arguments stay as they are.
+    void OpenClient(CTarvikClientFirmware& client) override
     {
-        ASSERT_TRUE(m_oGateway.Start("127.0.0.1"));
-        NewClient();
-    }
-
-    // A fresh client after its Open: the first request carries id 1.
-    void NewClient()
-    {
-        m_pClient.reset(new CTarvikClientFirmware(kTimeoutMs));
-        ASSERT_EQ(0, m_pClient->Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort()));
         int a = 7, b = 8;
-        ASSERT_EQ(0, m_pClient->Open(a, b));
+        ASSERT_EQ(0, client.Open(a, b));
         EXPECT_EQ(7, a);
         EXPECT_EQ(8, b);
     }
-
-    void AnswerWith(const std::optional<std::string>& payload)
-    {
-        if (!payload)
-            return m_oGateway.SetHandler(nullptr);
-        std::string data = *payload;
-        m_oGateway.SetHandler([data](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), data); });
-    }
-
-    std::string LastFrame(size_t count)
-    {
-        EXPECT_TRUE(m_oGateway.WaitForFrames(count, kWaitMs));
-        return m_oGateway.GetFrames().back();
-    }
-
-    CFakeGateway m_oGateway;
-    std::unique_ptr<CTarvikClientFirmware> m_pClient;
 };
 
 std::string Hex32(unsigned int value)

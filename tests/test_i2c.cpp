@@ -1,5 +1,6 @@
 // The I2C client: exact requests, the EEPROM addressing table, which outputs each
 // command writes or leaves alone, and the bus with its EEPROMs in the simulator.
+#include "support/ClientFixture.h"
 #include "support/FakeGateway.h"
 
 #include "sim/TarvikSimDeviceI2C.h"
@@ -31,39 +32,8 @@ std::string Word(unsigned short value)
     return text;
 }
 
-class CI2CTest : public ::testing::Test
+class CI2CTest : public CClientFixture<CTarvikClientI2C>
 {
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_oGateway.Start("127.0.0.1"));
-        NewClient();
-    }
-
-    // A fresh opened client: its first request carries id 2.
-    void NewClient()
-    {
-        m_pClient.reset(new CTarvikClientI2C(kTimeoutMs));
-        ASSERT_EQ(0, m_pClient->Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort()));
-        ASSERT_EQ(0, m_pClient->Open());
-    }
-
-    void AnswerWith(const std::optional<std::string>& payload)
-    {
-        if (!payload)
-            return m_oGateway.SetHandler(nullptr);
-        std::string data = *payload;
-        m_oGateway.SetHandler([data](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), data); });
-    }
-
-    std::string LastFrame(size_t count)
-    {
-        EXPECT_TRUE(m_oGateway.WaitForFrames(count, kWaitMs));
-        return m_oGateway.GetFrames().back();
-    }
-
-    CFakeGateway m_oGateway;
-    std::unique_ptr<CTarvikClientI2C> m_pClient;
 };
 } // namespace
 

@@ -1,5 +1,6 @@
 // The Renesas flash programming client against the scripted gateway: exact request
 // frames, result codes, and which outputs each read writes or leaves alone.
+#include "support/ClientFixture.h"
 #include "support/FakeGateway.h"
 
 #include "tarvik/clients/TarvikClientRenesas.h"
@@ -17,7 +18,6 @@ using namespace tarvik_test;
 namespace
 {
 constexpr unsigned int kTimeoutMs = 200;
-constexpr unsigned int kWaitMs = 5000;
 // Sentinels of the outputs: what still holds one was left alone.
 constexpr char kUByte = '\xEE';
 constexpr unsigned short kUWord = 0xBEEF;
@@ -36,41 +36,8 @@ std::string Counting(size_t len, int first = 0)
     return out;
 }
 
-class CRenesasTest : public ::testing::Test
+class CRenesasTest : public CClientFixture<CTarvikClientRenesas>
 {
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_oGateway.Start("127.0.0.1"));
-        NewClient();
-    }
-
-    // A fresh, opened client: its first request carries id 2.
-    void NewClient()
-    {
-        m_pClient.reset(new CTarvikClientRenesas(kTimeoutMs));
-        ASSERT_EQ(0, m_pClient->Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort()));
-        ASSERT_EQ(0, m_pClient->Open());
-    }
-
-    // Answers every request with its own command code and this payload.
-    void AnswerWith(const TAnswer& payload)
-    {
-        if (!payload)
-            return m_oGateway.SetHandler(nullptr);
-        std::string data = *payload;
-        m_oGateway.SetHandler([data](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), data); });
-    }
-
-    std::string LastFrame(size_t count)
-    {
-        EXPECT_TRUE(m_oGateway.WaitForFrames(count, kWaitMs));
-        std::vector<std::string> frames = m_oGateway.GetFrames();
-        return frames.empty() ? std::string() : frames.back();
-    }
-
-    CFakeGateway m_oGateway;
-    std::unique_ptr<CTarvikClientRenesas> m_pClient;
 };
 } // namespace
 

@@ -1,0 +1,65 @@
+// CClientFixture<TClient>: a scripted gateway on 127.0.0.1 and a fresh client of one
+// device class connected to it and opened, for byte-exact tests of a client's commands.
+#ifndef TARVIK_TESTS_SUPPORT_CLIENTFIXTURE_H
+#define TARVIK_TESTS_SUPPORT_CLIENTFIXTURE_H
+
+#include "support/FakeGateway.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarvik_test
+{
+template <class TClient, unsigned int TTimeoutMs = 200> class CClientFixture : public ::testing::Test
+{
+protected:
+    static constexpr unsigned int kFrameWaitMs = 5000;
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_oGateway.Start("127.0.0.1"));
+        NewClient();
+    }
+
+    // A fresh client, connected and opened: its requests carry ids from where Open leaves them.
+    void NewClient()
+    {
+        m_pClient.reset(new TClient(TTimeoutMs));
+        ASSERT_EQ(0, m_pClient->Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort()));
+        OpenClient(*m_pClient);
+    }
+    // Open() by default; a class whose Open takes arguments says how.
+    virtual void OpenClient(TClient& client) { ASSERT_EQ(0, client.Open()); }
+
+    // Answers every request with its own command code and this payload (none: no answer).
+    void AnswerWith(const std::optional<std::string>& payload)
+    {
+        if (!payload)
+            return m_oGateway.SetHandler(nullptr);
+        std::string data = *payload;
+        m_oGateway.SetHandler([data](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), data); });
+    }
+
+    // Every frame received once there are count of them.
+    std::vector<std::string> Frames(size_t count)
+    {
+        EXPECT_TRUE(m_oGateway.WaitForFrames(count, kFrameWaitMs));
+        return m_oGateway.GetFrames();
+    }
+    // The last frame once there are count of them; empty when none came.
+    std::string LastFrame(size_t count)
+    {
+        std::vector<std::string> frames = Frames(count);
+        return frames.empty() ? std::string() : frames.back();
+    }
+
+    CFakeGateway m_oGateway;
+    std::unique_ptr<TClient> m_pClient;
+};
+} // namespace tarvik_test
+
+#endif
