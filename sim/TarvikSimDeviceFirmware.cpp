@@ -4,6 +4,8 @@
 
 namespace
 {
+// The device answers the command numbers its client sends.
+typedef CTarvikClientFirmware CClient;
 constexpr size_t kAddressSize = 4;
 
 unsigned short U16(const std::string& data, size_t pos)
@@ -58,16 +60,16 @@ bool CTarvikSimDeviceFirmware::HandleCommand(unsigned char cmd, const std::strin
 {
     switch (cmd)
     {
-    case eCmdGetEEPromInfo:
+    case CClient::eCmdGetEEPromInfo:
         answer = Answer(eResultOk, CTarvikMsg::ToChar(static_cast<unsigned short>(kEEPromPage)) +
                                        CTarvikMsg::ToChar(static_cast<unsigned int>(kEEPromSize)));
         return true;
-    case eCmdReadEEProm: answer = ReadEEProm(data); return true;
-    case eCmdWriteEEProm: answer = WriteEEProm(data); return true;
-    case eCmdClearFlash: m_sFlash.assign(m_sFlash.size(), '\xFF'); answer = Answer(eResultOk); return true;
-    case eCmdReadFlash: answer = ReadFlash(data); return true;
-    case eCmdWriteFlash: answer = WriteFlash(data); return true;
-    case eCmdRestart: answer = Answer(eResultOk); return true;
+    case CClient::eCmdReadEEProm: answer = ReadEEProm(data); return true;
+    case CClient::eCmdWriteEEProm: answer = WriteEEProm(data); return true;
+    case CClient::eCmdClearFlash: m_sFlash.assign(m_sFlash.size(), '\xFF'); answer = Answer(eResultOk); return true;
+    case CClient::eCmdReadFlash: answer = ReadFlash(data); return true;
+    case CClient::eCmdWriteFlash: answer = WriteFlash(data); return true;
+    case CClient::eCmdRestart: answer = Answer(eResultOk); return true;
     default: return false;
     }
 }

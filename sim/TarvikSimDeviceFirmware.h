@@ -18,23 +18,13 @@
 #define TARVIK_SIM_TARVIKSIMDEVICEFIRMWARE_H
 
 #include "sim/TarvikSimDevice.h"
+#include "tarvik/clients/TarvikClientFirmware.h"
 
 #include <string>
 
 class CTarvikSimDeviceFirmware : public CTarvikSimDevice
 {
 public:
-    enum EFirmwareCommand
-    {
-        eCmdGetEEPromInfo = 0xE0,
-        eCmdReadEEProm = 0xE1,
-        eCmdWriteEEProm = 0xE2,
-        eCmdClearFlash = 0xE3,
-        eCmdReadFlash = 0xE4,
-        eCmdWriteFlash = 0xE5,
-        eCmdRestart = 0xE7,
-    };
-
     enum EFirmwareResult
     {
         eResultEEProm = 0x02,

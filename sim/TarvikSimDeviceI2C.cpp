@@ -4,6 +4,8 @@
 
 namespace
 {
+// The device answers the command numbers its client sends.
+typedef CTarvikClientI2C CClient;
 constexpr size_t kMaxAnswer = CTarvikSimDevice::kMaxData - 1;
 // Slave u16, address count u8, offset of four bytes.
 constexpr size_t kEEPromHeader = 7;
@@ -32,24 +34,24 @@ bool CTarvikSimDeviceI2C::HandleCommand(unsigned char cmd, const std::string& da
 {
     switch (cmd)
     {
-    case eCmdReset: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
-    case eCmdSetBaudrate:
+    case CClient::eCmdReset: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
+    case CClient::eCmdSetBaudrate:
         if (data.size() != 4)
             return answer = Answer(eResultFailed), true;
         CTarvikMsg::FromChar(m_nRate, data.data());
         answer = Answer(eResultOk);
         return true;
-    case eCmdGetBaudrate: answer = Answer(eResultOk, CTarvikMsg::ToChar(m_nRate)); return true;
-    case eCmdRead: answer = Read(data); return true;
-    case eCmdWrite: answer = Write(data); return true;
-    case eCmdReadEEProm: answer = ReadEEProm(data); return true;
-    case eCmdWriteEEProm: answer = WriteEEProm(data, false); return true;
-    case eCmdWriteEEPromPollAck: answer = WriteEEProm(data, true); return true;
-    case eCmdSequence: answer = Sequence(data); return true;
-    case eCmdRAWStart: StopBus(); m_bRawStarted = true; answer = Answer(eResultOk); return true;
-    case eCmdRAWSend: answer = RawSend(data); return true;
-    case eCmdRAWGet: answer = RawGet(data); return true;
-    case eCmdRAWStop: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
+    case CClient::eCmdGetBaudrate: answer = Answer(eResultOk, CTarvikMsg::ToChar(m_nRate)); return true;
+    case CClient::eCmdRead: answer = Read(data); return true;
+    case CClient::eCmdWrite: answer = Write(data); return true;
+    case CClient::eCmdReadEEProm: answer = ReadEEProm(data); return true;
+    case CClient::eCmdWriteEEProm: answer = WriteEEProm(data, false); return true;
+    case CClient::eCmdWriteEEPromPollAck: answer = WriteEEProm(data, true); return true;
+    case CClient::eCmdSequence: answer = Sequence(data); return true;
+    case CClient::eCmdRAWStart: StopBus(); m_bRawStarted = true; answer = Answer(eResultOk); return true;
+    case CClient::eCmdRAWSend: answer = RawSend(data); return true;
+    case CClient::eCmdRAWGet: answer = RawGet(data); return true;
+    case CClient::eCmdRAWStop: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
     default: return false;
     }
 }

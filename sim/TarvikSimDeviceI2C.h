@@ -27,6 +27,7 @@
 #define TARVIK_SIM_TARVIKSIMDEVICEI2C_H
 
 #include "sim/TarvikSimDevice.h"
+#include "tarvik/clients/TarvikClientI2C.h"
 #include "sim/TarvikSimEeprom24.h"
 
 #include <vector>
@@ -34,23 +35,6 @@
 class CTarvikSimDeviceI2C : public CTarvikSimDevice
 {
 public:
-    enum EI2cCommand
-    {
-        eCmdReset = 0x04,
-        eCmdSetBaudrate = 0x07,
-        eCmdGetBaudrate = 0x08,
-        eCmdRead = 0x10,
-        eCmdWrite = 0x11,
-        eCmdReadEEProm = 0x12,
-        eCmdWriteEEProm = 0x13,
-        eCmdSequence = 0x14,
-        eCmdRAWStart = 0x15,
-        eCmdRAWSend = 0x16,
-        eCmdRAWGet = 0x17,
-        eCmdRAWStop = 0x18,
-        eCmdWriteEEPromPollAck = 0x19,
-    };
-
     enum EI2cResult
     {
         eResultNack = 0x20,

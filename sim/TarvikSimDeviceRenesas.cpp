@@ -2,6 +2,8 @@
 
 namespace
 {
+// The device answers the command numbers its client sends.
+typedef CTarvikClientRenesas CClient;
 constexpr unsigned char kOk = CTarvikSimDevice::eResultOk;
 constexpr unsigned char kFailed = CTarvikSimDevice::eResultFailed;
 constexpr unsigned char kInvalidID = CTarvikSimDeviceRenesas::eResultInvalidID;
@@ -29,25 +31,25 @@ CTarvikSimDeviceRenesas::~CTarvikSimDeviceRenesas() = default;
 
 bool CTarvikSimDeviceRenesas::HandleCommand(unsigned char cmd, const std::string& data, std::string& answer)
 {
-    if (cmd < eCmdInit || cmd > eCmdBlockErase)
+    if (cmd < CClient::eCmdInit || cmd > CClient::eCmdBlockErase)
         return false;
     // Outside a sequence the target is not in programming mode and never answers.
-    if (cmd != eCmdInit && !m_bInSequence)
+    if (cmd != CClient::eCmdInit && !m_bInSequence)
     {
         answer = Answer(eResultTimeout);
         return true;
     }
     switch (cmd)
     {
-    case eCmdInit: answer = Init(data); break;
-    case eCmdCheckID: answer = CheckID(data); break;
-    case eCmdSetBaudrate: answer = SetBaudrate(data); break;
-    case eCmdReadPage: answer = ReadPage(data); break;
-    case eCmdEraseAll: answer = EraseAll(data); break;
-    case eCmdWritePage: answer = WritePage(data); break;
-    case eCmdGetVersion: answer = data.empty() ? Answer(kOk, kVersion) : Answer(kFailed); break;
-    case eCmdComplete: answer = Complete(data); break;
-    case eCmdVerifyCheck: answer = VerifyCheck(data); break;
+    case CClient::eCmdInit: answer = Init(data); break;
+    case CClient::eCmdCheckID: answer = CheckID(data); break;
+    case CClient::eCmdSetBaudrate: answer = SetBaudrate(data); break;
+    case CClient::eCmdReadPage: answer = ReadPage(data); break;
+    case CClient::eCmdEraseAll: answer = EraseAll(data); break;
+    case CClient::eCmdWritePage: answer = WritePage(data); break;
+    case CClient::eCmdGetVersion: answer = data.empty() ? Answer(kOk, kVersion) : Answer(kFailed); break;
+    case CClient::eCmdComplete: answer = Complete(data); break;
+    case CClient::eCmdVerifyCheck: answer = VerifyCheck(data); break;
     default: answer = BlockErase(data); break;
     }
     return true;

@@ -24,26 +24,13 @@
 #define TARVIK_SIM_TARVIKSIMDEVICERENESAS_H
 
 #include "sim/TarvikSimDevice.h"
+#include "tarvik/clients/TarvikClientRenesas.h"
 
 #include <string>
 
 class CTarvikSimDeviceRenesas : public CTarvikSimDevice
 {
 public:
-    enum ERenesasCommand
-    {
-        eCmdInit = 0x20,
-        eCmdCheckID = 0x21,
-        eCmdSetBaudrate = 0x22,
-        eCmdReadPage = 0x23,
-        eCmdEraseAll = 0x24,
-        eCmdWritePage = 0x25,
-        eCmdGetVersion = 0x26,
-        eCmdComplete = 0x27,
-        eCmdVerifyCheck = 0x28,
-        eCmdBlockErase = 0x29,
-    };
-
     enum ERenesasResult
     {
         eResultTimeout = 0x20,
