@@ -36,7 +36,7 @@ size_t CMolFrameCutter::Commit(size_t n, PFrameSink sink, void* user)
             need = frame;
             break;
         }
-        sink(user, m_aBuffer.data() + pos, frame);
+        sink(user, m_aBuffer.data() + pos, frame <= 0xFFFF ? static_cast<unsigned short>(frame) : 0);
         ++frames;
         pos += frame;
     }

@@ -18,8 +18,10 @@ public:
     static constexpr size_t kInitialBufferSize = 4096;
 
     // Called once per complete frame; frame points into the cutter's buffer and is
-    // valid only during the call. len is the whole frame size (2 to 65537).
-    typedef void (*PFrameSink)(void* user, const char* frame, size_t len);
+    // valid only during the call. len is the whole frame size; a frame too long for a
+    // 16-bit size (65536 or 65537 bytes) comes as an empty block (len 0), so that it
+    // is dropped as malformed and the stream stays in step.
+    typedef void (*PFrameSink)(void* user, const char* frame, unsigned short len);
 
     CMolFrameCutter();
 

@@ -327,9 +327,9 @@ bool CMolIPConnection::WaitForRest(int fd, int64_t deadlineUs)
     }
 }
 
-void CMolIPConnection::DeliverFrame(void* self, const char* frame, size_t len)
+void CMolIPConnection::DeliverFrame(void* self, const char* frame, unsigned short len)
 {
-    static_cast<CMolIPConnection*>(self)->DataInd(frame, len <= 0xFFFF ? static_cast<unsigned short>(len) : 0);
+    static_cast<CMolIPConnection*>(self)->DataInd(frame, len);
 }
 
 void CMolIPConnection::DataInd(const char*, unsigned short) {}

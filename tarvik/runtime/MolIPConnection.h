@@ -11,7 +11,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 class TARVIK_API CMolIPBase
 {
@@ -99,7 +98,7 @@ protected:
 private:
     void ReceiveLoop(std::promise<void>* announced);
     bool WaitForRest(int fd, int64_t deadlineUs);
-    static void DeliverFrame(void* self, const char* frame, size_t len);
+    static void DeliverFrame(void* self, const char* frame, unsigned short len);
     int OpenSocket(const char* host, unsigned short port, unsigned int timeoutMs);
     void ApplyAlive();
     void JoinReceiver();

@@ -22,10 +22,9 @@ public:
         delete msg;
         return true;
     }
-    static void Deliver(void* self, const char* frame, size_t len)
+    static void Deliver(void* self, const char* frame, unsigned short len)
     {
-        // As the connection does: a frame too long for 16 bits arrives as an empty block.
-        static_cast<CReceiving*>(self)->DataInd(frame, len <= 0xFFFF ? static_cast<unsigned short>(len) : 0);
+        static_cast<CReceiving*>(self)->DataInd(frame, len);
     }
 
 private:
