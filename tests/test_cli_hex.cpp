@@ -25,6 +25,15 @@ std::string FirstLine(const std::string& text)
     return text.substr(0, text.find('\n'));
 }
 
+// One invocation: its arguments, exit code, and first lines on stdout and stderr.
+struct SRow
+{
+    const char* m_pArgs;
+    int m_nExit;
+    const char* m_pOut;
+    const char* m_pErr;
+};
+
 class CCliHexTest : public ::testing::Test
 {
 protected:
@@ -72,6 +81,16 @@ protected:
     }
 
     SRun Run(const std::string& arguments) const { return Shell("tarvik " + arguments); }
+
+    // Runs a table row and checks its exit code and first lines; the run for further checks.
+    SRun Expect(const SRow& row) const
+    {
+        const SRun run = Run(row.m_pArgs);
+        EXPECT_EQ(row.m_nExit, run.m_nExit) << row.m_pArgs << "\n" << run.m_sErr;
+        EXPECT_EQ(row.m_pOut, FirstLine(run.m_sOut)) << row.m_pArgs;
+        EXPECT_EQ(row.m_pErr, FirstLine(run.m_sErr)) << row.m_pArgs;
+        return run;
+    }
 
     static bool HaveSrecord() { return std::system("srec_cat --version >/dev/null 2>&1") == 0; }
 
@@ -140,13 +159,7 @@ TEST_F(CCliHexTest, DumpPrintsBlocksAndMarksGaps)
 // and the first line on stderr.
 TEST_F(CCliHexTest, EachInputIsReadAsWhatItIsOrRefused)
 {
-    struct SRow
-    {
-        const char* m_pArgs;
-        int m_nExit;
-        const char* m_pOut;
-        const char* m_pErr;
-    } rows[] = {
+    const SRow rows[] = {
         {"hex info hexfile_sample.hex", 0, "file:   hexfile_sample.hex",
          "tarvik: warning: hexfile_sample.hex: begins with a comment line, not with a record; read as Intel HEX "
          "(--from bin reads it as raw bytes)"},
@@ -179,24 +192,13 @@ TEST_F(CCliHexTest, EachInputIsReadAsWhatItIsOrRefused)
          "tarvik: <stdin>: Invalid checksum in data line: :0400100001020304E3"},
     };
     for (const SRow& row : rows)
-    {
-        const SRun run = Run(row.m_pArgs);
-        EXPECT_EQ(row.m_nExit, run.m_nExit) << row.m_pArgs << "\n" << run.m_sErr;
-        EXPECT_EQ(row.m_pOut, FirstLine(run.m_sOut)) << row.m_pArgs;
-        EXPECT_EQ(row.m_pErr, FirstLine(run.m_sErr)) << row.m_pArgs;
-    }
+        Expect(row);
 }
 
 // The same for the commands that make, compare and check images.
 TEST_F(CCliHexTest, EachOperationRefusesWhatItCannotDo)
 {
-    struct SRow
-    {
-        const char* m_pArgs;
-        int m_nExit;
-        const char* m_pOut;
-        const char* m_pErr;
-    } rows[] = {
+    const SRow rows[] = {
         {"hex merge hexfile_edit_a.hex hexfile_edit_b.s19 --no-overlap -o out.hex", 1, "",
          "tarvik: hexfile_edit_b.s19 overlaps hexfile_edit_a.hex at 0x00000010"},
         {"hex merge - - -o out.hex", 2, "", "tarvik: standard input (-) can be read only once"},
@@ -215,10 +217,7 @@ TEST_F(CCliHexTest, EachOperationRefusesWhatItCannotDo)
     };
     for (const SRow& row : rows)
     {
-        const SRun run = Run(row.m_pArgs);
-        EXPECT_EQ(row.m_nExit, run.m_nExit) << row.m_pArgs << "\n" << run.m_sErr;
-        EXPECT_EQ(row.m_pOut, FirstLine(run.m_sOut)) << row.m_pArgs;
-        EXPECT_EQ(row.m_pErr, FirstLine(run.m_sErr)) << row.m_pArgs;
+        Expect(row);
         // A failed command leaves no output file behind.
         if (row.m_nExit != 0)
         {

@@ -31,14 +31,7 @@ typedef std::function<std::string(CTarvikClientSPI&, int& result)> TCall;
 // Numbers in hex, "-" for a sentinel.
 std::string Nums(std::initializer_list<unsigned int> values)
 {
-    std::string out;
-    char text[16];
-    for (unsigned int value : values)
-    {
-        std::snprintf(text, sizeof(text), value == kU ? " -" : " %X", value);
-        out += text;
-    }
-    return out.substr(1);
+    return HexNumbers(values, kU);
 }
 
 class CCommandTest : public CClientFixture<CTarvikClientSPI>

@@ -3,6 +3,7 @@
 // version texts, and the service device in the simulator.
 #include "support/ClientFixture.h"
 #include "support/FakeGateway.h"
+#include "support/SimFixture.h"
 
 #include "sim/TarvikSimDeviceFirmware.h"
 #include "sim/TarvikSimServer.h"
@@ -20,7 +21,6 @@ using namespace tarvik_test;
 namespace
 {
 constexpr unsigned int kTimeoutMs = 200;
-constexpr unsigned int kWaitMs = 5000;
 typedef CTarvikClientFirmware::STarvikDeviceInfoEx SInfo;
 typedef std::function<std::string(CTarvikClientFirmware&, int& result)> TCall;
 
@@ -194,23 +194,14 @@ TEST(FirmwareInfo, VersionTextsAndByteSwap)
 
 namespace
 {
-class CFirmwareSimTest : public ::testing::Test
+class CFirmwareSimTest : public CSimFixture<CTarvikSimDeviceFirmware, CTarvikClientFirmware, eTarvikFirmware>
 {
 protected:
-    void SetUp() override
+    void OpenClient(CTarvikClientFirmware& client) override
     {
-        ASSERT_EQ(0, m_oServer.AddDevice(eTarvikFirmware));
-        ASSERT_TRUE(m_oServer.Start());
-        m_pDevice = dynamic_cast<CTarvikSimDeviceFirmware*>(m_oServer.GetDevice(eTarvikFirmware));
-        ASSERT_NE(nullptr, m_pDevice);
-        ASSERT_EQ(0, m_oClient.Connect("127.0.0.1", m_oServer.GetPort(eTarvikFirmware)));
         int a = 0, b = 0;
-        ASSERT_EQ(0, m_oClient.Open(a, b));
+        ASSERT_EQ(0, client.Open(a, b));
     }
-
-    CTarvikSimServer m_oServer;
-    CTarvikSimDeviceFirmware* m_pDevice = nullptr;
-    CTarvikClientFirmware m_oClient{static_cast<int>(kWaitMs)};
 };
 } // namespace
 

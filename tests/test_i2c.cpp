@@ -2,6 +2,7 @@
 // command writes or leaves alone, and the bus with its EEPROMs in the simulator.
 #include "support/ClientFixture.h"
 #include "support/FakeGateway.h"
+#include "support/SimFixture.h"
 
 #include "sim/TarvikSimDeviceI2C.h"
 #include "sim/TarvikSimServer.h"
@@ -19,7 +20,6 @@ using namespace tarvik_test;
 namespace
 {
 constexpr unsigned int kTimeoutMs = 200;
-constexpr unsigned int kWaitMs = 5000;
 constexpr unsigned short kU16 = 0xBEEF;
 typedef std::function<int(CTarvikClientI2C&)> TOp;
 // Runs a command on outputs preset to sentinels; returns the outputs as text.
@@ -241,18 +241,11 @@ TEST_F(CI2CTest, RequestsWhoseAnswerCannotFitAreRefusedWithoutSending)
 
 namespace
 {
-class CI2CSimTest : public ::testing::Test
+class CI2CSimTest : public CSimFixture<CTarvikSimDeviceI2C, CTarvikClientI2C, eTarvikI2C>
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(0, m_oServer.AddDevice(eTarvikI2C));
-        ASSERT_TRUE(m_oServer.Start());
-        m_pDevice = dynamic_cast<CTarvikSimDeviceI2C*>(m_oServer.GetDevice(eTarvikI2C));
-        ASSERT_NE(nullptr, m_pDevice);
-        ASSERT_EQ(0, m_oClient.Connect("127.0.0.1", m_oServer.GetPort(eTarvikI2C)));
-        ASSERT_EQ(0, m_oClient.Open(400));
-    }
+    // At 400 kHz.
+    void OpenClient(CTarvikClientI2C& client) override { ASSERT_EQ(0, client.Open(400)); }
 
     std::string ReadEEProm(unsigned short select, unsigned int offset, unsigned short type, unsigned short len,
                            int& result)
@@ -262,10 +255,6 @@ protected:
         result = m_oClient.ReadEEProm(select, offset, type, &out[0], len, n);
         return out.substr(0, n);
     }
-
-    CTarvikSimServer m_oServer;
-    CTarvikSimDeviceI2C* m_pDevice = nullptr;
-    CTarvikClientI2C m_oClient{static_cast<int>(kWaitMs)};
 };
 
 constexpr unsigned short k24C256 = 0x0010;

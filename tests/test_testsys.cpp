@@ -75,14 +75,7 @@ std::string Words(const unsigned short* words, size_t count)
 
 std::string Nums(std::initializer_list<unsigned int> values)
 {
-    std::string out;
-    char text[16];
-    for (unsigned int value : values)
-    {
-        std::snprintf(text, sizeof(text), value == kU ? " -" : " %X", value);
-        out += text;
-    }
-    return out.substr(1);
+    return HexNumbers(values, kU);
 }
 
 // A file in the temporary directory, removed with the object.

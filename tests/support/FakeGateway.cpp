@@ -284,4 +284,16 @@ std::string LE32(unsigned int value)
     return Frame({static_cast<int>(value), static_cast<int>(value >> 8), static_cast<int>(value >> 16),
                   static_cast<int>(value >> 24)});
 }
+
+std::string HexNumbers(std::initializer_list<unsigned int> values, unsigned int sentinel)
+{
+    std::string out;
+    char text[16];
+    for (unsigned int value : values)
+    {
+        std::snprintf(text, sizeof(text), value == sentinel ? " -" : " %X", value);
+        out += text;
+    }
+    return out.empty() ? out : out.substr(1);
+}
 } // namespace tarvik_test

@@ -108,6 +108,9 @@ short FrameId(const std::string& frame);
 std::string FrameData(const std::string& frame);
 // Little-endian bytes of a 32-bit value.
 std::string LE32(unsigned int value);
+// Output values as text for table tests: hex numbers separated by blanks, "-" for a
+// value still holding sentinel (an output the call left alone).
+std::string HexNumbers(std::initializer_list<unsigned int> values, unsigned int sentinel);
 } // namespace tarvik_test
 
 #endif
