@@ -81,6 +81,8 @@ struct SDeviceSpec
     unsigned int m_nCount;
 };
 constexpr unsigned int kMaxDevicesOfAType = 100;
+// The highest port index whose ports still fit in 16 bits.
+constexpr unsigned int kMaxIndex = 600;
 
 // One entry of a device list: "can" or "can:3".
 bool ParseDeviceEntry(const std::string& entry, SDeviceSpec& spec, std::string& error)
@@ -178,7 +180,7 @@ void CTarvikSimRunner::AddOptions(CLI::App& app, STarvikSimOptions& options)
                    "Devices to emulate, comma-separated (" + JoinNames() +
                        "); NAME:N emulates N of a kind at port indices index..index+N-1")
         ->capture_default_str();
-    app.add_option("-i,--index", options.m_nIndex, "Port index")->capture_default_str()->check(CLI::Range(0u, 600u));
+    app.add_option("-i,--index", options.m_nIndex, "Port index")->capture_default_str()->check(CLI::Range(0u, kMaxIndex));
     app.add_option("-p,--port", options.m_nPort, "Port, only with one device; 0 takes any free port")
         ->check(CLI::Range(0, 65535));
     app.add_option("--can-nodes", options.m_sCanNodes,
@@ -196,6 +198,12 @@ int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, s
     std::vector<unsigned char> nodeIds;
     if (!ParseNodeIds(options.m_sCanNodes, nodeIds, error))
         return eExitUsage;
+    for (const SDeviceSpec& spec : specs)
+        if (options.m_nIndex + spec.m_nCount - 1 > kMaxIndex)
+        {
+            error = "port indices past " + std::to_string(kMaxIndex);
+            return eExitUsage;
+        }
     if (options.m_nPort >= 0 && (specs.size() != 1 || specs[0].m_nCount != 1))
     {
         error = "--port needs exactly one device";
