@@ -135,7 +135,7 @@ protected:
 };
 } // namespace
 
-TEST_F(SimCan, GatewaysByPortIndexShareOneBus)
+TEST_F(SimCan, GatewaysOfOneTypeAreKeptByPortIndex)
 {
     EXPECT_NE(m_oServer.GetPort(eTarvikCAN, 0), m_oServer.GetPort(eTarvikCAN, 1));
     EXPECT_EQ(m_oServer.GetPort(eTarvikCAN, 0), m_oServer.GetPort(eTarvikCAN));
