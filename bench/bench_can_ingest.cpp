@@ -16,7 +16,7 @@
 //   flood round trip p99: N us
 //   ratio ingest queued/raw: X
 //
-//   bench_can_ingest [FRAMES] [REQUESTS]     (defaults 4000000 and 2000)
+//   bench_can_ingest [FRAMES] [REQUESTS]     (defaults 4000000 and 500)
 #include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/runtime/MolFrameCutter.h"
@@ -46,6 +46,7 @@ constexpr size_t kChunkFrames = 256;
 // How long a run may take before it is given up.
 constexpr auto kRunLimit = std::chrono::seconds(60);
 constexpr size_t kQueueSize = 1u << 20;
+constexpr int kSendBuffer = 64 * 1024;
 constexpr unsigned int kTimeoutMs = 5000;
 
 // One 0x203 indication: identifier, flags 0, 8 data bytes.
@@ -127,6 +128,9 @@ private:
             return;
         int on = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        // A gateway's send buffer is small; the client's receive buffer is the kernel's.
+        int buffer = kSendBuffer;
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof(buffer));
         m_nSocket = fd;
         m_oReader = std::thread([this] { Answer(); });
         std::string chunk;
@@ -411,7 +415,7 @@ double Percentile(std::vector<double> values, double share)
 int main(int argc, char** argv)
 {
     size_t frames = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 4000000;
-    int requests = argc > 2 ? std::atoi(argv[2]) : 2000;
+    int requests = argc > 2 ? std::atoi(argv[2]) : 500;
     if (frames < 10000 || requests < 10)
     {
         std::fprintf(stderr, "usage: bench_can_ingest [FRAMES >= 10000] [REQUESTS >= 10]\n");

@@ -9,7 +9,7 @@ set -euo pipefail
 
 build=${1:?usage: run_can_ingest.sh BUILDDIR [FRAMES] [REQUESTS]}
 frames=${2:-4000000}
-requests=${3:-2000}
+requests=${3:-500}
 bin=$build/bench/bench_can_ingest
 if [ ! -x "$bin" ]; then
     echo "run_can_ingest.sh: $bin not built (configure with -DTARVIK_BUILD_BENCH=ON)" >&2
