@@ -372,17 +372,18 @@ TEST_F(CCANQueueTest, ABurstKeepsOrderAndLimitPerQueue)
 namespace
 {
 // A callback that calls back into the client it is called from.
-CTarvikClientCANDll* g_pReentered = nullptr;
+std::atomic<CTarvikClientCANDll*> g_pReentered{nullptr};
 std::atomic<int> g_nReentered{0};
 
 void ReenteringSYNC(unsigned char value, int, int, int)
 {
     unsigned char queued = 0;
+    CTarvikClientCANDll* client = g_pReentered.load();
     // The SYNC queue is not the one being delivered to; the CAN queue is fetched from too.
-    g_pReentered->CANopenGetSYNC(&queued);
-    g_pReentered->CANGetMessage(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-    g_pReentered->Write(0x100 + value, nullptr, 0, 0, nullptr, nullptr);
-    g_pReentered->SetMaxSizePerQueue(value == 2 ? 0 : 50);
+    client->CANopenGetSYNC(&queued);
+    client->CANGetMessage(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    client->Write(0x100 + value, nullptr, 0, 0, nullptr, nullptr);
+    client->SetMaxSizePerQueue(value == 2 ? 0 : 50);
     ++g_nReentered;
 }
 } // namespace
