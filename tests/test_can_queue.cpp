@@ -187,6 +187,8 @@ protected:
     void SetUp() override
     {
         CClientFixture<CCANDll, 5000>::SetUp();
+        // The gateway sends unasked only to clients it has taken in.
+        ASSERT_TRUE(m_oGateway.WaitForAccepted(1, kFrameWaitMs));
         TakeCalls();
         AnswerWith(Frame({0}));
     }
@@ -473,21 +475,31 @@ TEST_F(CCANQueueTest, RequestsCompleteDuringAFlood)
                 else
                     std::this_thread::sleep_for(std::chrono::microseconds(100));
         });
+    // Until count() moves: the flood is under way.
+    auto flowing = [](const std::function<unsigned long()>& count)
+    {
+        const unsigned long before = count();
+        for (int i = 0; i < 5000 && count() == before; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return count() != before;
+    };
     {
         CFlood flood(m_oGateway, FloodOfFrames(200));
+        ASSERT_TRUE(flowing([&] { return drained.load(); }));
         for (int i = 0; i < 50; ++i)
         {
             bool a = false, b = false;
             ASSERT_EQ(0, m_pClient->GetConfig(a, b)) << i;
         }
+        EXPECT_TRUE(flowing([&] { return drained.load(); }));
         m_pClient->SetCallback(&CountFrame);
+        ASSERT_TRUE(flowing([] { return g_nFlooded.load(); }));
         for (int i = 0; i < 50; ++i)
             ASSERT_EQ(0, m_pClient->CANopenSendSYNC()) << i;
+        EXPECT_TRUE(flowing([] { return g_nFlooded.load(); }));
     }
     draining = false;
     consumer.join();
-    EXPECT_GT(drained.load(), 0u);
-    EXPECT_GT(g_nFlooded.load(), 0u);
 }
 
 TEST(CANQueueLifetime, DestroyedWhileAFloodFillsItsQueuesAndCallsItsCallbacks)
@@ -526,6 +538,7 @@ TEST(CANQueueRegistry, TypeTwoOpensTheQueueingClientWithItsHandle)
     gateway.SetHandler([](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), Frame({0})); });
     int handle = 0;
     ASSERT_EQ(0, CDeviceManager::OpenDevice(&handle, gateway.GetAddress().c_str(), 1000, eTarvikCAN, 0, 1, true));
+    ASSERT_TRUE(gateway.WaitForAccepted(1, 5000));
     auto* client = dynamic_cast<CTarvikClientCANDll*>(CDeviceManager::GetDevice(handle)->m_pClient);
     ASSERT_NE(nullptr, client);
     client->CANopenSetCallback(nullptr, &RememberHandle, nullptr, nullptr, nullptr);
