@@ -33,6 +33,7 @@ class CCANDll : public CTarvikClientCANDll
 {
 public:
     explicit CCANDll(int timeoutMs) : CTarvikClientCANDll(kHandle, timeoutMs) {}
+    ~CCANDll() override { StopConnection(); }
 };
 
 // What the callbacks were called with, in order, one line per call.

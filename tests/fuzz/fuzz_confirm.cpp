@@ -42,6 +42,7 @@ class CCanDllClient : public CTarvikClientCANDll
 {
 public:
     explicit CCanDllClient(int timeoutMs) : CTarvikClientCANDll(1, timeoutMs) {}
+    ~CCanDllClient() override { StopConnection(); }
 };
 typedef CFuzzAnswering<CCanDllClient> CCan;
 

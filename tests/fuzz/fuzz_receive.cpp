@@ -39,6 +39,7 @@ class CReceivingCAN : public CTarvikClientCANDll
 {
 public:
     CReceivingCAN() : CTarvikClientCANDll(1, 0) {}
+    ~CReceivingCAN() override { StopConnection(); }
     static void Deliver(void* self, const char* frame, unsigned short len)
     {
         static_cast<CReceivingCAN*>(self)->DataInd(frame, len);
