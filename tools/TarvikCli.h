@@ -60,5 +60,7 @@ void RegisterSpiCommands(CLI::App& app, SCliGlobals& globals);
 void RegisterErrcodeCommand(CLI::App& app, SCliGlobals& globals);
 void RegisterSimCommand(CLI::App& app, SCliGlobals& globals);
 void RegisterTestSystemCommands(CLI::App& app, SCliGlobals& globals);
+void RegisterCanCommands(CLI::App& app, SCliGlobals& globals);
+void RegisterCanOpenCommands(CLI::App& app, SCliGlobals& globals);
 
 #endif

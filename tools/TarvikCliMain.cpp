@@ -167,6 +167,8 @@ int main(int argc, char** argv)
     RegisterSimCommand(app, globals);
     RegisterHexCommands(app, globals);
     RegisterTestSystemCommands(app, globals);
+    RegisterCanCommands(app, globals);
+    RegisterCanOpenCommands(app, globals);
     ShowGlobalsInHelp(app, app);
 
     bool json = WantsJson(argc, argv);
