@@ -117,3 +117,11 @@ void CliPrintRead(const SCliGlobals& globals, uint64_t address, const std::strin
         CliPrint(globals, "read " + std::to_string(bytes.size()) + " bytes from " + CliHex(address, 4) + " to " + file,
                  CliReadJson(address, bytes, file));
 }
+
+std::unique_ptr<CCliProgress> CliTargetProgress(const SCliGlobals& globals, const std::string& label, uint64_t total,
+                                                uint64_t step)
+{
+    if (globals.m_bJson || total <= step)
+        return nullptr;
+    return std::unique_ptr<CCliProgress>(new CCliProgress(label, total));
+}

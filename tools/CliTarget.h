@@ -8,10 +8,12 @@
 #define TARVIK_TOOLS_CLITARGET_H
 
 #include "CliFormat.h"
+#include "CliProgress.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -43,6 +45,11 @@ std::string CliDumpLines(uint64_t address, const std::string& bytes);
 // The JSON of a read: {"address":..., "length":..., "data":"DEADBEEF"} or, with a file,
 // "file" instead of "data".
 TCliJson CliReadJson(uint64_t address, const std::string& bytes, const std::string& file);
+
+// A progress bar for a transfer of total bytes in requests of step bytes: only when it
+// takes more than one request, and not with --json, whose stderr stays quiet.
+std::unique_ptr<CCliProgress> CliTargetProgress(const SCliGlobals& globals, const std::string& label, uint64_t total,
+                                                uint64_t step);
 
 // Prints what a read brought: the dump (or the JSON line) when file is empty, else writes
 // the file and says so.

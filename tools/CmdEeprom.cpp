@@ -88,9 +88,7 @@ void RunRead(const SCliGlobals& globals, const SEepromOptions& options)
     session.Open(client);
     std::string bytes(static_cast<size_t>(length), '\0');
     uint64_t block = uint64_t(1) << chip.m_nBlockBits;
-    std::unique_ptr<CCliProgress> progress;
-    if (length > kReadChunk)
-        progress.reset(new CCliProgress("eeprom read", length));
+    std::unique_ptr<CCliProgress> progress = CliTargetProgress(globals, "eeprom read", length, kReadChunk);
     for (uint64_t done = 0; done < length;)
     {
         uint64_t address = offset + done;
@@ -146,9 +144,7 @@ void RunWrite(const SCliGlobals& globals, const SEepromOptions& options)
     CCliSession session(globals);
     CTarvikClientI2C client(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(client);
-    std::unique_ptr<CCliProgress> progress;
-    if (total > page)
-        progress.reset(new CCliProgress("eeprom write", total));
+    std::unique_ptr<CCliProgress> progress = CliTargetProgress(globals, "eeprom write", total, page);
     std::string text;
     TCliJson list = TCliJson::array();
     for (const SCliSpan& span : spans)

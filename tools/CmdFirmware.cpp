@@ -80,9 +80,8 @@ void RunRead(const SCliGlobals& globals, const SFirmwareOptions& options)
     CCliSession session(globals);
     CTarvikClientFirmware client(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(client);
-    std::unique_ptr<CCliProgress> progress;
-    if (options.m_nCount > 1)
-        progress.reset(new CCliProgress("firmware read", uint64_t(options.m_nCount) * kBlockSize));
+    std::unique_ptr<CCliProgress> progress =
+        CliTargetProgress(globals, "firmware read", uint64_t(options.m_nCount) * kBlockSize, kBlockSize);
     std::string bytes;
     bytes.reserve(options.m_nCount * kBlockSize);
     std::string block(kBlockSize, '\0');
@@ -113,9 +112,8 @@ void RunWrite(const SCliGlobals& globals, const SFirmwareOptions& options)
     CCliSession session(globals);
     CTarvikClientFirmware client(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(client);
-    std::unique_ptr<CCliProgress> progress;
-    if (blocks.size() > 1)
-        progress.reset(new CCliProgress("firmware write", blocks.size() * kBlockSize));
+    std::unique_ptr<CCliProgress> progress =
+        CliTargetProgress(globals, "firmware write", blocks.size() * kBlockSize, kBlockSize);
     for (const auto& block : blocks)
     {
         auto number = static_cast<unsigned short>(block.first);

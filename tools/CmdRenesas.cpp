@@ -146,9 +146,8 @@ void RunProgram(const SCliGlobals& globals, const SRenesasOptions& options)
     run.InSequence([&] {
         if (options.m_bErase)
             run.Check(run.Client().EraseAll(), "erase");
-        std::unique_ptr<CCliProgress> progress;
-        if (pages.size() > 1)
-            progress.reset(new CCliProgress("renesas program", pages.size() * kPageSize));
+        std::unique_ptr<CCliProgress> progress =
+            CliTargetProgress(globals, "renesas program", pages.size() * kPageSize, kPageSize);
         for (const auto& page : pages)
         {
             auto number = static_cast<unsigned short>(page.first);
@@ -174,9 +173,8 @@ void RunRead(const SCliGlobals& globals, const SRenesasOptions& options)
     std::string bytes;
     bytes.reserve(options.m_nCount * kPageSize);
     run.InSequence([&] {
-        std::unique_ptr<CCliProgress> progress;
-        if (options.m_nCount > 1)
-            progress.reset(new CCliProgress("renesas read", options.m_nCount * kPageSize));
+        std::unique_ptr<CCliProgress> progress =
+            CliTargetProgress(globals, "renesas read", uint64_t(options.m_nCount) * kPageSize, kPageSize);
         std::string page(kPageSize, '\0');
         for (unsigned int i = 0; i < options.m_nCount; ++i)
         {
