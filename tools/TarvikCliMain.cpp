@@ -163,6 +163,10 @@ int main(int argc, char** argv)
 
     RegisterDeviceCommands(app, globals);
     RegisterSpiCommands(app, globals);
+    RegisterI2CCommands(app, globals);
+    RegisterEepromCommands(app, globals);
+    RegisterRenesasCommands(app, globals);
+    RegisterFirmwareCommands(app, globals);
     RegisterErrcodeCommand(app, globals);
     RegisterSimCommand(app, globals);
     RegisterHexCommands(app, globals);
