@@ -12,6 +12,7 @@
 
 #ifdef __cplusplus
 #include "tarvik/clients/TarvikClientAD.h"
+#include "tarvik/clients/TarvikClientAWire.h"
 #include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientFirmware.h"

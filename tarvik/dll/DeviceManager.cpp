@@ -1,5 +1,6 @@
 #include "tarvik/dll/DeviceManager.h"
 
+#include "tarvik/clients/TarvikClientAWire.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientI2C.h"
 #include "tarvik/clients/TarvikClientSPI.h"
@@ -51,6 +52,7 @@ CTarvikClient* CDeviceManager::CreateClient(unsigned char type, int, int timeout
     case eTarvikTestSystemIO: return new CTarvikClientTestSystemIO(timeoutMs);
     case eTarvikTestSystemPWR: return new CTarvikClientTestSystemPWR(timeoutMs);
     case eTarvikTestSystemCOM: return new CTarvikClientTestSystemCOM(timeoutMs);
+    case eTarvikAWire: return new CTarvikClientAWire(timeoutMs);
     case eTarvikTestSystemRelay: return new CTarvikClientTestSystemRelay(timeoutMs);
     default: return nullptr;
     }
