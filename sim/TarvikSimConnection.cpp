@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -27,6 +28,8 @@ size_t FrameSize(const char* p)
 }
 
 // SplitMix64: a good spread from a plain counter, and the same sequence on every platform.
+std::atomic<unsigned long> g_nNextConnectionId{1};
+
 uint64_t Mix(uint64_t z)
 {
     z += 0x9E3779B97F4A7C15u;
@@ -39,7 +42,8 @@ uint64_t Mix(uint64_t z)
 CTarvikSimConnection::CTarvikSimConnection(int socket, CTarvikSimDevice& device, const STarvikSimFaults& faults,
                                            int wakeFd)
     : m_nSocket(socket), m_oDevice(device), m_oFaults(faults), m_nWakeFd(wakeFd), m_bFinished(false), m_bStop(false),
-      m_nRequests(0), m_nDraws(0), m_nUnasked(0), m_bStalled(false), m_aReceive(kInitialBuffer)
+      m_nRequests(0), m_nDraws(0), m_nUnasked(0), m_bStalled(false), m_aReceive(kInitialBuffer),
+      m_pOutbox(std::make_shared<CTarvikSimOutbox>(g_nNextConnectionId++))
 {
 }
 
@@ -54,6 +58,8 @@ CTarvikSimConnection::~CTarvikSimConnection()
 
 void CTarvikSimConnection::Start()
 {
+    // Attached before the first request can arrive: the device may indicate at once.
+    m_oDevice.Attach(m_pOutbox);
     m_oThread = std::thread(&CTarvikSimConnection::Run, this);
 }
 
@@ -80,9 +86,15 @@ void CTarvikSimConnection::Run()
     while (open)
     {
         MakeRoom(used);
-        ssize_t got = ::recv(m_nSocket, m_aReceive.data() + used, m_aReceive.size() - used, 0);
+        // Tried without waiting first: a busy connection costs one system call a read.
+        ssize_t got = ::recv(m_nSocket, m_aReceive.data() + used, m_aReceive.size() - used, MSG_DONTWAIT);
         if (got < 0 && errno == EINTR)
             continue;
+        if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        {
+            open = SendPosted() && WaitReadable() && SendPosted();
+            continue;
+        }
         if (got <= 0)
             break;
         used += static_cast<size_t>(got);
@@ -95,6 +107,7 @@ void CTarvikSimConnection::Run()
             open = HandleFrame(m_aReceive.data() + pos, size);
             pos += size;
         }
+        open = open && SendPosted();
         if (pos > 0 && used > pos)
             std::memmove(m_aReceive.data(), m_aReceive.data() + pos, used - pos);
         used -= pos;
@@ -102,6 +115,9 @@ void CTarvikSimConnection::Run()
         if (used == 0 && m_aReceive.size() > kInitialBuffer)
             std::vector<char>(kInitialBuffer).swap(m_aReceive);
     }
+    // No post after this one can be waiting for a thread that no longer sends.
+    m_pOutbox->Close();
+    m_oDevice.Detach(m_pOutbox->GetId());
     m_bFinished = true;
     if (m_nWakeFd >= 0)
     {
@@ -109,6 +125,31 @@ void CTarvikSimConnection::Run()
         ssize_t written = ::write(m_nWakeFd, &one, sizeof(one));
         (void)written;
     }
+}
+
+bool CTarvikSimConnection::WaitReadable()
+{
+    pollfd fds[2] = {{m_nSocket, POLLIN, 0}, {m_pOutbox->GetFd(), POLLIN, 0}};
+    for (;;)
+    {
+        int rc = ::poll(fds, 2, -1);
+        if (rc > 0)
+            return true;
+        if (rc < 0 && errno != EINTR)
+            return false;
+    }
+}
+
+bool CTarvikSimConnection::SendPosted()
+{
+    m_pOutbox->Take(m_sPosted);
+    if (m_sPosted.empty() || m_bStalled)
+        return true;
+    bool sent = SendBytes(m_sPosted.data(), m_sPosted.size());
+    // A burst of megabytes is not kept for an idle connection.
+    if (m_sPosted.capacity() > CTarvikSimOutbox::kDefaultCapacity / 4)
+        std::string().swap(m_sPosted);
+    return sent;
 }
 
 void CTarvikSimConnection::MakeRoom(size_t used)
@@ -134,7 +175,10 @@ bool CTarvikSimConnection::HandleFrame(const char* frame, size_t len)
     if (req.GetCRC() != static_cast<unsigned char>(frame[len - 1]))
         return true;
     CTarvikMsg cnf;
-    if (!m_oDevice.HandleRequest(req, cnf))
+    CTarvikSimDevice::SetRequester(m_pOutbox->GetId());
+    bool answered = m_oDevice.HandleRequest(req, cnf);
+    CTarvikSimDevice::SetRequester(0);
+    if (!answered)
         return true;
     ++m_nRequests;
     unsigned int closeAfter = m_oFaults.m_nCloseAfter.load();

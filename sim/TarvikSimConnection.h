@@ -3,6 +3,10 @@
 //
 // A frame shorter than 7 bytes or with a bad check byte is dropped without an answer;
 // the length prefix still tells where the next frame starts, so the stream stays in step.
+// Indications that the device posts to this connection's outbox are written by the
+// same thread, after the answers to the requests of one read, or when the thread is
+// idle; so frames never interleave.
+//
 // The receive buffer starts small, grows for a large frame and shrinks back once it is
 // handled, so that hundreds of idle connections cost little.
 #ifndef TARVIK_SIM_TARVIKSIMCONNECTION_H
@@ -10,10 +14,12 @@
 
 #include "sim/TarvikSimDevice.h"
 #include "sim/TarvikSimFaults.h"
+#include "sim/TarvikSimOutbox.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -35,9 +41,15 @@ public:
     void RequestStop();
     // True once the thread has ended (peer closed, error, fault or stop).
     bool IsFinished() const { return m_bFinished.load(); }
+    // The id the device knows this connection by (CTarvikSimDevice::GetRequester()).
+    unsigned long GetId() const { return m_pOutbox->GetId(); }
 
 private:
     void Run();
+    // Blocks until the socket has bytes or the outbox has telegrams; false on error.
+    bool WaitReadable();
+    // Sends what the device posted; false when the connection is to end.
+    bool SendPosted();
     // Room for the next recv(): grows the buffer when a partial frame fills it.
     void MakeRoom(size_t used);
     // False when the connection is to end.
@@ -69,6 +81,8 @@ private:
     bool m_bStalled;
     std::vector<char> m_aReceive;
     std::string m_sSend;
+    std::shared_ptr<CTarvikSimOutbox> m_pOutbox;
+    std::string m_sPosted;
 };
 
 #endif

@@ -1,5 +1,7 @@
 #include "sim/TarvikSimDevice.h"
 
+#include "sim/TarvikSimOutbox.h"
+
 #include <algorithm>
 
 namespace
@@ -32,6 +34,89 @@ CTarvikSimDevice::CTarvikSimDevice(ETarvikDevice type, unsigned int index)
 }
 
 CTarvikSimDevice::~CTarvikSimDevice() = default;
+
+namespace
+{
+thread_local unsigned long t_nRequester = 0;
+}
+
+unsigned long CTarvikSimDevice::GetRequester()
+{
+    return t_nRequester;
+}
+
+void CTarvikSimDevice::SetRequester(unsigned long connection)
+{
+    t_nRequester = connection;
+}
+
+void CTarvikSimDevice::Attach(const std::shared_ptr<CTarvikSimOutbox>& outbox)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_oOutletMutex);
+        m_aoOutlets.push_back(outbox);
+    }
+    OnAttach(outbox->GetId());
+}
+
+void CTarvikSimDevice::Detach(unsigned long connection)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_oOutletMutex);
+        auto it = std::find_if(m_aoOutlets.begin(), m_aoOutlets.end(),
+                               [connection](const std::shared_ptr<CTarvikSimOutbox>& box)
+                               { return box->GetId() == connection; });
+        if (it == m_aoOutlets.end())
+            return;
+        m_aoOutlets.erase(it);
+    }
+    OnDetach(connection);
+}
+
+size_t CTarvikSimDevice::GetConnectionCount() const
+{
+    std::lock_guard<std::mutex> lock(m_oOutletMutex);
+    return m_aoOutlets.size();
+}
+
+void CTarvikSimDevice::OnAttach(unsigned long)
+{
+}
+
+void CTarvikSimDevice::OnDetach(unsigned long)
+{
+}
+
+bool CTarvikSimDevice::Indicate(const CTarvikMsg& msg)
+{
+    // Post never waits for a socket, so the list may stay locked meanwhile.
+    std::lock_guard<std::mutex> lock(m_oOutletMutex);
+    bool taken = false;
+    for (const auto& box : m_aoOutlets)
+        taken = box->Post(msg) || taken;
+    return taken;
+}
+
+bool CTarvikSimDevice::IndicateTo(unsigned long connection, const CTarvikMsg& msg)
+{
+    std::shared_ptr<CTarvikSimOutbox> box = FindOutlet(connection);
+    return box && box->Post(msg);
+}
+
+bool CTarvikSimDevice::IndicateToWait(unsigned long connection, const CTarvikMsg& msg)
+{
+    std::shared_ptr<CTarvikSimOutbox> box = FindOutlet(connection);
+    return box && box->PostWait(msg);
+}
+
+std::shared_ptr<CTarvikSimOutbox> CTarvikSimDevice::FindOutlet(unsigned long connection) const
+{
+    std::lock_guard<std::mutex> lock(m_oOutletMutex);
+    for (const auto& box : m_aoOutlets)
+        if (box->GetId() == connection)
+            return box;
+    return nullptr;
+}
 
 std::string CTarvikSimDevice::GetName() const
 {

@@ -18,19 +18,27 @@
 // not know, a device type byte other than the device's own, and a common command whose
 // data has the wrong length. Telegrams with the confirmation bit set are not requests
 // and get no answer.
+//
+// Telegrams unasked: a device model may send indications to its clients at any time,
+// from any thread (Indicate, IndicateTo). Each client connection has a bounded outbox
+// that only the connection's own thread empties, after the answer it is sending; so
+// what a command queues while it is handled goes out after that command's answer.
 #ifndef TARVIK_SIM_TARVIKSIMDEVICE_H
 #define TARVIK_SIM_TARVIKSIMDEVICE_H
 
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/core/TarvikResult.h"
 
-#include <chrono>
-#include <cstddef>
-#include <mutex>
 #include "tarvik/core/TarvikClient.h"
 
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
+
+class CTarvikSimOutbox;
 
 class CTarvikSimDevice
 {
@@ -75,12 +83,32 @@ public:
     // production year (u16 LE), 12 month, 13 day, 14-17 zero, 18 device type, 19 index.
     std::string GetInfoRecord() const;
 
+    // Telegrams unasked. Any thread, with or without m_oMutex held; never blocks on a
+    // socket. Indicate queues on every client connection (false when none took it);
+    // IndicateTo on the connection that GetRequester() named (false when it is gone or
+    // its outbox is full); IndicateToWait waits for room instead (false once it ends).
+    bool Indicate(const CTarvikMsg& msg);
+    bool IndicateTo(unsigned long connection, const CTarvikMsg& msg);
+    bool IndicateToWait(unsigned long connection, const CTarvikMsg& msg);
+    // Inside HandleCommand: the connection whose request is being handled (non-zero).
+    static unsigned long GetRequester();
+    size_t GetConnectionCount() const;
+
+    // Called by the connections as they begin and end.
+    void Attach(const std::shared_ptr<CTarvikSimOutbox>& outbox);
+    void Detach(unsigned long connection);
+    // Names the requesting connection to this thread while it handles a request.
+    static void SetRequester(unsigned long connection);
+
 protected:
     // Device-specific commands, called with m_oMutex held. False for a command number
     // the device does not know; otherwise answer = result byte followed by the data.
     virtual bool HandleCommand(unsigned char cmd, const std::string& data, std::string& answer);
     // Back to power-up state after a Restart, called with m_oMutex held.
     virtual void OnRestart();
+    // A client connection began or ended; called without m_oMutex held.
+    virtual void OnAttach(unsigned long connection);
+    virtual void OnDetach(unsigned long connection);
 
     static std::string Answer(unsigned char result, const std::string& data = std::string());
 
@@ -89,6 +117,7 @@ protected:
 private:
     bool HandleCommonCommand(unsigned char cmd, const std::string& data, std::string& answer);
     std::string StatusText() const;
+    std::shared_ptr<CTarvikSimOutbox> FindOutlet(unsigned long connection) const;
     void RestartLocked();
 
     ETarvikDevice m_eType;
@@ -98,6 +127,10 @@ private:
     std::vector<unsigned int> m_anAnalog;
     unsigned long m_nRequests;
     std::chrono::steady_clock::time_point m_oStarted;
+    // Guards the list; held while posting (which never waits) but not while waiting for
+    // room: such a poster keeps the box it found.
+    mutable std::mutex m_oOutletMutex;
+    std::vector<std::shared_ptr<CTarvikSimOutbox>> m_aoOutlets;
 };
 
 #endif
