@@ -35,10 +35,14 @@ const TAnswer kSilence;
 
 template <typename F> bool Eventually(F cond, std::chrono::milliseconds limit = std::chrono::seconds(5))
 {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!cond() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return cond();
+    // cond is asked once per round: some of the answers it looks at are given only once.
+    for (auto deadline = std::chrono::steady_clock::now() + limit;; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+    {
+        if (cond())
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+    }
 }
 
 std::string LE16(unsigned int value)
@@ -201,7 +205,7 @@ TEST_F(CAWireTest, EachCommandSendsItsExactRequest)
     const std::pair<std::function<int(CAWire&)>, std::string> cases[] = {
         {[&](CAWire& c) { return c.GetConfig(u, u, u, u, text); }, "05 00 06 0E 02 00 0A"},
         {[](CAWire& c) { return c.EraseUserPage(); }, "05 00 E5 0E 02 00 E9"},
-        {[](CAWire& c) { return c.Erase(0x1234); }, "07 00 E2 0E 02 00 34 12 FA"},
+        {[](CAWire& c) { return c.Erase(0x1234); }, "07 00 E2 0E 02 00 34 12 C8"},
         {[](CAWire& c) { return c.SetConfig(1, 2, 0x0200, 4, "ab"); },
          ToHex(Telegram(0x0E05, 2, LE32(1) + LE32(2) + LE32(0x200) + LE32(4) + Frame({2}) + "ab"))},
         // A text of 300 bytes goes as its first 255 behind a length byte of 255.
