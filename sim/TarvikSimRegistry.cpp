@@ -1,6 +1,7 @@
 #include "sim/TarvikSimRegistry.h"
 
 #include "sim/TarvikSimDeviceAD.h"
+#include "sim/TarvikSimDeviceAWire.h"
 #include "sim/TarvikSimDeviceRenesas.h"
 #include "sim/TarvikSimDeviceFirmware.h"
 #include "sim/TarvikSimDeviceI2C.h"
@@ -43,6 +44,9 @@ const SModel kModels[] = {
     {eTarvikTestSystemCOM, "tscom",
      [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
      { return std::make_unique<CTarvikSimDeviceTestSystemCOM>(index); }},
+    {eTarvikAWire, "awire",
+     [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
+     { return std::make_unique<CTarvikSimDeviceAWire>(index); }},
     {eTarvikTestSystemRelay, "tsrelay",
      [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
      { return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemRelay, index); }},

@@ -440,6 +440,8 @@ TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
          Op<CTarvikClientRenesas>([](CTarvikClientRenesas& c) { return c.Init(); })},
         {"i2c", eTarvikI2C, Make<CTarvikClientI2C>(),
          Op<CTarvikClientI2C>([](CTarvikClientI2C& c) { unsigned int r = 0; return c.GetBaudrate(r); })},
+        {"awire", eTarvikAWire, Make<CTarvikClientAWire>(),
+         Op<CTarvikClientAWire>([](CTarvikClientAWire& c) { unsigned int v = 0; std::string s; return c.GetConfig(v, v, v, v, s); })},
         {"firmware", eTarvikFirmware, Make<CTarvikClientFirmware>(),
          Op<CTarvikClientFirmware>([](CTarvikClientFirmware& c) { int n = 0; return c.GetEEPromInfo(n); })},
     };
