@@ -51,6 +51,11 @@ CTarvikSimDeviceAWire::~CTarvikSimDeviceAWire()
     m_oWorker.join();
 }
 
+std::string CTarvikSimDeviceAWire::GetName() const
+{
+    return "Tarvik AWire";
+}
+
 bool CTarvikSimDeviceAWire::HandleCommand(unsigned char cmd, const std::string& data, std::string& answer)
 {
     switch (cmd)

@@ -58,6 +58,8 @@ public:
                                    size_t pageSize = kDefaultPageSize, unsigned int base = 0);
     // Stops the programming thread before anything else goes.
     ~CTarvikSimDeviceAWire() override;
+    // "Tarvik AWire": the library's table of display names has none for this type.
+    std::string GetName() const override;
 
     // For tests and the simulator program; thread-safe.
     // Bytes per second that the target programs; 0: no delay.

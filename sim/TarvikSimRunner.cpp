@@ -1,5 +1,6 @@
 #include "sim/TarvikSimRunner.h"
 
+#include "sim/TarvikSimDeviceAWire.h"
 #include "sim/TarvikSimRegistry.h"
 #include "sim/TarvikSimServer.h"
 
@@ -125,6 +126,9 @@ void CTarvikSimRunner::AddOptions(CLI::App& app, STarvikSimOptions& options)
     app.add_option("-i,--index", options.m_nIndex, "Port index")->capture_default_str()->check(CLI::Range(0u, 600u));
     app.add_option("-p,--port", options.m_nPort, "Port, only with one device; 0 takes any free port")
         ->check(CLI::Range(0, 65535));
+    app.add_option("--awire-rate", options.m_nAWireRate,
+                   "Bytes per second that the AWire target programs (0: at once)")
+        ->capture_default_str();
     AddFaultOptions(app, options);
 }
 
@@ -159,6 +163,8 @@ int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, s
         }
     }
     ApplyFaults(options, server);
+    if (auto* awire = dynamic_cast<CTarvikSimDeviceAWire*>(server.GetDevice(eTarvikAWire)))
+        awire->SetRate(options.m_nAWireRate);
     if (!server.Start())
     {
         error = server.GetLastError();

@@ -18,6 +18,7 @@ struct STarvikSimOptions
     std::string m_sDevices;            // comma-separated short names; empty: every model
     unsigned int m_nIndex = 0;         // port index: 4999 + type + 100 x index
     int m_nPort = -1;                  // >= 0: this port (one device only; 0 = any free port)
+    unsigned long m_nAWireRate = 0;    // bytes per second the AWire target programs; 0: no delay
     // Faults from the start; see TarvikSimFaults.h.
     ETarvikSimFault m_eFault = eTarvikSimFaultNone;
     unsigned int m_nDelayMs = 0;

@@ -60,5 +60,6 @@ void RegisterSpiCommands(CLI::App& app, SCliGlobals& globals);
 void RegisterErrcodeCommand(CLI::App& app, SCliGlobals& globals);
 void RegisterSimCommand(CLI::App& app, SCliGlobals& globals);
 void RegisterTestSystemCommands(CLI::App& app, SCliGlobals& globals);
+void RegisterAWireCommands(CLI::App& app, SCliGlobals& globals);
 
 #endif

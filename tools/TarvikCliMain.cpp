@@ -167,6 +167,7 @@ int main(int argc, char** argv)
     RegisterSimCommand(app, globals);
     RegisterHexCommands(app, globals);
     RegisterTestSystemCommands(app, globals);
+    RegisterAWireCommands(app, globals);
     ShowGlobalsInHelp(app, app);
 
     bool json = WantsJson(argc, argv);

@@ -35,7 +35,7 @@ _tarvik()
 
     case $command in
         "")
-            COMPREPLY=($(compgen -W "info status restart digital analog ping spi testsys dio ad errcode sim hex $globals" \
+            COMPREPLY=($(compgen -W "info status restart digital analog ping spi testsys dio ad awire errcode sim hex $globals" \
                 -- "$cur")) ;;
         testsys)
             if [[ -z $sub ]]; then
@@ -53,6 +53,18 @@ _tarvik()
             [[ -z $sub ]] && COMPREPLY=($(compgen -W "read digital inputs --help" -- "$cur")) ;;
         spi)
             [[ -z $sub ]] && COMPREPLY=($(compgen -W "globals xfer seq --help" -- "$cur")) ;;
+        awire)
+            if [[ -z $sub ]]; then
+                COMPREPLY=($(compgen -W "config read erase write-file --help" -- "$cur"))
+            elif [[ $sub == write-file && $cur != -* ]]; then
+                _filedir
+            elif [[ $sub == config ]]; then
+                COMPREPLY=($(compgen -W "--set" -- "$cur"))
+            elif [[ $sub == erase ]]; then
+                COMPREPLY=($(compgen -W "--user-page" -- "$cur"))
+            elif [[ $sub == read ]]; then
+                COMPREPLY=($(compgen -W "--output" -- "$cur"))
+            fi ;;
         hex)
             if [[ -z $sub ]]; then
                 COMPREPLY=($(compgen -W "info convert dump merge crop fill offset cmp crc --help" -- "$cur"))
