@@ -255,6 +255,20 @@ std::string CTarvikSimDeviceAWire::Peek(unsigned int address, size_t length) con
     return LocateAny(address, length, offset) ? m_sMemory.substr(offset, length) : std::string();
 }
 
+void CTarvikSimDeviceAWire::SetGeometry(size_t flashSize, size_t pageSize)
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    m_nFlashSize = flashSize;
+    m_nPageSize = pageSize == 0 ? 1 : pageSize;
+    m_sMemory.assign(m_nFlashSize + m_nPageSize, '\xFF');
+}
+
+size_t CTarvikSimDeviceAWire::GetPageSize() const
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    return m_nPageSize;
+}
+
 size_t CTarvikSimDeviceAWire::GetMostQueued() const
 {
     std::lock_guard<std::mutex> lock(m_oMutex);

@@ -69,7 +69,9 @@ public:
     void InjectBlockFailure(unsigned char state, unsigned int after = 0);
     // Memory as the target holds it ("" outside the map).
     std::string Peek(unsigned int address, size_t length) const;
-    size_t GetPageSize() const { return m_nPageSize; }
+    // A target of another size: flash and user page erased.
+    void SetGeometry(size_t flashSize, size_t pageSize);
+    size_t GetPageSize() const;
     unsigned int GetBase() const { return m_nBase; }
     // The most block writes that were waiting or being programmed at one time.
     size_t GetMostQueued() const;
@@ -105,8 +107,8 @@ private:
     // Programs one job at the rate, reporting progress; without m_oMutex.
     void RunJob(const SJob& job);
 
-    const size_t m_nFlashSize;
-    const size_t m_nPageSize;
+    size_t m_nFlashSize;
+    size_t m_nPageSize;
     const unsigned int m_nBase;
     // The flash, then the user page.
     std::string m_sMemory;
