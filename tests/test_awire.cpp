@@ -130,6 +130,12 @@ private:
 class CAWireTest : public CClientFixture<CAWire>
 {
 protected:
+    // The gateway's threads run the programmer: they end before it goes.
+    void TearDown() override
+    {
+        m_pClient.reset();
+        m_oGateway.Stop();
+    }
     void UseProgrammer()
     {
         m_oGateway.SetHandler([this](const std::string& f) { return m_oProgrammer.Handle(f); });
