@@ -49,7 +49,7 @@ const SModel kModels[] = {
      [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
      { return std::make_unique<CTarvikSimDeviceTestSystemCOM>(index); }},
     {eTarvikAWire, "awire",
-     [](unsigned int index) -> std::unique_ptr<CTarvikSimDevice>
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
      { return std::make_unique<CTarvikSimDeviceAWire>(index); }},
     {eTarvikTestSystemRelay, "tsrelay",
      [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
