@@ -16,3 +16,5 @@ echo
 bash "$here/run_sendfile.sh" "$build"
 echo
 bash "$here/run_can_ingest.sh" "$build"
+echo
+bash "$here/run_awire.sh" "$build"

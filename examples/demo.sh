@@ -54,6 +54,22 @@ step "$tarvik" hex info firmware.hex
 step "$tarvik" hex dump firmware.hex
 # The CRC-32 of the whole range with the gap filled by 0xFF, as a programmer would see it.
 step "$tarvik" hex crc firmware.hex --fill 0xFF
+
+echo
+echo "== programming: the image, padded to 64 KiB, into an AWire target (tarvik-sim, port index 8)"
+# The target programs 64 KiB a second here, so that the progress bar has something to show.
+aw_pid=
+"$sim" --host 127.0.0.1 --devices awire --index 8 --awire-rate 65536 &
+aw_pid=$!
+aw=("$tarvik" --host 127.0.0.1 --port-index 8)
+for _ in $(seq 50); do "${aw[@]}" awire config >/dev/null 2>&1 && break; sleep 0.1; done
+step "$tarvik" hex fill firmware.hex --from 0 --to 0xFFFF --byte 0xFF -o image.hex
+step "${aw[@]}" awire config
+step "${aw[@]}" awire erase
+step "${aw[@]}" awire write-file image.hex
+step "${aw[@]}" awire read 0x100 16
+kill "$aw_pid" 2>/dev/null || true
+wait "$aw_pid" 2>/dev/null || true
 cd - >/dev/null
 rm -rf "$work"
 

@@ -38,6 +38,12 @@ CTarvikSimDevice::~CTarvikSimDevice() = default;
 namespace
 {
 thread_local unsigned long t_nRequester = 0;
+thread_local short t_nRequestID = 0;
+}
+
+short CTarvikSimDevice::GetRequestID()
+{
+    return t_nRequestID;
 }
 
 unsigned long CTarvikSimDevice::GetRequester()
@@ -133,6 +139,7 @@ bool CTarvikSimDevice::HandleRequest(const CTarvikMsg& req, CTarvikMsg& cnf)
     {
         std::lock_guard<std::mutex> lock(m_oMutex);
         ++m_nRequests;
+        t_nRequestID = req.GetMsgID();
         // A telegram for another device type reaches a port that cannot serve it.
         bool known = ((code >> 8) & 0x7F) == static_cast<unsigned int>(m_eType) &&
                      (HandleCommonCommand(cmd, req.GetData(), answer) || HandleCommand(cmd, req.GetData(), answer));

@@ -93,6 +93,9 @@ public:
     bool IndicateToWait(unsigned long connection, const CTarvikMsg& msg);
     // Inside HandleCommand: the connection whose request is being handled (non-zero).
     static unsigned long GetRequester();
+    // Inside HandleCommand: the message id of the request being handled (a device that
+    // reports on a request later names it by this id).
+    static short GetRequestID();
     size_t GetConnectionCount() const;
 
     // Called by the connections as they begin and end.

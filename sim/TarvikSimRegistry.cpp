@@ -1,6 +1,7 @@
 #include "sim/TarvikSimRegistry.h"
 
 #include "sim/TarvikSimDeviceAD.h"
+#include "sim/TarvikSimDeviceAWire.h"
 #include "sim/TarvikSimDeviceCAN.h"
 #include "sim/TarvikSimDeviceRenesas.h"
 #include "sim/TarvikSimDeviceFirmware.h"
@@ -47,6 +48,9 @@ const SModel kModels[] = {
     {eTarvikTestSystemCOM, "tscom",
      [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
      { return std::make_unique<CTarvikSimDeviceTestSystemCOM>(index); }},
+    {eTarvikAWire, "awire",
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
+     { return std::make_unique<CTarvikSimDeviceAWire>(index); }},
     {eTarvikTestSystemRelay, "tsrelay",
      [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
      { return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemRelay, index); }},

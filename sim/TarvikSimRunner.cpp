@@ -1,5 +1,6 @@
 #include "sim/TarvikSimRunner.h"
 
+#include "sim/TarvikSimDeviceAWire.h"
 #include "sim/TarvikSimRegistry.h"
 #include "sim/TarvikSimServer.h"
 
@@ -183,6 +184,9 @@ void CTarvikSimRunner::AddOptions(CLI::App& app, STarvikSimOptions& options)
     app.add_option("-i,--index", options.m_nIndex, "Port index")->capture_default_str()->check(CLI::Range(0u, kMaxIndex));
     app.add_option("-p,--port", options.m_nPort, "Port, only with one device; 0 takes any free port")
         ->check(CLI::Range(0, 65535));
+    app.add_option("--awire-rate", options.m_nAWireRate,
+                   "Bytes per second that the AWire target programs (0: at once)")
+        ->capture_default_str();
     app.add_option("--can-nodes", options.m_sCanNodes,
                    "CANopen node ids on the CAN gateways' bus, comma-separated; empty for none")
         ->capture_default_str();
@@ -232,6 +236,9 @@ int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, s
             }
         }
     ApplyFaults(options, server);
+    for (CTarvikSimDevice* device : server.GetDevices())
+        if (auto* awire = dynamic_cast<CTarvikSimDeviceAWire*>(device))
+            awire->SetRate(options.m_nAWireRate);
     if (!server.Start())
     {
         error = server.GetLastError();

@@ -20,6 +20,7 @@ struct STarvikSimOptions
                                        // empty: every model once
     unsigned int m_nIndex = 0;         // port index: 4999 + type + 100 x index
     int m_nPort = -1;                  // >= 0: this port (one device only; 0 = any free port)
+    unsigned long m_nAWireRate = 0;    // bytes per second the AWire target programs; 0: no delay
     std::string m_sCanNodes = "2,3";   // CANopen node ids on the CAN bus; empty: none
     // Faults from the start; see TarvikSimFaults.h.
     ETarvikSimFault m_eFault = eTarvikSimFaultNone;

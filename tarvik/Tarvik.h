@@ -14,6 +14,7 @@
 #include "tarvik/clients/TarvikClientAD.h"
 #include "tarvik/clients/TarvikClientCAN.h"
 #include "tarvik/clients/TarvikClientCANDll.h"
+#include "tarvik/clients/TarvikClientAWire.h"
 #include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientFirmware.h"

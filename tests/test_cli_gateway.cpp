@@ -467,3 +467,82 @@ TEST_F(CliAgainstSimProcess, FrozenSimulatorGivesTimeoutInBoundedTime)
     EXPECT_EQ(0, m_pSim->Wait(10000));
 }
 } // namespace
+
+// The AWire programmer's commands against the embedded simulator.
+INSTANTIATE_TEST_SUITE_P(
+    AWire, CliInvocation,
+    ::testing::Values(
+        SCase{{"tarvik", "awire", "config", "--set", "1", "2", "512", "4", "uc3"},
+              0,
+              "value1    0x00000001\nvalue2    0x00000002\npage size 256\nvalue4    0x00000004\ntext      \"uc3\"\n",
+              ""},
+        SCase{{"tarvik", "awire", "read", "0x800000", "4"}, 0, "00800000  FF FF FF FF\n", ""},
+        SCase{{"tarvik", "--json", "awire", "erase", "1"},
+              1,
+              "{\"error\":\"erase: EraseBlock not supported\",\"code\":\"0x000E24\",\"exit\":1}\n",
+              ""},
+        SCase{{"tarvik", "awire", "erase", "--user-page"}, 0, "user page erased\n", ""},
+        SCase{{"tarvik", "awire", "write-file", "/nonexistent/image.hex"}, 1, "", "tarvik: ..."},
+        SCase{{"tarvik", "awire", "config", "--set", "1", "2"}, 2, "", "tarvik: awire config: ..."}));
+
+// A binary image of size bytes in a temporary file, removed with the object.
+class CImageFile
+{
+public:
+    explicit CImageFile(size_t size)
+    {
+        char path[] = "/tmp/tarvik-cli-image-XXXXXX";
+        ::close(::mkstemp(path));
+        m_sPath = path;
+        std::string bytes(size, '\0');
+        for (size_t i = 0; i < size; ++i)
+            bytes[i] = static_cast<char>(i * 13 / 7);
+        std::ofstream(m_sPath, std::ios::binary) << bytes;
+    }
+    ~CImageFile() { std::remove(m_sPath.c_str()); }
+    const std::string& Path() const { return m_sPath; }
+
+private:
+    std::string m_sPath;
+};
+
+TEST(CliAWire, WriteFileShowsProgressThenTheVerifyResult)
+{
+    CImageFile image(65536);
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"awire", "write-file", image.Path()},
+         R"re(((writing|verifying) \d+%\n)+verified: 65536 bytes of .* written and read back in [0-9.]+ s\n)re"},
+        {{"--json", "awire", "write-file", image.Path()},
+         R"re((\{"event":"progress","step":"(writing|verifying)","percent":\d+,"bytes_per_second":\d+[^\n]*\}\n)+)re"
+         R"re(\{"file":".*","bytes":65536,"verified":true,"seconds":[0-9.e-]+\}\n)re"},
+    };
+    for (const auto& c : cases)
+    {
+        SRun run = RunCli(c.first);
+        EXPECT_EQ(0, run.m_nExit) << Describe(run);
+        EXPECT_TRUE(std::regex_match(run.m_sOut, std::regex(c.second))) << Describe(run);
+    }
+}
+
+TEST(CliAWire, CtrlCStopsTheWriteAndSaysHowFarItGot)
+{
+    // The target takes some 3 s for the image.
+    CProcess sim(kSim, {"--devices", "awire", "--port", "0", "--awire-rate", "20000"});
+    std::smatch match;
+    std::string out;
+    for (int i = 0; i < 500 && out.find('\n') == std::string::npos; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+        out = sim.Out();
+    ASSERT_TRUE(std::regex_match(out, match, std::regex("Tarvik AWire listening on (127\\.0\\.0\\.1:\\d+)\n"))) << out;
+    CImageFile image(65536);
+    CProcess cli(kTarvik, {"-H", match[1], "awire", "write-file", image.Path()});
+    // Interrupted once it has shown a second step of progress.
+    auto shown = [&] { std::string o = cli.Out(); return o.find("writing", o.find("writing") + 1) != std::string::npos; };
+    for (int i = 0; i < 1000 && !shown(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_TRUE(shown()) << cli.Out();
+    cli.Signal(SIGINT);
+    EXPECT_EQ(1, cli.Wait(10000)) << cli.Err();
+    EXPECT_TRUE(std::regex_match(cli.Err(), std::regex("tarvik: write-file: interrupted while writing at \\d+% of 65536 "
+                                                       "bytes; the target holds an incomplete image\n")))
+        << cli.Err();
+}

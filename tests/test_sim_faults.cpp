@@ -457,6 +457,8 @@ TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
          Op<CTarvikClientRenesas>([](CTarvikClientRenesas& c) { return c.Init(); })},
         {"i2c", eTarvikI2C, Make<CTarvikClientI2C>(),
          Op<CTarvikClientI2C>([](CTarvikClientI2C& c) { unsigned int r = 0; return c.GetBaudrate(r); })},
+        {"awire", eTarvikAWire, Make<CTarvikClientAWire>(),
+         Op<CTarvikClientAWire>([](CTarvikClientAWire& c) { unsigned int v = 0; std::string s; return c.GetConfig(v, v, v, v, s); })},
         {"can", eTarvikCAN, Make<CCanGlobalsProbe>(),
          Op<CCanGlobalsProbe>([](CCanGlobalsProbe& c) { return c.GetGlobals(); })},
         {"firmware", eTarvikFirmware, Make<CTarvikClientFirmware>(),

@@ -66,5 +66,6 @@ void RegisterSimCommand(CLI::App& app, SCliGlobals& globals);
 void RegisterTestSystemCommands(CLI::App& app, SCliGlobals& globals);
 void RegisterCanCommands(CLI::App& app, SCliGlobals& globals);
 void RegisterCanOpenCommands(CLI::App& app, SCliGlobals& globals);
+void RegisterAWireCommands(CLI::App& app, SCliGlobals& globals);
 
 #endif

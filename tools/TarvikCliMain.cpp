@@ -173,6 +173,7 @@ int main(int argc, char** argv)
     RegisterTestSystemCommands(app, globals);
     RegisterCanCommands(app, globals);
     RegisterCanOpenCommands(app, globals);
+    RegisterAWireCommands(app, globals);
     ShowGlobalsInHelp(app, app);
 
     bool json = WantsJson(argc, argv);

@@ -1,6 +1,7 @@
 #include "tarvik/dll/DeviceManager.h"
 
 #include "tarvik/clients/TarvikClientCANDll.h"
+#include "tarvik/clients/TarvikClientAWire.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientI2C.h"
 #include "tarvik/clients/TarvikClientSPI.h"
@@ -54,6 +55,7 @@ CTarvikClient* CDeviceManager::CreateClient(unsigned char type, int handle, int 
     case eTarvikTestSystemIO: return new CTarvikClientTestSystemIO(timeoutMs);
     case eTarvikTestSystemPWR: return new CTarvikClientTestSystemPWR(timeoutMs);
     case eTarvikTestSystemCOM: return new CTarvikClientTestSystemCOM(timeoutMs);
+    case eTarvikAWire: return new CTarvikClientAWire(timeoutMs);
     case eTarvikTestSystemRelay: return new CTarvikClientTestSystemRelay(timeoutMs);
     default: return nullptr;
     }

@@ -1,11 +1,12 @@
 // Every confirmation decode of every client (SPI, the test-system units, DIO, AD, Renesas,
-// I2C, firmware, CAN; and the CAN client's indications, which an answer may bring in front), answered from fuzz input without a socket: the first byte picks the
+// I2C, firmware, CAN, AWire; and the CAN client's and AWire client's indications, which an answer may bring in front), answered from fuzz input without a socket: the first byte picks the
 // command, its arguments and each answer come from the rest.
 // Output buffers are exactly as large as the caller says, so a write past one is seen.
 #include "FuzzAnswer.h"
 
 #include "tarvik/clients/TarvikClientAD.h"
 #include "tarvik/clients/TarvikClientCANDll.h"
+#include "tarvik/clients/TarvikClientAWire.h"
 #include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientFirmware.h"
@@ -36,6 +37,7 @@ typedef CFuzzAnswering<CTarvikClientAD> CAd;
 typedef CFuzzAnswering<CTarvikClientRenesas> CRenesas;
 typedef CFuzzAnswering<CTarvikClientI2C> CI2c;
 typedef CFuzzAnswering<CTarvikClientFirmware> CFw;
+typedef CFuzzAnswering<CTarvikClientAWire> CAWire;
 
 // The registry's CAN client, constructed like the others from a time-out alone.
 class CCanDllClient : public CTarvikClientCANDll
@@ -554,6 +556,59 @@ void RunCan(CCan& can, uint8_t which, CFuzzInput& in)
     }
     DrainCan(can);
 }
+
+// The AWire commands and its progress indications (0x0EE1 with fuzz bytes, offered the
+// way the receive thread offers them). No file write: its thread would send from
+// another thread than the input is read on.
+void RunAWire(CAWire& aw, uint8_t which, CFuzzInput& in)
+{
+    switch (which % 6)
+    {
+    case 0:
+    {
+        unsigned int a = 0, b = 0, c = 0, d = 0;
+        std::string text;
+        aw.GetConfig(a, b, c, d, text);
+        aw.SetConfig(in.Word(), in.Word(), in.Word(), in.Word(), in.Bytes(in.Byte()));
+        break;
+    }
+    case 1:
+    {
+        std::vector<char> buffer(in.Word() & 0x03FF);
+        unsigned short count = 0;
+        aw.Read(in.Word(), static_cast<unsigned short>(buffer.size()), buffer.empty() ? nullptr : buffer.data(),
+                count);
+        break;
+    }
+    case 2:
+    {
+        std::string data = in.Bytes(in.Word() & 0x03FF);
+        aw.Verify(in.Word(), static_cast<unsigned short>(data.size()), data.empty() ? nullptr : data.data());
+        break;
+    }
+    case 3: aw.Erase(in.Word()); aw.EraseUserPage(); break;
+    default:
+    {
+        short handle = 0;
+        std::string data = in.Bytes(in.Byte());
+        if (which & 1)
+            aw.WriteBlock(in.Word(), static_cast<unsigned short>(data.size()), data.data(), handle);
+        else
+            aw.WriteUserPage(in.Word(), static_cast<unsigned short>(data.size()), data.data(), handle);
+        std::string ind = CTarvikMsg(static_cast<unsigned short>(0x0EE1 ^ (in.Byte() & 0x80)), 0,
+                                     CTarvikMsg::ToChar(static_cast<short>(handle + (in.Byte() & 1))) + in.Bytes(in.Byte() & 7))
+                              .GetMessageData();
+        aw.DataInd(ind.data(), static_cast<unsigned short>(ind.size()));
+        CTarvikClientAWire::Progress::EProgress state;
+        unsigned short length = 0, done = 0;
+        aw.GetWriteBlockStatus(handle, state, length, done);
+        CTarvikClientAWire::FileStep::EFileStep step;
+        unsigned char percent = 0;
+        aw.GetWriteFileStatus(step, percent);
+        break;
+    }
+    }
+}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -565,6 +620,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     CRenesas renesas(in);
     CCan can(in);
     can.SetMaxSizePerQueue(4);
+    CAWire awire(in);
     // Several commands per input, so that what one leaves stored meets the next.
     for (int i = 0; i < 8 && !in.Empty(); ++i)
     {
@@ -573,6 +629,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             RunSpi(spi, static_cast<uint8_t>(which & 0x7F), in);
         else if (which & 0x40)
             RunOthers(others, static_cast<uint8_t>(which & 0x3F), in);
+        else if ((which & 0x38) == 0x38)
+            RunAWire(awire, static_cast<uint8_t>(which & 0x07), in);
         else if (which & 0x20)
             RunRenesas(renesas, static_cast<uint8_t>(which & 0x1F), in);
         else if (which & 0x10)

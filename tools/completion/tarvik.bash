@@ -37,7 +37,7 @@ _tarvik()
 
     case $command in
         "")
-            COMPREPLY=($(compgen -W "info status restart digital analog ping spi i2c eeprom renesas firmware testsys dio ad errcode sim hex $globals" \
+            COMPREPLY=($(compgen -W "info status restart digital analog ping spi i2c eeprom renesas firmware awire can canopen testsys dio ad errcode sim hex $globals" \
                 -- "$cur")) ;;
         testsys)
             if [[ -z $sub ]]; then
@@ -80,6 +80,38 @@ _tarvik()
             elif [[ $cur == -* ]]; then
                 COMPREPLY=($(compgen -W "--block --count --help" -- "$cur"))
             elif [[ $sub == read || $sub == write ]]; then
+                _filedir
+            fi ;;
+        awire)
+            if [[ -z $sub ]]; then
+                COMPREPLY=($(compgen -W "config read erase write-file --help" -- "$cur"))
+            elif [[ $sub == write-file && $cur != -* ]]; then
+                _filedir
+            elif [[ $sub == config ]]; then
+                COMPREPLY=($(compgen -W "--set" -- "$cur"))
+            elif [[ $sub == erase ]]; then
+                COMPREPLY=($(compgen -W "--user-page" -- "$cur"))
+            elif [[ $sub == read ]]; then
+                COMPREPLY=($(compgen -W "--output" -- "$cur"))
+            fi ;;
+        can)
+            if [[ -z $sub ]]; then
+                COMPREPLY=($(compgen -W "config filter globals zcard status clock power send cyclic dump play --help" -- "$cur"))
+            elif [[ $sub == play || ( $sub == dump && $prev == @(-o|--output) ) ]]; then
+                _filedir
+            elif [[ $sub == dump ]]; then
+                COMPREPLY=($(compgen -W "--count --duration --log --output --help" -- "$cur"))
+            elif [[ $sub == send ]]; then
+                COMPREPLY=($(compgen -W "--confirm --help" -- "$cur"))
+            elif [[ $sub == cyclic ]]; then
+                COMPREPLY=($(compgen -W "--interval --off --index --help" -- "$cur"))
+            fi ;;
+        canopen)
+            if [[ -z $sub ]]; then
+                COMPREPLY=($(compgen -W "mode nmt sync time pdo sdo-read sdo-write sdo-read-block sdo-write-block events --sdo-timeout --help" -- "$cur"))
+            elif [[ $sub == nmt && $cur != -* ]]; then
+                COMPREPLY=($(compgen -W "start stop preop reset reset-comm" -- "$cur"))
+            elif [[ $sub == sdo-write-block || $sub == sdo-read-block ]]; then
                 _filedir
             fi ;;
         hex)

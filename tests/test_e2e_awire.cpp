@@ -1,0 +1,188 @@
+// The AWire client against the simulated programmer and its target: whole files written
+// and read back, progress reports at a programming rate, the gateway's failures, the
+// configuration and the user page.
+#include "HexfileTestUtil.h"
+#include "support/SimFixture.h"
+
+#include "sim/TarvikSimDeviceAWire.h"
+#include "tarvik/clients/TarvikClientAWire.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+using namespace tarvik_test;
+
+namespace
+{
+typedef CTarvikClientAWire CAWire;
+typedef CAWire::FileStep FileStep;
+typedef CTarvikSimDeviceAWire CDevice;
+
+std::string Pattern(size_t len, unsigned int seed)
+{
+    std::string out(len, '\0');
+    for (char& c : out)
+    {
+        seed = seed * 1103515245u + 12345u;
+        c = static_cast<char>(seed >> 16);
+    }
+    return out;
+}
+
+class CAWireSimTest : public CSimFixture<CDevice, CAWire, eTarvikAWire>
+{
+protected:
+    // An Intel HEX file of the blocks (address, bytes).
+    std::string Image(const std::vector<std::pair<unsigned int, std::string>>& blocks)
+    {
+        CTarvikHexfile hex;
+        for (const auto& block : blocks)
+            hex.AddMemoryBlock(block.first, block.second.data(), static_cast<unsigned int>(block.second.size()));
+        std::string path = m_oDir.Path("image" + std::to_string(++m_nImages) + ".hex");
+        EXPECT_EQ(0u, hex.SaveFile(path.c_str(), CTarvikHexfile::Intel));
+        return path;
+    }
+    // Polls the file write to its end: "step percent"; every (step, percent) seen on the way.
+    std::string WaitForEnd(std::set<std::pair<int, int>>* seen = nullptr)
+    {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (std::chrono::steady_clock::now() < deadline)
+        {
+            FileStep::EFileStep step = FileStep::eNotStarted;
+            unsigned char percent = 0;
+            int result = m_oClient.GetWriteFileStatus(step, percent);
+            if (result != 0)
+                return "result " + std::to_string(result);
+            if (seen != nullptr)
+                seen->insert({step, percent});
+            if (step == FileStep::eDone || step == FileStep::eFailed)
+                return std::to_string(step) + " " + std::to_string(percent);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        return "no end";
+    }
+    // The target's bytes as the client reads them.
+    std::string ReadBack(unsigned int address, size_t length)
+    {
+        std::string out;
+        while (out.size() < length)
+        {
+            char buf[32768];
+            unsigned short want = static_cast<unsigned short>(length - out.size() < sizeof buf ? length - out.size()
+                                                                                                  : sizeof buf);
+            unsigned short count = 0;
+            if (m_oClient.Read(static_cast<unsigned int>(address + out.size()), want, buf, count) != 0 || count == 0)
+                break;
+            out.append(buf, count);
+        }
+        return out;
+    }
+    bool BlockEnds(short handle, CAWire::Progress::EProgress& state)
+    {
+        unsigned short length = 0, done = 0;
+        for (int i = 0; i < 5000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+            if (m_oClient.GetWriteBlockStatus(handle, state, length, done) == 0 && state != 1)
+                return true;
+        return false;
+    }
+
+    hexfile_test::CTempDir m_oDir;
+    int m_nImages = 0;
+};
+} // namespace
+
+TEST_F(CAWireSimTest, AnIntelHexImageIsWrittenAndReadsBackIdentical)
+{
+    const std::string first = Pattern(100000, 1), second = Pattern(777, 2);
+    ASSERT_EQ(0, m_oClient.Erase(0));
+    ASSERT_EQ(0, m_oClient.WriteFile(Image({{0x100, first}, {0x30000, second}})));
+    EXPECT_EQ("3 100", WaitForEnd());
+    EXPECT_EQ(first, ReadBack(0x100, first.size()));
+    EXPECT_EQ(second, ReadBack(0x30000, second.size()));
+    // Around the blocks the flash is still erased.
+    EXPECT_EQ(std::string(0x100, '\xFF'), ReadBack(0, 0x100));
+    EXPECT_EQ(256u, m_oClient.GetPageSize());
+}
+
+TEST_F(CAWireSimTest, ProgressGrowsAsTheTargetIsProgrammed)
+{
+    // 4 chunks at 1 MB/s: some 130 ms of programming, reported as it goes.
+    m_pDevice->SetRate(1000000);
+    ASSERT_EQ(0, m_oClient.WriteFile(Image({{0, Pattern(4 * 32768, 3)}})));
+    std::set<std::pair<int, int>> seen;
+    EXPECT_EQ("3 100", WaitForEnd(&seen));
+    size_t writing = 0;
+    int last = -1;
+    bool growing = true;
+    for (const auto& s : seen)
+        if (s.first == FileStep::eWriting)
+        {
+            ++writing;
+            growing = growing && s.second > last;
+            last = s.second;
+        }
+    // Percentages inside a chunk, not just at its end: the block progress counts.
+    EXPECT_GE(writing, 5u);
+    EXPECT_TRUE(growing);
+    EXPECT_LE(m_pDevice->GetMostQueued(), 2u);
+}
+
+TEST_F(CAWireSimTest, TheGatewaysFailuresEndTheFileWrite)
+{
+    const std::string data = Pattern(70000, 4);
+    // what | prepare | end | target afterwards at 0x8000 (first byte)
+    const std::tuple<const char*, std::function<void(CDevice&, CAWire&)>, std::string, std::string> cases[] = {
+        {"failed second block", [](CDevice& d, CAWire&) { d.InjectBlockFailure(2, 1); }, "-1 100", "\xFF"},
+        // Not erased: flash only clears bits, so the read-back differs.
+        {"not erased", [](CDevice&, CAWire& c) { short h; c.WriteBlock(0x8000, 1, "\x0F", h); }, "-1 100",
+         std::string(1, static_cast<char>(data[0x8000] & 0x0F))},
+        {"erased", [](CDevice&, CAWire&) {}, "3 100", data.substr(0x8000, 1)},
+    };
+    for (const auto& c : cases)
+    {
+        ASSERT_EQ(0, m_oClient.Erase(0));
+        std::get<1>(c)(*m_pDevice, m_oClient);
+        ASSERT_EQ(0, m_oClient.WriteFile(Image({{0, data}})));
+        EXPECT_EQ(std::get<2>(c), WaitForEnd()) << std::get<0>(c);
+        EXPECT_EQ(std::get<3>(c), m_pDevice->Peek(0x8000, 1)) << std::get<0>(c);
+    }
+}
+
+TEST_F(CAWireSimTest, ConfigurationUserPageAndRefusals)
+{
+    unsigned int v1 = 0, v2 = 0, page = 0, v4 = 0;
+    std::string text;
+    ASSERT_EQ(0, m_oClient.SetConfig(1, 2, 512, 4, "uc3"));
+    EXPECT_EQ(512u, m_oClient.GetPageSize());
+    // The gateway remembers the values; the page size is the target's.
+    ASSERT_EQ(0, m_oClient.GetConfig(v1, v2, page, v4, text));
+    EXPECT_EQ("1 2 256 4 uc3", std::to_string(v1) + " " + std::to_string(v2) + " " + std::to_string(page) + " " +
+                                   std::to_string(v4) + " " + text);
+    EXPECT_EQ(256u, m_oClient.GetPageSize());
+
+    const unsigned int userPage = CDevice::kUserPageOffset;
+    short handle = 0;
+    CAWire::Progress::EProgress state;
+    ASSERT_EQ(0, m_oClient.WriteUserPage(userPage + 4, 4, "\x12\x34\x56\x78", handle));
+    ASSERT_TRUE(BlockEnds(handle, state));
+    EXPECT_EQ(0, state);
+    EXPECT_EQ(0, m_oClient.Verify(userPage + 4, 4, "\x12\x34\x56\x78"));
+    EXPECT_EQ(0, m_oClient.EraseUserPage());
+    EXPECT_EQ(std::string(8, '\xFF'), ReadBack(userPage, 8));
+
+    // A block outside its region fails in its report; reads outside and block erases are refused.
+    ASSERT_EQ(0, m_oClient.WriteBlock(userPage, 4, "abcd", handle));
+    ASSERT_TRUE(BlockEnds(handle, state));
+    EXPECT_EQ(2, state);
+    char buf[4];
+    unsigned short count = 0;
+    EXPECT_EQ(0x0E26, m_oClient.Read(0x40000, 4, buf, count));
+    EXPECT_EQ(0x0E24, m_oClient.Erase(1));
+}
