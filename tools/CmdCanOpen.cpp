@@ -2,6 +2,7 @@
 // sdo-write|sdo-read-block|sdo-write-block|events.
 #include "CliFormat.h"
 #include "CliSession.h"
+#include "CliTarget.h"
 #include "TarvikCli.h"
 
 #include "tarvik/clients/TarvikClientCANDll.h"
@@ -224,20 +225,9 @@ void RunSdoReadBlock(const SCliGlobals& globals, const SCanOpenOptions& options)
     co.Check(co.Client().ReadBlock(Node(options), Index(options), static_cast<unsigned char>(options.m_nSub),
                                    static_cast<unsigned short>(options.m_nSdoTimeout), status, data),
              "SDO block read " + Where(options));
-    if (!options.m_sOutput.empty())
-    {
-        std::ofstream out(options.m_sOutput, std::ios::binary | std::ios::trunc);
-        if (!out.write(data.data(), static_cast<std::streamsize>(data.size())))
-            CliFail("cannot write " + options.m_sOutput);
-        CliPrint(globals, std::to_string(data.size()) + " bytes to " + options.m_sOutput,
-                 TCliJson{{"status", status}, {"bytes", data.size()}, {"file", options.m_sOutput}});
-        return;
-    }
-    // Sixteen bytes a line, each line led by its offset.
-    std::string text = data.empty() ? "(no data)" : "";
-    for (size_t pos = 0; pos < data.size(); pos += 16)
-        text += (pos == 0 ? "" : "\n") + CliHex(pos, 4) + "  " + CliHexBytes(data.substr(pos, 16));
-    CliPrint(globals, text, TCliJson{{"status", status}, {"data", CliHexBytes(data, "")}});
+    if (status != 0)
+        std::fprintf(stderr, "tarvik: SDO block read status %u\n", static_cast<unsigned int>(status));
+    CliPrintRead(globals, 0, data, options.m_sOutput);
 }
 
 void RunSdoWriteBlock(const SCliGlobals& globals, const SCanOpenOptions& options)
