@@ -30,12 +30,18 @@ struct SFrame
     bool operator==(const SFrame& o) const { return m_nId == o.m_nId && m_nFlags == o.m_nFlags && m_sData == o.m_sData; }
 };
 
+// Polls cond until it holds; cond may take what it finds, so it is asked once a round.
 template <typename F> bool Eventually(F cond)
 {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!cond() && std::chrono::steady_clock::now() < deadline)
+    for (;;)
+    {
+        if (cond())
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return cond();
+    }
 }
 
 // What the callbacks saw; they have no user pointer, so the test's sink is global.
@@ -141,7 +147,12 @@ TEST_F(E2ECan, CyclicFramesRepeatUntilSwitchedOff)
 {
     B().SetMaxSizePerQueue(1000);
     ASSERT_EQ(0, A().SetCyclicMessage(3, true, 5, 0x321, "\x11", 1, 0));
-    ASSERT_TRUE(Eventually([&] { return B().CANGetMessage(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr) >= 3; }));
+    size_t repeats = 0;
+    ASSERT_TRUE(Eventually([&] {
+        for (const SFrame& f : Drain())
+            repeats += f == SFrame{0x321, 0, "\x11"};
+        return repeats >= 4;
+    }));
     ASSERT_EQ(0, A().SetCyclicMessage(3, false, 5, 0x321, "\x11", 1, 0));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     Drain();
