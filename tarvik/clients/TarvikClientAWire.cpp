@@ -14,6 +14,8 @@ constexpr size_t kMaxConfigText = 255;
 constexpr size_t kProgressSize = 5;
 // Address and length in front of a block's data.
 constexpr size_t kBlockHeader = 6;
+// Longest pause of the file-write thread between two looks at its block writes.
+constexpr unsigned int kPollPauseMs = 1;
 
 std::string AddressAndLength(unsigned int address, unsigned short length)
 {
@@ -22,7 +24,7 @@ std::string AddressAndLength(unsigned int address, unsigned short length)
 } // namespace
 
 CTarvikClientAWire::CTarvikClientAWire(int timeoutMs)
-    : CTarvikClient(eTarvikAWire, static_cast<unsigned int>(timeoutMs)), m_pWriteFileThread(nullptr), m_nPageSize(0)
+    : CTarvikClient(eTarvikAWire, static_cast<unsigned int>(timeoutMs)), m_nReports(0), m_pWriteFileThread(nullptr), m_nPageSize(0)
 {
 }
 
@@ -175,14 +177,35 @@ bool CTarvikClientAWire::DataIndRespond(CTarvikMsg* msg)
     unsigned short done = 0;
     CTarvikMsg::FromChar(handle, data.data());
     CTarvikMsg::FromChar(done, data.data() + 3);
-    CMolLock lock(m_oProgressMutex);
-    auto it = m_mapWriteBlockProgress.find(handle);
-    if (it != m_mapWriteBlockProgress.end())
     {
+        CMolLock lock(m_oProgressMutex);
+        auto it = m_mapWriteBlockProgress.find(handle);
+        if (it == m_mapWriteBlockProgress.end())
+            return false;
         it->second.m_eState = static_cast<Progress::EProgress>(static_cast<unsigned char>(data[2]));
         it->second.m_nDone = done;
     }
+    {
+        std::lock_guard<std::mutex> lock(m_oReportMutex);
+        ++m_nReports;
+    }
+    m_oReport.notify_all();
     return false;
+}
+
+uint64_t CTarvikClientAWire::WaitForProgress(uint64_t seen, unsigned int ms)
+{
+    std::unique_lock<std::mutex> lock(m_oReportMutex);
+    m_oReport.wait_for(lock, std::chrono::milliseconds(ms), [&] { return m_nReports != seen; });
+    return m_nReports;
+}
+
+void CTarvikClientAWire::CWriteFileThread::PauseForProgress()
+{
+    // A fixed millisecond between polls would cap the writes at two chunks a
+    // millisecond, far below what the gateway and the network take; a report ends the
+    // pause at once, and the millisecond stays the longest a poll waits.
+    m_nSeenReports = m_rClient.WaitForProgress(m_nSeenReports, kPollPauseMs);
 }
 
 int CTarvikClientAWire::GetWriteBlockStatus(short handle, Progress::EProgress& state, unsigned short& length,
@@ -256,7 +279,7 @@ int CTarvikClientAWire::WriteFile(const std::string& filename)
 
 CTarvikClientAWire::CWriteFileThread::CWriteFileThread(CTarvikClientAWire& client, const std::string& filename)
     : CMolThread(0), m_rClient(client), m_eStep(FileStep::eNotStarted), m_nTotalBytes(0), m_nBytesWritten(0),
-      m_nBlockProgress(0), m_nBytesVerified(0)
+      m_nBlockProgress(0), m_nBytesVerified(0), m_nSeenReports(0)
 {
     if (m_Hexfile.LoadFile(filename.c_str(), CTarvikHexfile::Detect) != 0)
     {
@@ -307,7 +330,7 @@ void CTarvikClientAWire::CWriteFileThread::WriteData()
             m_eStep = FileStep::eVerifying;
             return;
         }
-        CMolThread::Sleep(0, 1);
+        PauseForProgress();
         UpdateStatus();
     }
 }
@@ -343,7 +366,7 @@ bool CTarvikClientAWire::CWriteFileThread::WriteImageBlock(const CTarvikHexfile:
         while (remaining != 0 && !IsTerminationRequested() && m_dqPendingHandles.size() >= 2 &&
                m_eStep == FileStep::eWriting)
         {
-            CMolThread::Sleep(0, 1);
+            PauseForProgress();
             UpdateStatus();
         }
     }

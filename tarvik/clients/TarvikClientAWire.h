@@ -22,9 +22,11 @@
 #include "tarvik/runtime/MolSync.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <mutex>
 #include <string>
 
 class TARVIK_API CTarvikClientAWire : public CTarvikClient
@@ -122,6 +124,8 @@ public:
         // Sends one block of the image in chunks; false when the writing is to end.
         bool WriteImageBlock(const CTarvikHexfile::SMemoryBlock& block, unsigned short chunk);
         void UpdateStatus();
+        // The poll pause: the runtime's shortest sleep, ended early by a progress report.
+        void PauseForProgress();
         void VerifyData();
 
         CTarvikClientAWire& m_rClient;
@@ -134,6 +138,8 @@ public:
         std::atomic<uint64_t> m_nBytesVerified;
         // Write handles sent and not yet seen finished, oldest first.
         std::deque<short> m_dqPendingHandles;
+        // Progress reports counted when the thread last looked.
+        uint64_t m_nSeenReports;
     };
 
     explicit CTarvikClientAWire(int timeoutMs);
@@ -194,10 +200,18 @@ protected:
     int WriteUserPageInternal(unsigned int address, unsigned short length, const char* data, short& handle);
 
 private:
+    friend class CWriteFileThread;
+    // Waits until a progress report newer than seen arrived, at most ms; returns the count.
+    uint64_t WaitForProgress(uint64_t seen, unsigned int ms);
+
     int SendBlock(unsigned char cmd, unsigned int address, unsigned short length, const char* data, short& handle);
 
     std::map<short, SWriteBlockProgress> m_mapWriteBlockProgress;
     CMolMutex m_oProgressMutex;
+    // Progress reports received; the file-write thread waits on it between its polls.
+    std::mutex m_oReportMutex;
+    std::condition_variable m_oReport;
+    uint64_t m_nReports;
     CWriteFileThread* m_pWriteFileThread;
     // The file-write thread reads it; GetConfig may change it meanwhile.
     std::atomic<unsigned int> m_nPageSize;
