@@ -57,11 +57,18 @@ template <typename Client, typename Call> int WithClient(int handle, Call call)
 // is dropped. 0x900000: unknown handle; 0x910000: a handle of another family, left open.
 template <typename Client> int CloseFamily(int handle)
 {
-    int result = WithClient<Client>(handle, [](Client& client) {
-        client.Close();
-        return 0;
-    });
-    return result != 0 ? result : CDeviceManager::CloseDevice(handle);
+    try
+    {
+        int result = WithClient<Client>(handle, [](Client& client) {
+            client.Close();
+            return 0;
+        });
+        return result != 0 ? result : CDeviceManager::CloseDevice(handle);
+    }
+    catch (...)
+    {
+        return TARVIK_ERR_COMMAND_FAILED;
+    }
 }
 
 // A length from C that the client takes as a narrower count: false for a negative
