@@ -14,3 +14,5 @@ if [ -f "$here/run_hexfile.sh" ]; then
 fi
 echo
 bash "$here/run_sendfile.sh" "$build"
+echo
+bash "$here/run_can_ingest.sh" "$build"

@@ -29,7 +29,7 @@ unsigned int ReadLE32(const std::string& data, size_t pos)
 
 CTarvikSimDevice::CTarvikSimDevice(ETarvikDevice type, unsigned int index)
     : m_eType(type), m_nIndex(index), m_nInputs(kDefaultInputs), m_nOutputs(0), m_anAnalog(kAnalogChannels, 0),
-      m_nRequests(0), m_oStarted(std::chrono::steady_clock::now())
+      m_nRequests(0), m_bSkipAnswer(false), m_oStarted(std::chrono::steady_clock::now())
 {
 }
 
@@ -136,6 +136,11 @@ bool CTarvikSimDevice::HandleRequest(const CTarvikMsg& req, CTarvikMsg& cnf)
         // A telegram for another device type reaches a port that cannot serve it.
         bool known = ((code >> 8) & 0x7F) == static_cast<unsigned int>(m_eType) &&
                      (HandleCommonCommand(cmd, req.GetData(), answer) || HandleCommand(cmd, req.GetData(), answer));
+        if (m_bSkipAnswer)
+        {
+            m_bSkipAnswer = false;
+            return false;
+        }
         if (!known || answer.empty())
             answer = Answer(eResultFailed);
     }

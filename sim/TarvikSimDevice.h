@@ -65,7 +65,8 @@ public:
     // Display name, e.g. "Tarvik SPI".
     virtual std::string GetName() const;
 
-    // Answers one request. False: no answer is due (the telegram is a confirmation).
+    // Answers one request. False: no answer is due (the telegram is a confirmation, or
+    // the device model skips the answer).
     // Thread-safe; requests of several clients are served one at a time.
     bool HandleRequest(const CTarvikMsg& req, CTarvikMsg& cnf);
 
@@ -111,6 +112,9 @@ protected:
     virtual void OnDetach(unsigned long connection);
 
     static std::string Answer(unsigned char result, const std::string& data = std::string());
+    // Inside HandleCommand: the request gets no answer at all (a gateway that was told
+    // not to confirm a command).
+    void SkipAnswer() { m_bSkipAnswer = true; }
 
     mutable std::mutex m_oMutex;
 
@@ -126,6 +130,7 @@ private:
     unsigned int m_nOutputs;
     std::vector<unsigned int> m_anAnalog;
     unsigned long m_nRequests;
+    bool m_bSkipAnswer;
     std::chrono::steady_clock::time_point m_oStarted;
     // Guards the list; held while posting (which never waits) but not while waiting for
     // room: such a poster keeps the box it found.

@@ -5,6 +5,8 @@
 
 #include "sim/TarvikSimDevice.h"
 
+class CTarvikSimCanBus;
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,8 +14,10 @@
 class CTarvikSimRegistry
 {
 public:
-    // A new model of the type, or null if the simulator has none.
-    static std::unique_ptr<CTarvikSimDevice> Create(ETarvikDevice type, unsigned int index);
+    // A new model of the type, or null if the simulator has none. A CAN gateway joins
+    // canBus (a bus of its own when null); other models ignore it.
+    static std::unique_ptr<CTarvikSimDevice> Create(ETarvikDevice type, unsigned int index,
+                                                    const std::shared_ptr<CTarvikSimCanBus>& canBus = nullptr);
     // Type of a short name ("spi"); false for an unknown name.
     static bool FindByName(const std::string& name, ETarvikDevice& type);
     // Short name of a type, empty if the simulator has no model of it.

@@ -7,6 +7,7 @@
 #include "tarvik/dll/TarvikDLL.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <csignal>
 #include <map>
 #include <sstream>
@@ -74,30 +75,85 @@ void ApplyFaults(const STarvikSimOptions& options, CTarvikSimServer& server)
     server.SetMaxConnections(options.m_nMaxConnections);
 }
 
+struct SDeviceSpec
+{
+    ETarvikDevice m_eType;
+    unsigned int m_nCount;
+};
+constexpr unsigned int kMaxDevicesOfAType = 100;
+// The highest port index whose ports still fit in 16 bits.
+constexpr unsigned int kMaxIndex = 600;
+
+// One entry of a device list: "can" or "can:3".
+bool ParseDeviceEntry(const std::string& entry, SDeviceSpec& spec, std::string& error)
+{
+    size_t colon = entry.find(':');
+    std::string name = entry.substr(0, colon);
+    spec.m_nCount = 1;
+    if (colon != std::string::npos)
+    {
+        std::string count = entry.substr(colon + 1);
+        char* end = nullptr;
+        unsigned long value = std::strtoul(count.c_str(), &end, 10);
+        if (count.empty() || *end != '\0' || value == 0 || value > kMaxDevicesOfAType)
+        {
+            error = "bad device count in \"" + entry + "\" (1.." + std::to_string(kMaxDevicesOfAType) + ")";
+            return false;
+        }
+        spec.m_nCount = static_cast<unsigned int>(value);
+    }
+    if (!CTarvikSimRegistry::FindByName(name, spec.m_eType))
+    {
+        error = "unknown device \"" + name + "\" (known: " + CTarvikSimRunner::JoinNames() + ")";
+        return false;
+    }
+    return true;
+}
+
 // Resolves a device list; an empty list means every model.
-int ParseDevices(const std::string& list, std::vector<ETarvikDevice>& types, std::string& error)
+int ParseDevices(const std::string& list, std::vector<SDeviceSpec>& specs, std::string& error)
 {
     std::stringstream stream(list.empty() ? CTarvikSimRunner::JoinNames() : list);
-    std::string name;
-    while (std::getline(stream, name, ','))
+    std::string entry;
+    while (std::getline(stream, entry, ','))
     {
-        if (name.empty())
+        if (entry.empty())
             continue;
-        ETarvikDevice type;
-        if (!CTarvikSimRegistry::FindByName(name, type))
-        {
-            error = "unknown device \"" + name + "\" (known: " + CTarvikSimRunner::JoinNames() + ")";
+        SDeviceSpec spec{};
+        if (!ParseDeviceEntry(entry, spec, error))
             return CTarvikSimRunner::eExitUsage;
-        }
-        if (std::find(types.begin(), types.end(), type) == types.end())
-            types.push_back(type);
+        auto same = std::find_if(specs.begin(), specs.end(),
+                                 [&spec](const SDeviceSpec& s) { return s.m_eType == spec.m_eType; });
+        if (same == specs.end())
+            specs.push_back(spec);
+        else
+            same->m_nCount = std::max(same->m_nCount, spec.m_nCount);
     }
-    if (types.empty())
+    if (specs.empty())
     {
         error = "no device given";
         return CTarvikSimRunner::eExitUsage;
     }
     return CTarvikSimRunner::eExitOk;
+}
+
+// "2,3" -> node ids; an empty text gives none.
+bool ParseNodeIds(const std::string& text, std::vector<unsigned char>& ids, std::string& error)
+{
+    std::stringstream stream(text);
+    std::string item;
+    while (std::getline(stream, item, ','))
+    {
+        char* end = nullptr;
+        unsigned long id = std::strtoul(item.c_str(), &end, 0);
+        if (item.empty() || *end != '\0' || id < 1 || id > 127)
+        {
+            error = "bad CANopen node id \"" + item + "\" (1..127)";
+            return false;
+        }
+        ids.push_back(static_cast<unsigned char>(id));
+    }
+    return true;
 }
 } // namespace
 
@@ -120,21 +176,35 @@ void CTarvikSimRunner::AddOptions(CLI::App& app, STarvikSimOptions& options)
         options.m_sDevices = JoinNames();
     app.add_option("-H,--host", options.m_sHost, "Address to listen on; empty for all interfaces")
         ->capture_default_str();
-    app.add_option("-d,--devices", options.m_sDevices, "Devices to emulate, comma-separated (" + JoinNames() + ")")
+    app.add_option("-d,--devices", options.m_sDevices,
+                   "Devices to emulate, comma-separated (" + JoinNames() +
+                       "); NAME:N emulates N of a kind at port indices index..index+N-1")
         ->capture_default_str();
-    app.add_option("-i,--index", options.m_nIndex, "Port index")->capture_default_str()->check(CLI::Range(0u, 600u));
+    app.add_option("-i,--index", options.m_nIndex, "Port index")->capture_default_str()->check(CLI::Range(0u, kMaxIndex));
     app.add_option("-p,--port", options.m_nPort, "Port, only with one device; 0 takes any free port")
         ->check(CLI::Range(0, 65535));
+    app.add_option("--can-nodes", options.m_sCanNodes,
+                   "CANopen node ids on the CAN gateways' bus, comma-separated; empty for none")
+        ->capture_default_str();
     AddFaultOptions(app, options);
 }
 
 int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, std::string& error)
 {
-    std::vector<ETarvikDevice> types;
-    int result = ParseDevices(options.m_sDevices, types, error);
+    std::vector<SDeviceSpec> specs;
+    int result = ParseDevices(options.m_sDevices, specs, error);
     if (result != eExitOk)
         return result;
-    if (options.m_nPort >= 0 && types.size() != 1)
+    std::vector<unsigned char> nodeIds;
+    if (!ParseNodeIds(options.m_sCanNodes, nodeIds, error))
+        return eExitUsage;
+    for (const SDeviceSpec& spec : specs)
+        if (options.m_nIndex + spec.m_nCount - 1 > kMaxIndex)
+        {
+            error = "port indices past " + std::to_string(kMaxIndex);
+            return eExitUsage;
+        }
+    if (options.m_nPort >= 0 && (specs.size() != 1 || specs[0].m_nCount != 1))
     {
         error = "--port needs exactly one device";
         return eExitUsage;
@@ -148,25 +218,28 @@ int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, s
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     CTarvikSimServer server;
-    for (ETarvikDevice type : types)
-    {
-        unsigned short port = options.m_nPort >= 0 ? static_cast<unsigned short>(options.m_nPort)
-                                                   : CTarvikSimServer::GetStandardPort(type, options.m_nIndex);
-        if (server.AddDevice(type, options.m_sHost, port, options.m_nIndex) != 0)
+    server.SetCanNodeIds(nodeIds);
+    for (const SDeviceSpec& spec : specs)
+        for (unsigned int i = 0; i < spec.m_nCount; ++i)
         {
-            error = server.GetLastError();
-            return eExitServer;
+            unsigned int index = options.m_nIndex + i;
+            unsigned short port = options.m_nPort >= 0 ? static_cast<unsigned short>(options.m_nPort)
+                                                       : CTarvikSimServer::GetStandardPort(spec.m_eType, index);
+            if (server.AddDevice(spec.m_eType, options.m_sHost, port, index) != 0)
+            {
+                error = server.GetLastError();
+                return eExitServer;
+            }
         }
-    }
     ApplyFaults(options, server);
     if (!server.Start())
     {
         error = server.GetLastError();
         return eExitServer;
     }
-    for (ETarvikDevice type : types)
-        out << server.GetDevice(type)->GetName() << " listening on " << options.m_sHost << ":" << server.GetPort(type)
-            << std::endl;
+    for (CTarvikSimDevice* device : server.GetDevices())
+        out << device->GetName() << " listening on " << options.m_sHost << ":"
+            << server.GetPort(device->GetType(), device->GetIndex()) << std::endl;
     int signal = 0;
     sigwait(&signals, &signal);
     server.Stop();

@@ -15,9 +15,12 @@
 struct STarvikSimOptions
 {
     std::string m_sHost = "127.0.0.1"; // empty: all interfaces
-    std::string m_sDevices;            // comma-separated short names; empty: every model
+    std::string m_sDevices;            // comma-separated short names, each with an optional
+                                       // ":N" for N devices at indices index..index+N-1;
+                                       // empty: every model once
     unsigned int m_nIndex = 0;         // port index: 4999 + type + 100 x index
     int m_nPort = -1;                  // >= 0: this port (one device only; 0 = any free port)
+    std::string m_sCanNodes = "2,3";   // CANopen node ids on the CAN bus; empty: none
     // Faults from the start; see TarvikSimFaults.h.
     ETarvikSimFault m_eFault = eTarvikSimFaultNone;
     unsigned int m_nDelayMs = 0;
@@ -46,7 +49,7 @@ public:
     static std::string VersionText(const std::string& program);
     // The short names of every model, comma-separated.
     static std::string JoinNames();
-    // Adds -H/--host, -d/--devices, -i/--index, -p/--port and the fault options to app.
+    // Adds -H/--host, -d/--devices, -i/--index, -p/--port, --can-nodes and the fault options to app.
     static void AddOptions(CLI::App& app, STarvikSimOptions& options);
     // Listens as options say, prints one line per device on out and serves until
     // SIGINT or SIGTERM. Returns an EExit value; error receives the text of a failure.

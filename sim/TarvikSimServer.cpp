@@ -81,7 +81,8 @@ int OpenListener(const std::string& host, unsigned short port, std::string& erro
 }
 } // namespace
 
-CTarvikSimServer::CTarvikSimServer() : m_nWakeFd(-1), m_bRunning(false), m_bStopped(false), m_nRefused(0) {}
+CTarvikSimServer::CTarvikSimServer()
+    : m_anCanNodeIds(CTarvikSimCanBus::DefaultNodeIds()), m_nWakeFd(-1), m_bRunning(false), m_bStopped(false), m_nRefused(0) {}
 
 CTarvikSimServer::~CTarvikSimServer()
 {
@@ -97,9 +98,11 @@ int CTarvikSimServer::AddDevice(ETarvikDevice type, const std::string& host, uns
 {
     if (m_bRunning || m_bStopped)
         return Fail(EBUSY, "devices can only be added before the server starts");
-    if (FindEndpoint(type) != nullptr)
-        return Fail(EEXIST, TarvikDeviceName(type) + " is already emulated");
-    SEndpoint endpoint{CTarvikSimRegistry::Create(type, index), host, 0, -1};
+    if (FindEndpoint(type, index) != nullptr)
+        return Fail(EEXIST, TarvikDeviceName(type) + " #" + std::to_string(index) + " is already emulated");
+    if (type == eTarvikCAN && !m_pCanBus)
+        m_pCanBus = std::make_shared<CTarvikSimCanBus>(m_anCanNodeIds);
+    SEndpoint endpoint{CTarvikSimRegistry::Create(type, index, m_pCanBus), host, 0, -1};
     if (!endpoint.m_pDevice)
         return Fail(EINVAL, "no model of device type " + std::to_string(static_cast<int>(type)));
     int rc = Listen(endpoint, port);
@@ -304,9 +307,23 @@ const CTarvikSimServer::SEndpoint* CTarvikSimServer::FindEndpoint(ETarvikDevice 
     return nullptr;
 }
 
+const CTarvikSimServer::SEndpoint* CTarvikSimServer::FindEndpoint(ETarvikDevice type, unsigned int index) const
+{
+    for (const SEndpoint& endpoint : m_aoEndpoints)
+        if (endpoint.m_pDevice->GetType() == type && endpoint.m_pDevice->GetIndex() == index)
+            return &endpoint;
+    return nullptr;
+}
+
 unsigned short CTarvikSimServer::GetPort(ETarvikDevice type) const
 {
     const SEndpoint* endpoint = FindEndpoint(type);
+    return endpoint != nullptr ? endpoint->m_nPort : 0;
+}
+
+unsigned short CTarvikSimServer::GetPort(ETarvikDevice type, unsigned int index) const
+{
+    const SEndpoint* endpoint = FindEndpoint(type, index);
     return endpoint != nullptr ? endpoint->m_nPort : 0;
 }
 
@@ -322,10 +339,24 @@ CTarvikSimDevice* CTarvikSimServer::GetDevice(ETarvikDevice type) const
     return endpoint != nullptr ? endpoint->m_pDevice.get() : nullptr;
 }
 
+CTarvikSimDevice* CTarvikSimServer::GetDevice(ETarvikDevice type, unsigned int index) const
+{
+    const SEndpoint* endpoint = FindEndpoint(type, index);
+    return endpoint != nullptr ? endpoint->m_pDevice.get() : nullptr;
+}
+
 std::vector<ETarvikDevice> CTarvikSimServer::GetDeviceTypes() const
 {
     std::vector<ETarvikDevice> types;
     for (const SEndpoint& endpoint : m_aoEndpoints)
         types.push_back(endpoint.m_pDevice->GetType());
     return types;
+}
+
+std::vector<CTarvikSimDevice*> CTarvikSimServer::GetDevices() const
+{
+    std::vector<CTarvikSimDevice*> devices;
+    for (const SEndpoint& endpoint : m_aoEndpoints)
+        devices.push_back(endpoint.m_pDevice.get());
+    return devices;
 }

@@ -14,6 +14,7 @@
 #ifndef TARVIK_SIM_TARVIKSIMSERVER_H
 #define TARVIK_SIM_TARVIKSIMSERVER_H
 
+#include "sim/TarvikSimCanBus.h"
 #include "sim/TarvikSimDevice.h"
 #include "sim/TarvikSimFaults.h"
 
@@ -41,9 +42,10 @@ public:
 
     // Creates the model of the type and binds its listening socket at once, so GetPort()
     // is known before Start(). Port 0 takes any free port; an empty host listens on all
-    // interfaces. index is the device's port index, reported in its Info record.
-    // Returns 0, or an errno value: EINVAL no model of the type, EEXIST type already
-    // added, EBUSY server started or stopped, else the failing socket call's errno.
+    // interfaces. index is the device's port index, reported in its Info record; several
+    // devices of one type differ in it (every CAN gateway joins the one CAN bus).
+    // Returns 0, or an errno value: EINVAL no model of the type, EEXIST type and index
+    // already added, EBUSY server started or stopped, else the failing socket call's errno.
     int AddDevice(ETarvikDevice type, const std::string& host = "127.0.0.1", unsigned short port = 0,
                   unsigned int index = 0);
     // Starts accepting clients. False with no device, or after Stop().
@@ -52,12 +54,24 @@ public:
     void Stop();
     bool IsRunning() const { return m_bRunning.load(); }
 
-    // Port and host of a device; 0 and "" for a type not added.
+    // Port and host of a device; 0 and "" for a type not added. Without an index: the
+    // first device of the type that was added.
     unsigned short GetPort(ETarvikDevice type) const;
+    unsigned short GetPort(ETarvikDevice type, unsigned int index) const;
     std::string GetHost(ETarvikDevice type) const;
     // The device model (null for a type not added); lives as long as the server.
     CTarvikSimDevice* GetDevice(ETarvikDevice type) const;
+    CTarvikSimDevice* GetDevice(ETarvikDevice type, unsigned int index) const;
+    // Types in the order added, a type once for each device.
     std::vector<ETarvikDevice> GetDeviceTypes() const;
+    // Every device in the order added.
+    std::vector<CTarvikSimDevice*> GetDevices() const;
+
+    // CANopen node ids of the CAN bus, taken when the first CAN gateway is added
+    // (default: CTarvikSimCanBus::DefaultNodeIds()).
+    void SetCanNodeIds(const std::vector<unsigned char>& ids) { m_anCanNodeIds = ids; }
+    // The bus of the CAN gateways; null until one is added. Lives as long as the server.
+    const std::shared_ptr<CTarvikSimCanBus>& GetCanBus() const { return m_pCanBus; }
     // Text of the last failed AddDevice or Start.
     std::string GetLastError() const { return m_sLastError; }
 
@@ -104,7 +118,9 @@ private:
         int m_nSocket;
     };
 
+    // The first endpoint of the type; with an index, that device exactly.
     const SEndpoint* FindEndpoint(ETarvikDevice type) const;
+    const SEndpoint* FindEndpoint(ETarvikDevice type, unsigned int index) const;
     int Fail(int error, const std::string& text);
     int Listen(SEndpoint& endpoint, unsigned short port);
     void Run();
@@ -113,6 +129,9 @@ private:
     bool IsFull() const;
     void CloseListeners();
 
+    // Declared before the endpoints: the gateways leave the bus before it goes.
+    std::vector<unsigned char> m_anCanNodeIds;
+    std::shared_ptr<CTarvikSimCanBus> m_pCanBus;
     std::vector<SEndpoint> m_aoEndpoints;
     STarvikSimFaults m_oFaults;
     std::thread m_oThread;

@@ -18,6 +18,8 @@
 
 #ifdef __cplusplus
 #include "tarvik/clients/TarvikClientAD.h"
+#include "tarvik/clients/TarvikClientCAN.h"
+#include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientFirmware.h"
@@ -29,6 +31,7 @@
 #include "tarvik/clients/TarvikClientTestSystemRelay.h"
 #include "tarvik/core/TarvikClient.h"
 #include "tarvik/core/TarvikMsg.h"
+#include "tarvik/core/TarvikPayload.h"
 #include "tarvik/core/TarvikReply.h"
 #include "tarvik/dll/DeviceManager.h"
 #include "tarvik/runtime/MolFile.h"

@@ -5,6 +5,8 @@
 #include "support/ProbeClient.h"
 
 #include "tarvik/clients/TarvikClientAD.h"
+#include "tarvik/clients/TarvikClientCAN.h"
+#include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/core/TarvikClient.h"
@@ -79,6 +81,20 @@ std::string FloodTelegrams(size_t count, size_t dataLen)
     return raw;
 }
 
+// Received CAN frames and CANopen events, for the clients that queue them or call back.
+std::string CANIndications(size_t count)
+{
+    std::string raw;
+    for (size_t i = 0; i < count; ++i)
+    {
+        raw += Telegram(0x0203, 0, LE32(static_cast<unsigned int>(i)) + Frame({0x04}) + std::string(16, 'c'));
+        raw += Telegram(0x0264 + (i % 3) * 4, 0, std::string(12, static_cast<char>(i)));
+    }
+    return raw;
+}
+
+void CountCANFrame(unsigned int, const char*, int, int, int) {}
+
 // A client of an application's own that keeps what its indications say.
 class CKeepingClient : public CTarvikClientSPI
 {
@@ -129,7 +145,7 @@ protected:
 TEST(HostileLifetime, EveryClientClassIsDestroyedSafelyWhileTelegramsArrive)
 {
     const unsigned long lateBefore = CTarvikClient::GetLateStopCount();
-    const std::string flood = FloodTelegrams(64, 24);
+    const std::string flood = FloodTelegrams(64, 24) + CANIndications(32);
     // An application's own class with members its overrides use.
     {
         CFakeGateway gateway;
@@ -171,9 +187,26 @@ TEST(HostileLifetime, EveryClientClassIsDestroyedSafelyWhileTelegramsArrive)
         }
         ASSERT_EQ(0, rc) << type;
         ASSERT_TRUE(gateway.WaitForAccepted(1, kWaitMs)) << type;
+        // The CAN client queues what arrives, and hands frames to a callback.
+        if (auto* can = dynamic_cast<CTarvikClientCANDll*>(CDeviceManager::GetDevice(handle)->m_pClient))
+        {
+            can->SetMaxSizePerQueue(16);
+            can->SetCallback(&CountCANFrame);
+        }
         CFlood running(gateway, flood);
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
         EXPECT_EQ(0, CDeviceManager::CloseDevice(handle)) << type;
+    }
+    // The CAN client of the object layer, which the registry does not create.
+    {
+        CFakeGateway gateway;
+        ASSERT_TRUE(gateway.Start("127.0.0.1"));
+        auto client = std::make_unique<CTarvikClientCAN>(kTimeoutMs);
+        ASSERT_EQ(0, client->Connect("127.0.0.1", gateway.GetPort()));
+        ASSERT_TRUE(gateway.WaitForAccepted(1, kWaitMs));
+        CFlood running(gateway, flood);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        client.reset();
     }
     EXPECT_EQ(lateBefore, CTarvikClient::GetLateStopCount());
 }

@@ -410,6 +410,23 @@ struct SFamily
     std::function<int(CTarvikClient&)> m_fnCall;
 };
 
+// A CAN-typed engine client with the one request the fault table needs: the globals.
+class CCanGlobalsProbe : public CTarvikClient
+{
+public:
+    explicit CCanGlobalsProbe(int timeout) : CTarvikClient(eTarvikCAN, static_cast<unsigned int>(timeout)) {}
+    ~CCanGlobalsProbe() override { StopConnection(); }
+    // 0 only when the gateway's power-up globals (setting 0, 500000 baud) came back whole.
+    int GetGlobals()
+    {
+        constexpr unsigned char kCmdGetGlobals = 0x08;
+        CTarvikReply reply;
+        int rc = Request(kCmdGetGlobals, nullptr, 0, reply);
+        unsigned int rate = 0;
+        return Check(rc, reply.Size() == 15 && reply.ReadU32(2, rate) && rate == 500000);
+    }
+};
+
 template <class TClient> std::function<std::unique_ptr<CTarvikClient>()> Make()
 {
     return [] { return std::make_unique<TClient>(static_cast<int>(kTimeoutMs)); };
@@ -440,6 +457,8 @@ TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
          Op<CTarvikClientRenesas>([](CTarvikClientRenesas& c) { return c.Init(); })},
         {"i2c", eTarvikI2C, Make<CTarvikClientI2C>(),
          Op<CTarvikClientI2C>([](CTarvikClientI2C& c) { unsigned int r = 0; return c.GetBaudrate(r); })},
+        {"can", eTarvikCAN, Make<CCanGlobalsProbe>(),
+         Op<CCanGlobalsProbe>([](CCanGlobalsProbe& c) { return c.GetGlobals(); })},
         {"firmware", eTarvikFirmware, Make<CTarvikClientFirmware>(),
          Op<CTarvikClientFirmware>([](CTarvikClientFirmware& c) { int n = 0; return c.GetEEPromInfo(n); })},
     };

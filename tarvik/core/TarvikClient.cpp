@@ -66,6 +66,12 @@ void CTarvikClient::CConnection::DataInd(const char* data, unsigned short len)
         m_pParent->DataInd(data, len);
 }
 
+void CTarvikClient::CConnection::BatchInd(bool begin)
+{
+    if (m_pParent != nullptr)
+        m_pParent->DataIndBatch(begin);
+}
+
 void CTarvikClient::CConnection::ConnectInd(bool connected)
 {
     if (m_pParent != nullptr)
@@ -358,6 +364,8 @@ void CTarvikClient::OnConnectInd(bool connected)
         Trace(connected ? STarvikTrace::eConnected : STarvikTrace::eDisconnected, nullptr, true);
     ConInd(connected);
 }
+
+void CTarvikClient::DataIndBatch(bool) {}
 
 void CTarvikClient::ConInd(bool) {}
 

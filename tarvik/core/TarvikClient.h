@@ -104,6 +104,7 @@ public:
 
     protected:
         void DataInd(const char* data, unsigned short len) override;
+        void BatchInd(bool begin) override;
         void ConnectInd(bool connected) override;
         bool IsConnectMsgAccepted(const std::string& msg) override;
 
@@ -149,6 +150,11 @@ public:
     virtual int SendMsg(const CTarvikMsg& req);
     // One received telegram (receive thread).
     virtual void DataInd(const char* data, unsigned short len);
+    // The telegrams of one socket read are about to come (true) or have all come (false)
+    // through DataInd (receive thread). A device client may gather indications meanwhile
+    // and hand them on once per batch; it must not hold any back past the end. Telegrams
+    // fed to DataInd from elsewhere come without a batch. The base does nothing.
+    virtual void DataIndBatch(bool begin);
     // Connection came up or ended (receive thread); the base does nothing.
     virtual void ConInd(bool connected);
     // Offered every received non-confirmation (receive thread); true takes ownership of msg.

@@ -31,6 +31,9 @@ public:
     CTarvikMsg(const char* frame, unsigned short len);
     CTarvikMsg(const CTarvikMsg&) = default;
     CTarvikMsg& operator=(const CTarvikMsg&) = default;
+    // A move takes the payload over without copying it (queues of telegrams move them in and out).
+    CTarvikMsg(CTarvikMsg&&) noexcept = default;
+    CTarvikMsg& operator=(CTarvikMsg&&) noexcept = default;
     virtual ~CTarvikMsg();
 
     // Builds a telegram; a null data pointer or a zero length gives an empty payload.

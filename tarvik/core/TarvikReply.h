@@ -3,6 +3,7 @@
 #define TARVIK_CORE_TARVIKREPLY_H
 
 #include "tarvik/core/TarvikMsg.h"
+#include "tarvik/core/TarvikPayload.h"
 
 #include <memory>
 #include <string>
@@ -25,6 +26,8 @@ public:
     // Payload size (0 without a confirmation); byte 0 is the device's result byte.
     size_t Size() const;
     const char* Data() const;
+    // The payload with the full set of bounds-checked readers (empty without a confirmation).
+    CTarvikPayload Payload() const { return CTarvikPayload(Data(), Size()); }
     // Readers return false and leave value untouched when the bytes are not all there.
     bool ReadU8(size_t pos, unsigned char& value) const;
     bool ReadU32(size_t pos, unsigned int& value) const;

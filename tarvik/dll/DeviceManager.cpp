@@ -1,5 +1,6 @@
 #include "tarvik/dll/DeviceManager.h"
 
+#include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientI2C.h"
 #include "tarvik/clients/TarvikClientSPI.h"
@@ -41,11 +42,13 @@ void CDeviceManager::Register(int handle, CDevice* device)
 }
 
 // The client class for each device type this library drives; null for the others.
-CTarvikClient* CDeviceManager::CreateClient(unsigned char type, int, int timeoutMs)
+CTarvikClient* CDeviceManager::CreateClient(unsigned char type, int handle, int timeoutMs)
 {
     switch (type)
     {
     case eTarvikI2C: return new CTarvikClientI2C(timeoutMs);
+    // The CAN client hands the handle to the application's callbacks.
+    case eTarvikCAN: return new CTarvikClientCANDll(handle, timeoutMs);
     case eTarvikSPI: return new CTarvikClientSPI(timeoutMs);
     case eTarvikRenesas: return new CTarvikClientRenesas(timeoutMs);
     case eTarvikTestSystemIO: return new CTarvikClientTestSystemIO(timeoutMs);

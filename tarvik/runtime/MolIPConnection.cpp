@@ -64,7 +64,7 @@ int FinishConnect(int fd, int64_t deadlineUs)
 CMolIPBase::~CMolIPBase() = default;
 
 CMolIPConnection::CMolIPConnection()
-    : m_nState(eStateIdle), m_nSocket(-1), m_nSendTimeoutMs(0), m_nFrameTimeoutMs(kMinFrameTimeoutMs), m_nAliveMs(0)
+    : m_nState(eStateIdle), m_nSocket(-1), m_bInBatch(false), m_nSendTimeoutMs(0), m_nFrameTimeoutMs(kMinFrameTimeoutMs), m_nAliveMs(0)
 {
 }
 
@@ -295,6 +295,11 @@ void CMolIPConnection::ReceiveLoop(std::promise<void>* announced)
             break;
         bool wasPending = m_oCutter.GetPending() > 0;
         size_t frames = m_oCutter.Commit(static_cast<size_t>(n), &CMolIPConnection::DeliverFrame, this);
+        if (m_bInBatch)
+        {
+            m_bInBatch = false;
+            BatchInd(false);
+        }
         // The clock runs from the first byte of the frame now at the front.
         if (m_oCutter.GetPending() > 0 && (frames > 0 || !wasPending))
             frameDeadlineUs = MolMonotonicMicroSeconds() + frameTimeoutUs;
@@ -329,10 +334,19 @@ bool CMolIPConnection::WaitForRest(int fd, int64_t deadlineUs)
 
 void CMolIPConnection::DeliverFrame(void* self, const char* frame, unsigned short len)
 {
-    static_cast<CMolIPConnection*>(self)->DataInd(frame, len);
+    CMolIPConnection* connection = static_cast<CMolIPConnection*>(self);
+    // The batch begins with its first complete telegram, so a read of a frame's middle costs nothing.
+    if (!connection->m_bInBatch)
+    {
+        connection->m_bInBatch = true;
+        connection->BatchInd(true);
+    }
+    connection->DataInd(frame, len);
 }
 
 void CMolIPConnection::DataInd(const char*, unsigned short) {}
+
+void CMolIPConnection::BatchInd(bool) {}
 
 void CMolIPConnection::ConnectInd(bool) {}
 

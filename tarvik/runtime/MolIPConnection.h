@@ -91,6 +91,10 @@ protected:
     // A frame too long for a 16-bit size (65536 or 65537 bytes) arrives as an empty
     // block, so that it is dropped as malformed and the stream stays in step.
     virtual void DataInd(const char* data, unsigned short len);
+    // Called on the receive thread around the telegrams that one socket read completed:
+    // true before the first DataInd, false after the last. A read that completes none
+    // calls neither. Lets a receiver take a lock once per read instead of once per telegram.
+    virtual void BatchInd(bool begin);
     // Called on the receive thread after the connection came up and when it ended.
     virtual void ConnectInd(bool connected);
     virtual bool IsConnectMsgAccepted(const std::string& msg);
@@ -107,6 +111,8 @@ private:
     int m_nSocket;
     std::thread m_oReceiver;
     CMolFrameCutter m_oCutter;
+    // A batch of telegrams is being delivered (receive thread only).
+    bool m_bInBatch;
     std::mutex m_oSendMutex;
     std::mutex m_oLifeMutex;
     unsigned int m_nSendTimeoutMs;

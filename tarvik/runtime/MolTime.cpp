@@ -102,8 +102,14 @@ bool CMolUTCTime::Parse(const std::string& text, ETimeFormat format, bool localT
     int consumed = 0;
     int fields = 0;
     if (format == eFormatGerman)
+    {
         fields = std::sscanf(text.c_str(), "%d.%d.%d %d:%d:%d%n", &parts.tm_mday, &parts.tm_mon, &parts.tm_year,
                              &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &consumed);
+        // A date alone ("01.01.1970") is its midnight.
+        if (fields == 3 && std::sscanf(text.c_str(), "%*d.%*d.%*d%n", &consumed) >= 0 &&
+            static_cast<size_t>(consumed) == text.size())
+            fields = 6;
+    }
     else
     {
         char sep = ' ';

@@ -31,7 +31,7 @@ public:
     {
         // "YYYY-MM-DD hh:mm:ss[.fff]" (also with 'T' between date and time)
         eFormatISO = 0,
-        // "DD.MM.YYYY hh:mm:ss[.fff]"
+        // "DD.MM.YYYY hh:mm:ss[.fff]", or the date alone for its midnight
         eFormatGerman = 1,
     };
 

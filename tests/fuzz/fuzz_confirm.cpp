@@ -1,10 +1,11 @@
 // Every confirmation decode of every client (SPI, the test-system units, DIO, AD, Renesas,
-// I2C, firmware), answered from fuzz input without a socket: the first byte picks the
+// I2C, firmware, CAN; and the CAN client's indications, which an answer may bring in front), answered from fuzz input without a socket: the first byte picks the
 // command, its arguments and each answer come from the rest.
 // Output buffers are exactly as large as the caller says, so a write past one is seen.
 #include "FuzzAnswer.h"
 
 #include "tarvik/clients/TarvikClientAD.h"
+#include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/clients/TarvikClientDIO.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientFirmware.h"
@@ -18,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -34,6 +36,15 @@ typedef CFuzzAnswering<CTarvikClientAD> CAd;
 typedef CFuzzAnswering<CTarvikClientRenesas> CRenesas;
 typedef CFuzzAnswering<CTarvikClientI2C> CI2c;
 typedef CFuzzAnswering<CTarvikClientFirmware> CFw;
+
+// The registry's CAN client, constructed like the others from a time-out alone.
+class CCanDllClient : public CTarvikClientCANDll
+{
+public:
+    explicit CCanDllClient(int timeoutMs) : CTarvikClientCANDll(1, timeoutMs) {}
+    ~CCanDllClient() override { StopConnection(); }
+};
+typedef CFuzzAnswering<CCanDllClient> CCan;
 
 // The clients of the test system and the simple gateways, for one input.
 struct SOthers
@@ -438,6 +449,111 @@ void RunRenesas(CRenesas& ren, uint8_t which, CFuzzInput& in)
     }
     }
 }
+// Every fetch of the CAN client once, with buffers exactly as large as documented.
+void DrainCan(CCan& can)
+{
+    std::vector<char> frame(CTarvikClientCANDll::kMaxFrameData), pdo(CTarvikClientCANDll::kMaxPDOData), any(255);
+    std::vector<unsigned char> emcy(5);
+    int id = 0, flags = 0, sec = 0, us = 0;
+    unsigned char a = 0, b = 0, len = 0;
+    unsigned short code = 0;
+    can.CANGetMessage(&id, frame.data(), &len, &flags, &sec, &us);
+    can.CANopenGetPDO(&a, &b, &len, pdo.data());
+    can.CANopenGetSYNC(&a);
+    can.CANopenGetEMCY(&a, &code, &b, emcy.data());
+    can.CANopenGetGUARD(&a, &b);
+    can.CANopenGetUndefined(&id, &a, &b, &len, any.data(), &sec, &us);
+}
+
+void RunCanSDO(CCan& can, uint8_t which, CFuzzInput& in)
+{
+    unsigned char status = 0;
+    unsigned int value = 0;
+    switch (which % 4)
+    {
+    case 0: can.CANopenSendSDORead(in.Byte(), in.Word(), in.Byte(), 0, status, value); break;
+    case 1: can.CANopenSendSDOWrite(in.Byte(), in.Byte(), in.Word(), in.Byte(), 0, in.Word(), status, value); break;
+    case 2:
+    {
+        std::vector<unsigned char> buffer(in.Byte());
+        unsigned short n = 0;
+        can.CANopenSendSDOReadBlock(in.Byte(), in.Word(), in.Byte(), 0, static_cast<unsigned short>(buffer.size()),
+                                    status, n, buffer.empty() ? nullptr : buffer.data());
+        break;
+    }
+    default:
+    {
+        std::string data = in.Bytes(in.Byte());
+        can.CANopenSendSDOWriteBlock(in.Byte(), in.Word(), in.Byte(), 0, static_cast<unsigned short>(data.size()),
+                                     reinterpret_cast<const unsigned char*>(data.data()), status, value);
+        break;
+    }
+    }
+}
+
+void RunCan(CCan& can, uint8_t which, CFuzzInput& in)
+{
+    bool b1 = false, b2 = false, b3 = false, b4 = false, b5 = false;
+    unsigned char u8 = 0;
+    unsigned short u16 = 0, u16b = 0;
+    unsigned int u32 = 0, u32b = 0;
+    switch (which % 12)
+    {
+    case 0: can.GetConfig(b1, b2); can.SetConfig(in.Byte() & 1, false); break;
+    case 1:
+    {
+        CTarvikClientCAN::SConfigFilter filter = {};
+        can.GetFilter(filter);
+        can.SetFilter(filter);
+        break;
+    }
+    case 2: can.GetGlobals(u32, u8, b1, b2, b3, b4, u32b, b5); break;
+    case 3: can.GetZCardParameter(u8, u16, u16b); break;
+    case 4:
+    {
+        timeval tv = {};
+        can.GetTime(b1, tv);
+        std::string stamp = in.Bytes(in.Byte());
+        can.GetTime(in.Byte(), stamp.empty() ? nullptr : stamp.data(), static_cast<unsigned short>(stamp.size()), tv);
+        break;
+    }
+    case 5:
+    {
+        unsigned char n = 0, n1 = 0, n2 = 0;
+        short s1 = 0;
+        std::vector<unsigned short> values(in.Byte() % 8);
+        unsigned char c1 = in.Byte() % 8, c2 = in.Byte() % 8;
+        std::unique_ptr<bool[]> states1(c1 > 0 ? new bool[c1] : nullptr), states2(c2 > 0 ? new bool[c2] : nullptr);
+        can.GetPowerStatus(static_cast<unsigned char>(values.size()), n, c1, n1, c2, n2, s1, u16, u16b, b1,
+                           values.empty() ? nullptr : values.data(), states1.get(), states2.get());
+        break;
+    }
+    case 6:
+    {
+        // Confirmed or not, as the device's answer to the mode switch decides.
+        int sec = 0, us = 0;
+        std::string data = in.Bytes(in.Byte());
+        can.Write(static_cast<int>(in.Word()), data.data(), static_cast<unsigned char>(data.size()), in.Byte(), &sec,
+                  &us);
+        break;
+    }
+    case 7:
+    {
+        std::string data = in.Bytes(in.Byte());
+        can.SetCyclicMessage(in.Byte(), in.Byte() & 1, in.Word(), in.Word(), data.data(),
+                             static_cast<unsigned char>(data.size()), in.Byte());
+        break;
+    }
+    case 8: can.CANopenGetConfig(u8); break;
+    case 9: RunCanSDO(can, in.Byte(), in); break;
+    case 10:
+        can.SetMaxSizePerQueue(in.Byte() % 4);
+        can.CANopenSendSYNC();
+        break;
+    default: DrainCan(can); break;
+    }
+    DrainCan(can);
+}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -447,6 +563,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     spi.Open();
     SOthers others(in);
     CRenesas renesas(in);
+    CCan can(in);
+    can.SetMaxSizePerQueue(4);
     // Several commands per input, so that what one leaves stored meets the next.
     for (int i = 0; i < 8 && !in.Empty(); ++i)
     {
@@ -457,6 +575,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             RunOthers(others, static_cast<uint8_t>(which & 0x3F), in);
         else if (which & 0x20)
             RunRenesas(renesas, static_cast<uint8_t>(which & 0x1F), in);
+        else if (which & 0x10)
+            RunCan(can, static_cast<uint8_t>(which & 0x0F), in);
         else
             RunCommon(spi, static_cast<uint8_t>(which & 0x7F), in);
     }

@@ -1,10 +1,13 @@
 // Arbitrary byte streams into the receive path: the frame cutter and the engine's
 // telegram parsing together, read in chunks whose size the input picks, with
-// confirmations stored, replaced, capped and collected and indications offered.
+// confirmations stored, replaced, capped and collected and indications offered; and the
+// CAN client's indications queued per read or handed to callbacks, then fetched.
+#include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/core/TarvikClient.h"
 #include "tarvik/runtime/MolFrameCutter.h"
 
 #include <cstring>
+#include <vector>
 
 namespace
 {
@@ -31,6 +34,87 @@ private:
     unsigned long m_nOffered = 0;
     size_t m_nSeen = 0;
 };
+// The CAN client fed as its connection feeds it: one batch per read.
+class CReceivingCAN : public CTarvikClientCANDll
+{
+public:
+    CReceivingCAN() : CTarvikClientCANDll(1, 0) {}
+    ~CReceivingCAN() override { StopConnection(); }
+    static void Deliver(void* self, const char* frame, unsigned short len)
+    {
+        static_cast<CReceivingCAN*>(self)->DataInd(frame, len);
+    }
+};
+
+// Callbacks read every byte they are given, so that a length past the data is seen.
+unsigned int g_nSum = 0;
+void Sum(const char* data, int len)
+{
+    for (int i = 0; i < len; ++i)
+        g_nSum += static_cast<unsigned char>(data[i]);
+}
+void OnFrame(unsigned int, const char* data, int len, int, int)
+{
+    Sum(data, len);
+}
+void OnPDO(unsigned char, unsigned char, unsigned char len, const char* data, int, int, int)
+{
+    Sum(data, len);
+}
+void OnEMCY(unsigned char, unsigned short, unsigned char, const unsigned char* data, int, int, int)
+{
+    Sum(reinterpret_cast<const char*>(data), 5);
+}
+void OnUndefined(int, unsigned char, unsigned char, unsigned char len, const char* data, int, int, int)
+{
+    Sum(data, len);
+}
+
+// Fetches until every queue is empty, with buffers exactly as large as documented.
+void DrainCan(CTarvikClientCANDll& can)
+{
+    std::vector<char> frame(CTarvikClientCANDll::kMaxFrameData), pdo(CTarvikClientCANDll::kMaxPDOData), any(255);
+    std::vector<unsigned char> emcy(5);
+    int id = 0, flags = 0, sec = 0, us = 0;
+    unsigned char a = 0, b = 0, len = 0;
+    unsigned short code = 0;
+    while (can.CANGetMessage(&id, frame.data(), &len, &flags, &sec, &us) >= 0)
+        Sum(frame.data(), len);
+    while (can.CANopenGetPDO(&a, &b, &len, pdo.data()) >= 0)
+        Sum(pdo.data(), len);
+    while (can.CANopenGetSYNC(&a) >= 0 || can.CANopenGetGUARD(&a, &b) >= 0)
+    {
+    }
+    while (can.CANopenGetEMCY(&a, &code, &b, emcy.data()) >= 0)
+    {
+    }
+    while (can.CANopenGetUndefined(&id, &a, &b, &len, any.data(), &sec, &us) >= 0)
+        Sum(any.data(), len);
+}
+
+void FeedCan(const uint8_t* data, size_t size, size_t chunk)
+{
+    CReceivingCAN can;
+    can.SetMaxSizePerQueue(data[1] % 8 + 1);
+    if (data[1] & 0x10)
+        can.SetCallback(&OnFrame);
+    if (data[1] & 0x20)
+        can.CANopenSetCallback(&OnPDO, nullptr, &OnEMCY, nullptr, &OnUndefined);
+    CMolFrameCutter cutter;
+    for (size_t pos = 2; pos < size;)
+    {
+        size_t space = 0;
+        char* into = cutter.GetSpace(space);
+        size_t n = size - pos < chunk ? size - pos : chunk;
+        n = n < space ? n : space;
+        std::memcpy(into, data + pos, n);
+        pos += n;
+        can.DataIndBatch(true);
+        cutter.Commit(n, &CReceivingCAN::Deliver, &can);
+        can.DataIndBatch(false);
+    }
+    DrainCan(can);
+}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -57,5 +141,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     unsigned int noWait = 0;
     delete client.WaitForMsg(collect, &noWait);
     delete client.GetMsg(0);
+    FeedCan(data, size, chunk);
     return 0;
 }

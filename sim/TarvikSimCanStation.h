@@ -1,0 +1,55 @@
+// A station on the simulated CAN bus (a gateway or a CANopen node), as the bus sees it,
+// and the frame the bus carries.
+//
+// Flags of a frame (the gateway's flags byte): 0x01 extended (29-bit) identifier,
+// 0x02 remote request, 0x08 CAN FD (up to 64 data bytes). Bit 0x04 marks a time stamp
+// appended to a received frame's telegram; it never travels on the bus itself.
+#ifndef TARVIK_SIM_TARVIKSIMCANSTATION_H
+#define TARVIK_SIM_TARVIKSIMCANSTATION_H
+
+#include <cstdint>
+#include <string>
+
+struct STarvikSimCanFrame
+{
+    static constexpr unsigned char kFlagExtended = 0x01;
+    static constexpr unsigned char kFlagRemote = 0x02;
+    static constexpr unsigned char kFlagTimeStamp = 0x04;
+    static constexpr unsigned char kFlagFD = 0x08;
+    static constexpr size_t kMaxClassic = 8;
+    static constexpr size_t kMaxFD = 64;
+    static constexpr unsigned int kMaxStandardId = 0x7FF;
+    static constexpr unsigned int kMaxExtendedId = 0x1FFFFFFF;
+
+    unsigned int m_nId = 0;
+    unsigned char m_nFlags = 0;
+    std::string m_sData;
+    // Filled in by the bus: wall-clock microseconds since 1970 when it went out, and
+    // who sent it ("can0", "can1" for gateways by port index, "node2", "test").
+    int64_t m_nTimeUs = 0;
+    std::string m_sSender;
+
+    // Whether a CAN controller can send it: identifier within 11 or 29 bits, at most
+    // 8 data bytes (64 for CAN FD).
+    bool IsSendable() const
+    {
+        unsigned int maxId = (m_nFlags & kFlagExtended) != 0 ? kMaxExtendedId : kMaxStandardId;
+        size_t maxData = (m_nFlags & kFlagFD) != 0 ? kMaxFD : kMaxClassic;
+        return m_nId <= maxId && m_sData.size() <= maxData;
+    }
+};
+
+class CTarvikSimCanStation
+{
+public:
+    virtual ~CTarvikSimCanStation() = default;
+    // Station name as the bus log shows it.
+    virtual std::string GetStationName() const = 0;
+    // A frame another station sent. Gateways get it on the bus thread, nodes on the
+    // sender's thread; the bus holds no lock of its own during the call.
+    virtual void OnFrame(const STarvikSimCanFrame& frame) = 0;
+    // A timer set with CTarvikSimCanBus::SetTimer is due (bus thread, no bus lock held).
+    virtual void OnTimer(unsigned int key) = 0;
+};
+
+#endif

@@ -1,0 +1,162 @@
+// CTarvikClientCAN: a CAN gateway (device type 2): bus configuration, acceptance
+// filter and global settings, the device's clock, power and extension-card services,
+// CAN frame transmission, and the CANopen master services that the device carries out.
+//
+// Received CAN frames and CANopen events come as indications; this class ignores them.
+// CTarvikClientCANDll queues them or hands them to callbacks.
+#ifndef TARVIK_CLIENTS_TARVIKCLIENTCAN_H
+#define TARVIK_CLIENTS_TARVIKCLIENTCAN_H
+
+#include "tarvik/core/TarvikClient.h"
+
+#include <sys/time.h>
+
+#include <atomic>
+#include <string>
+
+class TARVIK_API CTarvikClientCAN : public CTarvikClient
+{
+public:
+    // Command numbers; the command code is 0x0200 | number, a confirmation 0x8200 | number.
+    enum ECmd
+    {
+        eCmdFrame = 0x03,              // a CAN frame: request to send, indication when received
+        eCmdSetConfig = 0x05,
+        eCmdGetConfig = 0x06,
+        eCmdSetGlobals = 0x07,
+        eCmdGetGlobals = 0x08,
+        eCmdSetTime = 0x0B,
+        eCmdGetTime = 0x0E,
+        eCmdSetFilter = 0x20,
+        eCmdGetFilter = 0x21,
+        eCmdGetPowerStatus = 0x22,
+        eCmdSetPowerRelais = 0x23,
+        eCmdSetActivePowerSupplies = 0x24,
+        eCmdSetCyclicMessage = 0x25,
+        eCmdSetZCardParameter = 0x51,
+        eCmdGetZCardParameter = 0x52,
+        eCmdCANopenSetConfig = 0x60,
+        eCmdCANopenGetConfig = 0x61,
+        eCmdCANopenSetSYNCMode = 0x62,
+        eCmdCANopenSendNMT = 0x63,
+        eCmdCANopenSYNC = 0x64,        // request to send, indication when received
+        eCmdCANopenSendTIME = 0x65,
+        eCmdCANopenEMCY = 0x66,        // indication only
+        eCmdCANopenPDO = 0x67,         // request to send, indication when received
+        eCmdCANopenSDORead = 0x68,
+        eCmdCANopenSDOWrite = 0x69,
+        eCmdCANopenSDOReadBlock = 0x6A,
+        eCmdCANopenSDOWriteBlock = 0x6B,
+        eCmdCANopenGUARD = 0x6C,       // indication only
+        eCmdCANopenUndefined = 0x6D,   // indication only
+    };
+
+    // Flag bit of a received frame: its last 8 data bytes are a time stamp.
+    static constexpr unsigned char kFlagTimeStamp = 0x04;
+
+    // The acceptance filter: sixteen words that the device interprets, sent and read in order.
+    struct SConfigFilter
+    {
+        unsigned int nFilter[16];
+    };
+
+    explicit CTarvikClientCAN(int timeoutMs);
+    // Stops the connection first (see CTarvikClient::StopConnection).
+    ~CTarvikClientCAN() override;
+
+    // Open() of the engine stays available beside the CAN form below.
+    using CTarvikClient::Open;
+    // The engine's Open(), then SetConfig(bSendDataConfirm, bConfigFlag2).
+    int Open(bool bSendDataConfirm, bool bConfigFlag2);
+
+    // Every operation returns 0 or a result code (a device error reads 0x02xx, see
+    // CTarvikClient::GetErrorMsg). Unless said otherwise, outputs are written only when
+    // the result is 0 and the answer carries their bytes; otherwise they keep their values.
+
+    // bSendDataConfirm: Write waits for the device's confirmation of every frame. Taken
+    // over only when the device accepts it.
+    int SetConfig(bool bSendDataConfirm, bool bConfigFlag2);
+    // Also takes the device's first flag over as the Write mode.
+    int GetConfig(bool& bSendDataConfirm, bool& bConfigFlag2);
+    int SetFilter(const SConfigFilter& filter);
+    int GetFilter(SConfigFilter& filter);
+    int SetGlobals(unsigned int nBaudrate, unsigned char nSetting, bool bFlag1, bool bFlag2, bool bFlag3,
+                   bool bOption1, unsigned int nOptionValue, bool bOption2);
+    // Read in stages by the answer's length: setting and baud rate first (then the other
+    // outputs are cleared), then each further field as far as the answer goes.
+    int GetGlobals(unsigned int& nBaudrate, unsigned char& nSetting, bool& bFlag1, bool& bFlag2, bool& bFlag3,
+                   bool& bOption1, unsigned int& nOptionValue, bool& bOption2);
+
+    int SetZCardParameter(unsigned char nParam1, unsigned short nParam2, unsigned short nParam3);
+    // nParam2 and nParam3 are each two bytes taken as signed and summed (high × 256 + low)
+    // in 16 bits: a low byte of 0x80 or more lowers the high byte by one, as the device expects.
+    int GetZCardParameter(unsigned char& nParam1, unsigned short& nParam2, unsigned short& nParam3);
+    int SetTime(const timeval& tv);
+    // The device's clock.
+    int GetTime(bool& bTimeValid, timeval& tv);
+    // nMax...: capacities of the three arrays (any may be null). The counts returned are
+    // the device's; entries past a capacity, or past the end of the answer, are not stored.
+    int GetPowerStatus(unsigned char nMaxValues, unsigned char& nValueCount, unsigned char nMaxStates1,
+                       unsigned char& nStateCount1, unsigned char nMaxStates2, unsigned char& nStateCount2,
+                       short& nStatusValue1, unsigned short& nStatusValue2, unsigned short& nStatusValue3,
+                       bool& bStatusBit, unsigned short* pnValues, bool* pbStates1, bool* pbStates2);
+    int SetPowerRelais(bool bOn);
+    int SetActivePowerSupplies(unsigned int nMask);
+
+    // Sends one frame (nLen data bytes from pcBuffer; none when it is null). Unconfirmed
+    // mode: returns once sent; the seconds and microseconds (either pointer may be null)
+    // are this PC's local wall-clock time counted from 1 January 1970. Confirmed mode:
+    // waits for the device; its time of transmission is written whenever an answer with
+    // it came, even one that reports an error.
+    int Write(int nIdentifier, const char* pcBuffer, unsigned char nLen, unsigned char nFlags, int* pnSeconds,
+              int* pnMicroseconds);
+    // The device repeats the frame every nInterval while entry nIndex is enabled.
+    int SetCyclicMessage(unsigned char nIndex, bool bEnable, unsigned int nInterval, int nIdentifier,
+                         const char* pcBuffer, unsigned char nLen, unsigned char nFlags);
+    // Connection supervision every nSeconds; sends nothing and returns 0.
+    int StartAlive(unsigned int nSeconds);
+
+    // CANopen master services; the device runs the protocol on the bus.
+    int CANopenSetConfig(unsigned char nMode);
+    // A one-byte answer gives nMode 0.
+    int CANopenGetConfig(unsigned char& nMode);
+    int CANopenSetSYNCMode(unsigned short nSYNCMode);
+    int CANopenSendNMT(unsigned char nNode, unsigned char nCommand);
+    int CANopenSendSYNC();
+    int CANopenSendTIME(unsigned short nDays, unsigned int nMilliseconds);
+    int CANopenSendPDO(unsigned char nSelector1, unsigned char nSelector2, unsigned char nLen, const char* pcBuffer);
+    // The SDO services wait twice nTimeout (the device's own limit) for the answer.
+    // nValue: the answer's value bytes, each taken as signed and summed at its place, so
+    // a byte of 0x80 or more borrows from those above it (the device's encoding).
+    int CANopenSendSDORead(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
+                           unsigned short nTimeout, unsigned char& nStatus, unsigned int& nValue);
+    int CANopenSendSDOWrite(unsigned char nNode, unsigned char nDataSize, unsigned short nIndex,
+                            unsigned char nSubIndex, unsigned short nTimeout, unsigned int nData,
+                            unsigned char& nStatus, unsigned int& nValue);
+    // pcBuffer receives nLen = min(answer size - 2, nBufferSize) bytes from the answer's
+    // status byte on: the first repeats nStatus, and the last data byte of a full
+    // answer is not copied (the device's layout, kept).
+    int CANopenSendSDOReadBlock(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
+                                unsigned short nTimeout, unsigned short nBufferSize, unsigned char& nStatus,
+                                unsigned short& nLen, unsigned char* pcBuffer);
+    int CANopenSendSDOWriteBlock(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
+                                 unsigned short nTimeout, unsigned short nLen, const unsigned char* pcBuffer,
+                                 unsigned char& nStatus, unsigned int& nValue);
+
+    // Indications are ignored here (not taken: the engine drops them).
+    bool DataIndRespond(CTarvikMsg* msg) override;
+
+protected:
+    // Whether Write waits for the device's confirmation of each frame.
+    std::atomic<bool> m_bSendDataConfirm;
+
+private:
+    // The 6-byte SDO address block of 0x268, 0x26A and 0x26B.
+    static std::string SDOAddress(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
+                                  unsigned short nTimeout);
+    // One SDO request waiting twice nTimeout; decodes status and value of the answer.
+    int SDOTransfer(unsigned char cmd, std::string&& payload, unsigned short nTimeout, unsigned char& nStatus,
+                    unsigned int& nValue);
+};
+
+#endif

@@ -1,0 +1,40 @@
+// CTarvikPayload: a read-only view of a telegram's data field with bounds-checked
+// little-endian readers, for decoding confirmations and indications alike. Nothing a
+// device sends is trusted: a read that would pass the end fails and leaves its output alone.
+#ifndef TARVIK_CORE_TARVIKPAYLOAD_H
+#define TARVIK_CORE_TARVIKPAYLOAD_H
+
+#include "tarvik/core/TarvikExport.h"
+
+#include <cstddef>
+#include <string>
+
+class TARVIK_API CTarvikPayload
+{
+public:
+    CTarvikPayload(const char* data, size_t size) : m_pData(data != nullptr ? data : ""), m_nSize(data ? size : 0) {}
+    explicit CTarvikPayload(const std::string& data) : m_pData(data.data()), m_nSize(data.size()) {}
+
+    size_t Size() const { return m_nSize; }
+    const char* Data() const { return m_pData; }
+    // Byte pos, 0 past the end (for fields whose absence the caller has ruled out).
+    unsigned char At(size_t pos) const { return pos < m_nSize ? static_cast<unsigned char>(m_pData[pos]) : 0; }
+
+    // Readers return false and leave value untouched when the bytes are not all there.
+    bool ReadU8(size_t pos, unsigned char& value) const;
+    bool ReadU16(size_t pos, unsigned short& value) const;
+    bool ReadS16(size_t pos, short& value) const;
+    bool ReadU32(size_t pos, unsigned int& value) const;
+    bool ReadS32(size_t pos, int& value) const;
+    // Copies min(max, Size() - pos) bytes from pos (nothing when pos is past the end or
+    // out is null); returns the number copied.
+    size_t CopyTo(size_t pos, void* out, size_t max) const;
+
+private:
+    bool Has(size_t pos, size_t len) const { return pos <= m_nSize && m_nSize - pos >= len; }
+
+    const char* m_pData;
+    size_t m_nSize;
+};
+
+#endif
