@@ -6,7 +6,8 @@
 namespace
 {
 constexpr int kWidth = 30;
-constexpr double kMiB = 1024.0 * 1024.0;
+constexpr double kKiB = 1024.0;
+constexpr double kMiB = 1024.0 * kKiB;
 } // namespace
 
 CCliProgress::CCliProgress(const std::string& label, uint64_t total)
@@ -37,7 +38,10 @@ void CCliProgress::Draw(int percent)
     std::string bar(kWidth, '-');
     bar.replace(0, static_cast<size_t>(percent * kWidth / 100), static_cast<size_t>(percent * kWidth / 100), '#');
     uint64_t done = m_nDone < m_nTotal ? m_nDone : m_nTotal;
-    std::fprintf(stderr, "\r%s [%s] %3d%%  %.1f/%.1f MiB", m_sLabel.c_str(), bar.c_str(), percent,
-                 static_cast<double>(done) / kMiB, static_cast<double>(m_nTotal) / kMiB);
+    // EEPROMs and flash pages are KiB-sized: MiB would show them as 0.0.
+    bool small = static_cast<double>(m_nTotal) < kMiB;
+    double unit = small ? kKiB : kMiB;
+    std::fprintf(stderr, "\r%s [%s] %3d%%  %.1f/%.1f %s", m_sLabel.c_str(), bar.c_str(), percent,
+                 static_cast<double>(done) / unit, static_cast<double>(m_nTotal) / unit, small ? "KiB" : "MiB");
     std::fflush(stderr);
 }

@@ -1,4 +1,5 @@
-// A progress bar on stderr for long transfers: "install a.cfg [#####-----]  48%  31.5/64.0 MiB".
+// A progress bar on stderr for long transfers: "install a.cfg [#####-----]  48%  31.5/64.0 MiB"
+// (KiB below 1 MiB).
 // Drawn only when stderr is a terminal, and redrawn only when the shown percentage changes,
 // so that a redirected stderr stays clean and a fast transfer is not slowed by drawing.
 #ifndef TARVIK_TOOLS_CLIPROGRESS_H

@@ -57,8 +57,14 @@ private:
 void RegisterHexCommands(CLI::App& app, SCliGlobals& globals);
 void RegisterDeviceCommands(CLI::App& app, SCliGlobals& globals);
 void RegisterSpiCommands(CLI::App& app, SCliGlobals& globals);
+void RegisterI2CCommands(CLI::App& app, SCliGlobals& globals);
+void RegisterEepromCommands(CLI::App& app, SCliGlobals& globals);
+void RegisterRenesasCommands(CLI::App& app, SCliGlobals& globals);
+void RegisterFirmwareCommands(CLI::App& app, SCliGlobals& globals);
 void RegisterErrcodeCommand(CLI::App& app, SCliGlobals& globals);
 void RegisterSimCommand(CLI::App& app, SCliGlobals& globals);
 void RegisterTestSystemCommands(CLI::App& app, SCliGlobals& globals);
+void RegisterCanCommands(CLI::App& app, SCliGlobals& globals);
+void RegisterCanOpenCommands(CLI::App& app, SCliGlobals& globals);
 
 #endif

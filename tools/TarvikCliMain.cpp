@@ -163,10 +163,16 @@ int main(int argc, char** argv)
 
     RegisterDeviceCommands(app, globals);
     RegisterSpiCommands(app, globals);
+    RegisterI2CCommands(app, globals);
+    RegisterEepromCommands(app, globals);
+    RegisterRenesasCommands(app, globals);
+    RegisterFirmwareCommands(app, globals);
     RegisterErrcodeCommand(app, globals);
     RegisterSimCommand(app, globals);
     RegisterHexCommands(app, globals);
     RegisterTestSystemCommands(app, globals);
+    RegisterCanCommands(app, globals);
+    RegisterCanOpenCommands(app, globals);
     ShowGlobalsInHelp(app, app);
 
     bool json = WantsJson(argc, argv);

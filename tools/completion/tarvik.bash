@@ -9,6 +9,7 @@ _tarvik()
     case $prev in
         -H|--host) _known_hosts_real -- "$cur"; return ;;
         -P|--port-index|-p|--port|-t|--timeout|-n|--count) return ;;
+        --id|--rate|--type|--select|--offset|--page|--poll|--block) return ;;
         -o|--output) _filedir; return ;;
         -i|--input-format|-O|--output-format)
             COMPREPLY=($(compgen -W "intel srec bin" -- "$cur"))
@@ -28,6 +29,7 @@ _tarvik()
     for ((i = 1; i < cword; i++)); do
         case ${words[i]} in
             -H|--host|-P|--port-index|-p|--port|-t|--timeout) ((i++)) ;;
+            --id|--rate|--type|--select|--offset|--page|--poll|--block|--count) ((i++)) ;;
             -*) ;;
             *) if [[ -z $command ]]; then command=${words[i]}; elif [[ -z $sub ]]; then sub=${words[i]}; fi ;;
         esac
@@ -35,7 +37,7 @@ _tarvik()
 
     case $command in
         "")
-            COMPREPLY=($(compgen -W "info status restart digital analog ping spi testsys dio ad errcode sim hex $globals" \
+            COMPREPLY=($(compgen -W "info status restart digital analog ping spi i2c eeprom renesas firmware testsys dio ad errcode sim hex $globals" \
                 -- "$cur")) ;;
         testsys)
             if [[ -z $sub ]]; then
@@ -53,6 +55,33 @@ _tarvik()
             [[ -z $sub ]] && COMPREPLY=($(compgen -W "read digital inputs --help" -- "$cur")) ;;
         spi)
             [[ -z $sub ]] && COMPREPLY=($(compgen -W "globals xfer seq --help" -- "$cur")) ;;
+        i2c)
+            [[ -z $sub ]] && COMPREPLY=($(compgen -W "read write seq --help" -- "$cur")) ;;
+        eeprom)
+            if [[ -z $sub ]]; then
+                COMPREPLY=($(compgen -W "read write --help" -- "$cur"))
+            elif [[ $cur == -* ]]; then
+                COMPREPLY=($(compgen -W "--type --select --offset --page --poll --help" -- "$cur"))
+            else
+                _filedir
+            fi ;;
+        renesas)
+            if [[ -z $sub ]]; then
+                COMPREPLY=($(compgen -W "init id complete erase program read version check --id --rate --help" \
+                    -- "$cur"))
+            elif [[ $cur == -* ]]; then
+                COMPREPLY=($(compgen -W "--id --rate --block --erase --page --count --help" -- "$cur"))
+            elif [[ $sub == program || $sub == read ]]; then
+                _filedir
+            fi ;;
+        firmware)
+            if [[ -z $sub ]]; then
+                COMPREPLY=($(compgen -W "info read write clear --help" -- "$cur"))
+            elif [[ $cur == -* ]]; then
+                COMPREPLY=($(compgen -W "--block --count --help" -- "$cur"))
+            elif [[ $sub == read || $sub == write ]]; then
+                _filedir
+            fi ;;
         hex)
             if [[ -z $sub ]]; then
                 COMPREPLY=($(compgen -W "info convert dump merge crop fill offset cmp crc --help" -- "$cur"))

@@ -1,0 +1,127 @@
+#include "CliTarget.h"
+
+#include "HexFile.h"
+#include "HexImage.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+
+namespace
+{
+constexpr size_t kDumpWidth = 16;
+
+bool EndsWith(const std::string& text, const char* tail)
+{
+    std::string end(tail);
+    if (text.size() < end.size())
+        return false;
+    return std::equal(end.begin(), end.end(), text.end() - static_cast<std::ptrdiff_t>(end.size()),
+                      [](char a, char b) { return std::tolower(static_cast<unsigned char>(b)) == a; });
+}
+
+// The format that the name asks for: "intel", "srec" or "bin".
+std::string FormatOf(const std::string& file)
+{
+    if (EndsWith(file, ".hex"))
+        return "intel";
+    if (EndsWith(file, ".s19") || EndsWith(file, ".srec"))
+        return "srec";
+    return "bin";
+}
+} // namespace
+
+bool CliIsImageFile(const std::string& file)
+{
+    return FormatOf(file) != "bin";
+}
+
+std::vector<SCliSpan> CliLoadTarget(const std::string& file)
+{
+    CTarvikHexfile image;
+    SHexLoadOptions options;
+    // The name decides, not the contents: a binary that happens to start with ':' stays bytes.
+    options.m_sFormat = FormatOf(file);
+    HexLoad(image, file, options);
+    std::vector<SCliSpan> spans;
+    for (const SHexBlock* block : HexSortedBlocks(image))
+    {
+        std::string bytes(block->m_pData, static_cast<size_t>(block->m_nLength));
+        if (!spans.empty() && spans.back().m_nAddress + spans.back().m_sBytes.size() == block->m_nStartAddress)
+            spans.back().m_sBytes += bytes;
+        else
+            spans.push_back({block->m_nStartAddress, bytes});
+    }
+    if (spans.empty())
+        CliFail(file + ": no data in the file");
+    return spans;
+}
+
+void CliSaveTarget(const std::string& file, uint64_t address, const std::string& bytes)
+{
+    std::string format = FormatOf(file);
+    CTarvikHexfile image;
+    // Raw bytes start at address 0 of the file, whatever the target's address.
+    image.AddMemoryBlock(new SHexBlock(format == "bin" ? 0 : address, bytes.data(), bytes.size()));
+    HexSave(image, file, format);
+}
+
+std::map<uint64_t, std::string> CliTargetPages(const std::vector<SCliSpan>& spans, size_t pageSize, char fill)
+{
+    std::map<uint64_t, std::string> pages;
+    for (const SCliSpan& span : spans)
+    {
+        for (size_t done = 0; done < span.m_sBytes.size();)
+        {
+            uint64_t address = span.m_nAddress + done;
+            size_t inPage = static_cast<size_t>(address % pageSize);
+            size_t count = std::min(pageSize - inPage, span.m_sBytes.size() - done);
+            auto page = pages.emplace(address / pageSize, std::string(pageSize, fill)).first;
+            page->second.replace(inPage, count, span.m_sBytes, done, count);
+            done += count;
+        }
+    }
+    return pages;
+}
+
+std::string CliDumpLines(uint64_t address, const std::string& bytes)
+{
+    std::string text;
+    char label[24];
+    for (size_t pos = 0; pos < bytes.size(); pos += kDumpWidth)
+    {
+        std::snprintf(label, sizeof(label), "%08llX: ", static_cast<unsigned long long>(address + pos));
+        text += (pos != 0 ? "\n" : "") + std::string(label) +
+                CliHexBytes(bytes.data() + pos, std::min(kDumpWidth, bytes.size() - pos));
+    }
+    return text.empty() ? "(no data)" : text;
+}
+
+TCliJson CliReadJson(uint64_t address, const std::string& bytes, const std::string& file)
+{
+    TCliJson json = {{"address", address}, {"length", bytes.size()}};
+    if (file.empty())
+        json["data"] = CliHexBytes(bytes, "");
+    else
+        json["file"] = file;
+    return json;
+}
+
+void CliPrintRead(const SCliGlobals& globals, uint64_t address, const std::string& bytes, const std::string& file)
+{
+    if (file.empty())
+        return CliPrint(globals, CliDumpLines(address, bytes), CliReadJson(address, bytes, ""));
+    CliSaveTarget(file, address, bytes);
+    // Standard output carries the bytes themselves.
+    if (file != "-")
+        CliPrint(globals, "read " + std::to_string(bytes.size()) + " bytes from " + CliHex(address, 4) + " to " + file,
+                 CliReadJson(address, bytes, file));
+}
+
+std::unique_ptr<CCliProgress> CliTargetProgress(const SCliGlobals& globals, const std::string& label, uint64_t total,
+                                                uint64_t step)
+{
+    if (globals.m_bJson || total <= step)
+        return nullptr;
+    return std::unique_ptr<CCliProgress>(new CCliProgress(label, total));
+}
