@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # A short tour: the tarvik tool against the simulator inside its own process, then the
-# C example against a tarvik-sim server on 127.0.0.1.
+# C examples against a tarvik-sim server on 127.0.0.1.
 #
 #   bash examples/demo.sh BUILDDIR
 set -euo pipefail
@@ -10,7 +10,8 @@ build=$(cd "$build" && pwd)
 tarvik=$build/tools/tarvik
 sim=$build/sim/tarvik-sim
 spi_demo=$build/examples/spi_demo
-for program in "$tarvik" "$sim" "$spi_demo"; do
+eeprom_demo=$build/examples/eeprom_demo
+for program in "$tarvik" "$sim" "$spi_demo" "$eeprom_demo"; do
     if [ ! -x "$program" ]; then
         echo "demo.sh: $program is not built" >&2
         exit 1
@@ -94,7 +95,7 @@ wait "$ts_pid" 2>/dev/null || true
 rm -f "$ts_cfg"
 
 echo
-echo "== the C example against tarvik-sim on 127.0.0.1:5002"
+echo "== the C examples against tarvik-sim: SPI on 127.0.0.1:5002, I2C on 127.0.0.1:5000"
 sim_pid=
 stop_sim() {
     if [ -n "$sim_pid" ]; then
@@ -104,12 +105,12 @@ stop_sim() {
 }
 trap stop_sim EXIT
 
-"$sim" --host 127.0.0.1 --devices spi &
+"$sim" --host 127.0.0.1 --devices spi,i2c &
 sim_pid=$!
-# Wait for the port (bash's /dev/tcp), at most 5 s.
+# Wait for a port (bash's /dev/tcp), at most 5 s.
 wait_for_port() {
     for _ in $(seq 50); do
-        if (exec 3<>/dev/tcp/127.0.0.1/5002) 2>/dev/null; then
+        if (exec 3<>/dev/tcp/127.0.0.1/"$1") 2>/dev/null; then
             return 0
         fi
         kill -0 "$sim_pid" 2>/dev/null || return 1
@@ -117,8 +118,11 @@ wait_for_port() {
     done
     return 1
 }
-if ! wait_for_port; then
-    echo "demo.sh: tarvik-sim does not listen on 127.0.0.1:5002 (port taken?)" >&2
-    exit 1
-fi
+for port in 5002 5000; do
+    if ! wait_for_port "$port"; then
+        echo "demo.sh: tarvik-sim does not listen on 127.0.0.1:$port (port taken?)" >&2
+        exit 1
+    fi
+done
 step "$spi_demo" 127.0.0.1
+step "$eeprom_demo" 127.0.0.1

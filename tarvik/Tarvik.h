@@ -8,7 +8,13 @@
 #include "tarvik/core/TarvikExport.h"
 #include "tarvik/core/TarvikResult.h"
 #include "tarvik/dll/TarvikDLL.h"
+#include "tarvik/dll/TarvikDllAD.h"
+#include "tarvik/dll/TarvikDllDIO.h"
+#include "tarvik/dll/TarvikDllFirmware.h"
+#include "tarvik/dll/TarvikDllI2C.h"
+#include "tarvik/dll/TarvikDllRenesas.h"
 #include "tarvik/dll/TarvikDllSPI.h"
+#include "tarvik/dll/TarvikDllTestSystem.h"
 
 #ifdef __cplusplus
 #include "tarvik/clients/TarvikClientAD.h"

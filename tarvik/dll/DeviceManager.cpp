@@ -69,15 +69,38 @@ int CDeviceManager::OpenDevice(int* handle, const char* host, int timeoutMs, uns
     *handle = DrawHandle();
     if (type > kMaxDeviceType)
         return TARVIK_ERR_INVALID_DEVICE_TYPE;
-    CDevice* device = nullptr;
+    std::unique_ptr<CTarvikClient> client;
     try
     {
-        CTarvikClient* client = CreateClient(type, *handle, timeoutMs);
-        if (client == nullptr)
-            return TARVIK_ERR_INVALID_DEVICE_TYPE;
-        device = new CDevice();
-        device->m_pClient = client;
-        device->m_bOwnsClient = true;
+        client.reset(CreateClient(type, *handle, timeoutMs));
+    }
+    catch (...)
+    {
+        *handle = -1;
+        return TARVIK_ERR_SOCKET;
+    }
+    if (client == nullptr)
+        return TARVIK_ERR_INVALID_DEVICE_TYPE;
+    return ConnectOwned(handle, host, std::move(client), type, portIndex, protocol, flag);
+}
+
+int CDeviceManager::OpenOwnedDevice(int* handle, const char* host, std::unique_ptr<CTarvikClient> client,
+                                    unsigned char portIndex, unsigned char protocol, bool flag)
+{
+    if (portIndex > kMaxPortIndex || handle == nullptr || client == nullptr)
+        return TARVIK_ERR_INVALID_PARAMETER;
+    *handle = DrawHandle();
+    auto type = static_cast<unsigned char>(client->GetDeviceType());
+    return ConnectOwned(handle, host, std::move(client), type, portIndex, protocol, flag);
+}
+
+int CDeviceManager::ConnectOwned(int* handle, const char* host, std::unique_ptr<CTarvikClient> client,
+                                 unsigned char type, unsigned char portIndex, unsigned char protocol, bool flag)
+{
+    std::unique_ptr<CDevice> device;
+    try
+    {
+        device.reset(new CDevice());
         device->m_nHandle = *handle;
         device->m_nPort = TarvikDevicePort(type, portIndex);
         device->m_sHost = host != nullptr ? host : "";
@@ -85,18 +108,20 @@ int CDeviceManager::OpenDevice(int* handle, const char* host, int timeoutMs, uns
     }
     catch (...)
     {
-        delete device;
         *handle = -1;
         return TARVIK_ERR_SOCKET;
     }
+    device->m_pClient = client.release();
+    device->m_bOwnsClient = true;
+    // No lock is held while connecting; deleting the entry deletes (and disconnects) the client.
     int result = device->m_pClient->Connect(host, device->m_nPort, protocol, flag);
     if (result != 0)
     {
         *handle = -1;
-        delete device;
         return result;
     }
-    Register(device->m_nHandle, device);
+    Register(device->m_nHandle, device.get());
+    device.release();
     return 0;
 }
 

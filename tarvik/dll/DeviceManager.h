@@ -7,6 +7,7 @@
 #include "tarvik/runtime/MolSync.h"
 
 #include <map>
+#include <memory>
 #include <string>
 
 // One registry entry.
@@ -36,6 +37,13 @@ public:
     // a connect failure gives its code with *handle = -1.
     static int OpenDevice(int* handle, const char* host, int timeoutMs, unsigned char type, unsigned char portIndex,
                           unsigned char protocol, bool flag);
+    // The same for a client built by the caller, for device types without a row in
+    // OpenDevice's table (the service device 0, DIO 5, AD 7): the handle is drawn, the
+    // client connected and registered by OpenDevice's rules, and the entry owns it from
+    // here on (a failed connect deletes it). 0x920000 without a client, a handle or a
+    // port index in 0..99, nothing touched. Used by the C interface's open functions.
+    static int OpenOwnedDevice(int* handle, const char* host, std::unique_ptr<CTarvikClient> client,
+                               unsigned char portIndex, unsigned char protocol, bool flag);
     // Registers an entry built by the caller, who keeps the client.
     static void SetDevice(int* handle, CDevice* device);
     // The entry or null. Not protected against a concurrent CloseDevice.
@@ -48,6 +56,10 @@ private:
     static int DrawHandle();
     static void Register(int handle, CDevice* device);
     static CTarvikClient* CreateClient(unsigned char type, int handle, int timeoutMs);
+    // Builds the owning entry under the drawn *handle, connects and registers it;
+    // on failure *handle = -1 and the entry with its client is deleted.
+    static int ConnectOwned(int* handle, const char* host, std::unique_ptr<CTarvikClient> client,
+                            unsigned char type, unsigned char portIndex, unsigned char protocol, bool flag);
 
     static std::map<int, CDevice*> m_aoHandleMap;
     static CMolMutex m_oMutexHandleMap;

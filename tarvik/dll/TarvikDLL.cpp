@@ -6,20 +6,6 @@
 
 const char* gsDLLVersionString = "Tarvik SPI DLL V1.3-2.18";
 
-namespace tarvik_dll
-{
-int CopyText(const std::string& text, char* buf, int size)
-{
-    if (buf == nullptr || size <= 0)
-        return 0;
-    std::string copied = text;
-    if (text.size() + 1 > static_cast<size_t>(size))
-        copied = text.substr(text.empty() ? 0 : 1, static_cast<size_t>(size) - 1);
-    std::memcpy(buf, copied.c_str(), copied.size() + 1);
-    return static_cast<int>(copied.size() + 1);
-}
-} // namespace tarvik_dll
-
 int DLLInfo(char* buf, int size)
 {
     return tarvik_dll::CopyText(gsDLLVersionString, buf, size);
@@ -66,4 +52,48 @@ int DeviceStatus(int handle, char* buf, int size)
     {
         return 0;
     }
+}
+
+int DeviceRestart(int handle)
+{
+    return tarvik_dll::WithClient<CTarvikClient>(handle, [](CTarvikClient& client) { return client.Restart(); });
+}
+
+int DeviceReadDigital(int handle, unsigned int* inputs, unsigned int* outputs)
+{
+    return tarvik_dll::WithClient<CTarvikClient>(handle, [&](CTarvikClient& client) {
+        tarvik_dll::COut<unsigned int> in(inputs), out(outputs);
+        return client.BaseReadDigital(*in, *out);
+    });
+}
+
+int DeviceWriteDigital(int handle, unsigned int outputs)
+{
+    return tarvik_dll::WithClient<CTarvikClient>(handle,
+                                                 [&](CTarvikClient& client) { return client.BaseWriteDigital(outputs); });
+}
+
+int DeviceReadAnalog(int handle, unsigned int* first, unsigned int* values, int capacity, int* count)
+{
+    return tarvik_dll::WithClient<CTarvikClient>(handle, [&](CTarvikClient& client) {
+        if (capacity < 0 || !tarvik_dll::IsBuffer(values, capacity))
+            return TARVIK_ERR_INVALID_PARAMETER;
+        // Only a capacity: cutting it loses nothing the client could have stored.
+        auto n = static_cast<unsigned short>(capacity > 0xFFFF ? 0xFFFF : capacity);
+        tarvik_dll::COut<unsigned int> value(first);
+        int result = client.ReadAnalog(*value, values, n);
+        if (count != nullptr)
+            *count = n;
+        return result;
+    });
+}
+
+int DeviceWriteAnalog(int handle, const unsigned int* values, int count)
+{
+    return tarvik_dll::WithClient<CTarvikClient>(handle, [&](CTarvikClient& client) {
+        unsigned short n = 0;
+        if (!tarvik_dll::IsBuffer(values, count) || !tarvik_dll::FitLength(count, 0xFFFF, n))
+            return TARVIK_ERR_INVALID_PARAMETER;
+        return client.WriteAnalog(values, n);
+    });
 }

@@ -28,6 +28,20 @@ TARVIK_API int DeviceInfo(int handle, STarvikDeviceInfo* info);
  * bytes, for a failed request. */
 TARVIK_API int DeviceStatus(int handle, char* buf, int size);
 
+/* Commands that every gateway understands, for a handle of any family. They return 0
+ * or a result code: 0x900000 unknown handle, 0x920000 a bad argument, transport codes,
+ * device results with the device type in bits 8..15. Null outputs are skipped. */
+TARVIK_API int DeviceRestart(int handle);
+/* The base board's digital words; written only from an answer that carries both. */
+TARVIK_API int DeviceReadDigital(int handle, unsigned int* inputs, unsigned int* outputs);
+TARVIK_API int DeviceWriteDigital(int handle, unsigned int outputs);
+/* The analog channels: *first receives the first value, values the next min(n,
+ * capacity) values, *count n, the number the device sent (0 on a failure). capacity
+ * is cut to 65535. */
+TARVIK_API int DeviceReadAnalog(int handle, unsigned int* first, unsigned int* values, int capacity, int* count);
+/* Sends count values; 0x920000 for a negative count or one above 65535. */
+TARVIK_API int DeviceWriteAnalog(int handle, const unsigned int* values, int count);
+
 #ifdef __cplusplus
 }
 #endif

@@ -8,7 +8,6 @@ using tarvik_dll::WithClient;
 namespace
 {
 constexpr unsigned char kSPIPortIndex = 0;
-constexpr unsigned char kSPIProtocol = 1;
 
 unsigned short Cut16(int len)
 {
@@ -20,19 +19,7 @@ int SPIOpenDevice(int* handle, const char* host, int timeoutMs)
 {
     try
     {
-        int result = CDeviceManager::OpenDevice(handle, host, timeoutMs, eTarvikSPI, kSPIPortIndex, kSPIProtocol, true);
-        if (result != 0)
-            return result;
-        CDevice* device = CDeviceManager::GetDevice(*handle);
-        if (device == nullptr)
-            return TARVIK_ERR_INVALID_HANDLE;
-        result = device->m_pClient->Open();
-        if (result == 0)
-            return 0;
-        device->m_pClient->Close();
-        CDeviceManager::CloseDevice(*handle);
-        *handle = -1;
-        return result;
+        return tarvik_dll::OpenByTable(handle, host, timeoutMs, eTarvikSPI, kSPIPortIndex);
     }
     catch (...)
     {

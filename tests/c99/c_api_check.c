@@ -1,0 +1,141 @@
+/* The flat interface seen from C: tarvik/Tarvik.h compiles as strict C99 (-std=c99
+ * -Wall -Wextra -pedantic -Werror), every function links from the shared library (so
+ * each is exported), and each one refuses a handle that was never opened. Exits 0 when
+ * all of that holds; prints the functions that answered otherwise. */
+#include "tarvik/Tarvik.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#define NO_HANDLE 999999
+
+static int g_nFailed = 0;
+
+static void Expect(const char* name, int expected, int got)
+{
+    if (expected == got)
+        return;
+    printf("%s: 0x%06X, expected 0x%06X\n", name, (unsigned)got, (unsigned)expected);
+    g_nFailed = 1;
+}
+
+#define EXPECT_INVALID_HANDLE(call) Expect(#call, TARVIK_ERR_INVALID_HANDLE, call)
+
+int main(void)
+{
+    char buf[TARVIK_FIRMWARE_BLOCK_SIZE];
+    unsigned short words[4] = {0, 0, 0, 0};
+    unsigned short u16 = 0;
+    unsigned int u32[4] = {0, 0, 0, 0};
+    unsigned char u8 = 0;
+    int n = 0;
+    STarvikI2CStep step;
+    STarvikFirmwareInfo info;
+
+    memset(buf, 0, sizeof(buf));
+    memset(&info, 0, sizeof(info));
+    step.nCommand = 0xA1;
+    step.nLength = 1;
+    step.pBuffer = buf;
+
+    EXPECT_INVALID_HANDLE(DeviceRestart(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(DeviceReadDigital(NO_HANDLE, &u32[0], &u32[1]));
+    EXPECT_INVALID_HANDLE(DeviceWriteDigital(NO_HANDLE, 1));
+    EXPECT_INVALID_HANDLE(DeviceReadAnalog(NO_HANDLE, &u32[0], u32, 4, &n));
+    EXPECT_INVALID_HANDLE(DeviceWriteAnalog(NO_HANDLE, u32, 4));
+
+    EXPECT_INVALID_HANDLE(I2CCloseDevice(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(I2CSetBaudrate(NO_HANDLE, 400));
+    EXPECT_INVALID_HANDLE(I2CGetBaudrate(NO_HANDLE, &u32[0]));
+    EXPECT_INVALID_HANDLE(I2CReset(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(I2CReadDigital(NO_HANDLE, &u32[0], &u32[1]));
+    EXPECT_INVALID_HANDLE(I2CWriteDigital(NO_HANDLE, 1));
+    EXPECT_INVALID_HANDLE(I2CRead(NO_HANDLE, 0xA0, buf, 4, &u16));
+    EXPECT_INVALID_HANDLE(I2CWrite(NO_HANDLE, 0xA0, buf, 4, &u16));
+    EXPECT_INVALID_HANDLE(I2CRAWStart(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(I2CRAWSend(NO_HANDLE, 0xA0, 0));
+    EXPECT_INVALID_HANDLE(I2CRAWGet(NO_HANDLE, 1, &u8));
+    EXPECT_INVALID_HANDLE(I2CRAWStop(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(I2CWriteSequence(NO_HANDLE, buf, 4, buf, 4, &u16, &u16));
+    EXPECT_INVALID_HANDLE(I2CWriteSequenceSteps(NO_HANDLE, &step, 1, &u16));
+    EXPECT_INVALID_HANDLE(EEPROMWrite(NO_HANDLE, 0, 0, TARVIK_EEPROM_TYPE(8, 0, 0), buf, 4));
+    EXPECT_INVALID_HANDLE(EEPROMWritePollAck(NO_HANDLE, 0, 0, TARVIK_EEPROM_TYPE(8, 0, 0), buf, 4, 10));
+    EXPECT_INVALID_HANDLE(EEPROMRead(NO_HANDLE, 0, 0, TARVIK_EEPROM_TYPE(8, 0, 0), buf, 4, &u16));
+    Expect("EEPROMGetSlaveAddress", 0xA2, (int)EEPROMGetSlaveAddress(0, 0x1FF, TARVIK_EEPROM_TYPE(8, 1, 0)));
+    Expect("EEPROMGetAddressByteCount", 2, EEPROMGetAddressByteCount(TARVIK_EEPROM_TYPE(16, 0, 0)));
+
+    EXPECT_INVALID_HANDLE(RenesasCloseDevice(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(RenesasInit(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(RenesasCheckID(NO_HANDLE, buf, 7));
+    EXPECT_INVALID_HANDLE(RenesasSetBaudrate(NO_HANDLE, 1));
+    EXPECT_INVALID_HANDLE(RenesasReadPage(NO_HANDLE, 0, buf, TARVIK_RENESAS_PAGE_SIZE, &u16));
+    EXPECT_INVALID_HANDLE(RenesasEraseAll(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(RenesasBlockErase(NO_HANDLE, 0));
+    EXPECT_INVALID_HANDLE(RenesasWritePage(NO_HANDLE, 0, buf, TARVIK_RENESAS_PAGE_SIZE));
+    EXPECT_INVALID_HANDLE(RenesasGetVersion(NO_HANDLE, buf, 64));
+    EXPECT_INVALID_HANDLE(RenesasComplete(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(RenesasVerifyCheck(NO_HANDLE, 0, 1, &u16));
+    EXPECT_INVALID_HANDLE(RenesasReadDigital(NO_HANDLE, &u32[0], &u32[1]));
+    EXPECT_INVALID_HANDLE(RenesasWriteDigital(NO_HANDLE, 1));
+
+    EXPECT_INVALID_HANDLE(FirmwareCloseDevice(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(FirmwareRestart(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(FirmwareClearFlash(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(FirmwareReadFlash(NO_HANDLE, 0, buf, (int)sizeof(buf), &n));
+    EXPECT_INVALID_HANDLE(FirmwareWriteFlash(NO_HANDLE, 0, buf, (int)sizeof(buf)));
+    EXPECT_INVALID_HANDLE(FirmwareGetEEPromInfo(NO_HANDLE, &n));
+    EXPECT_INVALID_HANDLE(FirmwareReadEEProm(NO_HANDLE, 0, buf, 16, &u16));
+    EXPECT_INVALID_HANDLE(FirmwareWriteEEProm(NO_HANDLE, 0, buf, 16));
+    EXPECT_INVALID_HANDLE(FirmwareGetInfo(NO_HANDLE, &info));
+    EXPECT_INVALID_HANDLE(FirmwareSetInfo(NO_HANDLE, &info));
+    info.nSWVersion = 0x00020A03;
+    info.nSWVariant = 0;
+    info.nHWVersion = 0x0001010A;
+    Expect("FirmwareSWVersionString", 7, FirmwareSWVersionString(&info, buf, 64));
+    Expect("FirmwareHWVersionString", 6, FirmwareHWVersionString(&info, buf, 64));
+
+    EXPECT_INVALID_HANDLE(TSCOMCloseDevice(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(TSCOMSetConfig(NO_HANDLE, "station"));
+    EXPECT_INVALID_HANDLE(TSCOMGetConfig(NO_HANDLE, buf, 64));
+    EXPECT_INVALID_HANDLE(TSCOMIsConfigAvailable(NO_HANDLE, "station", &n, &u32[0]));
+    EXPECT_INVALID_HANDLE(TSCOMSendFile(NO_HANDLE, "station.cfg", 0));
+    EXPECT_INVALID_HANDLE(TSCOMInstallConfig(NO_HANDLE, "station", "station.cfg"));
+    EXPECT_INVALID_HANDLE(TSIOCloseDevice(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(TSIOSetValue(NO_HANDLE, words, 4));
+    EXPECT_INVALID_HANDLE(TSIOGetValue(NO_HANDLE, words, 4));
+    EXPECT_INVALID_HANDLE(TSIOSetPower(NO_HANDLE, words, 4));
+    EXPECT_INVALID_HANDLE(TSIOGetPower(NO_HANDLE, words, 4));
+    EXPECT_INVALID_HANDLE(TSPWRCloseDevice(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(TSPWRSetValue(NO_HANDLE, words, 4));
+    EXPECT_INVALID_HANDLE(TSPWRGetValue(NO_HANDLE, words, 4));
+    EXPECT_INVALID_HANDLE(TSRelayCloseDevice(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(TSRelaySetRelay(NO_HANDLE, 1, 1));
+    EXPECT_INVALID_HANDLE(TSRelayGetButton(NO_HANDLE, 0, &n));
+    EXPECT_INVALID_HANDLE(TSRelaySetPower(NO_HANDLE, words, 4));
+    EXPECT_INVALID_HANDLE(TSRelayGetPower(NO_HANDLE, words, 4));
+
+    EXPECT_INVALID_HANDLE(DIOCloseDevice(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(DIORead(NO_HANDLE, &u32[0], &u32[1]));
+    EXPECT_INVALID_HANDLE(DIOWrite(NO_HANDLE, 1));
+    EXPECT_INVALID_HANDLE(ADCloseDevice(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(ADReadDigital(NO_HANDLE, &u32[0], &u32[1]));
+    EXPECT_INVALID_HANDLE(ADWriteDigital(NO_HANDLE, 1));
+    EXPECT_INVALID_HANDLE(ADReadDigitalInput(NO_HANDLE, &u32[0], &u32[1], &u32[2]));
+    EXPECT_INVALID_HANDLE(ADRead(NO_HANDLE, u32, 4, &n));
+
+    /* A port index outside 0..99 is refused before anything else; *handle stays. */
+    n = 42;
+    Expect("I2COpenDevice", TARVIK_ERR_INVALID_PARAMETER, I2COpenDevice(&n, "127.0.0.1", 100, 100));
+    Expect("RenesasOpenDevice", TARVIK_ERR_INVALID_PARAMETER, RenesasOpenDevice(&n, "127.0.0.1", 100, -1));
+    Expect("FirmwareOpenDevice", TARVIK_ERR_INVALID_PARAMETER, FirmwareOpenDevice(&n, "127.0.0.1", 100, 256));
+    Expect("TSCOMOpenDevice", TARVIK_ERR_INVALID_PARAMETER, TSCOMOpenDevice(&n, "127.0.0.1", 100, 100));
+    Expect("TSIOOpenDevice", TARVIK_ERR_INVALID_PARAMETER, TSIOOpenDevice(&n, "127.0.0.1", 100, 100));
+    Expect("TSPWROpenDevice", TARVIK_ERR_INVALID_PARAMETER, TSPWROpenDevice(&n, "127.0.0.1", 100, 100));
+    Expect("TSRelayOpenDevice", TARVIK_ERR_INVALID_PARAMETER, TSRelayOpenDevice(&n, "127.0.0.1", 100, 100));
+    Expect("DIOOpenDevice", TARVIK_ERR_INVALID_PARAMETER, DIOOpenDevice(&n, "127.0.0.1", 100, 100));
+    Expect("ADOpenDevice", TARVIK_ERR_INVALID_PARAMETER, ADOpenDevice(&n, "127.0.0.1", 100, 100));
+    Expect("handle left alone", 42, n);
+
+    printf("%s\n", g_nFailed ? "c_api_check FAILED" : "c_api_check passed");
+    return g_nFailed;
+}
