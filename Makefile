@@ -11,10 +11,13 @@ PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
 COMPONENTS = -DTARVIK_BUILD_TESTS=ON -DTARVIK_BUILD_SIM=ON -DTARVIK_BUILD_TOOLS=ON -DTARVIK_BUILD_EXAMPLES=ON
+# The Python module only in the normal build: the sanitizer runtimes cannot be preloaded into python3.
+PYTHON_COMPONENTS = -DTARVIK_BUILD_PYTHON=ON
 
 PACKAGES = cmake make g++ pkg-config libboost-dev libgtest-dev libgmock-dev \
            libbenchmark-dev libcli11-dev nlohmann-json3-dev srecord ccache clang libclang-rt-14-dev \
-           help2man bash-completion
+           help2man bash-completion \
+           pybind11-dev python3-dev python3-pytest python3-can
 
 # The fuzz build goes through ccache when there is one.
 CCACHE := $(shell command -v ccache 2>/dev/null)
@@ -38,7 +41,7 @@ deps:
 	fi
 
 configure: deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(COMPONENTS) $(CMAKE_ARGS)
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(COMPONENTS) $(PYTHON_COMPONENTS) $(CMAKE_ARGS)
 
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)

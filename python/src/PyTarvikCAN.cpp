@@ -1,0 +1,660 @@
+// tarvik.CAN: the handle-based CAN client with its receive queues, its callbacks re-entering
+// Python from the receive thread, and the CANopen master services.
+#include "PyTarvikCAN.h"
+
+#include "tarvik/clients/TarvikClientCANDll.h"
+
+#include <pybind11/stl.h>
+
+#include <Python.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <vector>
+
+using namespace pybind11::literals;
+
+namespace
+{
+
+constexpr int kMaxBuffer = 255;   // CANopenGetUndefined copies up to 255 bytes
+
+// The library's CAN client that also wakes a Python thread waiting for a queue.
+class CPyCANClient : public CTarvikClientCANDll
+{
+public:
+    CPyCANClient(int handle, int timeoutMs) : CTarvikClientCANDll(handle, timeoutMs) {}
+    ~CPyCANClient() override { StopConnection(); }
+
+    bool DataIndRespond(CTarvikMsg* msg) override
+    {
+        bool taken = CTarvikClientCANDll::DataIndRespond(msg);
+        Wake();
+        return taken;
+    }
+    void DataIndBatch(bool begin) override
+    {
+        CTarvikClientCANDll::DataIndBatch(begin);
+        if (!begin)
+            Wake();
+    }
+
+    // Waits until something arrived after `seen` was read, or the deadline passed.
+    void WaitAfter(unsigned long seen, std::chrono::steady_clock::time_point deadline)
+    {
+        std::unique_lock<std::mutex> lock(m_oMutex);
+        m_oArrived.wait_until(lock, deadline, [&] { return m_nArrivals != seen; });
+    }
+    unsigned long Arrivals()
+    {
+        std::lock_guard<std::mutex> lock(m_oMutex);
+        return m_nArrivals;
+    }
+
+private:
+    void Wake()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_oMutex);
+            ++m_nArrivals;
+        }
+        m_oArrived.notify_all();
+    }
+
+    std::mutex m_oMutex;
+    std::condition_variable m_oArrived;
+    unsigned long m_nArrivals = 0;
+};
+
+class CPyCAN;
+
+// Handle -> Python CAN object, for the callbacks, which get only the handle. Lock order: the
+// GIL first, then this mutex (every user holds the GIL).
+std::mutex s_oRegistryMutex;
+std::map<int, CPyCAN*> s_aoRegistry;
+int s_nNextHandle = 0x70000000;
+
+// Timeouts given in seconds (None = wait for ever would block close(): None polls once).
+std::chrono::steady_clock::time_point Deadline(std::optional<double> timeout)
+{
+    const double seconds = timeout ? std::max(0.0, *timeout) : 0.0;
+    return std::chrono::steady_clock::now() +
+           std::chrono::microseconds(static_cast<long long>(std::min(seconds, 1e7) * 1e6));
+}
+
+class CPyCAN : public CPyClientBase
+{
+public:
+    CPyCAN(const std::string& host, int portIndex, unsigned int timeoutMs, std::optional<int> port,
+           unsigned long queueSize)
+        : CPyCAN(NewHandle(), host, portIndex, timeoutMs, port, queueSize)
+    {
+    }
+
+    CPyCAN(int handle, const std::string& host, int portIndex, unsigned int timeoutMs, std::optional<int> port,
+           unsigned long queueSize)
+        : CPyClientBase(std::make_unique<CPyCANClient>(handle, static_cast<int>(timeoutMs)), host, portIndex, port),
+          m_nHandle(handle)
+    {
+        {
+            std::lock_guard<std::mutex> lock(s_oRegistryMutex);
+            s_aoRegistry[m_nHandle] = this;
+        }
+        if (queueSize != 0)
+            C().SetMaxSizePerQueue(queueSize);
+    }
+
+    ~CPyCAN() override
+    {
+        // No callback may run into this object once it is gone: stop first, then unregister.
+        if (PyGILState_Check())
+        {
+            py::gil_scoped_release release;
+            StopReleased();
+        }
+        else
+            StopReleased();
+        std::lock_guard<std::mutex> lock(s_oRegistryMutex);
+        s_aoRegistry.erase(m_nHandle);
+    }
+
+    CPyCANClient& C() { return static_cast<CPyCANClient&>(*m_pClient); }
+    int Handle() const { return m_nHandle; }
+
+    // Looks up the Python object of a handle and copies one of its callbacks. Needs the GIL.
+    static py::object Lookup(int handle, py::object CPyCAN::*member)
+    {
+        std::lock_guard<std::mutex> lock(s_oRegistryMutex);
+        auto it = s_aoRegistry.find(handle);
+        if (it == s_aoRegistry.end())
+            return py::object();
+        return it->second->*member;
+    }
+
+    // Stops every CAN client before the interpreter goes away: a receive thread must not
+    // try to take the GIL of a finalizing interpreter.
+    static void CloseAll()
+    {
+        std::vector<CPyCAN*> all;
+        {
+            std::lock_guard<std::mutex> lock(s_oRegistryMutex);
+            for (auto& entry : s_aoRegistry)
+                all.push_back(entry.second);
+        }
+        py::gil_scoped_release release;
+        for (CPyCAN* can : all)
+            can->StopReleased();
+    }
+
+    py::object m_oOnFrame, m_oOnPDO, m_oOnSYNC, m_oOnEMCY, m_oOnGUARD, m_oOnUndefined;
+
+private:
+    static int NewHandle()
+    {
+        std::lock_guard<std::mutex> lock(s_oRegistryMutex);
+        return ++s_nNextHandle;
+    }
+
+    int m_nHandle = 0;
+};
+
+// Runs a Python callback on the receive thread. An exception it raises is reported as
+// unraisable (printed) and reception goes on.
+template <class... Args>
+void CallPython(int handle, py::object CPyCAN::*member, Args&&... args)
+{
+    if (!Py_IsInitialized())
+        return;
+    py::gil_scoped_acquire acquire;
+    try
+    {
+        py::object fn = CPyCAN::Lookup(handle, member);
+        if (!fn || fn.is_none())
+            return;
+        fn(std::forward<Args>(args)...);
+    }
+    catch (py::error_already_set& error)
+    {
+        error.discard_as_unraisable("tarvik.CAN callback");
+    }
+    catch (const std::exception& error)
+    {
+        PyErr_SetString(PyExc_RuntimeError, error.what());
+        PyErr_WriteUnraisable(nullptr);
+    }
+}
+
+void FrameTrampoline(unsigned int id, const char* data, int len, int flags, int handle, int sec, int usec)
+{
+    // The bytes object is made under the GIL too (taken again inside CallPython: that nests).
+    if (!Py_IsInitialized())
+        return;
+    py::gil_scoped_acquire acquire;
+    CallPython(handle, &CPyCAN::m_oOnFrame, id, py::bytes(data, static_cast<size_t>(len)), flags & 0xFF, sec,
+               usec);
+}
+
+void PDOTrampoline(unsigned char p1, unsigned char p2, unsigned char len, const char* data, int handle, int, int)
+{
+    if (!Py_IsInitialized())
+        return;
+    py::gil_scoped_acquire acquire;
+    CallPython(handle, &CPyCAN::m_oOnPDO, p1, p2, py::bytes(data, len));
+}
+
+void SYNCTrampoline(unsigned char value, int handle, int, int)
+{
+    CallPython(handle, &CPyCAN::m_oOnSYNC, value);
+}
+
+void EMCYTrampoline(unsigned char node, unsigned short code, unsigned char reg, const unsigned char* data,
+                    int handle, int, int)
+{
+    if (!Py_IsInitialized())
+        return;
+    py::gil_scoped_acquire acquire;
+    CallPython(handle, &CPyCAN::m_oOnEMCY, node, code, reg, py::bytes(reinterpret_cast<const char*>(data), 5));
+}
+
+void GUARDTrampoline(unsigned char node, unsigned char state, int handle, int, int)
+{
+    CallPython(handle, &CPyCAN::m_oOnGUARD, node, state);
+}
+
+void UndefinedTrampoline(int id, unsigned char, unsigned char, unsigned char len, const char* data, int handle,
+                         int sec, int usec)
+{
+    if (!Py_IsInitialized())
+        return;
+    py::gil_scoped_acquire acquire;
+    CallPython(handle, &CPyCAN::m_oOnUndefined, id, py::bytes(data, len), sec, usec);
+}
+
+// Polls one queue until it yields or the deadline passes, with the GIL released.
+template <class Fetch>
+bool WaitFor(CPyCAN& can, std::optional<double> timeout, Fetch fetch)
+{
+    py::gil_scoped_release release;
+    const auto deadline = Deadline(timeout);
+    for (;;)
+    {
+        const unsigned long seen = can.C().Arrivals();
+        if (fetch() >= 0)
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        can.C().WaitAfter(seen, deadline);
+    }
+}
+
+py::object GetMessage(CPyCAN& can, std::optional<double> timeout)
+{
+    int id = 0, flags = 0, sec = 0, usec = 0;
+    char buffer[kMaxBuffer];
+    unsigned char len = 0;
+    if (!WaitFor(can, timeout, [&] { return can.C().CANGetMessage(&id, buffer, &len, &flags, &sec, &usec); }))
+        return py::none();
+    return py::make_tuple(static_cast<unsigned int>(id), py::bytes(buffer, len), flags & 0xFF, sec, usec);
+}
+
+py::object GetPDO(CPyCAN& can, std::optional<double> timeout)
+{
+    unsigned char p1 = 0, p2 = 0, len = 0;
+    char buffer[kMaxBuffer];
+    if (!WaitFor(can, timeout, [&] { return can.C().CANopenGetPDO(&p1, &p2, &len, buffer); }))
+        return py::none();
+    return py::make_tuple(p1, p2, py::bytes(buffer, len));
+}
+
+py::object GetSYNC(CPyCAN& can, std::optional<double> timeout)
+{
+    unsigned char value = 0;
+    if (!WaitFor(can, timeout, [&] { return can.C().CANopenGetSYNC(&value); }))
+        return py::none();
+    return py::int_(value);
+}
+
+py::object GetEMCY(CPyCAN& can, std::optional<double> timeout)
+{
+    unsigned char node = 0, reg = 0;
+    unsigned short code = 0;
+    unsigned char data[5] = {};
+    if (!WaitFor(can, timeout, [&] { return can.C().CANopenGetEMCY(&node, &code, &reg, data); }))
+        return py::none();
+    return py::make_tuple(node, code, reg, py::bytes(reinterpret_cast<const char*>(data), 5));
+}
+
+py::object GetGUARD(CPyCAN& can, std::optional<double> timeout)
+{
+    unsigned char node = 0, state = 0;
+    if (!WaitFor(can, timeout, [&] { return can.C().CANopenGetGUARD(&node, &state); }))
+        return py::none();
+    return py::make_tuple(node, state);
+}
+
+py::object GetUndefined(CPyCAN& can, std::optional<double> timeout)
+{
+    int id = 0, sec = 0, usec = 0;
+    unsigned char p1 = 0, p2 = 0, len = 0;
+    char buffer[kMaxBuffer];
+    if (!WaitFor(can, timeout,
+                 [&] { return can.C().CANopenGetUndefined(&id, &p1, &p2, &len, buffer, &sec, &usec); }))
+        return py::none();
+    return py::make_tuple(id, py::bytes(buffer, len), sec, usec);
+}
+
+// Runs a client call with the GIL released and raises TarvikError for a non-zero result.
+template <class Fn>
+void Call(Fn fn)
+{
+    int result;
+    {
+        py::gil_scoped_release release;
+        result = fn();
+    }
+    PyTarvikCheck(result);
+}
+
+std::string Bytes(const py::bytes& data)
+{
+    return static_cast<std::string>(data);
+}
+
+std::pair<int, int> Write(CPyCAN& can, unsigned int id, const py::bytes& data, unsigned char flags)
+{
+    const std::string buffer = Bytes(data);
+    if (buffer.size() > 64)
+        throw py::value_error("a CAN frame carries at most 64 data bytes");
+    int sec = 0, usec = 0;
+    Call([&] {
+        return can.C().Write(static_cast<int>(id), buffer.data(), static_cast<unsigned char>(buffer.size()), flags,
+                             &sec, &usec);
+    });
+    return {sec, usec};
+}
+
+void SetCyclic(CPyCAN& can, unsigned char index, bool enable, unsigned int intervalMs, unsigned int id,
+               const py::bytes& data, unsigned char flags)
+{
+    const std::string buffer = Bytes(data);
+    if (buffer.size() > 64)
+        throw py::value_error("a CAN frame carries at most 64 data bytes");
+    Call([&] {
+        return can.C().SetCyclicMessage(index, enable, intervalMs, static_cast<int>(id), buffer.data(),
+                                        static_cast<unsigned char>(buffer.size()), flags);
+    });
+}
+
+py::dict GetGlobals(CPyCAN& can)
+{
+    unsigned int baud = 0, optionValue = 0;
+    unsigned char setting = 0;
+    bool f1 = false, f2 = false, f3 = false, o1 = false, o2 = false;
+    Call([&] { return can.C().GetGlobals(baud, setting, f1, f2, f3, o1, optionValue, o2); });
+    return py::dict("baudrate"_a = baud, "setting"_a = setting, "flag1"_a = f1, "flag2"_a = f2, "flag3"_a = f3,
+                    "option1"_a = o1, "option_value"_a = optionValue, "option2"_a = o2);
+}
+
+void SetFilter(CPyCAN& can, const std::vector<unsigned int>& words)
+{
+    if (words.size() != 16)
+        throw py::value_error("the filter is 16 words (eight code/mask pairs)");
+    CTarvikClientCAN::SConfigFilter filter{};
+    std::memcpy(filter.nFilter, words.data(), sizeof(filter.nFilter));
+    Call([&] { return can.C().SetFilter(filter); });
+}
+
+std::vector<unsigned int> GetFilter(CPyCAN& can)
+{
+    CTarvikClientCAN::SConfigFilter filter{};
+    Call([&] { return can.C().GetFilter(filter); });
+    return std::vector<unsigned int>(filter.nFilter, filter.nFilter + 16);
+}
+
+py::dict GetPowerStatus(CPyCAN& can)
+{
+    static constexpr unsigned char kMax = 32;
+    unsigned char nValues = 0, nStates1 = 0, nStates2 = 0;
+    short status1 = 0;
+    unsigned short status2 = 0, status3 = 0;
+    bool bit = false;
+    unsigned short values[kMax] = {};
+    bool states1[kMax] = {}, states2[kMax] = {};
+    Call([&] {
+        return can.C().GetPowerStatus(kMax, nValues, kMax, nStates1, kMax, nStates2, status1, status2, status3, bit,
+                                      values, states1, states2);
+    });
+    auto n = [](unsigned char count) { return std::min<unsigned char>(count, kMax); };
+    return py::dict("values"_a = std::vector<unsigned short>(values, values + n(nValues)),
+                    "states1"_a = std::vector<bool>(states1, states1 + n(nStates1)),
+                    "states2"_a = std::vector<bool>(states2, states2 + n(nStates2)), "status1"_a = status1,
+                    "status2"_a = status2, "status3"_a = status3, "status_bit"_a = bit);
+}
+
+// Stores a Python callback and switches the library's pointer on or off to match.
+void SetOnFrame(CPyCAN& can, py::object fn)
+{
+    can.m_oOnFrame = fn;
+    can.C().SetCallbackEx(fn.is_none() ? nullptr : &FrameTrampoline);
+}
+
+void SetCANopenCallbacks(CPyCAN& can)
+{
+    auto on = [](const py::object& fn) { return fn && !fn.is_none(); };
+    can.C().CANopenSetCallback(on(can.m_oOnPDO) ? &PDOTrampoline : nullptr,
+                               on(can.m_oOnSYNC) ? &SYNCTrampoline : nullptr,
+                               on(can.m_oOnEMCY) ? &EMCYTrampoline : nullptr,
+                               on(can.m_oOnGUARD) ? &GUARDTrampoline : nullptr,
+                               on(can.m_oOnUndefined) ? &UndefinedTrampoline : nullptr);
+}
+
+template <py::object CPyCAN::*Member>
+void SetOnCANopen(CPyCAN& can, py::object fn)
+{
+    can.*Member = fn;
+    SetCANopenCallbacks(can);
+}
+
+} // namespace
+
+void PyTarvikBindCAN(py::module_& module)
+{
+    using Release = py::call_guard<py::gil_scoped_release>;
+    py::class_<CPyCAN> cls(module, "CAN", R"(A CAN gateway: frames, configuration, cyclic messages, CANopen master services.
+
+Received telegrams go to a callback (on_frame, on_pdo, ...) or, with set_queue_size(n) > 0,
+into receive queues read by get_message(), get_pdo(), ...; without either they are dropped.)");
+    cls.def(py::init<const std::string&, int, unsigned int, std::optional<int>, unsigned long>(),
+            "host"_a = "127.0.0.1", "port_index"_a = 0, "timeout_ms"_a = 1000, "port"_a = py::none(),
+            "queue_size"_a = 0, "Creates the client; queue_size > 0 enables the receive queues at once.");
+    // The common operations, without the constructor of PyTarvikBindBase.
+    cls.def("connect", &CPyCAN::Connect, "Connects to the gateway. Raises TarvikError on failure.")
+        .def("open", &CPyCAN::OpenDevice, "Prepares the device after connecting (the context manager does this).")
+        .def("close", &CPyCAN::Close, Release(),
+             "Stops the connection and waits for its receive thread; no callback runs after it returns.")
+        .def("info", &CPyCAN::Info, "The device's 20-byte information record: {'raw': bytes, 'device_type': int}.")
+        .def("status", &CPyCAN::Status, "The device's status text.")
+        .def("restart", &CPyCAN::Restart, "Restarts the device.")
+        .def_property_readonly("connected", &CPyCAN::IsConnected)
+        .def_property_readonly("host", &CPyCAN::GetHost)
+        .def_property_readonly("port_index", &CPyCAN::GetPortIndex)
+        .def_property_readonly("port", &CPyCAN::GetPort)
+        .def_property_readonly("handle", &CPyCAN::Handle)
+        .def("__enter__",
+             [](py::object self) {
+                 CPyCAN& can = self.cast<CPyCAN&>();
+                 can.Connect();
+                 can.OpenDevice();
+                 return self;
+             })
+        .def("__exit__", [](CPyCAN& can, py::args) {
+            py::gil_scoped_release release;
+            can.Close();
+            return false;
+        });
+
+    cls.def(
+           "set_config",
+           [](CPyCAN& can, bool confirm, bool timestamps) {
+               Call([&] { return can.C().SetConfig(confirm, timestamps); });
+           },
+           "send_confirm"_a, "timestamps"_a = false,
+           "send_confirm: write() waits for the gateway's confirmation and returns its time of transmission; "
+           "timestamps: received frames carry the gateway's time (flag 0x04).")
+        .def(
+            "get_config",
+            [](CPyCAN& can) {
+                bool confirm = false, timestamps = false;
+                Call([&] { return can.C().GetConfig(confirm, timestamps); });
+                return py::make_tuple(confirm, timestamps);
+            },
+            "(send_confirm, timestamps)")
+        .def("set_filter", &SetFilter, "words"_a,
+             "Sets the acceptance filter: 16 words, eight (code, mask) pairs; a frame passes when "
+             "id & mask == code & mask for a pair with a non-zero mask, or when no mask is set.")
+        .def("get_filter", &GetFilter, "The acceptance filter's 16 words.")
+        .def(
+            "set_globals",
+            [](CPyCAN& can, unsigned int baud, unsigned char setting, bool f1, bool f2, bool f3, bool o1,
+               unsigned int optionValue, bool o2) {
+                Call([&] { return can.C().SetGlobals(baud, setting, f1, f2, f3, o1, optionValue, o2); });
+            },
+            "baudrate"_a, "setting"_a = 0, "flag1"_a = false, "flag2"_a = false, "flag3"_a = false,
+            "option1"_a = false, "option_value"_a = 0, "option2"_a = false, "Sets the bit rate and bus settings.")
+        .def("get_globals", &GetGlobals, "The bit rate and bus settings as a dict.")
+        .def(
+            "set_time",
+            [](CPyCAN& can, int sec, int usec) {
+                timeval tv{sec, usec};
+                Call([&] { return can.C().SetTime(tv); });
+            },
+            "seconds"_a, "microseconds"_a = 0, "Sets the gateway's clock.")
+        .def(
+            "get_time",
+            [](CPyCAN& can) {
+                bool valid = false;
+                timeval tv{0, 0};
+                Call([&] { return can.C().CTarvikClientCAN::GetTime(valid, tv); });
+                return py::make_tuple(valid, static_cast<long>(tv.tv_sec), static_cast<long>(tv.tv_usec));
+            },
+            "The gateway's clock: (valid, seconds, microseconds).")
+        .def("get_power_status", &GetPowerStatus, "Power supplies, relay and temperature as a dict.")
+        .def(
+            "set_power_relais", [](CPyCAN& can, bool on) { Call([&] { return can.C().SetPowerRelais(on); }); },
+            "on"_a)
+        .def(
+            "set_active_power_supplies",
+            [](CPyCAN& can, unsigned int mask) { Call([&] { return can.C().SetActivePowerSupplies(mask); }); },
+            "mask"_a)
+        .def(
+            "set_zcard_parameter",
+            [](CPyCAN& can, unsigned char p1, unsigned short p2, unsigned short p3) {
+                Call([&] { return can.C().SetZCardParameter(p1, p2, p3); });
+            },
+            "p1"_a, "p2"_a, "p3"_a)
+        .def(
+            "get_zcard_parameter",
+            [](CPyCAN& can) {
+                unsigned char p1 = 0;
+                unsigned short p2 = 0, p3 = 0;
+                Call([&] { return can.C().GetZCardParameter(p1, p2, p3); });
+                return py::make_tuple(p1, p2, p3);
+            },
+            "(p1, p2, p3)")
+        .def("write", &Write, "id"_a, "data"_a = py::bytes(), "flags"_a = 0,
+             "Sends one frame (flags: 0x01 extended id, 0x02 remote, 0x08 FD). Returns (seconds, microseconds): "
+             "the gateway's time of transmission when send_confirm is set, else the local time of sending.")
+        .def("set_cyclic_message", &SetCyclic, "index"_a, "enable"_a, "interval_ms"_a = 0, "id"_a = 0,
+             "data"_a = py::bytes(), "flags"_a = 0,
+             "Sets cyclic entry index (0..15): the gateway sends the frame every interval_ms until disabled.")
+        .def(
+            "start_alive", [](CPyCAN& can, unsigned int sec) { Call([&] { return can.C().StartAlive(sec); }); },
+            "seconds"_a)
+        .def(
+            "set_queue_size", [](CPyCAN& can, unsigned long n) { can.C().SetMaxSizePerQueue(n); }, "n"_a,
+            "n > 0: every receive queue keeps up to n telegrams (later ones are dropped); 0 empties and "
+            "disables them.")
+        .def("get_message", &GetMessage, "timeout"_a = py::none(),
+             "The oldest queued frame as (id, data, flags, seconds, microseconds), waiting up to timeout "
+             "seconds (None: no wait), or None.")
+        .def("get_pdo", &GetPDO, "timeout"_a = py::none(), "(selector1, selector2, data) or None")
+        .def("get_sync", &GetSYNC, "timeout"_a = py::none(), "The SYNC value or None")
+        .def("get_emcy", &GetEMCY, "timeout"_a = py::none(), "(node, error_code, error_register, data) or None")
+        .def("get_guard", &GetGUARD, "timeout"_a = py::none(), "(node, state) or None")
+        .def("get_undefined", &GetUndefined, "timeout"_a = py::none(), "(id, data, seconds, microseconds) or None")
+        .def("on_frame", &SetOnFrame, "callback"_a,
+             "callback(id, data, flags, seconds, microseconds) for every received frame, on the receive "
+             "thread; None switches it off. An exception it raises is reported and reception goes on.")
+        .def("on_pdo", &SetOnCANopen<&CPyCAN::m_oOnPDO>, "callback"_a, "callback(selector1, selector2, data)")
+        .def("on_sync", &SetOnCANopen<&CPyCAN::m_oOnSYNC>, "callback"_a, "callback(value)")
+        .def("on_emcy", &SetOnCANopen<&CPyCAN::m_oOnEMCY>, "callback"_a,
+             "callback(node, error_code, error_register, data)")
+        .def("on_guard", &SetOnCANopen<&CPyCAN::m_oOnGUARD>, "callback"_a, "callback(node, state)")
+        .def("on_undefined", &SetOnCANopen<&CPyCAN::m_oOnUndefined>, "callback"_a,
+             "callback(id, data, seconds, microseconds)");
+
+    cls.def(
+           "canopen_set_config",
+           [](CPyCAN& can, unsigned char mode) { Call([&] { return can.C().CANopenSetConfig(mode); }); },
+           "mode"_a, "Sets the CANopen master mode.")
+        .def(
+            "canopen_get_config",
+            [](CPyCAN& can) {
+                unsigned char mode = 0;
+                Call([&] { return can.C().CANopenGetConfig(mode); });
+                return mode;
+            },
+            "The CANopen master mode.")
+        .def(
+            "sync_mode",
+            [](CPyCAN& can, unsigned short mode) { Call([&] { return can.C().CANopenSetSYNCMode(mode); }); },
+            "mode"_a, "Sets the SYNC mode (the gateway's SYNC period).")
+        .def(
+            "nmt",
+            [](CPyCAN& can, unsigned char node, unsigned char command) {
+                Call([&] { return can.C().CANopenSendNMT(node, command); });
+            },
+            "node"_a, "command"_a, "Sends an NMT command (node 0: all nodes).")
+        .def(
+            "sync", [](CPyCAN& can) { Call([&] { return can.C().CANopenSendSYNC(); }); }, "Sends one SYNC.")
+        .def(
+            "time",
+            [](CPyCAN& can, unsigned short days, unsigned int ms) {
+                Call([&] { return can.C().CANopenSendTIME(days, ms); });
+            },
+            "days"_a, "milliseconds"_a, "Sends a TIME message.")
+        .def(
+            "pdo",
+            [](CPyCAN& can, unsigned char s1, unsigned char s2, const py::bytes& data) {
+                const std::string buffer = Bytes(data);
+                if (buffer.size() > 8)
+                    throw py::value_error("a PDO carries at most 8 bytes");
+                Call([&] {
+                    return can.C().CANopenSendPDO(s1, s2, static_cast<unsigned char>(buffer.size()), buffer.data());
+                });
+            },
+            "selector1"_a, "selector2"_a, "data"_a, "Sends a PDO.")
+        .def(
+            "sdo_read",
+            [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned short timeoutMs) {
+                unsigned char status = 0;
+                unsigned int value = 0;
+                Call([&] { return can.C().CANopenSendSDORead(node, index, sub, timeoutMs, status, value); });
+                return py::make_tuple(status, value);
+            },
+            "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000,
+            "Expedited SDO upload: (status, value); value is the abort code when status is not 0.")
+        .def(
+            "sdo_write",
+            [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned int data,
+               unsigned char size, unsigned short timeoutMs) {
+                unsigned char status = 0;
+                unsigned int value = 0;
+                Call([&] {
+                    return can.C().CANopenSendSDOWrite(node, size, index, sub, timeoutMs, data, status, value);
+                });
+                return py::make_tuple(status, value);
+            },
+            "node"_a, "index"_a, "subindex"_a, "value"_a, "size"_a = 4, "timeout_ms"_a = 1000,
+            "Expedited SDO download of size (1..4) bytes: (status, abort code).")
+        .def(
+            "sdo_read_block",
+            [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned short timeoutMs,
+               unsigned short bufferSize) {
+                std::vector<unsigned char> buffer(bufferSize);
+                unsigned char status = 0;
+                unsigned short len = 0;
+                Call([&] {
+                    return can.C().CANopenSendSDOReadBlock(node, index, sub, timeoutMs, bufferSize, status, len,
+                                                           buffer.data());
+                });
+                len = std::min<unsigned short>(len, bufferSize);
+                return py::make_tuple(status, py::bytes(reinterpret_cast<const char*>(buffer.data()), len));
+            },
+            "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000, "buffer_size"_a = 1024,
+            "Segmented SDO upload: (status, data).")
+        .def(
+            "sdo_write_block",
+            [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, const py::bytes& data,
+               unsigned short timeoutMs) {
+                const std::string buffer = Bytes(data);
+                if (buffer.size() > 0xFFFF)
+                    throw py::value_error("too much data for one SDO block");
+                unsigned char status = 0;
+                unsigned int value = 0;
+                Call([&] {
+                    return can.C().CANopenSendSDOWriteBlock(node, index, sub, timeoutMs,
+                                                            static_cast<unsigned short>(buffer.size()),
+                                                            reinterpret_cast<const unsigned char*>(buffer.data()),
+                                                            status, value);
+                });
+                return py::make_tuple(status, value);
+            },
+            "node"_a, "index"_a, "subindex"_a, "data"_a, "timeout_ms"_a = 1000,
+            "Segmented SDO download: (status, abort code).");
+
+    module.def("_close_all_can", &CPyCAN::CloseAll, "Stops every CAN client (run at exit).");
+}

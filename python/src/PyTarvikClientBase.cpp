@@ -1,0 +1,164 @@
+#include "PyTarvikClientBase.h"
+
+#include <pybind11/eval.h>
+
+#include <Python.h>
+
+namespace
+{
+
+PyObject* s_pTarvikError = nullptr;
+
+} // namespace
+
+void PyTarvikCheck(int code)
+{
+    if (code == 0)
+        return;
+    const std::string text = CTarvikClient::GetErrorMsg(code);
+    py::object error = py::reinterpret_borrow<py::object>(s_pTarvikError)(code, text);
+    PyErr_SetObject(s_pTarvikError, error.ptr());
+    throw py::error_already_set();
+}
+
+void PyTarvikCheckReleased(int code)
+{
+    if (code == 0)
+        return;
+    py::gil_scoped_acquire acquire;
+    PyTarvikCheck(code);
+}
+
+void PyTarvikBindErrors(py::module_& module)
+{
+    // The exception class itself is pure Python (tarvik/__init__.py re-exports it), defined here so
+    // that the module can raise it before the package has finished importing.
+    py::dict scope;
+    py::exec(R"py(
+class TarvikError(Exception):
+    """A device operation failed. `code` is the library's result code, `message` its text."""
+    def __init__(self, code, message):
+        super().__init__(code, message)
+        self.code = code
+        self.message = message
+    def __str__(self):
+        return "%s (0x%06X)" % (self.message, self.code & 0xFFFFFFFF)
+)py",
+             scope);
+    py::object cls = scope["TarvikError"];
+    cls.attr("__module__") = "tarvik";
+    s_pTarvikError = cls.ptr();
+    Py_INCREF(s_pTarvikError);   // lives as long as the process: raised from any thread
+    module.attr("TarvikError") = cls;
+    module.def(
+        "error_message", [](int code) { return CTarvikClient::GetErrorMsg(code); }, py::arg("code"),
+        "The library's text for a result code.");
+}
+
+CPyClientBase::CPyClientBase(std::unique_ptr<CTarvikClient> client, std::string host, int portIndex,
+                             std::optional<int> port)
+    : m_pClient(std::move(client)), m_sHost(std::move(host)), m_nPortIndex(portIndex), m_nPort(port)
+{
+    if (portIndex < 0 || portIndex > 600)
+        throw py::value_error("port_index out of range");
+    if (port && (*port < 0 || *port > 65535))
+        throw py::value_error("port out of range");
+}
+
+CPyClientBase::~CPyClientBase()
+{
+    if (Py_IsInitialized() && PyGILState_Check())
+    {
+        py::gil_scoped_release release;
+        StopReleased();
+    }
+    else
+        StopReleased();
+}
+
+unsigned short CPyClientBase::GetPort() const
+{
+    if (m_nPort && *m_nPort != 0)
+        return static_cast<unsigned short>(*m_nPort);
+    const int type = static_cast<int>(m_pClient->GetDeviceType());
+    const int base = type == 0 ? 5099 : 4999 + type;
+    return static_cast<unsigned short>(base + 100 * m_nPortIndex);
+}
+
+void CPyClientBase::Connect()
+{
+    const unsigned short port = GetPort();
+    int result;
+    {
+        py::gil_scoped_release release;
+        result = m_pClient->Connect(m_sHost.c_str(), port);
+    }
+    PyTarvikCheck(result);
+}
+
+int CPyClientBase::OpenClient()
+{
+    return m_pClient->Open();
+}
+
+void CPyClientBase::OpenDevice()
+{
+    int result;
+    {
+        py::gil_scoped_release release;
+        result = OpenClient();
+    }
+    PyTarvikCheck(result);
+}
+
+void CPyClientBase::Close()
+{
+    StopReleased();
+}
+
+void CPyClientBase::StopReleased()
+{
+    m_pClient->StopConnection();
+}
+
+bool CPyClientBase::IsConnected() const
+{
+    return m_pClient->GetConnectState() == CMolIPBase::eStateConnected;
+}
+
+py::dict CPyClientBase::Info()
+{
+    STarvikDeviceInfo info{};
+    int result;
+    {
+        py::gil_scoped_release release;
+        result = m_pClient->Info(&info);
+    }
+    PyTarvikCheck(result);
+    py::dict out;
+    out["raw"] = py::bytes(reinterpret_cast<const char*>(info.m_abData), sizeof(info.m_abData));
+    out["device_type"] = static_cast<int>(info.m_abData[TARVIK_DEVICE_INFO_TYPE_BYTE]);
+    return out;
+}
+
+std::string CPyClientBase::Status()
+{
+    std::string text;
+    int result;
+    {
+        py::gil_scoped_release release;
+        result = m_pClient->Status(text);
+    }
+    PyTarvikCheck(result);
+    return text;
+}
+
+void CPyClientBase::Restart()
+{
+    int result;
+    {
+        py::gil_scoped_release release;
+        result = m_pClient->Restart();
+    }
+    PyTarvikCheck(result);
+}

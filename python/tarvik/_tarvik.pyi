@@ -1,0 +1,1 @@
+from tarvik import *  # noqa: F401,F403

@@ -1,0 +1,44 @@
+"""The common client behaviour: errors, connect/close, the context manager."""
+
+import pytest
+
+import tarvik
+
+
+def test_error_message_and_version():
+    assert tarvik.error_message(0x040000) == "TCP/IP timeout occured"
+    assert tarvik.__version__.count(".") == 2
+
+
+def test_connect_to_nothing_raises_with_code(sim):
+    # No DIO listens at port index 7 of this address.
+    client = tarvik.DIO(sim.host, port_index=7, timeout_ms=500)
+    with pytest.raises(tarvik.TarvikError) as caught:
+        client.connect()
+    assert caught.value.code in (0x020000, 0x030000, 0x040000)
+    assert caught.value.message == tarvik.error_message(caught.value.code)
+    assert not client.connected
+
+
+def test_calls_without_connection_raise_not_connected():
+    client = tarvik.DIO("127.0.0.1", port_index=7)
+    with pytest.raises(tarvik.TarvikError) as caught:
+        client.read()
+    assert caught.value.code == 0x030000
+
+
+def test_context_manager_connects_and_closes(sim):
+    with tarvik.DIO(sim.host) as dio:
+        assert dio.connected
+        info = dio.info()
+        assert len(info["raw"]) == 20
+        assert isinstance(dio.status(), str)
+    assert not dio.connected
+
+
+def test_device_error_code_carries_device_type(sim):
+    with tarvik.CAN(sim.host) as can:
+        with pytest.raises(tarvik.TarvikError) as caught:
+            can.set_globals(12345)   # not a bit rate the gateway knows
+        assert caught.value.code == 0x0224
+        assert "baudrate" in caught.value.message
