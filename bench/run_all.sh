@@ -18,3 +18,8 @@ echo
 bash "$here/run_can_ingest.sh" "$build"
 echo
 bash "$here/run_awire.sh" "$build"
+# The Python bindings' receive path, when the build has the module (TARVIK_BUILD_PYTHON).
+if compgen -G "$build/python/tarvik/_tarvik*.so" >/dev/null && /usr/bin/python3 -c 'import can' 2>/dev/null; then
+    echo
+    PYTHONPATH="$build/python" /usr/bin/python3 "$here/bench_python_recv.py"
+fi
