@@ -14,7 +14,7 @@ COMPONENTS = -DTARVIK_BUILD_TESTS=ON -DTARVIK_BUILD_SIM=ON -DTARVIK_BUILD_TOOLS=
 
 PACKAGES = cmake make g++ pkg-config libboost-dev libgtest-dev libgmock-dev \
            libbenchmark-dev libcli11-dev nlohmann-json3-dev srecord ccache clang libclang-rt-14-dev \
-           help2man bash-completion
+           help2man bash-completion can-utils
 
 # The fuzz build goes through ccache when there is one.
 CCACHE := $(shell command -v ccache 2>/dev/null)
