@@ -16,7 +16,7 @@ PYTHON_COMPONENTS = -DTARVIK_BUILD_PYTHON=ON
 
 PACKAGES = cmake make g++ pkg-config libboost-dev libgtest-dev libgmock-dev \
            libbenchmark-dev libcli11-dev nlohmann-json3-dev srecord ccache clang libclang-rt-14-dev \
-           help2man bash-completion \
+           help2man bash-completion can-utils \
            pybind11-dev python3-dev python3-pytest python3-can
 
 # The fuzz build goes through ccache when there is one.

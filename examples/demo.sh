@@ -11,7 +11,8 @@ tarvik=$build/tools/tarvik
 sim=$build/sim/tarvik-sim
 spi_demo=$build/examples/spi_demo
 eeprom_demo=$build/examples/eeprom_demo
-for program in "$tarvik" "$sim" "$spi_demo" "$eeprom_demo"; do
+can_demo=$build/examples/can_demo
+for program in "$tarvik" "$sim" "$spi_demo" "$eeprom_demo" "$can_demo"; do
     if [ ! -x "$program" ]; then
         echo "demo.sh: $program is not built" >&2
         exit 1
@@ -95,7 +96,32 @@ wait "$ts_pid" 2>/dev/null || true
 rm -f "$ts_cfg"
 
 echo
-echo "== the C examples against tarvik-sim: SPI on 127.0.0.1:5002, I2C on 127.0.0.1:5000"
+echo "== a CAN bus: tarvik-sim with two CAN gateways (port indices 5 and 6) and CANopen nodes 2 and 3"
+can_pid=
+"$sim" --host 127.0.0.1 --devices can:2 --index 5 &
+can_pid=$!
+can0=("$tarvik" --host 127.0.0.1 --port-index 5)
+can1=("$tarvik" --host 127.0.0.1 --port-index 6)
+for _ in $(seq 50); do "${can1[@]}" can status >/dev/null 2>&1 && break; sleep 0.1; done
+# candump on one gateway while the other sends, in cansend's syntax.
+echo
+echo "\$ tarvik ${can1[*]:1} can dump -n 3 &"
+"${can1[@]}" can dump -n 3 &
+dump_pid=$!
+sleep 0.5
+step "${can0[@]}" can send 123#DEADBEEF 12345678#11.22 7FF##1AABBCCDD
+wait "$dump_pid"
+step "${can0[@]}" can status
+step "${can0[@]}" canopen mode on
+step "${can0[@]}" canopen sdo-read 2 0x1018 1
+step "${can0[@]}" canopen sdo-write 2 0x2001 0 0x1234 --size 2
+step "${can0[@]}" canopen sdo-read 2 0x2001 0
+kill "$can_pid" 2>/dev/null || true
+wait "$can_pid" 2>/dev/null || true
+
+echo
+echo "== the C examples against tarvik-sim: SPI on 127.0.0.1:5002, I2C on 127.0.0.1:5000,"
+echo "   two CAN gateways on one bus at 127.0.0.1:5001 and :5101"
 sim_pid=
 stop_sim() {
     if [ -n "$sim_pid" ]; then
@@ -105,7 +131,7 @@ stop_sim() {
 }
 trap stop_sim EXIT
 
-"$sim" --host 127.0.0.1 --devices spi,i2c &
+"$sim" --host 127.0.0.1 --devices spi,i2c,can:2 &
 sim_pid=$!
 # Wait for a port (bash's /dev/tcp), at most 5 s.
 wait_for_port() {
@@ -118,7 +144,7 @@ wait_for_port() {
     done
     return 1
 }
-for port in 5002 5000; do
+for port in 5002 5000 5001 5101; do
     if ! wait_for_port "$port"; then
         echo "demo.sh: tarvik-sim does not listen on 127.0.0.1:$port (port taken?)" >&2
         exit 1
@@ -126,3 +152,4 @@ for port in 5002 5000; do
 done
 step "$spi_demo" 127.0.0.1
 step "$eeprom_demo" 127.0.0.1
+step "$can_demo" 127.0.0.1

@@ -226,6 +226,9 @@ void CTarvikSimDeviceAWire::RunJob(const SJob& job)
             Report(job, eStateInProgress, done);
         }
     }
+    // Done before it is reported: a client may answer the report with its next block at
+    // once, and that block must not count this one as still in work.
+    m_bWorking = false;
     Report(job, Program(job), length);
 }
 

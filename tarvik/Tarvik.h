@@ -9,6 +9,8 @@
 #include "tarvik/core/TarvikResult.h"
 #include "tarvik/dll/TarvikDLL.h"
 #include "tarvik/dll/TarvikDllAD.h"
+#include "tarvik/dll/TarvikDllAWire.h"
+#include "tarvik/dll/TarvikDllCAN.h"
 #include "tarvik/dll/TarvikDllDIO.h"
 #include "tarvik/dll/TarvikDllFirmware.h"
 #include "tarvik/dll/TarvikDllI2C.h"

@@ -1,13 +1,11 @@
 // The tarvik command-line tool as a user runs it: the built binary, its output and exit
 // code, and how it ends when a tarvik-sim process it talks to is killed or frozen.
+#include "support/CliProcess.h"
 #include "tarvik/TarvikVersion.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,103 +18,17 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
-
 namespace
 {
-const std::string kTarvik = TARVIK_BINARY_DIR "/tools/tarvik";
-const std::string kSim = TARVIK_BINARY_DIR "/sim/tarvik-sim";
+using namespace tarvik_test;
+using CProcess = CCliProcess;
+using SRun = SCliRun;
+const std::string kTarvik = kCliTarvik;
+const std::string kSim = kCliSim;
 
-std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-// A program with standard output and error in temporary files, by process id.
-class CProcess
-{
-public:
-    CProcess(const std::string& program, std::vector<std::string> args) : m_sOut(TempPath()), m_sErr(TempPath())
-    {
-        args.insert(args.begin(), program);
-        std::vector<char*> argv;
-        for (std::string& arg : args)
-            argv.push_back(&arg[0]);
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, m_sOut.c_str(), O_WRONLY | O_TRUNC, 0);
-        posix_spawn_file_actions_addopen(&actions, 2, m_sErr.c_str(), O_WRONLY | O_TRUNC, 0);
-        if (posix_spawn(&m_nPid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-            m_nPid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-    }
-
-    ~CProcess()
-    {
-        Signal(SIGKILL);
-        Wait(0);
-        std::remove(m_sOut.c_str());
-        std::remove(m_sErr.c_str());
-    }
-
-    // Exit code once the process ended within timeoutMs; -1 otherwise (it runs on).
-    int Wait(int timeoutMs)
-    {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        int status = 0;
-        while (m_nPid > 0)
-        {
-            if (::waitpid(m_nPid, &status, timeoutMs > 0 ? WNOHANG : 0) == m_nPid)
-                m_nPid = 0;
-            else if (std::chrono::steady_clock::now() > deadline)
-                return -1;
-            else
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        return m_nPid == 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    void Signal(int signal)
-    {
-        if (m_nPid > 0)
-            ::kill(m_nPid, signal);
-    }
-    std::string Out() const { return ReadFile(m_sOut); }
-    std::string Err() const { return ReadFile(m_sErr); }
-
-private:
-    static std::string TempPath()
-    {
-        char path[] = "/tmp/tarvik-cli-test-XXXXXX";
-        ::close(::mkstemp(path));
-        return path;
-    }
-
-    std::string m_sOut;
-    std::string m_sErr;
-    pid_t m_nPid = -1;
-};
-
-struct SRun
-{
-    int m_nExit;
-    std::string m_sOut;
-    std::string m_sErr;
-    double m_dSeconds;
-};
-
-// Runs a program to its end; a run that hangs for 20 s is killed and ends with exit -1.
 SRun RunProgram(const std::string& program, const std::vector<std::string>& args)
 {
-    auto start = std::chrono::steady_clock::now();
-    CProcess process(program, args);
-    int exit = process.Wait(20000);
-    return {exit, process.Out(), process.Err(),
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()};
+    return CliRunProgram(program, args);
 }
 
 SRun RunCli(const std::vector<std::string>& args)
@@ -126,26 +38,12 @@ SRun RunCli(const std::vector<std::string>& args)
 
 std::string Describe(const SRun& run)
 {
-    return "exit " + std::to_string(run.m_nExit) + "\nstdout:\n" + run.m_sOut + "stderr:\n" + run.m_sErr;
+    return CliDescribe(run);
 }
 
-// Whether text begins with the lines of expected; an expected line that ends in "..."
-// only has to begin the line. Nothing expected: text must be empty.
 bool StartsWithLines(const std::string& text, const std::string& expected)
 {
-    std::istringstream want(expected);
-    std::istringstream got(text);
-    std::string line;
-    std::string actual;
-    while (std::getline(want, line))
-    {
-        if (!std::getline(got, actual))
-            return false;
-        bool prefix = line.size() >= 3 && line.compare(line.size() - 3, 3, "...") == 0;
-        if (prefix ? actual.compare(0, line.size() - 3, line, 0, line.size() - 3) != 0 : actual != line)
-            return false;
-    }
-    return !expected.empty() || text.empty();
+    return CliStartsWithLines(text, expected);
 }
 
 void Replace(std::string& text, const std::string& from, const std::string& to)
@@ -154,29 +52,11 @@ void Replace(std::string& text, const std::string& from, const std::string& to)
         text.replace(pos, from.size(), to);
 }
 
-// A tarvik-sim process on a free port of 127.0.0.1, by process id.
-class CSimProcess
+// A tarvik-sim process serving an SPI gateway on a free port of 127.0.0.1.
+class CSimProcess : public CCliSimProcess
 {
 public:
-    explicit CSimProcess(std::vector<std::string> args)
-    {
-        args.insert(args.end(), {"--devices", "spi", "--port", "0"});
-        m_pProcess.reset(new CProcess(kSim, args));
-        for (int i = 0; i < 1000 && m_pProcess->Out().find('\n') == std::string::npos && m_pProcess->Wait(10) == -1;
-             ++i)
-        {
-        }
-        std::smatch match;
-        std::string out = m_pProcess->Out();
-        if (std::regex_match(out, match, std::regex("Tarvik SPI listening on (127\\.0\\.0\\.1:\\d+)\n")))
-            m_sAddress = match[1];
-    }
-    // "127.0.0.1:40123"; empty if the simulator did not come up.
-    const std::string& Address() const { return m_sAddress; }
-
-private:
-    std::unique_ptr<CProcess> m_pProcess;
-    std::string m_sAddress;
+    explicit CSimProcess(std::vector<std::string> args) : CCliSimProcess("spi", std::move(args)) {}
 };
 
 // One invocation: the program ("tarvik" or "tarvik-sim") and its arguments, the exit

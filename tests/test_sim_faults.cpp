@@ -410,23 +410,6 @@ struct SFamily
     std::function<int(CTarvikClient&)> m_fnCall;
 };
 
-// A CAN-typed engine client with the one request the fault table needs: the globals.
-class CCanGlobalsProbe : public CTarvikClient
-{
-public:
-    explicit CCanGlobalsProbe(int timeout) : CTarvikClient(eTarvikCAN, static_cast<unsigned int>(timeout)) {}
-    ~CCanGlobalsProbe() override { StopConnection(); }
-    // 0 only when the gateway's power-up globals (setting 0, 500000 baud) came back whole.
-    int GetGlobals()
-    {
-        constexpr unsigned char kCmdGetGlobals = 0x08;
-        CTarvikReply reply;
-        int rc = Request(kCmdGetGlobals, nullptr, 0, reply);
-        unsigned int rate = 0;
-        return Check(rc, reply.Size() == 15 && reply.ReadU32(2, rate) && rate == 500000);
-    }
-};
-
 template <class TClient> std::function<std::unique_ptr<CTarvikClient>()> Make()
 {
     return [] { return std::make_unique<TClient>(static_cast<int>(kTimeoutMs)); };
@@ -459,8 +442,15 @@ TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
          Op<CTarvikClientI2C>([](CTarvikClientI2C& c) { unsigned int r = 0; return c.GetBaudrate(r); })},
         {"awire", eTarvikAWire, Make<CTarvikClientAWire>(),
          Op<CTarvikClientAWire>([](CTarvikClientAWire& c) { unsigned int v = 0; std::string s; return c.GetConfig(v, v, v, v, s); })},
-        {"can", eTarvikCAN, Make<CCanGlobalsProbe>(),
-         Op<CCanGlobalsProbe>([](CCanGlobalsProbe& c) { return c.GetGlobals(); })},
+        {"can", eTarvikCAN, Make<CTarvikClientCAN>(),
+         Op<CTarvikClientCAN>([](CTarvikClientCAN& c) {
+             unsigned int rate = 0, option = 0;
+             unsigned char setting = 0xEE;
+             bool f1 = true, f2 = true, f3 = true, o1 = true, o2 = true;
+             int rc = c.GetGlobals(rate, setting, f1, f2, f3, o1, option, o2);
+             // Only the gateway's power-up globals, decoded whole, count as an answer.
+             return rc != 0 || (rate == 500000 && setting == 0 && !f1 && !o2) ? rc : -1;
+         })},
         {"firmware", eTarvikFirmware, Make<CTarvikClientFirmware>(),
          Op<CTarvikClientFirmware>([](CTarvikClientFirmware& c) { int n = 0; return c.GetEEPromInfo(n); })},
     };

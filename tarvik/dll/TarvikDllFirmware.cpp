@@ -25,9 +25,9 @@ int PrepareFirmware(CTarvikClient& client)
     return static_cast<CTarvikClientFirmware&>(client).Open(unused1, unused2);
 }
 
-SInfoEx ToClient(const STarvikFirmwareInfo& in)
+// The C record and the client's carry the same fields under the same names.
+template <typename From, typename To> void CopyInfo(const From& in, To& out)
 {
-    SInfoEx out{};
     out.nSWVersion = in.nSWVersion;
     out.nHWVersion = in.nHWVersion;
     out.nField3 = in.nField3;
@@ -39,22 +39,18 @@ SInfoEx ToClient(const STarvikFirmwareInfo& in)
     out.nField9 = in.nField9;
     out.nLayoutVersion = in.nLayoutVersion;
     out.nImageTag = in.nImageTag;
+}
+
+SInfoEx ToClient(const STarvikFirmwareInfo& in)
+{
+    SInfoEx out{};
+    CopyInfo(in, out);
     return out;
 }
 
 void FromClient(const SInfoEx& in, STarvikFirmwareInfo& out)
 {
-    out.nSWVersion = in.nSWVersion;
-    out.nHWVersion = in.nHWVersion;
-    out.nField3 = in.nField3;
-    out.nField4 = in.nField4;
-    out.nField5 = in.nField5;
-    out.nField6 = in.nField6;
-    out.nSWVariant = in.nSWVariant;
-    std::copy(in.aField8, in.aField8 + 4, out.aField8);
-    out.nField9 = in.nField9;
-    out.nLayoutVersion = in.nLayoutVersion;
-    out.nImageTag = in.nImageTag;
+    CopyInfo(in, out);
 }
 
 // A text of the record for the version-string functions; 0 for a null record.

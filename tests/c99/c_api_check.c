@@ -11,6 +11,11 @@
 
 static int g_nFailed = 0;
 
+static void OnFrame(unsigned int id, const char* data, int len, int flags, int handle)
+{
+    (void)id, (void)data, (void)len, (void)flags, (void)handle;
+}
+
 static void Expect(const char* name, int expected, int got)
 {
     if (expected == got)
@@ -26,13 +31,16 @@ int main(void)
     char buf[TARVIK_FIRMWARE_BLOCK_SIZE];
     unsigned short words[4] = {0, 0, 0, 0};
     unsigned short u16 = 0;
-    unsigned int u32[4] = {0, 0, 0, 0};
+    unsigned int u32[TARVIK_CAN_FILTER_WORDS];
     unsigned char u8 = 0;
     int n = 0;
     STarvikI2CStep step;
     STarvikFirmwareInfo info;
+    short s16 = 0;
+    PCANFrameCallback onFrame = OnFrame;
 
     memset(buf, 0, sizeof(buf));
+    memset(u32, 0, sizeof(u32));
     memset(&info, 0, sizeof(info));
     step.nCommand = 0xA1;
     step.nLength = 1;
@@ -123,6 +131,62 @@ int main(void)
     EXPECT_INVALID_HANDLE(ADReadDigitalInput(NO_HANDLE, &u32[0], &u32[1], &u32[2]));
     EXPECT_INVALID_HANDLE(ADRead(NO_HANDLE, u32, 4, &n));
 
+    EXPECT_INVALID_HANDLE(CANDeviceClose(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(CANSetConfig(NO_HANDLE, 1, 0));
+    EXPECT_INVALID_HANDLE(CANGetConfig(NO_HANDLE, &n, &n));
+    EXPECT_INVALID_HANDLE(CANSetFilter(NO_HANDLE, u32, TARVIK_CAN_FILTER_WORDS));
+    EXPECT_INVALID_HANDLE(CANGetFilter(NO_HANDLE, u32, TARVIK_CAN_FILTER_WORDS));
+    EXPECT_INVALID_HANDLE(CANSetGlobals(NO_HANDLE, 500000, 1, 1, 0, 0, 0, 0, 0));
+    EXPECT_INVALID_HANDLE(CANGetGlobals(NO_HANDLE, &u32[0], &u8, &n, &n, &n, &n, &u32[1], &n));
+    EXPECT_INVALID_HANDLE(CANSetZCardParameter(NO_HANDLE, 1, 2, 3));
+    EXPECT_INVALID_HANDLE(CANGetZCardParameter(NO_HANDLE, &u8, &u16, &u16));
+    EXPECT_INVALID_HANDLE(CANSetTime(NO_HANDLE, 1, 2));
+    EXPECT_INVALID_HANDLE(CANGetTime(NO_HANDLE, &n, &n, &n));
+    EXPECT_INVALID_HANDLE(CANGetPowerStatus(NO_HANDLE, &u8, &u8, &u8, &s16, &u16, &u16, &n, words, 4,
+                                            (unsigned char*)buf, 4, (unsigned char*)buf, 4));
+    EXPECT_INVALID_HANDLE(CANSetPowerRelais(NO_HANDLE, 1));
+    EXPECT_INVALID_HANDLE(CANSetActivePowerSupplies(NO_HANDLE, 3));
+    EXPECT_INVALID_HANDLE(CANWrite(NO_HANDLE, 0x123, buf, 8, 0, &n, &n));
+    EXPECT_INVALID_HANDLE(CANSetCyclicMessage(NO_HANDLE, 1, 1, 100, 0x123, buf, 8, 0));
+    EXPECT_INVALID_HANDLE(CANStartAlive(NO_HANDLE, 3));
+    EXPECT_INVALID_HANDLE(CANSetCallback(NO_HANDLE, onFrame));
+    EXPECT_INVALID_HANDLE(CANSetCallbackEx(NO_HANDLE, 0));
+    EXPECT_INVALID_HANDLE(CANSetMaxSizePerQueue(NO_HANDLE, 100));
+    EXPECT_INVALID_HANDLE(CANGetMessage(NO_HANDLE, &n, buf, TARVIK_CAN_FRAME_DATA, &u8, &n, &n, &n));
+    EXPECT_INVALID_HANDLE(CANopenSetConfig(NO_HANDLE, 1));
+    EXPECT_INVALID_HANDLE(CANopenGetConfig(NO_HANDLE, &u8));
+    EXPECT_INVALID_HANDLE(CANopenSetSYNCMode(NO_HANDLE, 1));
+    EXPECT_INVALID_HANDLE(CANopenSendNMT(NO_HANDLE, 2, 1));
+    EXPECT_INVALID_HANDLE(CANopenSendSYNC(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(CANopenSendTIME(NO_HANDLE, 1, 2));
+    EXPECT_INVALID_HANDLE(CANopenSendPDO(NO_HANDLE, 1, 2, buf, 8));
+    EXPECT_INVALID_HANDLE(CANopenSendSDORead(NO_HANDLE, 2, 0x1000, 0, 500, &u8, &u32[0]));
+    EXPECT_INVALID_HANDLE(CANopenSendSDOWrite(NO_HANDLE, 2, 4, 0x2001, 0, 500, 7, &u8, &u32[0]));
+    EXPECT_INVALID_HANDLE(CANopenSendSDOReadBlock(NO_HANDLE, 2, 0x2100, 0, 500, (unsigned char*)buf, 64, &u8,
+                                                  &u16));
+    EXPECT_INVALID_HANDLE(CANopenSendSDOWriteBlock(NO_HANDLE, 2, 0x2100, 0, 500, (unsigned char*)buf, 64, &u8,
+                                                   &u32[0]));
+    EXPECT_INVALID_HANDLE(CANopenSetCallback(NO_HANDLE, 0, 0, 0, 0, 0));
+    EXPECT_INVALID_HANDLE(CANopenGetPDO(NO_HANDLE, &u8, &u8, &u8, buf, TARVIK_CANOPEN_PDO_DATA));
+    EXPECT_INVALID_HANDLE(CANopenGetSYNC(NO_HANDLE, &u8));
+    EXPECT_INVALID_HANDLE(CANopenGetEMCY(NO_HANDLE, &u8, &u16, &u8, (unsigned char*)buf, TARVIK_CANOPEN_EMCY_DATA));
+    EXPECT_INVALID_HANDLE(CANopenGetGUARD(NO_HANDLE, &u8, &u8));
+    EXPECT_INVALID_HANDLE(CANopenGetUndefined(NO_HANDLE, &n, &u8, &u8, &u8, buf, TARVIK_CANOPEN_UNDEFINED_DATA, &n,
+                                              &n));
+
+    EXPECT_INVALID_HANDLE(AWireCloseDevice(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(AWireSetConfig(NO_HANDLE, 1, 2, 256, 4, "target"));
+    EXPECT_INVALID_HANDLE(AWireGetConfig(NO_HANDLE, &u32[0], &u32[1], &u32[2], &u32[3], buf, 64));
+    EXPECT_INVALID_HANDLE(AWireRead(NO_HANDLE, 0, buf, 64, &u16));
+    EXPECT_INVALID_HANDLE(AWireVerify(NO_HANDLE, 0, buf, 64));
+    EXPECT_INVALID_HANDLE(AWireErase(NO_HANDLE, 0));
+    EXPECT_INVALID_HANDLE(AWireEraseUserPage(NO_HANDLE));
+    EXPECT_INVALID_HANDLE(AWireWriteBlock(NO_HANDLE, 0, buf, 64, &s16));
+    EXPECT_INVALID_HANDLE(AWireWriteUserPage(NO_HANDLE, 0, buf, 64, &s16));
+    EXPECT_INVALID_HANDLE(AWireGetWriteBlockStatus(NO_HANDLE, s16, &n, &u16, &u16));
+    EXPECT_INVALID_HANDLE(AWireWriteFile(NO_HANDLE, "image.hex"));
+    EXPECT_INVALID_HANDLE(AWireGetWriteFileStatus(NO_HANDLE, &n, &u8));
+
     /* A port index outside 0..99 is refused before anything else; *handle stays. */
     n = 42;
     Expect("I2COpenDevice", TARVIK_ERR_INVALID_PARAMETER, I2COpenDevice(&n, "127.0.0.1", 100, 100));
@@ -134,6 +198,8 @@ int main(void)
     Expect("TSRelayOpenDevice", TARVIK_ERR_INVALID_PARAMETER, TSRelayOpenDevice(&n, "127.0.0.1", 100, 100));
     Expect("DIOOpenDevice", TARVIK_ERR_INVALID_PARAMETER, DIOOpenDevice(&n, "127.0.0.1", 100, 100));
     Expect("ADOpenDevice", TARVIK_ERR_INVALID_PARAMETER, ADOpenDevice(&n, "127.0.0.1", 100, 100));
+    Expect("CANDeviceOpen", TARVIK_ERR_INVALID_PARAMETER, CANDeviceOpen(&n, "127.0.0.1", 100, 100, 0, 0));
+    Expect("AWireOpenDevice", TARVIK_ERR_INVALID_PARAMETER, AWireOpenDevice(&n, "127.0.0.1", 100, 100));
     Expect("handle left alone", 42, n);
 
     printf("%s\n", g_nFailed ? "c_api_check FAILED" : "c_api_check passed");
