@@ -42,3 +42,10 @@ def test_device_error_code_carries_device_type(sim):
             can.set_globals(12345)   # not a bit rate the gateway knows
         assert caught.value.code == 0x0224
         assert "baudrate" in caught.value.message
+
+
+def test_dio_round_trip(sim):
+    with tarvik.DIO(sim.host) as dio:
+        dio.write(0x5A)
+        inputs, outputs = dio.read()
+        assert outputs == 0x5A
