@@ -13,12 +13,38 @@ PyObject* s_pTarvikError = nullptr;
 
 void PyTarvikCheck(int code)
 {
+    if (code != 0)
+        PyTarvikCheck(code, py::dict());
+}
+
+void PyTarvikCheck(int code, const py::dict& attributes)
+{
     if (code == 0)
         return;
     const std::string text = CTarvikClient::GetErrorMsg(code);
     py::object error = py::reinterpret_borrow<py::object>(s_pTarvikError)(code, text);
+    for (auto item : attributes)
+        py::setattr(error, item.first, item.second);
     PyErr_SetObject(s_pTarvikError, error.ptr());
     throw py::error_already_set();
+}
+
+std::string_view PyTarvikBytes(const py::bytes& data, size_t maxLen)
+{
+    char* buffer = nullptr;
+    Py_ssize_t length = 0;
+    if (PyBytes_AsStringAndSize(data.ptr(), &buffer, &length) != 0)
+        throw py::error_already_set();
+    if (static_cast<size_t>(length) > maxLen)
+        throw py::value_error("data longer than " + std::to_string(maxLen) + " bytes");
+    return std::string_view(buffer, static_cast<size_t>(length));
+}
+
+unsigned short PyTarvikLength(long long length, size_t maxLen)
+{
+    if (length < 0 || static_cast<unsigned long long>(length) > maxLen)
+        throw py::value_error("length outside 0.." + std::to_string(maxLen));
+    return static_cast<unsigned short>(length);
 }
 
 void PyTarvikCheckReleased(int code)

@@ -11,15 +11,36 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace py = pybind11;
 
 // Raises tarvik.TarvikError(code, text) for a non-zero result code. Needs the GIL.
 void PyTarvikCheck(int code);
+// The same with further attributes on the error (such as the device's error position).
+void PyTarvikCheck(int code, const py::dict& attributes);
 // The same for a result obtained with the GIL released: takes the GIL only on failure.
 void PyTarvikCheckReleased(int code);
 // Registers TarvikError and error_message in the module.
 void PyTarvikBindErrors(py::module_& module);
+
+// Runs fn (returning a result code) with the GIL released and raises its failure.
+template <class Fn>
+void PyTarvikCall(Fn fn)
+{
+    int result;
+    {
+        py::gil_scoped_release release;
+        result = fn();
+    }
+    PyTarvikCheck(result);
+}
+
+// The bytes of a bytes-like argument, without copying; ValueError past maxLen. The view
+// stays valid while the argument lives (the caller holds it through the call).
+std::string_view PyTarvikBytes(const py::bytes& data, size_t maxLen = 65535);
+// A length argument that travels as an unsigned short (or smaller): ValueError past maxLen.
+unsigned short PyTarvikLength(long long length, size_t maxLen = 65535);
 
 class CPyClientBase
 {
@@ -84,7 +105,10 @@ void PyTarvikBindBase(Cls& cls)
              "Stops the connection and waits for its receive thread; no callback runs after it returns.")
         .def("info", &W::Info, "The device's 20-byte information record: {'raw': bytes, 'device_type': int}.")
         .def("status", &W::Status, "The device's status text.")
-        .def("restart", &W::Restart, "Restarts the device.")
+        // Through the typed client: the firmware client's Restart is a command of its own.
+        .def(
+            "restart", [](W& client) { PyTarvikCall([&] { return client.C().Restart(); }); },
+            "Restarts the device.")
         .def_property_readonly("connected", &W::IsConnected)
         .def_property_readonly("host", &W::GetHost)
         .def_property_readonly("port_index", &W::GetPortIndex)

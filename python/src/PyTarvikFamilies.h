@@ -3,7 +3,32 @@
 
 #include "PyTarvikClientBase.h"
 
-// The clients without receive queues: SPI, I2C, DIO, AD, Renesas, Firmware, AWire, the test system.
+// The clients without receive queues, bound per group.
+// DIO, SPI, I2C and AD.
 void PyTarvikBindFamilies(py::module_& module);
+// Renesas, Firmware and AWire.
+void PyTarvikBindProgrammers(py::module_& module);
+// The test system's units: TestSystemCOM, TestSystemIO, TestSystemPWR, TestSystemRelay.
+void PyTarvikBindTestSystem(py::module_& module);
+// tarvik.Hexfile, the memory image.
+void PyTarvikBindHexfile(py::module_& module);
+
+// The digital word pair that several families share.
+template <class W, class Cls>
+void PyTarvikBindDigital(Cls& cls)
+{
+    cls.def(
+           "read_digital",
+           [](W& w) {
+               unsigned int inputs = 0, outputs = 0;
+               PyTarvikCall([&] { return w.C().ReadDigital(inputs, outputs); });
+               return py::make_tuple(inputs, outputs);
+           },
+           "(inputs, outputs) of the digital lines as bit masks.")
+        .def(
+            "write_digital",
+            [](W& w, unsigned int outputs) { PyTarvikCall([&] { return w.C().WriteDigital(outputs); }); },
+            py::arg("outputs"), "Sets the digital outputs (bit mask).");
+}
 
 #endif

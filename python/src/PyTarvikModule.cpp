@@ -10,6 +10,9 @@ PYBIND11_MODULE(_tarvik, module)
     PyTarvikBindErrors(module);
     PyTarvikBindCAN(module);
     PyTarvikBindFamilies(module);
+    PyTarvikBindProgrammers(module);
+    PyTarvikBindTestSystem(module);
+    PyTarvikBindHexfile(module);
     // Receive threads are stopped before the interpreter finalizes: they would wait for its GIL.
     module.import("atexit").attr("register")(module.attr("_close_all_can"));
 }
