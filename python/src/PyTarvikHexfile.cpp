@@ -115,6 +115,8 @@ void Add(CHex& image, uint64_t address, const py::bytes& data)
     if (address > CHex::m_nMaxAddressSupported || bytes.size() > CHex::m_nMaxAddressSupported - address + 1)
         throw py::value_error("the block does not fit below 4 GiB");
     image.AddMemoryBlock(static_cast<unsigned int>(address), bytes.data(), static_cast<unsigned int>(bytes.size()));
+    // Adding keeps the minimum as it was; a binary save tests it.
+    image.RecalcMinMax();
 }
 
 void CheckRange(uint64_t first, uint64_t last)
