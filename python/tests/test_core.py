@@ -49,3 +49,19 @@ def test_dio_round_trip(sim):
         dio.write(0x5A)
         inputs, outputs = dio.read()
         assert outputs == 0x5A
+
+
+def test_stubs_name_every_public_method():
+    import ast
+    import os
+    tree = ast.parse(open(os.path.join(os.path.dirname(tarvik.__file__), "__init__.pyi")).read())
+    stubs = {}
+    for node in tree.body:
+        if isinstance(node, ast.ClassDef):
+            stubs[node.name] = {m.name for m in node.body if isinstance(m, ast.FunctionDef)} | \
+                {m.target.id for m in node.body if isinstance(m, ast.AnnAssign)}
+    for name in dir(tarvik._tarvik):
+        cls = getattr(tarvik._tarvik, name)
+        if isinstance(cls, type) and name != "TarvikError":
+            missing = {m for m in dir(cls) if not m.startswith("_")} - stubs.get(name, set()) - stubs["_Client"]
+            assert name in stubs and not missing, (name, missing)
