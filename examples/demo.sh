@@ -153,3 +153,29 @@ done
 step "$spi_demo" 127.0.0.1
 step "$eeprom_demo" 127.0.0.1
 step "$can_demo" 127.0.0.1
+stop_sim
+sim_pid=
+
+echo
+echo "== the Python examples against tarvik-sim: every family at port index 10 (CAN at 10 and 11)"
+python=/usr/bin/python3
+if [ ! -f "$build"/python/tarvik/__init__.py ] || ! ls "$build"/python/tarvik/_tarvik*.so >/dev/null 2>&1; then
+    echo "(skipped: the Python module is not built; configure with -DTARVIK_BUILD_PYTHON=ON)"
+    exit 0
+fi
+"$sim" --host 127.0.0.1 --devices spi,i2c,can:2,dio,ad,renesas,firmware,awire,tsio,tspwr,tscom,tsrelay --index 10 \
+    --can-nodes "" &
+sim_pid=$!
+# Port index 10: 4999 + device type + 1000; the relay unit (type 17) is the last to listen.
+for port in 6002 6000 6001 6101 6016; do
+    if ! wait_for_port "$port"; then
+        echo "demo.sh: tarvik-sim does not listen on 127.0.0.1:$port (port taken?)" >&2
+        exit 1
+    fi
+done
+examples=$(cd "$(dirname "$0")" && pwd)/python
+for example in spi eeprom can awire renesas firmware testsys dio_ad hexfile; do
+    echo
+    echo "\$ python3 examples/python/$example.py 127.0.0.1 10"
+    PYTHONPATH=$build/python "$python" "$examples/$example.py" 127.0.0.1 10
+done
