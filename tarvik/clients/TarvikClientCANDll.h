@@ -16,6 +16,7 @@
 #ifndef TARVIK_CLIENTS_TARVIKCLIENTCANDLL_H
 #define TARVIK_CLIENTS_TARVIKCLIENTCANDLL_H
 
+#include "tarvik/clients/TarvikCANCallbacks.h"
 #include "tarvik/clients/TarvikClientCAN.h"
 #include "tarvik/runtime/MolSync.h"
 
@@ -23,24 +24,6 @@
 #include <cstddef>
 #include <deque>
 #include <vector>
-
-// A received CAN frame: identifier, data, length, flags (0..255), device handle.
-typedef void (*PCANFrameCallback)(unsigned int, const char*, int, int, int);
-// The same with the frame's time stamp: seconds and microseconds (0, 0 without one).
-typedef void (*PCANFrameCallbackEx)(unsigned int, const char*, int, int, int, int, int);
-// PDO: the two selector bytes, the length byte as received, data, handle, 0, 0.
-typedef void (*PCANopenPDOCallback)(unsigned char, unsigned char, unsigned char, const char*, int, int, int);
-// SYNC: value, handle, 0, 0.
-typedef void (*PCANopenSYNCCallback)(unsigned char, int, int, int);
-// EMCY: node, error code, error register, 5 bytes of manufacturer data, handle, 0, 0.
-typedef void (*PCANopenEMCYCallback)(unsigned char, unsigned short, unsigned char, const unsigned char*, int, int,
-                                     int);
-// Node guarding: node, state, handle, 0, 0.
-typedef void (*PCANopenGUARDCallback)(unsigned char, unsigned char, int, int, int);
-// A telegram of no known kind: identifier, its two low bytes, length, data, handle,
-// seconds, microseconds.
-typedef void (*PCANopenUndefinedCallback)(int, unsigned char, unsigned char, unsigned char, const char*, int, int,
-                                          int);
 
 // One bounded FIFO of telegrams, held by value, oldest first. CTarvikClientCANDll works
 // on its fields directly; m_Mutex guards m_Messages.

@@ -25,6 +25,7 @@
 #ifndef TARVIK_DLL_TARVIKDLLCAN_H
 #define TARVIK_DLL_TARVIKDLLCAN_H
 
+#include "tarvik/clients/TarvikCANCallbacks.h"
 #include "tarvik/core/TarvikExport.h"
 
 #ifdef __cplusplus
@@ -44,26 +45,6 @@ extern "C" {
 #define TARVIK_CANOPEN_UNDEFINED_DATA 255
 /* Largest queue size that CANSetMaxSizePerQueue takes. */
 #define TARVIK_CAN_MAX_QUEUE_SIZE 1000000
-
-/* The callbacks; the int after the data is the handle. A received CAN frame: identifier,
- * data, length, flags (0..255), handle. */
-typedef void (*PCANFrameCallback)(unsigned int, const char*, int, int, int);
-/* The same with the frame's time stamp: seconds and microseconds (0, 0 without one). */
-typedef void (*PCANFrameCallbackEx)(unsigned int, const char*, int, int, int, int, int);
-/* PDO: the two selector bytes, the length byte as received, data, handle, 0, 0. */
-typedef void (*PCANopenPDOCallback)(unsigned char, unsigned char, unsigned char, const char*, int, int, int);
-/* SYNC: value, handle, 0, 0. */
-typedef void (*PCANopenSYNCCallback)(unsigned char, int, int, int);
-/* EMCY: node, error code (its low byte widened with its sign), error register, 5 bytes
- * of manufacturer data, handle, 0, 0. */
-typedef void (*PCANopenEMCYCallback)(unsigned char, unsigned short, unsigned char, const unsigned char*, int, int,
-                                     int);
-/* Node guarding: node, state, handle, 0, 0. */
-typedef void (*PCANopenGUARDCallback)(unsigned char, unsigned char, int, int, int);
-/* A telegram of no known kind: identifier, its two low bytes, length, data, handle,
- * seconds, microseconds. */
-typedef void (*PCANopenUndefinedCallback)(int, unsigned char, unsigned char, unsigned char, const char*, int, int,
-                                          int);
 
 /* Connects and configures the gateway (CANSetConfig with the two flags). 0x920000 for a
  * portIndex outside 0..99 (*handle untouched); on any other failure *handle is -1. */
