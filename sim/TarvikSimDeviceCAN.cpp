@@ -161,7 +161,7 @@ size_t CTarvikSimDeviceCAN::StreamFrames(unsigned long connection, STarvikSimCan
         CTarvikMsg msg;
         {
             std::lock_guard<std::mutex> lock(m_oMutex);
-            msg = FrameTelegram(eCmdWrite, frame, timeStamps);
+            msg = FrameTelegram(CTarvikClientCAN::eCmdFrame, frame, timeStamps);
         }
         if (!IndicateToWait(connection, msg))
             return i;
@@ -171,7 +171,7 @@ size_t CTarvikSimDeviceCAN::StreamFrames(unsigned long connection, STarvikSimCan
 
 bool CTarvikSimDeviceCAN::HandleCommand(unsigned char cmd, const std::string& data, std::string& answer)
 {
-    if (cmd >= eCmdCoSetConfig && cmd <= eCmdCoSdoWriteBlock)
+    if (cmd >= CTarvikClientCAN::eCmdCANopenSetConfig && cmd <= CTarvikClientCAN::eCmdCANopenSDOWriteBlock)
         return HandleCanOpenCommand(cmd, data, answer);
     return HandleCanCommand(cmd, data, answer);
 }
@@ -180,20 +180,20 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
 {
     switch (cmd)
     {
-    case eCmdWrite: answer = OnWrite(data); return true;
-    case eCmdSetConfig: answer = OnSetConfig(data); return true;
-    case eCmdGetConfig:
+    case CTarvikClientCAN::eCmdFrame: answer = OnWrite(data); return true;
+    case CTarvikClientCAN::eCmdSetConfig: answer = OnSetConfig(data); return true;
+    case CTarvikClientCAN::eCmdGetConfig:
     {
         const SClient& client = m_aoClients[GetRequester()];
         answer = data.empty() ? Answer(eResultOk, U8(client.m_bConfirm) + U8(client.m_bTimeStamps)) : Answer(eResultFailed);
         return true;
     }
-    case eCmdSetGlobals: answer = OnSetGlobals(data); return true;
-    case eCmdGetGlobals: answer = data.empty() ? Answer(eResultOk, m_sGlobals) : Answer(eResultFailed); return true;
-    case eCmdSetTime: answer = OnSetTime(data); return true;
-    case eCmdGetTime: answer = data.empty() ? Answer(eResultOk, U8(m_bTimeValid) + Stamp(ClockUs())) : Answer(eResultFailed); return true;
-    case eCmdSetFilter: answer = OnSetFilter(data); return true;
-    case eCmdGetFilter:
+    case CTarvikClientCAN::eCmdSetGlobals: answer = OnSetGlobals(data); return true;
+    case CTarvikClientCAN::eCmdGetGlobals: answer = data.empty() ? Answer(eResultOk, m_sGlobals) : Answer(eResultFailed); return true;
+    case CTarvikClientCAN::eCmdSetTime: answer = OnSetTime(data); return true;
+    case CTarvikClientCAN::eCmdGetTime: answer = data.empty() ? Answer(eResultOk, U8(m_bTimeValid) + Stamp(ClockUs())) : Answer(eResultFailed); return true;
+    case CTarvikClientCAN::eCmdSetFilter: answer = OnSetFilter(data); return true;
+    case CTarvikClientCAN::eCmdGetFilter:
     {
         std::string words;
         for (unsigned int word : m_anFilter)
@@ -201,9 +201,9 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
         answer = data.empty() ? Answer(eResultOk, words) : Answer(eResultFailed);
         return true;
     }
-    case eCmdGetPowerStatus: answer = data.empty() ? OnGetPowerStatus() : Answer(eResultFailed); return true;
-    case eCmdSetPowerRelais: answer = OnSetPowerRelais(data); return true;
-    case eCmdSetActivePowerSupplies:
+    case CTarvikClientCAN::eCmdGetPowerStatus: answer = data.empty() ? OnGetPowerStatus() : Answer(eResultFailed); return true;
+    case CTarvikClientCAN::eCmdSetPowerRelais: answer = OnSetPowerRelais(data); return true;
+    case CTarvikClientCAN::eCmdSetActivePowerSupplies:
         if (data.size() != 4)
             answer = Answer(eResultFailed);
         else
@@ -212,9 +212,9 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
             answer = Answer(eResultOk);
         }
         return true;
-    case eCmdSetCyclicMessage: answer = OnSetCyclic(data); return true;
-    case eCmdSetZCardParameter: answer = OnSetZCard(data); return true;
-    case eCmdGetZCardParameter: answer = data.empty() ? Answer(eResultOk, m_sZCard) : Answer(eResultFailed); return true;
+    case CTarvikClientCAN::eCmdSetCyclicMessage: answer = OnSetCyclic(data); return true;
+    case CTarvikClientCAN::eCmdSetZCardParameter: answer = OnSetZCard(data); return true;
+    case CTarvikClientCAN::eCmdGetZCardParameter: answer = data.empty() ? Answer(eResultOk, m_sZCard) : Answer(eResultFailed); return true;
     default: return false;
     }
 }
@@ -351,17 +351,17 @@ std::string CTarvikSimDeviceCAN::OnSetZCard(const std::string& data)
 
 bool CTarvikSimDeviceCAN::HandleCanOpenCommand(unsigned char cmd, const std::string& data, std::string& answer)
 {
-    if (cmd == eCmdCoSetConfig)
+    if (cmd == CTarvikClientCAN::eCmdCANopenSetConfig)
     {
         answer = OnCoSetConfig(data);
         return true;
     }
-    if (cmd == eCmdCoGetConfig)
+    if (cmd == CTarvikClientCAN::eCmdCANopenGetConfig)
     {
         answer = data.empty() ? Answer(eResultOk, U8(m_nCoMode)) : Answer(eResultFailed);
         return true;
     }
-    if (cmd == eCmdCoEmcy)
+    if (cmd == CTarvikClientCAN::eCmdCANopenEMCY)
         return false;
     if (m_nCoMode == 0)
     {
@@ -370,17 +370,17 @@ bool CTarvikSimDeviceCAN::HandleCanOpenCommand(unsigned char cmd, const std::str
     }
     switch (cmd)
     {
-    case eCmdCoSetSyncMode: answer = OnCoSetSyncMode(data); break;
-    case eCmdCoNmt: answer = OnCoNmt(data); break;
-    case eCmdCoSync:
+    case CTarvikClientCAN::eCmdCANopenSetSYNCMode: answer = OnCoSetSyncMode(data); break;
+    case CTarvikClientCAN::eCmdCANopenSendNMT: answer = OnCoNmt(data); break;
+    case CTarvikClientCAN::eCmdCANopenSYNC:
         answer = data.empty() ? Answer(Send(STarvikSimCanFrame{CTarvikSimCanOpenNode::kCobSync, 0, {}, 0, {}}))
                               : Answer(eResultFailed);
         break;
-    case eCmdCoTime: answer = OnCoTime(data); break;
-    case eCmdCoPdo: answer = OnCoPdo(data); break;
-    case eCmdCoSdoRead: answer = OnSdoRead(data, false); break;
-    case eCmdCoSdoWrite: answer = OnSdoWrite(data); break;
-    case eCmdCoSdoReadBlock: answer = OnSdoRead(data, true); break;
+    case CTarvikClientCAN::eCmdCANopenSendTIME: answer = OnCoTime(data); break;
+    case CTarvikClientCAN::eCmdCANopenPDO: answer = OnCoPdo(data); break;
+    case CTarvikClientCAN::eCmdCANopenSDORead: answer = OnSdoRead(data, false); break;
+    case CTarvikClientCAN::eCmdCANopenSDOWrite: answer = OnSdoWrite(data); break;
+    case CTarvikClientCAN::eCmdCANopenSDOReadBlock: answer = OnSdoRead(data, true); break;
     default: answer = OnSdoWriteBlock(data); break;
     }
     return true;
@@ -550,7 +550,7 @@ void CTarvikSimDeviceCAN::OnFrame(const STarvikSimCanFrame& frame)
     if (m_nCoMode != 0)
         OnCanOpenFrame(frame);
     else if (Accepts(frame))
-        IndicateFrame(eCmdWrite, frame);
+        IndicateFrame(CTarvikClientCAN::eCmdFrame, frame);
 }
 
 void CTarvikSimDeviceCAN::OnCanOpenFrame(const STarvikSimCanFrame& frame)
@@ -561,21 +561,21 @@ void CTarvikSimDeviceCAN::OnCanOpenFrame(const STarvikSimCanFrame& frame)
     unsigned int function = id & 0x780;
     bool standard = IsStandard(frame);
     if (standard && id == CTarvikSimCanOpenNode::kCobSync)
-        IndicateAll(eCmdCoSync, U8(data.empty() ? 0 : Byte(data, 0)));
+        IndicateAll(CTarvikClientCAN::eCmdCANopenSYNC, U8(data.empty() ? 0 : Byte(data, 0)));
     else if (standard && function == CTarvikSimCanOpenNode::kCobEmcy && node != 0)
     {
         std::string emcy = data.substr(0, 8);
         emcy.resize(8, '\0');
-        IndicateAll(eCmdCoEmcy, U8(node) + emcy);
+        IndicateAll(CTarvikClientCAN::eCmdCANopenEMCY, U8(node) + emcy);
     }
     else if (standard && function >= CTarvikSimCanOpenNode::kCobTpdo1 && function <= 0x480 && (function & 0x80) != 0 &&
              node != 0 && data.size() <= STarvikSimCanFrame::kMaxClassic)
-        IndicateAll(eCmdCoPdo, U8(node) + U8((function - CTarvikSimCanOpenNode::kCobTpdo1) / 0x100 + 1) +
+        IndicateAll(CTarvikClientCAN::eCmdCANopenPDO, U8(node) + U8((function - CTarvikSimCanOpenNode::kCobTpdo1) / 0x100 + 1) +
                                    U8(data.size()) + data);
     else if (standard && function == CTarvikSimCanOpenNode::kCobHeartbeat && node != 0 && data.size() == 1)
         OnHeartbeat(node, Byte(data, 0) & 0x7F);
     else if (Accepts(frame))
-        IndicateFrame(eCmdCoUndefined, frame);
+        IndicateFrame(CTarvikClientCAN::eCmdCANopenUndefined, frame);
 }
 
 void CTarvikSimDeviceCAN::OnHeartbeat(unsigned char node, unsigned char state)
@@ -584,7 +584,7 @@ void CTarvikSimDeviceCAN::OnHeartbeat(unsigned char node, unsigned char state)
     if (it == m_anNodeStates.end() || it->second != state)
     {
         m_anNodeStates[node] = state;
-        IndicateAll(eCmdCoGuard, U8(node) + U8(state));
+        IndicateAll(CTarvikClientCAN::eCmdCANopenGUARD, U8(node) + U8(state));
     }
     // The master expects the next heartbeat within 1.5 of the node's period.
     CTarvikSimCanOpenNode* producer = m_pBus->GetNode(node);
@@ -613,7 +613,7 @@ void CTarvikSimDeviceCAN::OnTimer(unsigned int key)
     {
         unsigned char node = static_cast<unsigned char>(key - kTimerGuardBase);
         if (m_nCoMode != 0 && m_anNodeStates.erase(node) != 0)
-            IndicateAll(eCmdCoGuard, U8(node) + U8(kGuardLost));
+            IndicateAll(CTarvikClientCAN::eCmdCANopenGUARD, U8(node) + U8(kGuardLost));
     }
 }
 

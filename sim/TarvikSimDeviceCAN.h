@@ -46,6 +46,7 @@
 #include "sim/TarvikSimCanBus.h"
 #include "sim/TarvikSimCanStation.h"
 #include "sim/TarvikSimDevice.h"
+#include "tarvik/clients/TarvikClientCAN.h"
 
 #include <array>
 #include <map>
@@ -54,38 +55,6 @@
 class CTarvikSimDeviceCAN : public CTarvikSimDevice, public CTarvikSimCanStation
 {
 public:
-    enum ECmd
-    {
-        eCmdWrite = 0x03,
-        eCmdSetConfig = 0x05,
-        eCmdGetConfig = 0x06,
-        eCmdSetGlobals = 0x07,
-        eCmdGetGlobals = 0x08,
-        eCmdSetTime = 0x0B,
-        eCmdGetTime = 0x0E,
-        eCmdSetFilter = 0x20,
-        eCmdGetFilter = 0x21,
-        eCmdGetPowerStatus = 0x22,
-        eCmdSetPowerRelais = 0x23,
-        eCmdSetActivePowerSupplies = 0x24,
-        eCmdSetCyclicMessage = 0x25,
-        eCmdSetZCardParameter = 0x51,
-        eCmdGetZCardParameter = 0x52,
-        eCmdCoSetConfig = 0x60,
-        eCmdCoGetConfig = 0x61,
-        eCmdCoSetSyncMode = 0x62,
-        eCmdCoNmt = 0x63,
-        eCmdCoSync = 0x64,
-        eCmdCoTime = 0x65,
-        eCmdCoEmcy = 0x66,
-        eCmdCoPdo = 0x67,
-        eCmdCoSdoRead = 0x68,
-        eCmdCoSdoWrite = 0x69,
-        eCmdCoSdoReadBlock = 0x6A,
-        eCmdCoSdoWriteBlock = 0x6B,
-        eCmdCoGuard = 0x6C,
-        eCmdCoUndefined = 0x6D,
-    };
     enum ECanResult
     {
         eResultNack = 0x20,
