@@ -104,10 +104,11 @@ void CTarvikSimConnection::Run()
             size_t size = FrameSize(m_aReceive.data() + pos);
             if (used - pos < size)
                 break;
-            open = HandleFrame(m_aReceive.data() + pos, size);
+            // What the request queued goes out right behind its answer, before the next
+            // request of the same read is handled.
+            open = HandleFrame(m_aReceive.data() + pos, size) && SendPosted();
             pos += size;
         }
-        open = open && SendPosted();
         if (pos > 0 && used > pos)
             std::memmove(m_aReceive.data(), m_aReceive.data() + pos, used - pos);
         used -= pos;

@@ -4,8 +4,8 @@
 // A frame shorter than 7 bytes or with a bad check byte is dropped without an answer;
 // the length prefix still tells where the next frame starts, so the stream stays in step.
 // Indications that the device posts to this connection's outbox are written by the
-// same thread, after the answers to the requests of one read, or when the thread is
-// idle; so frames never interleave.
+// same thread, after the answer to each request, or when the thread is idle; so frames
+// never interleave.
 //
 // The receive buffer starts small, grows for a large frame and shrinks back once it is
 // handled, so that hundreds of idle connections cost little.

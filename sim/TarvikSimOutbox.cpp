@@ -55,6 +55,10 @@ void CTarvikSimOutbox::Take(std::string& out)
     out.clear();
     {
         std::lock_guard<std::mutex> lock(m_oMutex);
+        // Signalled only when bytes arrived in an empty box: nothing to clear otherwise,
+        // and the common empty look costs no system call.
+        if (m_sBytes.empty())
+            return;
         m_sBytes.swap(out);
         uint64_t count = 0;
         ssize_t got = ::read(m_nFd, &count, sizeof(count));
