@@ -53,10 +53,9 @@ protected:
         CTarvikSimDevice* gateway = m_oServer.GetDevice(eTarvikCAN, 1);
         size_t before = gateway->GetConnectionCount();
         auto dump = std::make_unique<CCliProcess>(kCliTarvik, Args(1, command));
-        for (int i = 0; i < 2000 && gateway->GetConnectionCount() == before; ++i)
+        // The dump sets its callback before it connects: connected means listening.
+        for (int i = 0; i < 4000 && gateway->GetConnectionCount() == before; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        // Connected; the callback is set right after the connect.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
         return dump;
     }
 

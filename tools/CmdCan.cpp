@@ -128,9 +128,12 @@ std::string InterfaceName(const SCliGlobals& globals)
 class CCliCan
 {
 public:
-    explicit CCliCan(const SCliGlobals& globals)
+    // A frame callback is set before the connection opens, so that no frame arriving
+    // in between is lost.
+    explicit CCliCan(const SCliGlobals& globals, PCANFrameCallbackEx onFrame = nullptr)
         : m_oSession(globals), m_oClient(0, static_cast<int>(globals.m_nTimeoutMs))
     {
+        m_oClient.SetCallbackEx(onFrame);
         m_oSession.Open(m_oClient);
     }
     CCliSession& Session() { return m_oSession; }
@@ -541,8 +544,7 @@ void RunDump(const SCliGlobals& globals, const SCanOptions& options)
     CDumpSink sink;
     CDumpSink::s_pActive = &sink;
     CInterruptGuard interrupt;
-    CCliCan can(globals);
-    can.Client().SetCallbackEx(OnFrame);
+    CCliCan can(globals, OnFrame);
     std::string name = InterfaceName(globals);
     auto started = std::chrono::steady_clock::now();
     auto ended = [&] {
