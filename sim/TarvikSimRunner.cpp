@@ -76,7 +76,7 @@ void ApplyFaults(const STarvikSimOptions& options, CTarvikSimServer& server)
     server.SetMaxConnections(options.m_nMaxConnections);
 }
 
-struct SDeviceSpec
+struct SDeviceGroup
 {
     ETarvikDevice m_eType;
     unsigned int m_nCount;
@@ -86,11 +86,11 @@ constexpr unsigned int kMaxDevicesOfAType = 100;
 constexpr unsigned int kMaxIndex = 600;
 
 // One entry of a device list: "can" or "can:3".
-bool ParseDeviceEntry(const std::string& entry, SDeviceSpec& spec, std::string& error)
+bool ParseDeviceEntry(const std::string& entry, SDeviceGroup& group, std::string& error)
 {
     size_t colon = entry.find(':');
     std::string name = entry.substr(0, colon);
-    spec.m_nCount = 1;
+    group.m_nCount = 1;
     if (colon != std::string::npos)
     {
         std::string count = entry.substr(colon + 1);
@@ -101,9 +101,9 @@ bool ParseDeviceEntry(const std::string& entry, SDeviceSpec& spec, std::string& 
             error = "bad device count in \"" + entry + "\" (1.." + std::to_string(kMaxDevicesOfAType) + ")";
             return false;
         }
-        spec.m_nCount = static_cast<unsigned int>(value);
+        group.m_nCount = static_cast<unsigned int>(value);
     }
-    if (!CTarvikSimRegistry::FindByName(name, spec.m_eType))
+    if (!CTarvikSimRegistry::FindByName(name, group.m_eType))
     {
         error = "unknown device \"" + name + "\" (known: " + CTarvikSimRunner::JoinNames() + ")";
         return false;
@@ -112,7 +112,7 @@ bool ParseDeviceEntry(const std::string& entry, SDeviceSpec& spec, std::string& 
 }
 
 // Resolves a device list; an empty list means every model.
-int ParseDevices(const std::string& list, std::vector<SDeviceSpec>& specs, std::string& error)
+int ParseDevices(const std::string& list, std::vector<SDeviceGroup>& groups, std::string& error)
 {
     std::stringstream stream(list.empty() ? CTarvikSimRunner::JoinNames() : list);
     std::string entry;
@@ -120,17 +120,17 @@ int ParseDevices(const std::string& list, std::vector<SDeviceSpec>& specs, std::
     {
         if (entry.empty())
             continue;
-        SDeviceSpec spec{};
-        if (!ParseDeviceEntry(entry, spec, error))
+        SDeviceGroup group{};
+        if (!ParseDeviceEntry(entry, group, error))
             return CTarvikSimRunner::eExitUsage;
-        auto same = std::find_if(specs.begin(), specs.end(),
-                                 [&spec](const SDeviceSpec& s) { return s.m_eType == spec.m_eType; });
-        if (same == specs.end())
-            specs.push_back(spec);
+        auto same = std::find_if(groups.begin(), groups.end(),
+                                 [&group](const SDeviceGroup& s) { return s.m_eType == group.m_eType; });
+        if (same == groups.end())
+            groups.push_back(group);
         else
-            same->m_nCount = std::max(same->m_nCount, spec.m_nCount);
+            same->m_nCount = std::max(same->m_nCount, group.m_nCount);
     }
-    if (specs.empty())
+    if (groups.empty())
     {
         error = "no device given";
         return CTarvikSimRunner::eExitUsage;
@@ -195,20 +195,20 @@ void CTarvikSimRunner::AddOptions(CLI::App& app, STarvikSimOptions& options)
 
 int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, std::string& error)
 {
-    std::vector<SDeviceSpec> specs;
-    int result = ParseDevices(options.m_sDevices, specs, error);
+    std::vector<SDeviceGroup> groups;
+    int result = ParseDevices(options.m_sDevices, groups, error);
     if (result != eExitOk)
         return result;
     std::vector<unsigned char> nodeIds;
     if (!ParseNodeIds(options.m_sCanNodes, nodeIds, error))
         return eExitUsage;
-    for (const SDeviceSpec& spec : specs)
-        if (options.m_nIndex + spec.m_nCount - 1 > kMaxIndex)
+    for (const SDeviceGroup& group : groups)
+        if (options.m_nIndex + group.m_nCount - 1 > kMaxIndex)
         {
             error = "port indices past " + std::to_string(kMaxIndex);
             return eExitUsage;
         }
-    if (options.m_nPort >= 0 && (specs.size() != 1 || specs[0].m_nCount != 1))
+    if (options.m_nPort >= 0 && (groups.size() != 1 || groups[0].m_nCount != 1))
     {
         error = "--port needs exactly one device";
         return eExitUsage;
@@ -223,13 +223,13 @@ int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, s
 
     CTarvikSimServer server;
     server.SetCanNodeIds(nodeIds);
-    for (const SDeviceSpec& spec : specs)
-        for (unsigned int i = 0; i < spec.m_nCount; ++i)
+    for (const SDeviceGroup& group : groups)
+        for (unsigned int i = 0; i < group.m_nCount; ++i)
         {
             unsigned int index = options.m_nIndex + i;
             unsigned short port = options.m_nPort >= 0 ? static_cast<unsigned short>(options.m_nPort)
-                                                       : CTarvikSimServer::GetStandardPort(spec.m_eType, index);
-            if (server.AddDevice(spec.m_eType, options.m_sHost, port, index) != 0)
+                                                       : CTarvikSimServer::GetStandardPort(group.m_eType, index);
+            if (server.AddDevice(group.m_eType, options.m_sHost, port, index) != 0)
             {
                 error = server.GetLastError();
                 return eExitServer;

@@ -20,7 +20,7 @@
 
 namespace
 {
-// NMT command specifiers of CANopen.
+// NMT command codes of CANopen.
 struct SNmtCommand
 {
     const char* m_pName;
