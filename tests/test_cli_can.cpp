@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
 #include <csignal>
+#include <cstdio>
 #include <regex>
 #include <thread>
 #include <unistd.h>
@@ -37,7 +37,7 @@ protected:
     std::vector<std::string> Args(unsigned int index, std::vector<std::string> command) const
     {
         std::vector<std::string> args = {"--host", "127.0.0.1", "--port",
-                                          std::to_string(m_oServer.GetPort(eTarvikCAN, index))};
+                                         std::to_string(m_oServer.GetPort(eTarvikCAN, index))};
         args.insert(args.end(), command.begin(), command.end());
         return args;
     }

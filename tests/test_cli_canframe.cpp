@@ -24,22 +24,21 @@ const SFrameRow kFrames[] = {
     {"123#R4", "123#R4", "  tarvik0  123   [4]  remote request"},
     {"123##1", "123##1", "  tarvik0  123  [00] "},
     {"123##0112233445566778899", "123##0112233445566778899", "  tarvik0  123  [09]  11 22 33 44 55 66 77 88 99"},
-    {"1FFFFFFF#0102030405060708", "1FFFFFFF#0102030405060708",
-     "  tarvik0  1FFFFFFF   [8]  01 02 03 04 05 06 07 08"},
+    {"1FFFFFFF#0102030405060708", "1FFFFFFF#0102030405060708", "  tarvik0  1FFFFFFF   [8]  01 02 03 04 05 06 07 08"},
 };
 
 const char* const kRejected[] = {
-    "123",                 // no '#'
-    "12#00",               // two digits: neither standard nor extended
-    "1234#00",             // four digits
-    "800#00",              // standard identifier above 7FF
-    "20000000#00",         // extended identifier above 1FFFFFFF
-    "123#0",               // half a byte
-    "123#GG",              // not hex
+    "123",                    // no '#'
+    "12#00",                  // two digits: neither standard nor extended
+    "1234#00",                // four digits
+    "800#00",                 // standard identifier above 7FF
+    "20000000#00",            // extended identifier above 1FFFFFFF
+    "123#0",                  // half a byte
+    "123#GG",                 // not hex
     "123#001122334455667788", // nine bytes in a classic frame
-    "123#R9",              // remote length above 8
-    "123##",               // FD without its flags digit
-    "xyz#00",              // identifier not hex
+    "123#R9",                 // remote length above 8
+    "123##",                  // FD without its flags digit
+    "xyz#00",                 // identifier not hex
 };
 } // namespace
 

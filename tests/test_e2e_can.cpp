@@ -27,7 +27,10 @@ struct SFrame
     int m_nId;
     int m_nFlags;
     std::string m_sData;
-    bool operator==(const SFrame& o) const { return m_nId == o.m_nId && m_nFlags == o.m_nFlags && m_sData == o.m_sData; }
+    bool operator==(const SFrame& o) const
+    {
+        return m_nId == o.m_nId && m_nFlags == o.m_nFlags && m_sData == o.m_sData;
+    }
 };
 
 // Polls cond until it holds; cond may take what it finds, so it is asked once a round.
@@ -95,7 +98,7 @@ protected:
 
     CTarvikSimServer m_oServer;
     std::unique_ptr<CTarvikClientCANDll> m_apClients[2] = {std::make_unique<CTarvikClientCANDll>(1, kTimeoutMs),
-                                                            std::make_unique<CTarvikClientCANDll>(2, kTimeoutMs)};
+                                                           std::make_unique<CTarvikClientCANDll>(2, kTimeoutMs)};
 };
 
 const SFrame kFrames[] = {
@@ -114,11 +117,13 @@ TEST_F(E2ECan, FramesWrittenByOneClientReachTheOtherWhole)
         ASSERT_EQ(0, A().Write(f.m_nId, f.m_sData.data(), static_cast<unsigned char>(f.m_sData.size()),
                                static_cast<unsigned char>(f.m_nFlags), nullptr, nullptr));
     std::vector<SFrame> got;
-    ASSERT_TRUE(Eventually([&] {
-        for (const SFrame& f : Drain())
-            got.push_back(f);
-        return got.size() >= std::size(kFrames);
-    }));
+    ASSERT_TRUE(Eventually(
+        [&]
+        {
+            for (const SFrame& f : Drain())
+                got.push_back(f);
+            return got.size() >= std::size(kFrames);
+        }));
     ASSERT_EQ(std::size(kFrames), got.size());
     for (size_t i = 0; i < got.size(); ++i)
         EXPECT_TRUE(got[i] == kFrames[i]) << i;
@@ -133,10 +138,12 @@ TEST_F(E2ECan, FramesWrittenByOneClientReachTheOtherWhole)
                                static_cast<unsigned char>(f.m_nFlags), &seconds, &micros));
     EXPECT_GE(seconds, 0);
     EXPECT_GE(micros, 0);
-    ASSERT_TRUE(Eventually([] {
-        std::lock_guard<std::mutex> lock(g_oMutex);
-        return g_aCallbackFrames.size() >= std::size(kFrames);
-    }));
+    ASSERT_TRUE(Eventually(
+        []
+        {
+            std::lock_guard<std::mutex> lock(g_oMutex);
+            return g_aCallbackFrames.size() >= std::size(kFrames);
+        }));
     std::lock_guard<std::mutex> lock(g_oMutex);
     for (size_t i = 0; i < std::size(kFrames); ++i)
         EXPECT_TRUE(g_aCallbackFrames[i] == kFrames[i]) << i;
@@ -148,11 +155,13 @@ TEST_F(E2ECan, CyclicFramesRepeatUntilSwitchedOff)
     B().SetMaxSizePerQueue(1000);
     ASSERT_EQ(0, A().SetCyclicMessage(3, true, 5, 0x321, "\x11", 1, 0));
     size_t repeats = 0;
-    ASSERT_TRUE(Eventually([&] {
-        for (const SFrame& f : Drain())
-            repeats += f == SFrame{0x321, 0, "\x11"};
-        return repeats >= 4;
-    }));
+    ASSERT_TRUE(Eventually(
+        [&]
+        {
+            for (const SFrame& f : Drain())
+                repeats += f == SFrame{0x321, 0, "\x11"};
+            return repeats >= 4;
+        }));
     ASSERT_EQ(0, A().SetCyclicMessage(3, false, 5, 0x321, "\x11", 1, 0));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     Drain();
@@ -210,10 +219,12 @@ TEST_F(E2ECan, SyncPdoAndEmergenciesComeBackAsIndications)
     CTarvikSimCanOpenNode* node = m_oServer.GetCanBus()->GetNode(kNode);
     ASSERT_NE(nullptr, node);
     ASSERT_TRUE(node->RaiseEmcy(0x1081, 0x01));
-    ASSERT_TRUE(Eventually([] {
-        std::lock_guard<std::mutex> lock(g_oMutex);
-        return !g_anEmcyCodes.empty();
-    }));
+    ASSERT_TRUE(Eventually(
+        []
+        {
+            std::lock_guard<std::mutex> lock(g_oMutex);
+            return !g_anEmcyCodes.empty();
+        }));
     // The callback's error code takes byte 1 as signed: 0x81 fills the high byte.
     std::lock_guard<std::mutex> lock(g_oMutex);
     EXPECT_EQ(0xFF81, g_anEmcyCodes[0]);

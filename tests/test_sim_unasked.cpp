@@ -92,7 +92,10 @@ protected:
         if (m_nPeer >= 0)
             ::close(m_nPeer);
     }
-    void Send(const std::string& frame) { ASSERT_EQ(ssize_t(frame.size()), ::send(m_nPeer, frame.data(), frame.size(), 0)); }
+    void Send(const std::string& frame)
+    {
+        ASSERT_EQ(ssize_t(frame.size()), ::send(m_nPeer, frame.data(), frame.size(), 0));
+    }
 
     STarvikSimFaults m_oFaults;
     CPushDevice m_oDevice;
@@ -125,7 +128,8 @@ TEST_F(SimUnasked, AStreamGoesAtTheReadersPaceAndAnswersStayWhole)
         [&]
         {
             for (int i = 0; i < kCount; ++i)
-                if (!m_oDevice.IndicateToWait(connection, CTarvikMsg(kIndication, static_cast<short>(i), std::string(payload))))
+                if (!m_oDevice.IndicateToWait(connection,
+                                              CTarvikMsg(kIndication, static_cast<short>(i), std::string(payload))))
                     return;
         });
     // The reader starts late: the box fills, and the streamer waits instead of dropping.

@@ -1,5 +1,6 @@
 // AWire programmer commands: awire config, read, erase, write-file.
 #include "CliFormat.h"
+#include "CliInterrupt.h"
 #include "CliSession.h"
 #include "CliStepProgress.h"
 #include "HexFile.h"
@@ -10,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -119,34 +119,6 @@ void RunErase(const SCliGlobals& globals, const SAWireOptions& options)
     CliPrint(globals, "flash erased", TCliJson{{"erased", "flash"}, {"value", value}});
 }
 
-// Ctrl-C during a file write only asks for the end; the command then stops the write
-// itself, so that the process never dies in the middle of a telegram.
-std::atomic<bool> g_bInterrupted{false};
-
-void OnInterrupt(int)
-{
-    g_bInterrupted = true;
-}
-
-// Catches SIGINT while it lives.
-class CInterruptGuard
-{
-public:
-    CInterruptGuard()
-    {
-        g_bInterrupted = false;
-        struct sigaction action = {};
-        action.sa_handler = OnInterrupt;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGINT, &action, &m_oPrevious);
-    }
-    ~CInterruptGuard() { sigaction(SIGINT, &m_oPrevious, nullptr); }
-    CInterruptGuard(const CInterruptGuard&) = delete;
-    CInterruptGuard& operator=(const CInterruptGuard&) = delete;
-
-private:
-    struct sigaction m_oPrevious;
-};
 
 const char* StepName(FileStep::EFileStep step)
 {
@@ -187,7 +159,7 @@ FileStep::EFileStep FollowFileWrite(CTarvikClientAWire& client, CCliStepProgress
             percent = shown;
             progress.Update(StepName(step), shown);
         }
-        if (g_bInterrupted)
+        if (CCliInterrupt::IsRaised())
         {
             end = FileStep::eNotStarted;
             return last;
@@ -205,7 +177,8 @@ void RunWriteFile(const SCliGlobals& globals, const SAWireOptions& options)
     CCliSession session(globals);
     auto client = std::make_unique<CTarvikClientAWire>(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(*client);
-    CInterruptGuard guard;
+    // Ctrl-C only asks for the end; the command then stops the write itself.
+    CCliInterrupt guard;
     auto start = std::chrono::steady_clock::now();
     session.Check(client->WriteFile(options.m_sFile), "write-file");
     if (client->GetPageSize() == 0)

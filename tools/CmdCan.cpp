@@ -2,6 +2,7 @@
 // can config|filter|globals|zcard|status|clock|power|send|cyclic|dump|play.
 #include "CliCanFrame.h"
 #include "CliFormat.h"
+#include "CliInterrupt.h"
 #include "CliSession.h"
 #include "TarvikCli.h"
 
@@ -10,10 +11,9 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstdio>
-#include <deque>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -166,8 +166,7 @@ void RunConfig(const SCliGlobals& globals, const SCanOptions& options)
         can.Check(can.Client().SetConfig(confirm, flag2), "set config");
         can.Check(can.Client().GetConfig(confirm, flag2), "get config");
     }
-    CliPrint(globals,
-             std::string("confirm  ") + (confirm ? "on" : "off") + "\nflag2    " + (flag2 ? "on" : "off"),
+    CliPrint(globals, std::string("confirm  ") + (confirm ? "on" : "off") + "\nflag2    " + (flag2 ? "on" : "off"),
              ConfigJson(confirm, flag2));
 }
 
@@ -179,7 +178,8 @@ void RunFilter(const SCliGlobals& globals, const SCanOptions& options)
         if (options.m_asFilter.size() != kFilterWords)
             CliFail("--set: give all 16 filter words", eCliExitUsage);
         for (unsigned int i = 0; i < kFilterWords; ++i)
-            filter.nFilter[i] = static_cast<unsigned int>(CliParseNumber(options.m_asFilter[i], 0xFFFFFFFFul, "filter word"));
+            filter.nFilter[i] =
+                static_cast<unsigned int>(CliParseNumber(options.m_asFilter[i], 0xFFFFFFFFul, "filter word"));
     }
     CCliCan can(globals);
     if (!options.m_asFilter.empty())
@@ -207,8 +207,8 @@ struct SGlobals
 
 int GetGlobals(CTarvikClientCAN& client, SGlobals& g)
 {
-    return client.GetGlobals(g.m_nBaudrate, g.m_nSetting, g.m_abFlags[0], g.m_abFlags[1], g.m_abFlags[2],
-                             g.m_bOption1, g.m_nOptionValue, g.m_bOption2);
+    return client.GetGlobals(g.m_nBaudrate, g.m_nSetting, g.m_abFlags[0], g.m_abFlags[1], g.m_abFlags[2], g.m_bOption1,
+                             g.m_nOptionValue, g.m_bOption2);
 }
 
 void RunGlobals(const SCliGlobals& globals, const SCanOptions& options)
@@ -234,8 +234,8 @@ void RunGlobals(const SCliGlobals& globals, const SCanOptions& options)
         }
         if (options.m_nOption2 >= 0)
             g.m_bOption2 = options.m_nOption2 != 0;
-        can.Check(can.Client().SetGlobals(g.m_nBaudrate, g.m_nSetting, g.m_abFlags[0], g.m_abFlags[1],
-                                          g.m_abFlags[2], g.m_bOption1, g.m_nOptionValue, g.m_bOption2),
+        can.Check(can.Client().SetGlobals(g.m_nBaudrate, g.m_nSetting, g.m_abFlags[0], g.m_abFlags[1], g.m_abFlags[2],
+                                          g.m_bOption1, g.m_nOptionValue, g.m_bOption2),
                   "set globals");
         can.Check(GetGlobals(can.Client(), g), "get globals");
     }
@@ -298,7 +298,8 @@ void RunClock(const SCliGlobals& globals, const SCanOptions& options)
     CTarvikClientCAN& base = can.Client();
     can.Check(base.GetTime(valid, tv), "get clock");
     CliPrint(globals, "clock    " + ClockText(valid, tv),
-             TCliJson{{"valid", valid}, {"seconds", static_cast<long long>(tv.tv_sec)},
+             TCliJson{{"valid", valid},
+                      {"seconds", static_cast<long long>(tv.tv_sec)},
                       {"microseconds", static_cast<long>(tv.tv_usec)}});
 }
 
@@ -327,8 +328,8 @@ TCliJson PowerStatus(CCliCan& can, std::string& text)
         for (bool state : *states)
             text += state ? " 1" : " 0";
     }
-    return TCliJson{{"status", {status1, status2, status3}}, {"status_bit", bit},
-                    {"values", v}, {"states1", a1}, {"states2", a2}};
+    return TCliJson{
+        {"status", {status1, status2, status3}}, {"status_bit", bit}, {"values", v}, {"states1", a1}, {"states2", a2}};
 }
 
 void RunPower(const SCliGlobals& globals, const SCanOptions& options)
@@ -390,8 +391,7 @@ void RunSend(const SCliGlobals& globals, const SCanOptions& options)
     {
         int seconds = 0, micros = 0;
         int result = can.Client().Write(static_cast<int>(frame.m_nId), reinterpret_cast<const char*>(frame.m_aData),
-                                        frame.m_bRemote ? frame.m_nLen : frame.m_nLen, FlagsOf(frame), &seconds,
-                                        &micros);
+                                        frame.m_nLen, FlagsOf(frame), &seconds, &micros);
         TCliJson entry{{"frame", CliCanFrameText(frame)}, {"result", result}};
         if (options.m_bConfirm && result == 0)
         {
@@ -429,47 +429,17 @@ void RunCyclic(const SCliGlobals& globals, const SCanOptions& options)
     CCliCan can(globals);
     can.Check(can.Client().SetCyclicMessage(static_cast<unsigned char>(options.m_nIndex), !options.m_bOff,
                                             options.m_nInterval, static_cast<int>(frame.m_nId),
-                                            reinterpret_cast<const char*>(frame.m_aData), frame.m_nLen,
-                                            FlagsOf(frame)),
+                                            reinterpret_cast<const char*>(frame.m_aData), frame.m_nLen, FlagsOf(frame)),
               "set cyclic message");
     std::string state = options.m_bOff ? "off" : "every " + std::to_string(options.m_nInterval) + " ms";
     CliPrint(globals, "cyclic " + std::to_string(options.m_nIndex) + ": " + CliCanFrameText(frame) + " " + state,
-             TCliJson{{"index", options.m_nIndex}, {"frame", CliCanFrameText(frame)}, {"enabled", !options.m_bOff},
+             TCliJson{{"index", options.m_nIndex},
+                      {"frame", CliCanFrameText(frame)},
+                      {"enabled", !options.m_bOff},
                       {"interval", options.m_nInterval}});
 }
 
 // ---- dump ----------------------------------------------------------------------
-
-std::atomic<bool> g_bInterrupted{false};
-
-extern "C" void OnInterrupt(int)
-{
-    g_bInterrupted = true;
-}
-
-// Ctrl-C ends a dump or a replay at the next frame, with everything flushed.
-class CInterruptGuard
-{
-public:
-    CInterruptGuard()
-    {
-        g_bInterrupted = false;
-        struct sigaction action{};
-        action.sa_handler = OnInterrupt;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGINT, &action, &m_oOld);
-        sigaction(SIGTERM, &action, &m_oOldTerm);
-    }
-    ~CInterruptGuard()
-    {
-        sigaction(SIGINT, &m_oOld, nullptr);
-        sigaction(SIGTERM, &m_oOldTerm, nullptr);
-    }
-
-private:
-    struct sigaction m_oOld{};
-    struct sigaction m_oOldTerm{};
-};
 
 struct SReceived
 {
@@ -543,12 +513,13 @@ void RunDump(const SCliGlobals& globals, const SCanOptions& options)
     std::ostream& out = file.is_open() ? static_cast<std::ostream&>(file) : std::cout;
     CDumpSink sink;
     CDumpSink::s_pActive = &sink;
-    CInterruptGuard interrupt;
+    CCliInterrupt interrupt;
     CCliCan can(globals, OnFrame);
     std::string name = InterfaceName(globals);
     auto started = std::chrono::steady_clock::now();
-    auto ended = [&] {
-        return g_bInterrupted.load() ||
+    auto ended = [&]
+    {
+        return CCliInterrupt::IsRaised() ||
                (options.m_dDuration > 0 &&
                 std::chrono::steady_clock::now() - started >= std::chrono::duration<double>(options.m_dDuration));
     };
@@ -617,19 +588,20 @@ std::vector<SLogged> ReadLog(const std::string& path)
 void RunPlay(const SCliGlobals& globals, const SCanOptions& options)
 {
     std::vector<SLogged> frames = ReadLog(options.m_sLogFile);
-    CInterruptGuard interrupt;
+    CCliInterrupt interrupt;
     CCliCan can(globals);
     unsigned long sent = 0;
-    for (unsigned int loop = 0; (options.m_nLoop == 0 || loop < options.m_nLoop) && !g_bInterrupted; ++loop)
+    for (unsigned int loop = 0; (options.m_nLoop == 0 || loop < options.m_nLoop) && !CCliInterrupt::IsRaised(); ++loop)
     {
         // The log's gaps are kept, measured from the first frame of each pass.
         auto start = std::chrono::steady_clock::now();
         for (const SLogged& logged : frames)
         {
             auto due = start + std::chrono::microseconds(logged.m_nMicros - frames.front().m_nMicros);
-            while (!g_bInterrupted && std::chrono::steady_clock::now() < due)
-                std::this_thread::sleep_until(std::min(due, std::chrono::steady_clock::now() + std::chrono::milliseconds(100)));
-            if (g_bInterrupted)
+            while (!CCliInterrupt::IsRaised() && std::chrono::steady_clock::now() < due)
+                std::this_thread::sleep_until(
+                    std::min(due, std::chrono::steady_clock::now() + std::chrono::milliseconds(100)));
+            if (CCliInterrupt::IsRaised())
                 break;
             const SCliCanFrame& frame = logged.m_oFrame;
             can.Check(can.Client().Write(static_cast<int>(frame.m_nId), reinterpret_cast<const char*>(frame.m_aData),
@@ -638,8 +610,8 @@ void RunPlay(const SCliGlobals& globals, const SCanOptions& options)
             ++sent;
         }
     }
-    CliPrint(globals, "sent " + std::to_string(sent) + " frames" + (g_bInterrupted ? " (interrupted)" : ""),
-             TCliJson{{"sent", sent}, {"interrupted", g_bInterrupted.load()}});
+    CliPrint(globals, "sent " + std::to_string(sent) + " frames" + (CCliInterrupt::IsRaised() ? " (interrupted)" : ""),
+             TCliJson{{"sent", sent}, {"interrupted", CCliInterrupt::IsRaised()}});
 }
 } // namespace
 
@@ -663,14 +635,18 @@ void RegisterCanCommands(CLI::App& app, SCliGlobals& globals)
     cmd->add_option("--baudrate", options->m_nBaudrate, "Bit rate in bit/s, e.g. 500000")
         ->check(CLI::Range(0LL, 0xFFFFFFFFLL));
     cmd->add_option("--setting", options->m_nSetting, "The setting byte")->check(CLI::Range(0, 255));
-    cmd->add_option("--flags", options->m_anFlags, "The three flags, 0 or 1 each")->expected(3)->check(CLI::Range(0, 1));
+    cmd->add_option("--flags", options->m_anFlags, "The three flags, 0 or 1 each")
+        ->expected(3)
+        ->check(CLI::Range(0, 1));
     cmd->add_option("--option", options->m_nOption, "Switch the option on with this value")
         ->check(CLI::Range(0LL, 0xFFFFFFFFLL));
     cmd->add_option("--option2", options->m_nOption2, "The second option, 0 or 1")->check(CLI::Range(0, 1));
     cmd->callback([g, options] { RunGlobals(*g, *options); });
 
     cmd = can->add_subcommand("zcard", "Show (and set) the extension card's parameters");
-    cmd->add_option("--set", options->m_anZCard, "P1 (0..255) P2 P3 (0..65535)")->expected(3)->check(CLI::Range(0u, 65535u));
+    cmd->add_option("--set", options->m_anZCard, "P1 (0..255) P2 P3 (0..65535)")
+        ->expected(3)
+        ->check(CLI::Range(0u, 65535u));
     cmd->callback([g, options] { RunZCard(*g, *options); });
 
     cmd = can->add_subcommand("status", "Configuration, bus settings, clock and power status at a glance");
@@ -693,9 +669,11 @@ void RegisterCanCommands(CLI::App& app, SCliGlobals& globals)
 
     cmd = can->add_subcommand("cyclic", "Let the gateway repeat a frame at an interval, or stop it");
     cmd->add_option("FRAME", options->m_asFrames, "The frame, in cansend's syntax")->required();
-    cmd->add_option("--interval", options->m_nInterval, "Repeat every MS milliseconds")->check(CLI::Range(1u, 0xFFFFFFFFu));
+    cmd->add_option("--interval", options->m_nInterval, "Repeat every MS milliseconds")
+        ->check(CLI::Range(1u, 0xFFFFFFFFu));
     cmd->add_flag("--off", options->m_bOff, "Stop the entry");
-    cmd->add_option("--index", options->m_nIndex, "Cyclic entry of the gateway (default 0)")->check(CLI::Range(0u, 127u));
+    cmd->add_option("--index", options->m_nIndex, "Cyclic entry of the gateway (default 0)")
+        ->check(CLI::Range(0u, 127u));
     cmd->callback([g, options] { RunCyclic(*g, *options); });
 
     cmd = can->add_subcommand("dump", "Print received frames as candump does (-L: candump's log format)");

@@ -121,8 +121,9 @@ void RunMode(const SCliGlobals& globals, const SCanOpenOptions& options)
     CCliCanOpen co(globals);
     if (!options.m_sMode.empty())
     {
-        unsigned long mode = options.m_sMode == "on" ? 1 : options.m_sMode == "off" ? 0
-                                                                                     : CliParseNumber(options.m_sMode, 255, "MODE");
+        unsigned long mode = options.m_sMode == "on"    ? 1
+                             : options.m_sMode == "off" ? 0
+                                                        : CliParseNumber(options.m_sMode, 255, "MODE");
         co.Check(co.Client().CANopenSetConfig(static_cast<unsigned char>(mode)), "set CANopen mode");
     }
     unsigned char mode = 0;
@@ -165,8 +166,7 @@ void RunTime(const SCliGlobals& globals, const SCanOpenOptions& options)
             millis = (since % kSecondsPerDay) * 1000 + now.tv_usec / 1000;
     }
     CCliCanOpen co(globals);
-    co.Check(co.Client().CANopenSendTIME(static_cast<unsigned short>(days), static_cast<unsigned int>(millis)),
-             "TIME");
+    co.Check(co.Client().CANopenSendTIME(static_cast<unsigned short>(days), static_cast<unsigned int>(millis)), "TIME");
     CliPrint(globals, "TIME sent: day " + std::to_string(days) + ", " + std::to_string(millis) + " ms",
              TCliJson{{"days", days}, {"milliseconds", millis}});
 }
@@ -210,8 +210,8 @@ void RunSdoWrite(const SCliGlobals& globals, const SCanOpenOptions& options)
     CCliCanOpen co(globals);
     unsigned char status = 0;
     unsigned int value = 0;
-    co.Check(co.Client().CANopenSendSDOWrite(Node(options), static_cast<unsigned char>(options.m_nSize),
-                                             Index(options), static_cast<unsigned char>(options.m_nSub),
+    co.Check(co.Client().CANopenSendSDOWrite(Node(options), static_cast<unsigned char>(options.m_nSize), Index(options),
+                                             static_cast<unsigned char>(options.m_nSub),
                                              static_cast<unsigned short>(options.m_nSdoTimeout), data, status, value),
              "SDO write " + Where(options));
     PrintSdo(globals, "SDO write " + Where(options), status, value);
@@ -276,8 +276,8 @@ void OnSync(unsigned char value, int, int, int)
 }
 void OnEmcy(unsigned char node, unsigned short code, unsigned char reg, const unsigned char* data, int, int, int)
 {
-    PushEvent(TCliJson{{"event", "EMCY"}, {"node", node}, {"code", code}, {"register", reg},
-                       {"data", CliHexBytes(data, 5, "")}});
+    PushEvent(TCliJson{
+        {"event", "EMCY"}, {"node", node}, {"code", code}, {"register", reg}, {"data", CliHexBytes(data, 5, "")}});
 }
 void OnGuard(unsigned char node, unsigned char state, int, int, int)
 {
@@ -313,8 +313,9 @@ void RunEvents(const SCliGlobals& globals, const SCanOpenOptions& options)
         std::deque<TCliJson> events;
         {
             std::unique_lock<std::mutex> lock(g_oEventMutex);
-            g_oEventReady.wait_until(lock, std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(100)),
-                                     [] { return !g_aqEvents.empty(); });
+            g_oEventReady.wait_until(
+                lock, std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(100)),
+                [] { return !g_aqEvents.empty(); });
             events.swap(g_aqEvents);
         }
         for (const TCliJson& event : events)
@@ -358,12 +359,17 @@ void RegisterCanOpenCommands(CLI::App& app, SCliGlobals& globals)
     cmd->callback([g, options] { RunTime(*g, *options); });
 
     cmd = co->add_subcommand("pdo", "Send a PDO");
-    cmd->add_option("SELECTOR1", options->m_nSelector1, "First PDO selector byte")->required()->check(CLI::Range(0u, 255u));
-    cmd->add_option("SELECTOR2", options->m_nSelector2, "Second PDO selector byte")->required()->check(CLI::Range(0u, 255u));
+    cmd->add_option("SELECTOR1", options->m_nSelector1, "First PDO selector byte")
+        ->required()
+        ->check(CLI::Range(0u, 255u));
+    cmd->add_option("SELECTOR2", options->m_nSelector2, "Second PDO selector byte")
+        ->required()
+        ->check(CLI::Range(0u, 255u));
     cmd->add_option("DATA", options->m_sData, "Data bytes in hex")->required();
     cmd->callback([g, options] { RunPdo(*g, *options); });
 
-    auto address = [&](CLI::App* c) {
+    auto address = [&](CLI::App* c)
+    {
         c->add_option("NODE", options->m_nNode, "Node id")->required()->check(CLI::Range(1u, 127u));
         c->add_option("INDEX", options->m_sIndex, "Object index, e.g. 0x1018")->required();
         c->add_option("SUB", options->m_nSub, "Subindex")->required()->check(CLI::Range(0u, 255u));
