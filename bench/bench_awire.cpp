@@ -14,6 +14,7 @@
 // write/limit: X" for scripts.
 //
 //   bench_awire [RUNS]
+#include "BenchUtil.h"
 #include "sim/TarvikSimDeviceAWire.h"
 #include "sim/TarvikSimRawClient.h"
 #include "sim/TarvikSimServer.h"
@@ -82,20 +83,6 @@ private:
     std::string m_sPath;
 };
 
-std::string Telegram(unsigned short cmd, short id, const std::string& data)
-{
-    std::string frame = CTarvikMsg::ToChar(static_cast<unsigned short>(data.size() + 5)) + CTarvikMsg::ToChar(cmd) +
-                        CTarvikMsg::ToChar(id) + data;
-    frame += static_cast<char>(CTarvikMsg::XorBytes(frame.data() + 2, frame.size() - 2));
-    return frame;
-}
-
-double Median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
-}
-
 // Median round trip of a 32 KiB block write (write it, see its confirmation and its final
 // report) and of a 32 KiB read, by hand on the same loopback.
 bool RoundTrips(unsigned short port, double& write, double& read)
@@ -110,16 +97,16 @@ bool RoundTrips(unsigned short port, double& write, double& read)
     for (int i = 0; i < kRoundTrips; ++i)
     {
         auto start = CClock::now();
-        if (raw.Transact(Telegram(0x0EE0, static_cast<short>(i), block)).empty() || raw.ReceiveFrame().empty())
+        if (raw.Transact(BenchTelegram(0x0EE0, static_cast<short>(i), block)).empty() || raw.ReceiveFrame().empty())
             return false;
         writes.push_back(Seconds(start));
         start = CClock::now();
-        if (raw.Transact(Telegram(0x0EE3, static_cast<short>(i), request)).size() < kChunk)
+        if (raw.Transact(BenchTelegram(0x0EE3, static_cast<short>(i), request)).size() < kChunk)
             return false;
         reads.push_back(Seconds(start));
     }
-    write = Median(writes);
-    read = Median(reads);
+    write = BenchPercentile(writes, 0.5);
+    read = BenchPercentile(reads, 0.5);
     return true;
 }
 
@@ -132,7 +119,7 @@ double PollPause()
         CMolThread::Sleep(0, 1);
         pauses.push_back(Seconds(start));
     }
-    return Median(pauses);
+    return BenchPercentile(pauses, 0.5);
 }
 
 // Shortest time WriteFile took to load the image, in seconds.

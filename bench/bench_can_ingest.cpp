@@ -17,6 +17,7 @@
 //   ratio ingest queued/raw: X
 //
 //   bench_can_ingest [FRAMES] [REQUESTS]     (defaults 4000000 and 500)
+#include "BenchUtil.h"
 #include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/runtime/MolFrameCutter.h"
@@ -56,19 +57,6 @@ std::string Indication(unsigned int i)
     data += '\0';
     data += CTarvikMsg::ToChar(static_cast<unsigned long>(i));
     return CTarvikMsg(0x0203, 0, data.data(), static_cast<unsigned short>(data.size())).GetMessageData();
-}
-
-bool WriteAll(int fd, const char* buf, size_t len)
-{
-    while (len > 0)
-    {
-        ssize_t sent = ::send(fd, buf, len, MSG_NOSIGNAL);
-        if (sent <= 0)
-            return false;
-        buf += sent;
-        len -= static_cast<size_t>(sent);
-    }
-    return true;
 }
 
 // A gateway of one connection: streams indications and answers requests between writes.
@@ -140,7 +128,7 @@ private:
         for (size_t sent = 0; !m_bStop.load(std::memory_order_relaxed) && (m_nTotal == 0 || sent < m_nTotal);)
         {
             size_t frames = m_nTotal == 0 ? kChunkFrames : std::min(kChunkFrames, m_nTotal - sent);
-            if (!WriteAll(fd, chunk.data(), frames * frameSize))
+            if (!BenchWriteAll(fd, chunk.data(), frames * frameSize))
                 break;
             sent += frames;
             if (m_bAnswers.load(std::memory_order_acquire))
@@ -164,7 +152,7 @@ private:
             answers.swap(m_sAnswers);
             m_bAnswers = false;
         }
-        WriteAll(fd, answers.data(), answers.size());
+        BenchWriteAll(fd, answers.data(), answers.size());
     }
 
     // Reads the client's requests and queues a confirmation for each: result 0, mode 5.
@@ -404,12 +392,6 @@ bool RunFloodRoundTrip(int requests, std::vector<double>& us)
     return ok;
 }
 
-double Percentile(std::vector<double> values, double share)
-{
-    std::sort(values.begin(), values.end());
-    size_t at = static_cast<size_t>(share * static_cast<double>(values.size() - 1) + 0.5);
-    return values[std::min(at, values.size() - 1)];
-}
 } // namespace
 
 int main(int argc, char** argv)
@@ -438,8 +420,8 @@ int main(int argc, char** argv)
     std::printf("ingest queued: %.0f frames/s\n", queued);
     std::printf("ingest callback: %.0f frames/s\n", called);
     std::printf("ingest raw: %.0f frames/s\n", raw);
-    std::printf("flood round trip p50: %.0f us\n", Percentile(us, 0.50));
-    std::printf("flood round trip p99: %.0f us\n", Percentile(us, 0.99));
+    std::printf("flood round trip p50: %.0f us\n", BenchPercentile(us, 0.50));
+    std::printf("flood round trip p99: %.0f us\n", BenchPercentile(us, 0.99));
     std::printf("ratio ingest queued/raw: %.2f\n", queued / raw);
     return 0;
 }

@@ -7,6 +7,7 @@
 // stall shows up as 40 ms), and last "ratio p50 library/raw: X.XX".
 //
 //   bench_roundtrip [ITERATIONS]      (default 20000, after 2000 warm-up rounds)
+#include "BenchUtil.h"
 #include "sim/TarvikSimServer.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/core/TarvikMsg.h"
@@ -80,32 +81,6 @@ void PrintStats(const char* name, const SStats& stats)
 
 // ---------------------------------------------------------------- raw reference
 
-bool ReadAll(int fd, char* buf, size_t len)
-{
-    while (len > 0)
-    {
-        ssize_t got = ::recv(fd, buf, len, 0);
-        if (got <= 0)
-            return false;
-        buf += got;
-        len -= static_cast<size_t>(got);
-    }
-    return true;
-}
-
-bool WriteAll(int fd, const char* buf, size_t len)
-{
-    while (len > 0)
-    {
-        ssize_t sent = ::send(fd, buf, len, MSG_NOSIGNAL);
-        if (sent <= 0)
-            return false;
-        buf += sent;
-        len -= static_cast<size_t>(sent);
-    }
-    return true;
-}
-
 void NoDelay(int fd)
 {
     int on = 1;
@@ -124,7 +99,7 @@ void RawServe(int listener)
         return;
     NoDelay(fd);
     char request[64];
-    while (ReadAll(fd, request, kRawRequest.size()) && WriteAll(fd, kRawAnswer.data(), kRawAnswer.size()))
+    while (BenchReadAll(fd, request, kRawRequest.size()) && BenchWriteAll(fd, kRawAnswer.data(), kRawAnswer.size()))
     {
     }
     ::close(fd);
@@ -163,8 +138,8 @@ public:
     bool Step()
     {
         char answer[64];
-        return WriteAll(m_nSocket, kRawRequest.data(), kRawRequest.size()) &&
-               ReadAll(m_nSocket, answer, kRawAnswer.size());
+        return BenchWriteAll(m_nSocket, kRawRequest.data(), kRawRequest.size()) &&
+               BenchReadAll(m_nSocket, answer, kRawAnswer.size());
     }
 
 private:

@@ -13,6 +13,7 @@
 //   bench_sendfile memory MIB
 // The speed run ends with "ratio sendfile/raw: X" (best runs), the memory run with
 // "peak_kib K" for scripts.
+#include "BenchUtil.h"
 #include "BenchStatus.h"
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
 #include "sim/TarvikSimRawClient.h"
@@ -82,15 +83,6 @@ double Seconds(CClock::time_point start)
     return std::chrono::duration<double>(CClock::now() - start).count();
 }
 
-// A telegram built by hand: length, command, id, data, XOR check byte.
-std::string Telegram(unsigned short cmd, short id, const std::string& data)
-{
-    std::string frame = CTarvikMsg::ToChar(static_cast<unsigned short>(data.size() + 5)) + CTarvikMsg::ToChar(cmd) +
-                        CTarvikMsg::ToChar(id) + data;
-    frame += static_cast<char>(CTarvikMsg::XorBytes(frame.data() + 2, frame.size() - 2));
-    return frame;
-}
-
 // The upload by hand, stop and wait; returns the last result byte, -1 on a broken answer.
 int RawUpload(CTarvikSimRawClient& raw, const std::string& path, unsigned int crc)
 {
@@ -107,7 +99,7 @@ int RawUpload(CTarvikSimRawClient& raw, const std::string& path, unsigned int cr
         data.resize(start + kChunk);
         file.read(&data[start], kChunk);
         data.resize(start + static_cast<size_t>(file.gcount()));
-        std::string answer = raw.Transact(Telegram(cmd, id++, data), 10000);
+        std::string answer = raw.Transact(BenchTelegram(cmd, id++, data), 10000);
         if (answer.size() < 7)
             return -1;
         int result = static_cast<unsigned char>(answer[6]);
