@@ -306,18 +306,6 @@ py::object GetUndefined(CPyCAN& can, std::optional<double> timeout)
     return py::make_tuple(id, py::bytes(buffer, len), sec, usec);
 }
 
-// Runs a client call with the GIL released and raises TarvikError for a non-zero result.
-template <class Fn>
-void Call(Fn fn)
-{
-    int result;
-    {
-        py::gil_scoped_release release;
-        result = fn();
-    }
-    PyTarvikCheck(result);
-}
-
 std::string Bytes(const py::bytes& data)
 {
     return static_cast<std::string>(data);
@@ -329,7 +317,7 @@ std::pair<int, int> Write(CPyCAN& can, unsigned int id, const py::bytes& data, u
     if (buffer.size() > 64)
         throw py::value_error("a CAN frame carries at most 64 data bytes");
     int sec = 0, usec = 0;
-    Call([&] {
+    PyTarvikCall([&] {
         return can.C().Write(static_cast<int>(id), buffer.data(), static_cast<unsigned char>(buffer.size()), flags,
                              &sec, &usec);
     });
@@ -342,7 +330,7 @@ void SetCyclic(CPyCAN& can, unsigned char index, bool enable, unsigned int inter
     const std::string buffer = Bytes(data);
     if (buffer.size() > 64)
         throw py::value_error("a CAN frame carries at most 64 data bytes");
-    Call([&] {
+    PyTarvikCall([&] {
         return can.C().SetCyclicMessage(index, enable, intervalMs, static_cast<int>(id), buffer.data(),
                                         static_cast<unsigned char>(buffer.size()), flags);
     });
@@ -353,7 +341,7 @@ py::dict GetGlobals(CPyCAN& can)
     unsigned int baud = 0, optionValue = 0;
     unsigned char setting = 0;
     bool f1 = false, f2 = false, f3 = false, o1 = false, o2 = false;
-    Call([&] { return can.C().GetGlobals(baud, setting, f1, f2, f3, o1, optionValue, o2); });
+    PyTarvikCall([&] { return can.C().GetGlobals(baud, setting, f1, f2, f3, o1, optionValue, o2); });
     return py::dict("baudrate"_a = baud, "setting"_a = setting, "flag1"_a = f1, "flag2"_a = f2, "flag3"_a = f3,
                     "option1"_a = o1, "option_value"_a = optionValue, "option2"_a = o2);
 }
@@ -364,13 +352,13 @@ void SetFilter(CPyCAN& can, const std::vector<unsigned int>& words)
         throw py::value_error("the filter is 16 words (eight code/mask pairs)");
     CTarvikClientCAN::SConfigFilter filter{};
     std::memcpy(filter.nFilter, words.data(), sizeof(filter.nFilter));
-    Call([&] { return can.C().SetFilter(filter); });
+    PyTarvikCall([&] { return can.C().SetFilter(filter); });
 }
 
 std::vector<unsigned int> GetFilter(CPyCAN& can)
 {
     CTarvikClientCAN::SConfigFilter filter{};
-    Call([&] { return can.C().GetFilter(filter); });
+    PyTarvikCall([&] { return can.C().GetFilter(filter); });
     return std::vector<unsigned int>(filter.nFilter, filter.nFilter + 16);
 }
 
@@ -383,7 +371,7 @@ py::dict GetPowerStatus(CPyCAN& can)
     bool bit = false;
     unsigned short values[kMax] = {};
     bool states1[kMax] = {}, states2[kMax] = {};
-    Call([&] {
+    PyTarvikCall([&] {
         return can.C().GetPowerStatus(kMax, nValues, kMax, nStates1, kMax, nStates2, status1, status2, status3, bit,
                                       values, states1, states2);
     });
@@ -459,7 +447,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
     cls.def(
            "set_config",
            [](CPyCAN& can, bool confirm, bool timestamps) {
-               Call([&] { return can.C().SetConfig(confirm, timestamps); });
+               PyTarvikCall([&] { return can.C().SetConfig(confirm, timestamps); });
            },
            "send_confirm"_a, "timestamps"_a = false,
            "send_confirm: write() waits for the gateway's confirmation and returns its time of transmission; "
@@ -468,7 +456,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             "get_config",
             [](CPyCAN& can) {
                 bool confirm = false, timestamps = false;
-                Call([&] { return can.C().GetConfig(confirm, timestamps); });
+                PyTarvikCall([&] { return can.C().GetConfig(confirm, timestamps); });
                 return py::make_tuple(confirm, timestamps);
             },
             "(send_confirm, timestamps)")
@@ -480,7 +468,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             "set_globals",
             [](CPyCAN& can, unsigned int baud, unsigned char setting, bool f1, bool f2, bool f3, bool o1,
                unsigned int optionValue, bool o2) {
-                Call([&] { return can.C().SetGlobals(baud, setting, f1, f2, f3, o1, optionValue, o2); });
+                PyTarvikCall([&] { return can.C().SetGlobals(baud, setting, f1, f2, f3, o1, optionValue, o2); });
             },
             "baudrate"_a, "setting"_a = 0, "flag1"_a = false, "flag2"_a = false, "flag3"_a = false,
             "option1"_a = false, "option_value"_a = 0, "option2"_a = false, "Sets the bit rate and bus settings.")
@@ -489,7 +477,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             "set_time",
             [](CPyCAN& can, int sec, int usec) {
                 timeval tv{sec, usec};
-                Call([&] { return can.C().SetTime(tv); });
+                PyTarvikCall([&] { return can.C().SetTime(tv); });
             },
             "seconds"_a, "microseconds"_a = 0, "Sets the gateway's clock.")
         .def(
@@ -497,22 +485,22 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             [](CPyCAN& can) {
                 bool valid = false;
                 timeval tv{0, 0};
-                Call([&] { return can.C().CTarvikClientCAN::GetTime(valid, tv); });
+                PyTarvikCall([&] { return can.C().CTarvikClientCAN::GetTime(valid, tv); });
                 return py::make_tuple(valid, static_cast<long>(tv.tv_sec), static_cast<long>(tv.tv_usec));
             },
             "The gateway's clock: (valid, seconds, microseconds).")
         .def("get_power_status", &GetPowerStatus, "Power supplies, relay and temperature as a dict.")
         .def(
-            "set_power_relais", [](CPyCAN& can, bool on) { Call([&] { return can.C().SetPowerRelais(on); }); },
+            "set_power_relais", [](CPyCAN& can, bool on) { PyTarvikCall([&] { return can.C().SetPowerRelais(on); }); },
             "on"_a)
         .def(
             "set_active_power_supplies",
-            [](CPyCAN& can, unsigned int mask) { Call([&] { return can.C().SetActivePowerSupplies(mask); }); },
+            [](CPyCAN& can, unsigned int mask) { PyTarvikCall([&] { return can.C().SetActivePowerSupplies(mask); }); },
             "mask"_a)
         .def(
             "set_zcard_parameter",
             [](CPyCAN& can, unsigned char p1, unsigned short p2, unsigned short p3) {
-                Call([&] { return can.C().SetZCardParameter(p1, p2, p3); });
+                PyTarvikCall([&] { return can.C().SetZCardParameter(p1, p2, p3); });
             },
             "p1"_a, "p2"_a, "p3"_a)
         .def(
@@ -520,7 +508,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             [](CPyCAN& can) {
                 unsigned char p1 = 0;
                 unsigned short p2 = 0, p3 = 0;
-                Call([&] { return can.C().GetZCardParameter(p1, p2, p3); });
+                PyTarvikCall([&] { return can.C().GetZCardParameter(p1, p2, p3); });
                 return py::make_tuple(p1, p2, p3);
             },
             "(p1, p2, p3)")
@@ -531,7 +519,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
              "data"_a = py::bytes(), "flags"_a = 0,
              "Sets cyclic entry index (0..15): the gateway sends the frame every interval_ms until disabled.")
         .def(
-            "start_alive", [](CPyCAN& can, unsigned int sec) { Call([&] { return can.C().StartAlive(sec); }); },
+            "start_alive", [](CPyCAN& can, unsigned int sec) { PyTarvikCall([&] { return can.C().StartAlive(sec); }); },
             "seconds"_a)
         .def(
             "set_queue_size", [](CPyCAN& can, unsigned long n) { can.C().SetMaxSizePerQueue(n); }, "n"_a,
@@ -558,32 +546,32 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
 
     cls.def(
            "canopen_set_config",
-           [](CPyCAN& can, unsigned char mode) { Call([&] { return can.C().CANopenSetConfig(mode); }); },
+           [](CPyCAN& can, unsigned char mode) { PyTarvikCall([&] { return can.C().CANopenSetConfig(mode); }); },
            "mode"_a, "Sets the CANopen master mode.")
         .def(
             "canopen_get_config",
             [](CPyCAN& can) {
                 unsigned char mode = 0;
-                Call([&] { return can.C().CANopenGetConfig(mode); });
+                PyTarvikCall([&] { return can.C().CANopenGetConfig(mode); });
                 return mode;
             },
             "The CANopen master mode.")
         .def(
             "sync_mode",
-            [](CPyCAN& can, unsigned short mode) { Call([&] { return can.C().CANopenSetSYNCMode(mode); }); },
+            [](CPyCAN& can, unsigned short mode) { PyTarvikCall([&] { return can.C().CANopenSetSYNCMode(mode); }); },
             "mode"_a, "Sets the SYNC mode (the gateway's SYNC period).")
         .def(
             "nmt",
             [](CPyCAN& can, unsigned char node, unsigned char command) {
-                Call([&] { return can.C().CANopenSendNMT(node, command); });
+                PyTarvikCall([&] { return can.C().CANopenSendNMT(node, command); });
             },
             "node"_a, "command"_a, "Sends an NMT command (node 0: all nodes).")
         .def(
-            "sync", [](CPyCAN& can) { Call([&] { return can.C().CANopenSendSYNC(); }); }, "Sends one SYNC.")
+            "sync", [](CPyCAN& can) { PyTarvikCall([&] { return can.C().CANopenSendSYNC(); }); }, "Sends one SYNC.")
         .def(
             "time",
             [](CPyCAN& can, unsigned short days, unsigned int ms) {
-                Call([&] { return can.C().CANopenSendTIME(days, ms); });
+                PyTarvikCall([&] { return can.C().CANopenSendTIME(days, ms); });
             },
             "days"_a, "milliseconds"_a, "Sends a TIME message.")
         .def(
@@ -592,7 +580,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                 const std::string buffer = Bytes(data);
                 if (buffer.size() > 8)
                     throw py::value_error("a PDO carries at most 8 bytes");
-                Call([&] {
+                PyTarvikCall([&] {
                     return can.C().CANopenSendPDO(s1, s2, static_cast<unsigned char>(buffer.size()), buffer.data());
                 });
             },
@@ -602,7 +590,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned short timeoutMs) {
                 unsigned char status = 0;
                 unsigned int value = 0;
-                Call([&] { return can.C().CANopenSendSDORead(node, index, sub, timeoutMs, status, value); });
+                PyTarvikCall([&] { return can.C().CANopenSendSDORead(node, index, sub, timeoutMs, status, value); });
                 return py::make_tuple(status, value);
             },
             "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000,
@@ -613,7 +601,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                unsigned char size, unsigned short timeoutMs) {
                 unsigned char status = 0;
                 unsigned int value = 0;
-                Call([&] {
+                PyTarvikCall([&] {
                     return can.C().CANopenSendSDOWrite(node, size, index, sub, timeoutMs, data, status, value);
                 });
                 return py::make_tuple(status, value);
@@ -627,7 +615,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                 std::vector<unsigned char> buffer(bufferSize);
                 unsigned char status = 0;
                 unsigned short len = 0;
-                Call([&] {
+                PyTarvikCall([&] {
                     return can.C().CANopenSendSDOReadBlock(node, index, sub, timeoutMs, bufferSize, status, len,
                                                            buffer.data());
                 });
@@ -645,7 +633,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                     throw py::value_error("too much data for one SDO block");
                 unsigned char status = 0;
                 unsigned int value = 0;
-                Call([&] {
+                PyTarvikCall([&] {
                     return can.C().CANopenSendSDOWriteBlock(node, index, sub, timeoutMs,
                                                             static_cast<unsigned short>(buffer.size()),
                                                             reinterpret_cast<const unsigned char*>(buffer.data()),
