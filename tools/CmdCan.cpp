@@ -2,6 +2,7 @@
 // can config|filter|globals|zcard|status|clock|power|send|cyclic|dump|play.
 #include "CliCanFrame.h"
 #include "CliFormat.h"
+#include "CliHandoff.h"
 #include "CliInterrupt.h"
 #include "CliSession.h"
 #include "TarvikCli.h"
@@ -448,43 +449,9 @@ struct SReceived
     unsigned int m_nMicros;
 };
 
-// Frames from the receive thread's callback to the printing thread. The callback has
+// Frames from the receive thread's callback to the printing thread; the callback has
 // no user pointer, so the one dump of this process is reached through a global.
-class CDumpSink
-{
-public:
-    static CDumpSink* s_pActive;
-
-    void Push(const SReceived& received)
-    {
-        {
-            std::lock_guard<std::mutex> lock(m_oMutex);
-            if (m_aqFrames.size() >= kDumpBacklog)
-            {
-                ++m_nLost;
-                return;
-            }
-            m_aqFrames.push_back(received);
-        }
-        m_oReady.notify_one();
-    }
-    // Waits up to waitMs for frames; swaps them into out.
-    void Take(std::deque<SReceived>& out, unsigned int waitMs)
-    {
-        std::unique_lock<std::mutex> lock(m_oMutex);
-        m_oReady.wait_for(lock, std::chrono::milliseconds(waitMs), [this] { return !m_aqFrames.empty(); });
-        out.swap(m_aqFrames);
-    }
-    unsigned long GetLost() const { return m_nLost; }
-
-private:
-    std::mutex m_oMutex;
-    std::condition_variable m_oReady;
-    std::deque<SReceived> m_aqFrames;
-    unsigned long m_nLost = 0;
-};
-
-CDumpSink* CDumpSink::s_pActive = nullptr;
+CCliHandoff<SReceived>* g_pDump = nullptr;
 
 void OnFrame(unsigned int id, const char* data, int len, int flags, int, int seconds, int micros)
 {
@@ -497,8 +464,8 @@ void OnFrame(unsigned int id, const char* data, int len, int flags, int, int sec
         received.m_nSeconds = now.tv_sec;
         received.m_nMicros = static_cast<unsigned int>(now.tv_usec);
     }
-    if (CDumpSink::s_pActive != nullptr)
-        CDumpSink::s_pActive->Push(received);
+    if (g_pDump != nullptr)
+        g_pDump->Push(received);
 }
 
 void RunDump(const SCliGlobals& globals, const SCanOptions& options)
@@ -511,8 +478,8 @@ void RunDump(const SCliGlobals& globals, const SCanOptions& options)
             CliFail("cannot write " + options.m_sOutput);
     }
     std::ostream& out = file.is_open() ? static_cast<std::ostream&>(file) : std::cout;
-    CDumpSink sink;
-    CDumpSink::s_pActive = &sink;
+    CCliHandoff<SReceived> sink(kDumpBacklog);
+    g_pDump = &sink;
     CCliInterrupt interrupt;
     CCliCan can(globals, OnFrame);
     std::string name = InterfaceName(globals);
@@ -551,7 +518,7 @@ void RunDump(const SCliGlobals& globals, const SCanOptions& options)
     // No callback may run into the sink once this function has left.
     can.Client().SetCallbackEx(nullptr);
     can.Client().StopConnection();
-    CDumpSink::s_pActive = nullptr;
+    g_pDump = nullptr;
     if (sink.GetLost() != 0)
         std::fprintf(stderr, "tarvik can dump: %lu frames lost (output too slow)\n", sink.GetLost());
 }

@@ -1,6 +1,7 @@
 // CANopen master services of a CAN gateway: canopen mode|nmt|sync|time|pdo|sdo-read|
 // sdo-write|sdo-read-block|sdo-write-block|events.
 #include "CliFormat.h"
+#include "CliHandoff.h"
 #include "CliSession.h"
 #include "CliTarget.h"
 #include "TarvikCli.h"
@@ -84,12 +85,22 @@ public:
     }
 };
 
+// The event callbacks, below.
+void OnPdo(unsigned char p1, unsigned char p2, unsigned char len, const char* data, int, int, int);
+void OnSync(unsigned char value, int, int, int);
+void OnEmcy(unsigned char node, unsigned short code, unsigned char reg, const unsigned char* data, int, int, int);
+void OnGuard(unsigned char node, unsigned char state, int, int, int);
+
 class CCliCanOpen
 {
 public:
-    explicit CCliCanOpen(const SCliGlobals& globals)
+    // With events, the callbacks are set before the connection opens, so that no
+    // event arriving in between is lost.
+    explicit CCliCanOpen(const SCliGlobals& globals, bool events = false)
         : m_oSession(globals), m_oClient(static_cast<int>(globals.m_nTimeoutMs))
     {
+        if (events)
+            m_oClient.CANopenSetCallback(OnPdo, OnSync, OnEmcy, OnGuard, nullptr);
         m_oSession.Open(m_oClient);
     }
     CCliCanOpenClient& Client() { return m_oClient; }
@@ -253,17 +264,11 @@ void RunSdoWriteBlock(const SCliGlobals& globals, const SCanOpenOptions& options
 // ---- events --------------------------------------------------------------------
 
 // The callbacks carry no user pointer: the one event watch of this process is global.
-std::mutex g_oEventMutex;
-std::condition_variable g_oEventReady;
-std::deque<TCliJson> g_aqEvents;
+CCliHandoff<TCliJson> g_oEvents(1u << 16);
 
 void PushEvent(TCliJson event)
 {
-    {
-        std::lock_guard<std::mutex> lock(g_oEventMutex);
-        g_aqEvents.push_back(std::move(event));
-    }
-    g_oEventReady.notify_one();
+    g_oEvents.Push(std::move(event));
 }
 
 void OnPdo(unsigned char p1, unsigned char p2, unsigned char len, const char* data, int, int, int)
@@ -302,8 +307,7 @@ std::string EventText(const TCliJson& event)
 
 void RunEvents(const SCliGlobals& globals, const SCanOpenOptions& options)
 {
-    CCliCanOpen co(globals);
-    co.Client().CANopenSetCallback(OnPdo, OnSync, OnEmcy, OnGuard, nullptr);
+    CCliCanOpen co(globals, true);
     auto started = std::chrono::steady_clock::now();
     auto deadline = started + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                   std::chrono::duration<double>(options.m_dDuration > 0 ? options.m_dDuration : 1e9));
@@ -311,13 +315,7 @@ void RunEvents(const SCliGlobals& globals, const SCanOpenOptions& options)
     while (std::chrono::steady_clock::now() < deadline && (options.m_nCount == 0 || count < options.m_nCount))
     {
         std::deque<TCliJson> events;
-        {
-            std::unique_lock<std::mutex> lock(g_oEventMutex);
-            g_oEventReady.wait_until(
-                lock, std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(100)),
-                [] { return !g_aqEvents.empty(); });
-            events.swap(g_aqEvents);
-        }
+        g_oEvents.Take(events, 100);
         for (const TCliJson& event : events)
         {
             if (options.m_nCount != 0 && count == options.m_nCount)
