@@ -7,6 +7,7 @@ TSAN_BUILD ?= build-tsan
 BENCH_BUILD ?= build-bench
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
+STRESS_RUNS ?= 10
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
@@ -25,7 +26,7 @@ FUZZ_LAUNCHER = $(if $(CCACHE),-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_CO
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test test-asan test-tsan fuzz fuzz-smoke demo bench soak install clean
+.PHONY: all deps configure build test test-asan test-tsan build-tsan test-stress fuzz fuzz-smoke demo bench soak install clean
 
 all: build
 
@@ -60,11 +61,20 @@ test-asan: deps
 	ASAN_OPTIONS=abort_on_error=1:detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD) -j $(JOBS) --output-on-failure -LE script
 
-test-tsan: deps
+TSAN_ENV = TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+build-tsan: deps
 	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTARVIK_SANITIZE_THREAD=ON $(COMPONENTS) $(CMAKE_ARGS)
 	cmake --build $(TSAN_BUILD) -j $(JOBS)
-	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-	  ctest --test-dir $(TSAN_BUILD) -j $(JOBS) --output-on-failure -LE script
+
+test-tsan: build-tsan
+	$(TSAN_ENV) ctest --test-dir $(TSAN_BUILD) -j $(JOBS) --output-on-failure -LE script
+
+# The suite and the TSan suite, STRESS_RUNS times each, beside two busy loops that keep
+# both cores loaded; prints the failed runs and tests. Not part of make test.
+test-stress: build build-tsan
+	STRESS_ENV_tsan="$(TSAN_ENV)" STRESS_ARGS_tsan="-LE script" \
+	  bash tests/stress/run_stress.sh $(STRESS_RUNS) normal=$(BUILD) tsan=$(TSAN_BUILD)
 
 # Every libFuzzer target of tests/fuzz, built with clang, each run FUZZ_SECONDS on a scratch
 # copy of its seeds; prints executions per second per target and fails on a crash.

@@ -474,32 +474,43 @@ TEST_F(CAWireTest, AtMostTwoChunksOfABlockAreInFlight)
 TEST_F(CAWireTest, AFileWriteEndsOnceAndAtFullPercent)
 {
     std::ofstream(m_oDir.Path("empty.hex")) << ":00000001FF\n";
-    // what | image | the gateway's failure | end | writes, reads sent
-    const std::tuple<const char*, std::string, std::function<void(CProgrammer&)>, std::string, std::string> cases[] = {
-        {"missing file", m_oDir.Path("missing.hex"), [](CProgrammer&) {}, "-1 100", "0 0"},
-        {"empty image", m_oDir.Path("empty.hex"), [](CProgrammer&) {}, "3 100", "0 0"},
+    struct SCase
+    {
+        const char* m_pName;
+        std::string m_sImage;
+        std::function<void(CProgrammer&)> m_fnFail; // the gateway's failure
+        std::string m_sEnd;
+        // Block writes sent, from .. to: two may be in flight, so the failure report of
+        // the first can come before or after the second is sent.
+        size_t m_nWritesMin, m_nWritesMax;
+        size_t m_nReads;
+    };
+    const SCase cases[] = {
+        {"missing file", m_oDir.Path("missing.hex"), [](CProgrammer&) {}, "-1 100", 0, 0, 0},
+        {"empty image", m_oDir.Path("empty.hex"), [](CProgrammer&) {}, "3 100", 0, 0, 0},
         // A failed block ends the write; nothing is read back.
-        {"block fails", Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_nFailState = 2; }, "-1 100", "2 0"},
-        {"verify mismatch", Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_bCorrupt = true; }, "-1 100",
-         "2 1"},
-        {"written", Image({{0, Counting(40000)}}), [](CProgrammer&) {}, "3 100", "2 2"},
+        {"block fails", Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_nFailState = 2; }, "-1 100", 1, 2, 0},
+        {"verify mismatch", Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_bCorrupt = true; }, "-1 100", 2,
+         2, 1},
+        {"written", Image({{0, Counting(40000)}}), [](CProgrammer&) {}, "3 100", 2, 2, 2},
     };
     UseProgrammer();
-    for (const auto& c : cases)
+    for (const SCase& c : cases)
     {
         NewClient();
         ASSERT_EQ(0, m_pClient->SetConfig(0, 0, 256, 0, ""));
         m_oProgrammer.m_bCorrupt = false;
-        std::get<2>(c)(m_oProgrammer);
+        c.m_fnFail(m_oProgrammer);
         size_t from = m_oGateway.GetFrames().size();
-        ASSERT_EQ(0, m_pClient->WriteFile(std::get<1>(c))) << std::get<0>(c);
-        EXPECT_EQ(std::get<3>(c), FileEnd()) << std::get<0>(c);
-        EXPECT_EQ(std::get<4>(c), std::to_string(Requests(0x0EE0, from).size()) + " " +
-                                      std::to_string(Requests(0x0EE3, from).size()))
-            << std::get<0>(c);
+        ASSERT_EQ(0, m_pClient->WriteFile(c.m_sImage)) << c.m_pName;
+        EXPECT_EQ(c.m_sEnd, FileEnd()) << c.m_pName;
+        size_t writes = Requests(0x0EE0, from).size();
+        EXPECT_GE(writes, c.m_nWritesMin) << c.m_pName;
+        EXPECT_LE(writes, c.m_nWritesMax) << c.m_pName;
+        EXPECT_EQ(c.m_nReads, Requests(0x0EE3, from).size()) << c.m_pName;
         FileStep::EFileStep step;
         unsigned char percent;
-        EXPECT_EQ(255, m_pClient->GetWriteFileStatus(step, percent)) << std::get<0>(c);
+        EXPECT_EQ(255, m_pClient->GetWriteFileStatus(step, percent)) << c.m_pName;
     }
 }
 

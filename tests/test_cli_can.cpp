@@ -103,7 +103,7 @@ TEST_F(CliCan, ADumpStoppedWithCtrlCEndsCleanly)
     const std::string log = m_sDir + "/some.log";
     auto dump = StartDump({"-L", "-o", log});
     ASSERT_EQ(0, Run(0, {"can", "send", "321#01"}).m_nExit);
-    for (int i = 0; i < 400 && CliReadFile(log).empty(); ++i)
+    for (int i = 0; i < 2000 && CliReadFile(log).empty(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     dump->Signal(SIGINT);
     EXPECT_EQ(0, dump->Wait(20000)) << dump->Err();

@@ -406,23 +406,23 @@ TEST(CliAWire, WriteFileShowsProgressThenTheVerifyResult)
 
 TEST(CliAWire, CtrlCStopsTheWriteAndSaysHowFarItGot)
 {
-    // The target takes some 3 s for the image.
+    // The target takes some 13 s for the image: time enough to interrupt on a loaded machine.
     CProcess sim(kSim, {"--devices", "awire", "--port", "0", "--awire-rate", "20000"});
     std::smatch match;
     std::string out;
     for (int i = 0; i < 500 && out.find('\n') == std::string::npos; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10)))
         out = sim.Out();
     ASSERT_TRUE(std::regex_match(out, match, std::regex("Tarvik AWire listening on (127\\.0\\.0\\.1:\\d+)\n"))) << out;
-    CImageFile image(65536);
+    CImageFile image(262144);
     CProcess cli(kTarvik, {"-H", match[1], "awire", "write-file", image.Path()});
     // Interrupted once it has shown a second step of progress.
     auto shown = [&] { std::string o = cli.Out(); return o.find("writing", o.find("writing") + 1) != std::string::npos; };
-    for (int i = 0; i < 1000 && !shown(); ++i)
+    for (int i = 0; i < 2000 && !shown(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     ASSERT_TRUE(shown()) << cli.Out();
     cli.Signal(SIGINT);
     EXPECT_EQ(1, cli.Wait(10000)) << cli.Err();
-    EXPECT_TRUE(std::regex_match(cli.Err(), std::regex("tarvik: write-file: interrupted while writing at \\d+% of 65536 "
+    EXPECT_TRUE(std::regex_match(cli.Err(), std::regex("tarvik: write-file: interrupted while writing at \\d+% of 262144 "
                                                        "bytes; the target holds an incomplete image\n")))
         << cli.Err();
 }

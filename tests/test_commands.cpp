@@ -18,7 +18,7 @@ using namespace tarvik_test;
 
 namespace
 {
-constexpr unsigned int kTimeoutMs = 200;
+constexpr unsigned int kTimeoutMs = 1000;
 // Sentinel of the outputs: what still holds it was left alone.
 constexpr unsigned int kU = 0xDEADBEEF;
 constexpr unsigned char kUByte = 0xEE;

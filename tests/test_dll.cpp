@@ -19,7 +19,7 @@ using namespace tarvik_test;
 
 namespace
 {
-constexpr int kTimeoutMs = 200;
+constexpr int kTimeoutMs = 1000;
 constexpr unsigned int kWaitMs = 5000;
 // Loopback net of this program's gateways (127.0.43.x); SPIOpenDevice always uses 5002.
 constexpr unsigned char kLoopbackNet = 43;

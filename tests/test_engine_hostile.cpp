@@ -32,7 +32,7 @@ using namespace tarvik_test;
 
 namespace
 {
-constexpr unsigned int kTimeoutMs = 150;
+constexpr unsigned int kTimeoutMs = 500;
 constexpr unsigned int kWaitMs = 5000;
 // Loopback net of this program's gateways on fixed ports (127.0.44.x).
 constexpr unsigned char kLoopbackNet = 44;
@@ -426,7 +426,8 @@ TEST_F(CHostileTest, AFrameDribbledPastTheTimeOutEndsTheConnection)
     Answer(
         [this](short id)
         {
-            std::string raw = Cnf(0x0303, id, std::string(40, '\0'));
+            // About a second of bytes, twice the time-out.
+            std::string raw = Cnf(0x0303, id, std::string(100, '\0'));
             for (char byte : raw)
             {
                 if (!m_oGateway.Send(std::string(1, byte)))

@@ -20,7 +20,7 @@ using namespace tarvik_test;
 
 namespace
 {
-constexpr unsigned int kTimeoutMs = 200;
+constexpr unsigned int kTimeoutMs = 1000;
 typedef CTarvikClientFirmware::STarvikDeviceInfoEx SInfo;
 typedef std::function<std::string(CTarvikClientFirmware&, int& result)> TCall;
 

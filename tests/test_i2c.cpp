@@ -19,7 +19,7 @@ using namespace tarvik_test;
 
 namespace
 {
-constexpr unsigned int kTimeoutMs = 200;
+constexpr unsigned int kTimeoutMs = 1000;
 constexpr unsigned short kU16 = 0xBEEF;
 typedef std::function<int(CTarvikClientI2C&)> TOp;
 // Runs a command on outputs preset to sentinels; returns the outputs as text.

@@ -17,7 +17,7 @@ using namespace tarvik_test;
 
 namespace
 {
-constexpr unsigned int kTimeoutMs = 200;
+constexpr unsigned int kTimeoutMs = 1000;
 // Sentinels of the outputs: what still holds one was left alone.
 constexpr char kUByte = '\xEE';
 constexpr unsigned short kUWord = 0xBEEF;

@@ -9,9 +9,14 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <fstream>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/syscall.h>
+#include <unistd.h>
 
 using namespace tarvik_test;
 
@@ -20,6 +25,17 @@ namespace
 constexpr unsigned int kWaitMs = 5000;
 const std::string kSmall = Hex("05 00 0C 83 02 00 8D");
 const std::string kUp = "connected", kDown = "closed";
+
+// Whether the thread tid of this process sleeps in the kernel (state S in its stat line).
+bool IsAsleep(long tid)
+{
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    // "tid (name) S ...": the state follows the name, which may hold blanks.
+    size_t close = line.rfind(')');
+    return close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'S';
+}
 
 int64_t ElapsedMs(std::chrono::steady_clock::time_point since)
 {
@@ -180,18 +196,22 @@ TEST_F(CConnectionTest, SendingWhileThePeerClosesNeverRaisesSigpipe)
 TEST(MolEvent, OneSignalWakesEveryWaiter)
 {
     CMolEvent event;
-    std::atomic<int> woken{0}, waiting{0};
-    auto waiter = [&]
+    std::atomic<int> woken{0};
+    std::atomic<long> tids[2] = {{0}, {0}};
+    auto waiter = [&](int i)
     {
-        ++waiting;
+        tids[i] = ::syscall(SYS_gettid);
         if (event.Wait(kWaitMs))
             ++woken;
     };
-    std::thread first(waiter), second(waiter);
-    while (waiting < 2)
-        std::this_thread::yield();
-    // Both threads are inside Wait before the single signal.
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::thread first(waiter, 0), second(waiter, 1);
+    // Both threads asleep inside Wait before the single signal, seen a few times in a
+    // row so that a short sleep on the way in does not count. The limit only ends a hang.
+    int asleep = 0;
+    for (auto start = std::chrono::steady_clock::now(); asleep < 5 && ElapsedMs(start) < kWaitMs / 2;
+         std::this_thread::sleep_for(std::chrono::milliseconds(2)))
+        asleep = tids[0] != 0 && tids[1] != 0 && IsAsleep(tids[0]) && IsAsleep(tids[1]) ? asleep + 1 : 0;
+    EXPECT_EQ(5, asleep);
     event.Signal();
     first.join();
     second.join();

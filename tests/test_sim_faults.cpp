@@ -24,7 +24,7 @@ using namespace tarvik_test;
 
 namespace
 {
-constexpr unsigned int kTimeoutMs = 300;
+constexpr unsigned int kTimeoutMs = 1000;
 // What a call may take beyond its time-out.
 constexpr auto kSlack = std::chrono::milliseconds(500);
 constexpr int kOk = 0;
@@ -420,10 +420,9 @@ template <class TClient> std::function<int(CTarvikClient&)> Op(std::function<int
     return [call](CTarvikClient& client) { return call(static_cast<TClient&>(client)); };
 }
 
-TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
+const std::vector<SFamily>& Families()
 {
-    unsigned short words[4] = {};
-    const SFamily families[] = {
+    static const std::vector<SFamily> families = {
         {"dio", eTarvikDIO, Make<CTarvikClientDIO>(),
          Op<CTarvikClientDIO>([](CTarvikClientDIO& c) { unsigned int i = 0, o = 0; return c.Read(i, o); })},
         {"ad", eTarvikAD, Make<CTarvikClientAD>(),
@@ -431,9 +430,9 @@ TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
         {"tscom", eTarvikTestSystemCOM, Make<CTarvikClientTestSystemCOM>(),
          Op<CTarvikClientTestSystemCOM>([](CTarvikClientTestSystemCOM& c) { std::string n; return c.GetConfig(n); })},
         {"tsio", eTarvikTestSystemIO, Make<CTarvikClientTestSystemIO>(),
-         Op<CTarvikClientTestSystemIO>([&](CTarvikClientTestSystemIO& c) { return c.GetValue(words, 2); })},
+         Op<CTarvikClientTestSystemIO>([](CTarvikClientTestSystemIO& c) { unsigned short w[4] = {}; return c.GetValue(w, 2); })},
         {"tspwr", eTarvikTestSystemPWR, Make<CTarvikClientTestSystemPWR>(),
-         Op<CTarvikClientTestSystemPWR>([&](CTarvikClientTestSystemPWR& c) { return c.GetValue(words, 2); })},
+         Op<CTarvikClientTestSystemPWR>([](CTarvikClientTestSystemPWR& c) { unsigned short w[4] = {}; return c.GetValue(w, 2); })},
         {"tsrelay", eTarvikTestSystemRelay, Make<CTarvikClientTestSystemRelay>(),
          Op<CTarvikClientTestSystemRelay>([](CTarvikClientTestSystemRelay& c) { return c.SetRelay(1, true); })},
         {"renesas", eTarvikRenesas, Make<CTarvikClientRenesas>(),
@@ -454,35 +453,47 @@ TEST(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
         {"firmware", eTarvikFirmware, Make<CTarvikClientFirmware>(),
          Op<CTarvikClientFirmware>([](CTarvikClientFirmware& c) { int n = 0; return c.GetEEPromInfo(n); })},
     };
+    return families;
+}
+
+// One test a family: each waits out two time-outs, and ctest runs them side by side.
+class SimFaultFamilies : public ::testing::TestWithParam<size_t>
+{
+};
+
+TEST_P(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
+{
+    const SFamily& family = Families()[GetParam()];
     const std::pair<ETarvikSimFault, int> answers[] = {
         {eTarvikSimFaultBadCRC, TARVIK_ERR_CRC},
         {eTarvikSimFaultWrongCmd, TARVIK_ERR_NOT_CONFIRMED},
         {eTarvikSimFaultWrongId, kTimeout},
         {eTarvikSimFaultTwice, kOk},
     };
-    for (const SFamily& family : families)
+    CTarvikSimServer server;
+    ASSERT_EQ(0, server.AddDevice(family.m_eType)) << family.m_pName;
+    ASSERT_TRUE(server.Start());
+    std::unique_ptr<CTarvikClient> client = family.m_fnCreate();
+    ASSERT_EQ(0, client->Connect("127.0.0.1", server.GetPort(family.m_eType))) << family.m_pName;
+    client->Open();
+    EXPECT_EQ(kOk, family.m_fnCall(*client)) << family.m_pName;
+    for (const auto& answer : answers)
     {
-        CTarvikSimServer server;
-        ASSERT_EQ(0, server.AddDevice(family.m_eType)) << family.m_pName;
-        ASSERT_TRUE(server.Start());
-        std::unique_ptr<CTarvikClient> client = family.m_fnCreate();
-        ASSERT_EQ(0, client->Connect("127.0.0.1", server.GetPort(family.m_eType))) << family.m_pName;
-        client->Open();
-        EXPECT_EQ(kOk, family.m_fnCall(*client)) << family.m_pName;
-        for (const auto& answer : answers)
-        {
-            server.SetFault(answer.first);
-            EXPECT_EQ(answer.second, family.m_fnCall(*client)) << family.m_pName << " fault " << answer.first;
-            server.ClearFaults();
-            EXPECT_EQ(kOk, family.m_fnCall(*client)) << family.m_pName << " after fault " << answer.first;
-        }
-        server.SetFault(eTarvikSimFaultStall);
-        EXPECT_EQ(kTimeout, family.m_fnCall(*client)) << family.m_pName;
+        server.SetFault(answer.first);
+        EXPECT_EQ(answer.second, family.m_fnCall(*client)) << family.m_pName << " fault " << answer.first;
         server.ClearFaults();
-        EXPECT_TRUE(Eventually([&] { return family.m_fnCall(*client) == kNotConnected; })) << family.m_pName;
-        client->Disconnect();
-        ASSERT_EQ(0, client->Connect("127.0.0.1", server.GetPort(family.m_eType))) << family.m_pName;
-        EXPECT_EQ(kOk, family.m_fnCall(*client)) << family.m_pName << " after reconnect";
+        EXPECT_EQ(kOk, family.m_fnCall(*client)) << family.m_pName << " after fault " << answer.first;
     }
+    server.SetFault(eTarvikSimFaultStall);
+    EXPECT_EQ(kTimeout, family.m_fnCall(*client)) << family.m_pName;
+    server.ClearFaults();
+    EXPECT_TRUE(Eventually([&] { return family.m_fnCall(*client) == kNotConnected; })) << family.m_pName;
+    client->Disconnect();
+    ASSERT_EQ(0, client->Connect("127.0.0.1", server.GetPort(family.m_eType))) << family.m_pName;
+    EXPECT_EQ(kOk, family.m_fnCall(*client)) << family.m_pName << " after reconnect";
 }
+
+INSTANTIATE_TEST_SUITE_P(Each, SimFaultFamilies, ::testing::Range<size_t>(0, Families().size()),
+                         [](const ::testing::TestParamInfo<size_t>& info)
+                         { return std::string(Families()[info.param].m_pName); });
 } // namespace

@@ -25,7 +25,7 @@ using namespace tarvik_test;
 
 namespace
 {
-constexpr unsigned int kTimeoutMs = 200;
+constexpr unsigned int kTimeoutMs = 1000;
 constexpr unsigned int kWaitMs = 5000;
 constexpr size_t kChunk = 32768;
 // Sentinel of the outputs: what still holds it was left alone.

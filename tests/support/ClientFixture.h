@@ -14,7 +14,7 @@
 
 namespace tarvik_test
 {
-template <class TClient, unsigned int TTimeoutMs = 200> class CClientFixture : public ::testing::Test
+template <class TClient, unsigned int TTimeoutMs = 1000> class CClientFixture : public ::testing::Test
 {
 protected:
     static constexpr unsigned int kFrameWaitMs = 5000;
