@@ -138,14 +138,14 @@ TEST_F(CCliHexTest, DumpPrintsBlocksAndMarksGaps)
     EXPECT_EQ("00000000: 00 01 02 03 04 05 06 07 ........\n"
               "-- gap of 74557 bytes --\n"
               "00012340: -- -- -- -- -- DE AD BE      ...\n"
-              "00012348: EF -- -- -- -- -- -- -- .       \n"
+              "00012348: EF -- -- -- -- -- -- -- .\n"
               "-- gap of 2147409079 bytes --\n"
-              "80000000: 55 AA                   U.      \n",
+              "80000000: 55 AA                   U.\n",
               run.m_sOut);
 
     run = Run("hex dump hexfile_sample.s19 --from 0x12340 --to 74575 --width 8");
     EXPECT_EQ("00012340: -- -- -- -- -- DE AD BE      ...\n"
-              "00012348: EF -- -- -- -- -- -- -- .       \n",
+              "00012348: EF -- -- -- -- -- -- -- .\n",
               run.m_sOut);
 
     run = Run("--json hex dump hexfile_sample.s19 --from 0x12346");

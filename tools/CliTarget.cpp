@@ -103,6 +103,7 @@ std::string CliDumpLines(uint64_t address, const std::string& bytes)
             const unsigned char byte = i < count ? static_cast<unsigned char>(bytes[pos + i]) : ' ';
             line += byte < 0x20 || byte >= 0x7F ? '.' : static_cast<char>(byte);
         }
+        line.erase(line.find_last_not_of(' ') + 1);
         text += (pos != 0 ? "\n" : "") + line;
     }
     return text.empty() ? "(no data)" : text;

@@ -138,7 +138,11 @@ void PrintDumpLines(const CTarvikHexfile& image, uint64_t start, uint64_t end, u
         {
             const char* newline = std::strchr(line, '\n');
             size_t length = newline != nullptr ? static_cast<size_t>(newline - line) : std::strlen(line);
-            std::printf("%08" PRIX64 ":%.*s\n", address, static_cast<int>(length), line);
+            // The blanks that pad a short line say nothing.
+            size_t shown = length;
+            while (shown > 0 && line[shown - 1] == ' ')
+                --shown;
+            std::printf("%08" PRIX64 ":%.*s\n", address, static_cast<int>(shown), line);
             line += length + (newline != nullptr ? 1 : 0);
         }
         if (last == end)
