@@ -100,18 +100,19 @@ private:
 class CTempFile
 {
 public:
-    CTempFile(const std::string& directory, const std::string& stem)
+    // purpose names what the file is for in messages, as in "cannot write out.hex".
+    CTempFile(const std::string& directory, const std::string& stem, const std::string& purpose)
     {
         std::vector<char> name(directory.begin(), directory.end());
         const std::string tail = "/." + stem + ".XXXXXX";
         name.insert(name.end(), tail.begin(), tail.end());
         name.push_back('\0');
         if (name.size() > kTempPathMax)
-            CliFail("cannot create a temporary file in " + directory + ": " + std::strerror(ENAMETOOLONG));
+            CliFail(purpose + ": " + std::strerror(ENAMETOOLONG));
         CSignalBlock block;
         const int fd = mkstemp(name.data());
         if (fd < 0)
-            CliFail("cannot create a temporary file in " + directory + ": " + std::strerror(errno));
+            CliFail(purpose + ": " + std::strerror(errno));
         close(fd);
         m_sPath = name.data();
         Register();
@@ -179,7 +180,7 @@ void CopyStream(std::istream& in, std::ostream& out, const std::string& what)
     while (in.read(buffer, sizeof(buffer)) || in.gcount() > 0)
         out.write(buffer, in.gcount());
     if (in.bad() || !out.flush())
-        CliFail("cannot copy " + what);
+        CliFail("cannot copy " + what + ": " + std::strerror(errno != 0 ? errno : EIO));
 }
 
 // The library reads files by name: standard input is copied to a temporary file first.
@@ -190,7 +191,7 @@ public:
     {
         if (file != "-")
             return;
-        m_pCopy.reset(new CTempFile(TempDirectory(), "tarvik-stdin"));
+        m_pCopy.reset(new CTempFile(TempDirectory(), "tarvik-stdin", "cannot keep standard input in " + TempDirectory()));
         m_sPath = m_pCopy->Path();
         m_sDisplay = "<stdin>";
         std::ofstream out(m_sPath, std::ios::binary | std::ios::trunc);
@@ -485,7 +486,8 @@ void HexSave(CTarvikHexfile& image, const std::string& file, const std::string& 
     if (type == CTarvikHexfile::Binary)
         CheckBinaryOutput(image);
     const bool toStdout = file == "-";
-    CTempFile temp(toStdout ? TempDirectory() : DirectoryOf(file), toStdout ? "tarvik-out" : BaseName(file));
+    CTempFile temp(toStdout ? TempDirectory() : DirectoryOf(file), toStdout ? "tarvik-out" : BaseName(file),
+                   toStdout ? "cannot keep the output in " + TempDirectory() : "cannot write " + file);
     if (image.SaveFile(temp.Path().c_str(), type) != 0)
         CliFail(FlatMessage(image.GetErrorMessage(), temp.Path(), file));
     if (type == CTarvikHexfile::Motorola)
