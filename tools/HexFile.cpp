@@ -221,6 +221,12 @@ void Warn(const std::string& text)
 {
     std::cerr << "tarvik: warning: " << text << "\n";
 }
+
+// One problem of an image that is refused; the summary that follows ends the command.
+void ReportProblem(const std::string& text)
+{
+    std::cerr << "tarvik: " << text << "\n";
+}
 } // namespace
 
 namespace
@@ -394,7 +400,7 @@ void ReportProblems(const CTarvikImageCheck& check, const std::string& display, 
         if (options.m_bLenient)
             Warn(problem.Describe());
         else
-            std::cerr << "tarvik: " << problem.Describe() << "\n";
+            ReportProblem(problem.Describe());
     }
     if (count > kReportedLines)
     {
@@ -402,7 +408,7 @@ void ReportProblems(const CTarvikImageCheck& check, const std::string& display, 
         if (options.m_bLenient)
             Warn(more);
         else
-            std::cerr << "tarvik: " << more << "\n";
+            ReportProblem(more);
     }
     if (options.m_bLenient)
         return Warn(display + ": " + Plural(count, "problem", "problems") + " taken as they are (--lenient)");
