@@ -69,6 +69,10 @@ step "$tarvik" hex fill firmware.hex --from 0 --to 0xFFFF --byte 0xFF -o image.h
 step "${aw[@]}" awire config
 step "${aw[@]}" awire erase
 step "${aw[@]}" awire write-file image.hex
+# One digit of line 3 changed: its checksum no longer fits, so the file is refused with the
+# line named, and nothing is sent to the target.
+sed '3{s/^\(.\{11\}\)F/\10/;t;s/^\(.\{11\}\)./\1F/}' image.hex >damaged.hex
+step "${aw[@]}" awire write-file damaged.hex || echo "(exit $?: refused, nothing was sent)"
 step "${aw[@]}" awire read 0x100 16
 kill "$aw_pid" 2>/dev/null || true
 wait "$aw_pid" 2>/dev/null || true

@@ -43,6 +43,7 @@
 #include "tarvik/runtime/MolSync.h"
 #include "tarvik/runtime/MolTime.h"
 #include "tarvik/hexfile/TarvikHexfile.h"
+#include "tarvik/hexfile/TarvikImageCheck.h"
 #endif
 
 #endif

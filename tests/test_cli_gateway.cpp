@@ -356,7 +356,7 @@ INSTANTIATE_TEST_SUITE_P(
               0,
               "value1    0x00000001\nvalue2    0x00000002\npage size 256\nvalue4    0x00000004\ntext      \"uc3\"\n",
               ""},
-        SCase{{"tarvik", "awire", "read", "0x800000", "4"}, 0, "00800000  FF FF FF FF\n", ""},
+        SCase{{"tarvik", "awire", "read", "0x800000", "4"}, 0, "00800000: FF FF FF FF                                      ....\n", ""},
         SCase{{"tarvik", "--json", "awire", "erase", "1"},
               1,
               "{\"error\":\"erase: EraseBlock not supported\",\"code\":\"0x000E24\",\"exit\":1}\n",

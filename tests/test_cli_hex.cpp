@@ -47,7 +47,7 @@ protected:
         Write("hash.hex", "# made by hand\n" + records);
         Write("notes.txt", "no records in here\n");
         Write("type03.hex", ":0400000300001234B3\n" + records);
-        Write("s6.s19", "S10B00000001020304050607D8\nS6040000010A\n");
+        Write("s6.s19", "S10B00000001020304050607D8\nS604000001FA\nS9030000FC\n");
         Write("junk.hex", ":0100000055AA\nxyz\n");
         Write("empty.hex", "");
     }
@@ -138,14 +138,14 @@ TEST_F(CCliHexTest, DumpPrintsBlocksAndMarksGaps)
     EXPECT_EQ("00000000: 00 01 02 03 04 05 06 07 ........\n"
               "-- gap of 74557 bytes --\n"
               "00012340: -- -- -- -- -- DE AD BE      ...\n"
-              "00012348: EF -- -- -- -- -- -- -- .       \n"
+              "00012348: EF -- -- -- -- -- -- -- .\n"
               "-- gap of 2147409079 bytes --\n"
-              "80000000: 55 AA                   U.      \n",
+              "80000000: 55 AA                   U.\n",
               run.m_sOut);
 
     run = Run("hex dump hexfile_sample.s19 --from 0x12340 --to 74575 --width 8");
     EXPECT_EQ("00012340: -- -- -- -- -- DE AD BE      ...\n"
-              "00012348: EF -- -- -- -- -- -- -- .       \n",
+              "00012348: EF -- -- -- -- -- -- -- .\n",
               run.m_sOut);
 
     run = Run("--json hex dump hexfile_sample.s19 --from 0x12346");
@@ -162,34 +162,31 @@ TEST_F(CCliHexTest, EachInputIsReadAsWhatItIsOrRefused)
     const SRow rows[] = {
         {"hex info hexfile_sample.hex", 0, "file:   hexfile_sample.hex",
          "tarvik: warning: hexfile_sample.hex: begins with a comment line, not with a record; read as Intel HEX "
-         "(--from bin reads it as raw bytes)"},
+         "(-I bin reads it as raw bytes)"},
         {"hex info bom.hex", 0, "file:   bom.hex",
          "tarvik: warning: bom.hex: begins with a byte-order mark, not with a record; read as Intel HEX "
-         "(--from bin reads it as raw bytes)"},
-        {"hex info hash.hex --from intel", 0, "file:   hash.hex", ""},
+         "(-I bin reads it as raw bytes)"},
+        {"hex info hash.hex -I intel", 0, "file:   hash.hex", ""},
         {"hex crc hash.hex", 0, "0x7952F0BB",
          "tarvik: warning: hash.hex: begins with a comment line, not with a record; read as Intel HEX "
-         "(-i bin reads it as raw bytes)"},
-        {"hex info hexfile_sample.hex --from bin", 0, "file:   hexfile_sample.hex", ""},
+         "(-I bin reads it as raw bytes)"},
+        {"hex info hexfile_sample.hex --input-format bin", 0, "file:   hexfile_sample.hex", ""},
         {"hex info notes.txt", 0, "file:   notes.txt",
          "tarvik: warning: notes.txt: read as raw binary, but it looks like text; for Intel HEX or S-records use "
-         "--from intel or --from srec"},
+         "-I intel or -I srec"},
         {"hex info hexfile_bad_checksum.hex", 1, "",
-         "tarvik: hexfile_bad_checksum.hex: Invalid checksum in data line: :0400100001020304E3"},
+         "tarvik: hexfile_bad_checksum.hex:1: wrong checksum 0xE3, the record's bytes need 0xE2"},
         {"hex info hexfile_bad_checksum.hex --ignore-checksum", 0, "file:   hexfile_bad_checksum.hex",
-         "tarvik: warning: hexfile_bad_checksum.hex: Invalid checksum in data line: :0400100001020304E3"},
-        {"hex info type03.hex", 0, "file:   type03.hex",
-         "tarvik: warning: type03.hex:1: Invalid record type in data line: :0400000300001234B3"},
-        {"hex info type03.hex --strict", 1, "",
-         "tarvik: type03.hex:1: Invalid record type in data line: "
-         ":0400000300001234B3"},
-        {"hex info s6.s19", 0, "file:   s6.s19",
-         "tarvik: warning: s6.s19:2: Invalid record type in data line: S6040000010A"},
-        {"hex info junk.hex", 1, "", "tarvik: junk.hex:2: Invalid format in data line: xyz"},
-        {"hex info empty.hex", 1, "", "tarvik: File <empty.hex> is empty."},
-        {"hex info missing.hex", 1, "", "tarvik: File <missing.hex> could not be opened."},
+         "tarvik: warning: hexfile_bad_checksum.hex:1: wrong checksum 0xE3, the record's bytes need 0xE2"},
+        // Start addresses and record counts are records like any other.
+        {"hex info type03.hex", 0, "file:   type03.hex", ""},
+        {"hex info s6.s19 --strict", 0, "file:   s6.s19", ""},
+        {"hex info junk.hex", 1, "", "tarvik: junk.hex:2: not an Intel HEX record: \"xyz\""},
+        {"hex info empty.hex", 1, "", "tarvik: empty.hex: the file is empty"},
+        {"hex info missing.hex", 1, "", "tarvik: missing.hex: cannot be opened: No such file or directory"},
+        {"hex info .", 1, "", "tarvik: .: cannot be opened: Is a directory"},
         {"hex info - < hexfile_bad_checksum.hex", 1, "",
-         "tarvik: <stdin>: Invalid checksum in data line: :0400100001020304E3"},
+         "tarvik: <stdin>:1: wrong checksum 0xE3, the record's bytes need 0xE2"},
     };
     for (const SRow& row : rows)
         Expect(row);
@@ -208,7 +205,7 @@ TEST_F(CCliHexTest, EachOperationRefusesWhatItCannotDo)
          "tarvik: moving by 0xFFFEFFF1 puts the data at 0x0001000F above 0xFFFFFFFF"},
         {"hex crop hexfile_edit_a.hex --from 9 --to 8 -o out.hex", 2, "",
          "tarvik: the range ends (0x00000008) before it starts (0x00000009)"},
-        {"hex convert hexfile_edit_a.hex out.hex --to bin", 1, "",
+        {"hex convert hexfile_edit_a.hex out.hex -O bin", 1, "",
          "tarvik: binary output needs the data in one block from address 0; this image has 3 blocks from "
          "0x00000000 (fill the gaps, offset it, or choose intel or srec)"},
         {"hex cmp hexfile_edit_a.hex hexfile_edit_a.hex", 0, "equal", ""},
@@ -242,7 +239,7 @@ TEST_F(CCliHexTest, CmpListsTheFirstDifferences)
 TEST_F(CCliHexTest, AFailedWriteLeavesTheOldFileAsItWas)
 {
     Write("out.bin", "old");
-    const SRun run = Run("hex convert hexfile_sample.s19 out.bin --to bin");
+    const SRun run = Run("hex convert hexfile_sample.s19 -o out.bin");
     EXPECT_EQ(1, run.m_nExit);
     EXPECT_EQ("old", ReadFile(m_oDir.Path("out.bin")));
     EXPECT_EQ("", Shell("ls -A | grep '^\\.' ").m_sOut); // no temporary file left
@@ -264,7 +261,7 @@ TEST_F(CCliHexTest, OperationsMakeTheImagesThatSrecCatMakes)
          std::string("srec_cat ") + a + " -exclude -within " + b + " " + b},
         {"tarvik hex merge hexfile_edit_b.s19 hexfile_edit_a.hex -o out.hex -O intel",
          std::string("srec_cat ") + b + " -exclude -within " + a + " " + a},
-        {"cat hexfile_edit_b.s19 | tarvik hex merge hexfile_edit_a.hex - -o - --to intel > out.hex",
+        {"cat hexfile_edit_b.s19 | tarvik hex merge hexfile_edit_a.hex - -o - -O intel > out.hex",
          std::string("srec_cat ") + a + " -exclude -within " + b + " " + b},
         {"tarvik hex crop hexfile_edit_a.hex --from 0x8 --to 0x8007 -o out.hex",
          std::string("srec_cat ") + a + " -crop 0x8 0x8008"},
@@ -276,8 +273,8 @@ TEST_F(CCliHexTest, OperationsMakeTheImagesThatSrecCatMakes)
         {"tarvik hex offset hexfile_edit_a.hex 0x1000 -o out.hex", std::string("srec_cat ") + a + " -offset 0x1000"},
         {"tarvik hex offset hexfile_edit_b.s19 -0x10 -o out.hex -O intel",
          std::string("srec_cat ") + b + " -offset -0x10"},
-        {"tarvik hex convert hexfile_edit_b.s19 out.hex --to intel", std::string("srec_cat ") + b},
-        {"tarvik hex convert hexfile_edit_a.hex - --to srec | tarvik hex convert - out.hex --to intel",
+        {"tarvik hex convert hexfile_edit_b.s19 -o out.hex", std::string("srec_cat ") + b},
+        {"tarvik hex convert hexfile_edit_a.hex -o - -O srec | tarvik hex convert - out.hex",
          std::string("srec_cat ") + a},
     };
     for (const SRow& row : rows)

@@ -34,13 +34,13 @@ const SStep kEeprom[] = {
     {"eeprom write --type 0x0108 --select 1 --offset 0xF8 00112233445566778899AABBCCDDEEFF102030405060708090A0B0C0", 0,
      "wrote 28 bytes at 0x00F8\n", ""},
     {"eeprom read --type 0x0108 --select 1 --offset 0xF0 0x30", 0,
-     "000000F0: FF FF FF FF FF FF FF FF 00 11 22 33 44 55 66 77\n"
-     "00000100: 88 99 AA BB CC DD EE FF 10 20 30 40 50 60 70 80\n"
-     "00000110: 90 A0 B0 C0 FF FF FF FF FF FF FF FF FF FF FF FF\n",
+     "000000F0: FF FF FF FF FF FF FF FF  00 11 22 33 44 55 66 77 ..........\"3DUfw\n"
+     "00000100: 88 99 AA BB CC DD EE FF  10 20 30 40 50 60 70 80 ......... 0@P`p.\n"
+     "00000110: 90 A0 B0 C0 FF FF FF FF  FF FF FF FF FF FF FF FF ................\n",
      ""},
     {"eeprom write --type 0x0008 --select 4 --offset 0x14 0102030405060708", 0, "wrote 8 bytes at 0x0014\n", ""},
     {"eeprom read --type 0x0008 --select 4 --offset 0x10 16", 0,
-     "00000010: FF FF FF FF 01 02 03 04 05 06 07 08 FF FF FF FF\n", ""},
+     "00000010: FF FF FF FF 01 02 03 04  05 06 07 08 FF FF FF FF ................\n", ""},
     // A file of 300 bytes, from the middle of one 24C256 page to the middle of another,
     // and back into a file; more than one request each, and nothing on a stderr that is
     // no terminal.
@@ -55,7 +55,7 @@ const SStep kEeprom[] = {
      "{\"address\":254,\"length\":2,\"data\":\"5AFF\"}\n", ""},
     // No chip answers at 0xAE.
     {"eeprom read --type 0x0008 --select 7 4", 1, "", "tarvik: read at 0x0000: I2C NACK (No Acknowledge) (0x000120)\n"},
-    {"eeprom write --type 0x0008 {dir}/missing.bin", 1, "", "tarvik: File <{dir}/missing.bin> could not be opened.\n"},
+    {"eeprom write --type 0x0008 {dir}/missing.bin", 1, "", "tarvik: {dir}/missing.bin: cannot be opened: No such file or directory\n"},
 };
 
 // Raw transfers to the 24C02 at A8: a write sets the address and data, a sequence sets

@@ -136,23 +136,36 @@ TEST_F(CAWireSimTest, ProgressGrowsAsTheTargetIsProgrammed)
 
 TEST_F(CAWireSimTest, TheGatewaysFailuresEndTheFileWrite)
 {
+    typedef CAWire::FileFailure FileFailure;
     const std::string data = Pattern(70000, 4);
-    // what | prepare | end | target afterwards at 0x8000 (first byte)
-    const std::tuple<const char*, std::function<void(CDevice&, CAWire&)>, std::string, std::string> cases[] = {
-        {"failed second block", [](CDevice& d, CAWire&) { d.InjectBlockFailure(2, 1); }, "-1 100", "\xFF"},
-        // Not erased: flash only clears bits, so the read-back differs.
-        {"not erased", [](CDevice&, CAWire& c) { short h; c.WriteBlock(0x8000, 1, "\x0F", h); }, "-1 100",
-         std::string(1, static_cast<char>(data[0x8000] & 0x0F))},
-        {"erased", [](CDevice&, CAWire&) {}, "3 100", data.substr(0x8000, 1)},
-    };
+    CTarvikHexfile image;
+    image.AddMemoryBlock(0, data.data(), static_cast<unsigned int>(data.size()));
+    // what | prepare | end | target afterwards at 0x8000 (first byte) | cause | where
+    const std::tuple<const char*, std::function<void(CDevice&, CAWire&)>, std::string, std::string, int, uint64_t>
+        cases[] = {
+            {"failed second block", [](CDevice& d, CAWire&) { d.InjectBlockFailure(2, 1); }, "-1 100", "\xFF",
+             FileFailure::eBlockFailed, 0x8000},
+            // Not erased: flash only clears bits, so the read-back differs.
+            {"not erased", [](CDevice&, CAWire& c) { short h; c.WriteBlock(0x8000, 1, "\x0F", h); }, "-1 100",
+             std::string(1, static_cast<char>(data[0x8000] & 0x0F)), FileFailure::eVerifyMismatch, 0x8000},
+            {"erased", [](CDevice&, CAWire&) {}, "3 100", data.substr(0x8000, 1), FileFailure::eNone, 0},
+        };
     for (const auto& c : cases)
     {
         ASSERT_EQ(0, m_oClient.Erase(0));
         std::get<1>(c)(*m_pDevice, m_oClient);
-        ASSERT_EQ(0, m_oClient.WriteFile(Image({{0, data}})));
+        // The loaded image is written as it is; the cause is the same however fast the end comes.
+        ASSERT_EQ(0, m_oClient.WriteImage(image));
         EXPECT_EQ(std::get<2>(c), WaitForEnd()) << std::get<0>(c);
         EXPECT_EQ(std::get<3>(c), m_pDevice->Peek(0x8000, 1)) << std::get<0>(c);
+        const CAWire::SFileFailure failure = m_oClient.GetWriteFileFailure();
+        EXPECT_EQ(std::get<4>(c), failure.m_eCause) << std::get<0>(c);
+        EXPECT_EQ(std::get<5>(c), failure.m_nAddress) << std::get<0>(c);
     }
+    // A file that cannot be loaded says so as its cause.
+    ASSERT_EQ(0, m_oClient.WriteFile(m_oDir.Path("missing.hex")));
+    EXPECT_EQ("-1 100", WaitForEnd());
+    EXPECT_EQ(FileFailure::eLoad, m_oClient.GetWriteFileFailure().m_eCause);
 }
 
 TEST_F(CAWireSimTest, ConfigurationUserPageAndRefusals)

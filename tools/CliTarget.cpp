@@ -11,23 +11,10 @@ namespace
 {
 constexpr size_t kDumpWidth = 16;
 
-bool EndsWith(const std::string& text, const char* tail)
-{
-    std::string end(tail);
-    if (text.size() < end.size())
-        return false;
-    return std::equal(end.begin(), end.end(), text.end() - static_cast<std::ptrdiff_t>(end.size()),
-                      [](char a, char b) { return std::tolower(static_cast<unsigned char>(b)) == a; });
-}
-
 // The format that the name asks for: "intel", "srec" or "bin".
 std::string FormatOf(const std::string& file)
 {
-    if (EndsWith(file, ".hex"))
-        return "intel";
-    if (EndsWith(file, ".s19") || EndsWith(file, ".srec"))
-        return "srec";
-    return "bin";
+    return HexOutputFormat(file, "", "bin");
 }
 } // namespace
 
@@ -36,10 +23,11 @@ bool CliIsImageFile(const std::string& file)
     return FormatOf(file) != "bin";
 }
 
-std::vector<SCliSpan> CliLoadTarget(const std::string& file)
+std::vector<SCliSpan> CliLoadTarget(const std::string& file, bool lenient)
 {
     CTarvikHexfile image;
     SHexLoadOptions options;
+    options.m_bLenient = lenient;
     // The name decides, not the contents: a binary that happens to start with ':' stays bytes.
     options.m_sFormat = FormatOf(file);
     HexLoad(image, file, options);
@@ -55,6 +43,17 @@ std::vector<SCliSpan> CliLoadTarget(const std::string& file)
     if (spans.empty())
         CliFail(file + ": no data in the file");
     return spans;
+}
+
+void CliAddTargetLoadOption(CLI::App* command, bool& lenient)
+{
+    command->add_flag("--lenient,--ignore-checksum", lenient,
+                      "Take a damaged image as it is: its problems become warnings (refused by default)");
+}
+
+void CliAddTargetOutputOption(CLI::App* command, std::string& file)
+{
+    command->add_option("-o,--output", file, "The same as FILE");
 }
 
 void CliSaveTarget(const std::string& file, uint64_t address, const std::string& bytes)
@@ -90,9 +89,22 @@ std::string CliDumpLines(uint64_t address, const std::string& bytes)
     char label[24];
     for (size_t pos = 0; pos < bytes.size(); pos += kDumpWidth)
     {
-        std::snprintf(label, sizeof(label), "%08llX: ", static_cast<unsigned long long>(address + pos));
-        text += (pos != 0 ? "\n" : "") + std::string(label) +
-                CliHexBytes(bytes.data() + pos, std::min(kDumpWidth, bytes.size() - pos));
+        const size_t count = std::min(kDumpWidth, bytes.size() - pos);
+        std::snprintf(label, sizeof(label), "%08llX:", static_cast<unsigned long long>(address + pos));
+        std::string line = label;
+        for (size_t i = 0; i < kDumpWidth; ++i)
+        {
+            if (i % 8 == 0)
+                line += ' ';
+            line += i < count ? CliHexBytes(bytes.data() + pos + i, 1) + " " : "   ";
+        }
+        for (size_t i = 0; i < kDumpWidth; ++i)
+        {
+            const unsigned char byte = i < count ? static_cast<unsigned char>(bytes[pos + i]) : ' ';
+            line += byte < 0x20 || byte >= 0x7F ? '.' : static_cast<char>(byte);
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        text += (pos != 0 ? "\n" : "") + line;
     }
     return text.empty() ? "(no data)" : text;
 }

@@ -1,9 +1,11 @@
 // Pieces shared by the target commands (eeprom, renesas, firmware): memory contents in
 // files, page grouping and hex dumps.
 //
-// Files: a name ending in .hex goes through the hex-file component as Intel HEX, one
-// ending in .s19 or .srec as S-records, with the addresses the image holds; any other
-// name is raw bytes from address 0. "-" is standard input or output.
+// Files: a name ending in .hex or .ihex goes through the hex-file component as Intel HEX,
+// one ending in .s19, .s28, .s37, .srec or .mot as S-records, with the addresses the image
+// holds; any other name is raw bytes from address 0. "-" is standard input or output.
+// Images are checked record by record: a damaged one ends the command before anything is
+// sent, unless lenient.
 #ifndef TARVIK_TOOLS_CLITARGET_H
 #define TARVIK_TOOLS_CLITARGET_H
 
@@ -24,12 +26,17 @@ struct SCliSpan
     std::string m_sBytes;
 };
 
-// Whether file names an image (.hex, .s19, .srec, any case) rather than raw bytes.
+// Whether file names an image (see above, any case) rather than raw bytes.
 bool CliIsImageFile(const std::string& file);
 
-// The runs of file in address order, runs that touch joined. A file that cannot be read
-// or holds no bytes ends the command.
-std::vector<SCliSpan> CliLoadTarget(const std::string& file);
+// The runs of file in address order, runs that touch joined. A file that cannot be read,
+// holds no bytes or is damaged (unless lenient: then warnings) ends the command.
+std::vector<SCliSpan> CliLoadTarget(const std::string& file, bool lenient = false);
+
+// --lenient (alias --ignore-checksum) for a command that loads a file with CliLoadTarget.
+void CliAddTargetLoadOption(CLI::App* command, bool& lenient);
+// -o/--output as another name of a command's FILE argument.
+void CliAddTargetOutputOption(CLI::App* command, std::string& file);
 
 // Writes bytes, which the target holds at address, to file: an image at that address,
 // or the raw bytes. A failure leaves no file behind.

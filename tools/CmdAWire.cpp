@@ -3,6 +3,7 @@
 #include "CliInterrupt.h"
 #include "CliSession.h"
 #include "CliStepProgress.h"
+#include "CliTarget.h"
 #include "HexFile.h"
 #include "TarvikCli.h"
 
@@ -38,6 +39,7 @@ struct SAWireOptions
     std::string m_sValue = "0";
     bool m_bUserPage = false;
     std::string m_sFile;
+    SHexLoadOptions m_oLoad;
 };
 
 void RunConfig(const SCliGlobals& globals, const SAWireOptions& options)
@@ -65,18 +67,6 @@ void RunConfig(const SCliGlobals& globals, const SAWireOptions& options)
              TCliJson{{"value1", v1}, {"value2", v2}, {"page_size", page}, {"value4", v4}, {"text", text}});
 }
 
-std::string DumpText(unsigned long address, const std::string& bytes)
-{
-    std::string text;
-    for (size_t pos = 0; pos < bytes.size(); pos += kDumpWidth)
-    {
-        size_t n = bytes.size() - pos < kDumpWidth ? bytes.size() - pos : kDumpWidth;
-        text += (pos != 0 ? "\n" : "") + CliHex(address + pos, 8).substr(2) + "  " +
-                CliHexBytes(bytes.data() + pos, n);
-    }
-    return text.empty() ? "(no bytes)" : text;
-}
-
 void RunRead(const SCliGlobals& globals, const SAWireOptions& options)
 {
     unsigned long address = CliParseNumber(options.m_sAddress, 0xFFFFFFFFul, "address");
@@ -94,14 +84,7 @@ void RunRead(const SCliGlobals& globals, const SAWireOptions& options)
             CliFail("read: the gateway sent no bytes for " + CliHex(address + pos, 8));
         pos += count;
     }
-    if (options.m_sOutput.empty())
-        return CliPrint(globals, DumpText(address, bytes),
-                        TCliJson{{"address", address}, {"length", length}, {"data", CliHexBytes(bytes, "")}});
-    std::ofstream out(options.m_sOutput, std::ios::binary);
-    if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) || !out.flush())
-        CliFail("read: cannot write " + options.m_sOutput + ": " + std::strerror(errno));
-    CliPrint(globals, std::to_string(length) + " bytes from " + CliHex(address, 8) + " to " + options.m_sOutput,
-             TCliJson{{"address", address}, {"length", length}, {"file", options.m_sOutput}});
+    CliPrintRead(globals, address, bytes, options.m_sOutput);
 }
 
 void RunErase(const SCliGlobals& globals, const SAWireOptions& options)
@@ -168,11 +151,33 @@ FileStep::EFileStep FollowFileWrite(CTarvikClientAWire& client, CCliStepProgress
     }
 }
 
+// What went wrong, from the file write's own record of the cause (not from the last step the
+// command happened to see: a fast failure passes through its steps between two polls).
+std::string FailureText(const CTarvikClientAWire::SFileFailure& failure, const std::string& file)
+{
+    typedef CTarvikClientAWire::FileFailure FileFailure;
+    const std::string erase = "; if the flash was not erased, run 'tarvik awire erase' first";
+    const std::string at = " at " + CliHex(failure.m_nAddress, 8);
+    switch (failure.m_eCause)
+    {
+    case FileFailure::eLoad: return "the image could not be copied for the write (out of memory)";
+    case FileFailure::eWriteRequest:
+        return "a block write" + at + " could not be sent (result " + CliCode(failure.m_nResult) + ")";
+    case FileFailure::eBlockFailed:
+        return "the gateway reported a failed block write" + at + " (state " + std::to_string(failure.m_nResult) +
+               ")" + erase;
+    case FileFailure::eVerifyRead:
+        return "reading back" + at + " for the comparison failed (result " + CliCode(failure.m_nResult) + ")";
+    case FileFailure::eVerifyMismatch: return "the target differs from " + file + " in the piece" + at + erase;
+    default: return "the file write ended without saying why";
+    }
+}
+
 void RunWriteFile(const SCliGlobals& globals, const SAWireOptions& options)
 {
-    // Loaded here first: a file the library could not program fails before anything is sent.
+    // Loaded and checked once, before anything is sent; the loaded image is what is written.
     CTarvikHexfile image;
-    HexLoad(image, options.m_sFile, SHexLoadOptions());
+    HexLoad(image, options.m_sFile, options.m_oLoad);
     uint64_t total = image.GetTotalBytes();
     CCliSession session(globals);
     auto client = std::make_unique<CTarvikClientAWire>(static_cast<int>(globals.m_nTimeoutMs));
@@ -180,7 +185,7 @@ void RunWriteFile(const SCliGlobals& globals, const SAWireOptions& options)
     // Ctrl-C only asks for the end; the command then stops the write itself.
     CCliInterrupt guard;
     auto start = std::chrono::steady_clock::now();
-    session.Check(client->WriteFile(options.m_sFile), "write-file");
+    session.Check(client->WriteImage(image), "write-file");
     if (client->GetPageSize() == 0)
         CliFail("write-file: the gateway reports no page size; set one with 'awire config --set'");
     FileStep::EFileStep end = FileStep::eNotStarted;
@@ -198,13 +203,7 @@ void RunWriteFile(const SCliGlobals& globals, const SAWireOptions& options)
                 "% of " + std::to_string(total) + " bytes; the target holds an incomplete image");
     }
     if (end == FileStep::eFailed)
-    {
-        std::string what = last == FileStep::eVerifying
-                               ? "the target differs from " + options.m_sFile
-                               : last == FileStep::eWriting ? "the gateway reported a failed block write"
-                                                            : "the file could not be loaded";
-        CliFail("write-file: failed while " + std::string(StepName(last)) + ": " + what);
-    }
+        CliFail("write-file: " + FailureText(client->GetWriteFileFailure(), options.m_sFile));
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     char took[64];
     std::snprintf(took, sizeof took, " in %.2f s", seconds);
@@ -229,7 +228,8 @@ void RegisterAWireCommands(CLI::App& app, SCliGlobals& globals)
     cmd = awire->add_subcommand("read", "Read LEN bytes of target memory from ADDR");
     cmd->add_option("ADDR", options->m_sAddress, "Address, decimal or 0x hex")->required();
     cmd->add_option("LEN", options->m_sLength, "Number of bytes")->required();
-    cmd->add_option("-o,--output", options->m_sOutput, "Write the bytes to this file instead of a dump");
+    cmd->add_option("-o,--output", options->m_sOutput,
+                    "Write the bytes to this file instead of a dump (.hex, .s19, ...: an image at ADDR; else raw)");
     cmd->callback([g, options] { RunRead(*g, *options); });
 
     cmd = awire->add_subcommand("erase", "Erase the target's flash (or its user page)");
@@ -238,6 +238,8 @@ void RegisterAWireCommands(CLI::App& app, SCliGlobals& globals)
     cmd->callback([g, options] { RunErase(*g, *options); });
 
     cmd = awire->add_subcommand("write-file", "Write an Intel HEX, S-record or binary FILE and verify it");
-    cmd->add_option("FILE", options->m_sFile, "Memory image")->required();
+    cmd->add_option("FILE", options->m_sFile, "Memory image (- for standard input)")->required();
+    HexAddLoadOptions(cmd, options->m_oLoad,
+                      "The flash must be erased first ('tarvik awire erase'): programming only clears bits.");
     cmd->callback([g, options] { RunWriteFile(*g, *options); });
 }

@@ -29,6 +29,7 @@ struct SEepromOptions
     std::string m_sOffset = "0";
     std::string m_sLength;
     std::string m_sFile;
+    bool m_bLenient = false;
     std::string m_sData;
     unsigned int m_nPage = 0;
     unsigned int m_nPollMs = kDefaultPollMs;
@@ -110,7 +111,7 @@ void RunRead(const SCliGlobals& globals, const SEepromOptions& options)
 }
 
 // The bytes to write: a file (an existing one, or "-"), or hex bytes on the command line.
-std::vector<SCliSpan> WriteData(const std::string& text)
+std::vector<SCliSpan> WriteData(const std::string& text, bool lenient)
 {
     struct stat info;
     if (text != "-" && stat(text.c_str(), &info) != 0)
@@ -126,7 +127,7 @@ std::vector<SCliSpan> WriteData(const std::string& text)
             // Not hex bytes either: loading it says that the file is missing.
         }
     }
-    return CliLoadTarget(text);
+    return CliLoadTarget(text, lenient);
 }
 
 void RunWrite(const SCliGlobals& globals, const SEepromOptions& options)
@@ -134,7 +135,7 @@ void RunWrite(const SCliGlobals& globals, const SEepromOptions& options)
     SChip chip = ParseChip(options);
     uint64_t offset = CliParseNumber(options.m_sOffset, 0xFFFFFFFFul, "--offset");
     uint64_t page = options.m_nPage != 0 ? options.m_nPage : DefaultPage(chip);
-    std::vector<SCliSpan> spans = WriteData(options.m_sData);
+    std::vector<SCliSpan> spans = WriteData(options.m_sData, options.m_bLenient);
     uint64_t total = 0;
     for (const SCliSpan& span : spans)
     {
@@ -200,6 +201,7 @@ void RegisterEepromCommands(CLI::App& app, SCliGlobals& globals)
     AddChipOptions(cmd, *options);
     cmd->add_option("LEN", options->m_sLength, "Bytes to read")->required();
     cmd->add_option("FILE", options->m_sFile, "Write the bytes to this file instead of printing them");
+    CliAddTargetOutputOption(cmd, options->m_sFile);
     cmd->footer(files);
     cmd->callback([g, options] { RunRead(*g, *options); });
 
@@ -213,6 +215,7 @@ void RegisterEepromCommands(CLI::App& app, SCliGlobals& globals)
                     "Let the gateway poll the chip up to this many ms after each page (0: no polling)")
         ->capture_default_str()
         ->check(CLI::Range(0u, 0xFFFFu));
+    CliAddTargetLoadOption(cmd, options->m_bLenient);
     cmd->footer(files + std::string("\nAn image is written at its addresses plus --offset."));
     cmd->callback([g, options] { RunWrite(*g, *options); });
 }

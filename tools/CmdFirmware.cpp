@@ -21,6 +21,7 @@ struct SFirmwareOptions
     unsigned int m_nBlock = 0;
     unsigned int m_nCount = 1;
     std::string m_sFile;
+    bool m_bLenient = false;
 };
 
 typedef CTarvikClientFirmware::STarvikDeviceInfoEx SInfo;
@@ -106,7 +107,7 @@ void RunRead(const SCliGlobals& globals, const SFirmwareOptions& options)
 void RunWrite(const SCliGlobals& globals, const SFirmwareOptions& options)
 {
     // Bytes of a block that the file does not hold are written erased.
-    std::map<uint64_t, std::string> blocks = CliTargetPages(CliLoadTarget(options.m_sFile), kBlockSize, '\xFF');
+    std::map<uint64_t, std::string> blocks = CliTargetPages(CliLoadTarget(options.m_sFile, options.m_bLenient), kBlockSize, '\xFF');
     if (blocks.rbegin()->first > kMaxBlock)
         CliFail(options.m_sFile + ": data above block " + std::to_string(kMaxBlock), eCliExitUsage);
     CCliSession session(globals);
@@ -157,6 +158,7 @@ void RegisterFirmwareCommands(CLI::App& app, SCliGlobals& globals)
         ->capture_default_str()
         ->check(CLI::Range(1ul, kMaxBlock + 1));
     cmd->add_option("FILE", options->m_sFile, "Write the blocks to this file (.hex, .s19, .srec or raw; - for stdout)");
+    CliAddTargetOutputOption(cmd, options->m_sFile);
     cmd->callback([g, options] { RunRead(*g, *options); });
 
     cmd = fw->add_subcommand("write", "Write FILE to the flash block by block (the rest of a block 0xFF)");
@@ -164,6 +166,7 @@ void RegisterFirmwareCommands(CLI::App& app, SCliGlobals& globals)
                     "Image: .hex or .s19/.srec at its addresses, any other name raw bytes from block 0; - for "
                     "standard input")
         ->required();
+    CliAddTargetLoadOption(cmd, options->m_bLenient);
     cmd->callback([g, options] { RunWrite(*g, *options); });
 
     fw->add_subcommand("clear", "Erase the whole firmware flash")->callback([g] { RunClear(*g); });

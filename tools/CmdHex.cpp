@@ -26,6 +26,7 @@ struct SHexOptions
 {
     std::string m_sFile;
     std::string m_sOutput;
+    std::string m_sOutputArgument; // convert's OUT, the older spelling of -o
     std::string m_sFormat;
     std::string m_sFrom;
     std::string m_sTo;
@@ -107,8 +108,17 @@ void RunInfo(const SHexOptions& options, const SCliGlobals& globals)
 void RunConvert(const SHexOptions& options)
 {
     CTarvikHexfile image;
+    if (!options.m_sOutput.empty() && !options.m_sOutputArgument.empty())
+        CliFail("convert: give the output once, as OUT or with -o", eCliExitUsage);
+    const std::string output = options.m_sOutput.empty() ? options.m_sOutputArgument : options.m_sOutput;
+    if (output.empty())
+        CliFail("convert: name the output with -o FILE (- for standard output)", eCliExitUsage);
+    const std::string format = HexOutputFormat(output, options.m_sFormat, "");
+    if (format.empty())
+        CliFail("convert: the name " + output + " does not say the output format; choose one with -O intel, srec or bin",
+                eCliExitUsage);
     HexLoad(image, options.m_sFile, options.m_oLoad);
-    HexSave(image, options.m_sOutput, options.m_sFormat);
+    HexSave(image, output, format);
 }
 
 // Dump lines from start to end (both on the grid of lines), with their addresses.
@@ -128,7 +138,11 @@ void PrintDumpLines(const CTarvikHexfile& image, uint64_t start, uint64_t end, u
         {
             const char* newline = std::strchr(line, '\n');
             size_t length = newline != nullptr ? static_cast<size_t>(newline - line) : std::strlen(line);
-            std::printf("%08" PRIX64 ":%.*s\n", address, static_cast<int>(length), line);
+            // The blanks that pad a short line say nothing.
+            size_t shown = length;
+            while (shown > 0 && line[shown - 1] == ' ')
+                --shown;
+            std::printf("%08" PRIX64 ":%.*s\n", address, static_cast<int>(shown), line);
             line += length + (newline != nullptr ? 1 : 0);
         }
         if (last == end)
@@ -193,7 +207,7 @@ void AddInfo(CLI::App* hex, const std::shared_ptr<SHexOptions>& options, SCliGlo
 {
     CLI::App* info = hex->add_subcommand("info", "Format, blocks, address range and CRC-32 of an image");
     info->add_option("FILE", options->m_sFile, "Image file (- for standard input)")->required();
-    HexAddLoadOptions(info, options->m_oLoad, "--from",
+    HexAddLoadOptions(info, options->m_oLoad,
                       "min and max are the lowest and highest address that hold data. crc32 is the CRC-32\n"
                       "(Boost crc_32_type) of the blocks' bytes in address order, gaps left out; hex crc\n"
                       "covers an address range with the gaps filled.");
@@ -205,11 +219,11 @@ void AddConvert(CLI::App* hex, const std::shared_ptr<SHexOptions>& options)
 {
     CLI::App* convert = hex->add_subcommand("convert", "Load an image and save it in another format");
     convert->add_option("IN", options->m_sFile, "Input image file (- for standard input)")->required();
-    convert->add_option("OUT", options->m_sOutput, "Output file (- for standard output)")->required();
-    convert->add_option("-O,--output-format,--to", options->m_sFormat, "Output format")
-        ->required()
+    convert->add_option("OUT", options->m_sOutputArgument, "Output file, the same as -o");
+    convert->add_option("-o,--output", options->m_sOutput, "Output file (- for standard output)");
+    convert->add_option("-O,--output-format", options->m_sFormat, "Output format (default: from the output's name)")
         ->check(CLI::IsMember({"intel", "srec", "bin"}));
-    HexAddLoadOptions(convert, options->m_oLoad, "--from");
+    HexAddLoadOptions(convert, options->m_oLoad);
     convert->fallthrough();
     convert->callback([options]() { RunConvert(*options); });
 }
@@ -221,7 +235,7 @@ void AddDump(CLI::App* hex, const std::shared_ptr<SHexOptions>& options, SCliGlo
     dump->add_option("--from", options->m_sFrom, "First address (decimal or 0x hex; default 0)");
     dump->add_option("--to", options->m_sTo, "Last address (decimal or 0x hex; default: highest address)");
     dump->add_option("--width", options->m_nWidth, "Bytes per line")->check(CLI::Range(1u, kMaxDumpWidth));
-    HexAddLoadOptions(dump, options->m_oLoad, "",
+    HexAddLoadOptions(dump, options->m_oLoad,
                       "-- marks a byte that is not in the image; lines without data are left out, and a line\n"
                       "\"-- gap of N bytes --\" says how many bytes lie between two pieces of data.");
     dump->fallthrough();

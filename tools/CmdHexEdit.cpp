@@ -54,7 +54,7 @@ std::unique_ptr<CTarvikHexfile> LoadOne(const SEditOptions& options)
 
 void Save(CTarvikHexfile& image, const SEditOptions& options, const CTarvikHexfile& first)
 {
-    HexSave(image, options.m_sOutput, options.m_sFormat.empty() ? HexFormatName(first.m_eType) : options.m_sFormat);
+    HexSave(image, options.m_sOutput, HexOutputFormat(options.m_sOutput, options.m_sFormat, HexFormatName(first.m_eType)));
 }
 
 // --from and --to; without them, the image's own lowest and highest address.
@@ -198,12 +198,12 @@ void RunCrc(const SEditOptions& options, const SCliGlobals& globals)
     CliPrint(globals, CliHex(crc, 8), json);
 }
 
-void AddOutput(CLI::App* command, SEditOptions& options, const std::string& formatAlias)
+void AddOutput(CLI::App* command, SEditOptions& options)
 {
     command->add_option("-o,--output", options.m_sOutput, "Output file (- for standard output)")->required();
     command
-        ->add_option("-O,--output-format" + formatAlias, options.m_sFormat,
-                     "Output format: intel, srec or bin (default: the format of the first input)")
+        ->add_option("-O,--output-format", options.m_sFormat,
+                     "Output format: intel, srec or bin (default: from the output's name, else the first input's)")
         ->check(CLI::IsMember({"intel", "srec", "bin"}));
 }
 
@@ -214,10 +214,10 @@ void AddRange(CLI::App* command, SEditOptions& options)
 }
 
 CLI::App* AddCommand(CLI::App* hex, const char* name, const std::string& help, SEditOptions& options,
-                     const std::string& formatAlias, std::function<void()> run, const std::string& note = "")
+                     std::function<void()> run, const std::string& note = "")
 {
     CLI::App* command = hex->add_subcommand(name, help);
-    HexAddLoadOptions(command, options.m_oLoad, formatAlias, note);
+    HexAddLoadOptions(command, options.m_oLoad, note);
     command->fallthrough();
     command->callback(std::move(run));
     return command;
@@ -226,47 +226,47 @@ CLI::App* AddCommand(CLI::App* hex, const char* name, const std::string& help, S
 void AddMerge(CLI::App* hex, const std::shared_ptr<SEditOptions>& options)
 {
     CLI::App* merge = AddCommand(
-        hex, "merge", "Join images into one; where they overlap, the later file wins", *options, "--from",
+        hex, "merge", "Join images into one; where they overlap, the later file wins", *options,
         [options]() { RunMerge(*options); },
         "The output is written beside OUT under a temporary name and renamed into place, so a failed\n"
         "command leaves no output behind. The same holds for convert, crop, fill and offset.");
     merge->add_option("FILES", options->m_asFiles, "Input image files (- for standard input)")->required();
-    AddOutput(merge, *options, ",--to");
+    AddOutput(merge, *options);
     merge->add_flag("--no-overlap", options->m_bNoOverlap, "Fail when two inputs hold the same address");
 }
 
 void AddCrop(CLI::App* hex, const std::shared_ptr<SEditOptions>& options)
 {
-    CLI::App* crop = AddCommand(hex, "crop", "Keep only the bytes from --from to --to", *options, "",
+    CLI::App* crop = AddCommand(hex, "crop", "Keep only the bytes from --from to --to", *options,
                                 [options]() { RunCrop(*options); });
     crop->add_option("IN", options->m_sFile, "Input image file (- for standard input)")->required();
     AddRange(crop, *options);
-    AddOutput(crop, *options, "");
+    AddOutput(crop, *options);
 }
 
 void AddFill(CLI::App* hex, const std::shared_ptr<SEditOptions>& options)
 {
     CLI::App* fill = AddCommand(hex, "fill", "Fill the gaps from --from to --to with a byte; data stays as it is",
-                                *options, "", [options]() { RunFill(*options); });
+                                *options, [options]() { RunFill(*options); });
     fill->add_option("IN", options->m_sFile, "Input image file (- for standard input)")->required();
     AddRange(fill, *options);
     fill->add_option("--byte", options->m_sByte, "Fill byte (decimal or 0x hex)")->capture_default_str();
-    AddOutput(fill, *options, "");
+    AddOutput(fill, *options);
 }
 
 void AddOffset(CLI::App* hex, const std::shared_ptr<SEditOptions>& options)
 {
     CLI::App* offset = AddCommand(hex, "offset", "Move every block by DELTA bytes (negative moves down)", *options,
-                                  "--from", [options]() { RunOffset(*options); });
+                                  [options]() { RunOffset(*options); });
     offset->add_option("IN", options->m_sFile, "Input image file (- for standard input)")->required();
     offset->add_option("DELTA", options->m_sDelta, "Bytes to move by (decimal or 0x hex, - for down)")->required();
-    AddOutput(offset, *options, ",--to");
+    AddOutput(offset, *options);
 }
 
 void AddCmp(CLI::App* hex, const std::shared_ptr<SEditOptions>& options, SCliGlobals& globals)
 {
     CLI::App* cmp = AddCommand(
-        hex, "cmp", "Compare the bytes of two images, whatever their formats", *options, "--from",
+        hex, "cmp", "Compare the bytes of two images, whatever their formats", *options,
         [options, &globals]() { RunCmp(*options, globals); },
         "Lists the first addresses at which the images differ (-- where an image has no byte) and\n"
         "the number of such addresses; exit code 0 when the images are equal, 1 when they differ.");
@@ -279,7 +279,7 @@ void AddCmp(CLI::App* hex, const std::shared_ptr<SEditOptions>& options, SCliGlo
 void AddCrc(CLI::App* hex, const std::shared_ptr<SEditOptions>& options, SCliGlobals& globals)
 {
     CLI::App* crc = AddCommand(
-        hex, "crc", "CRC-32 of an address range, gaps taken as the fill byte", *options, "",
+        hex, "crc", "CRC-32 of an address range, gaps taken as the fill byte", *options,
         [options, &globals]() { RunCrc(*options, globals); },
         "The CRC-32 is Boost's crc_32_type (polynomial 0x04C11DB7 reflected, initial and final value\n"
         "0xFFFFFFFF) over every address from --from to --to, as over a binary file of that range.");

@@ -28,6 +28,7 @@ struct SRenesasOptions
     int m_nRate = -1;
     std::string m_sIDArg;
     std::string m_sFile;
+    bool m_bLenient = false;
     long m_nBlock = -1;
     bool m_bErase = false;
     unsigned int m_nPage = 0;
@@ -139,7 +140,7 @@ void RunErase(const SCliGlobals& globals, const SRenesasOptions& options)
 void RunProgram(const SCliGlobals& globals, const SRenesasOptions& options)
 {
     // Bytes of a page that the file does not hold stay erased.
-    std::map<uint64_t, std::string> pages = CliTargetPages(CliLoadTarget(options.m_sFile), kPageSize, '\xFF');
+    std::map<uint64_t, std::string> pages = CliTargetPages(CliLoadTarget(options.m_sFile, options.m_bLenient), kPageSize, '\xFF');
     if (pages.rbegin()->first > kMaxPage)
         CliFail(options.m_sFile + ": data above page " + std::to_string(kMaxPage), eCliExitUsage);
     CRenesasRun run(globals, options);
@@ -262,11 +263,13 @@ void RegisterRenesasCommands(CLI::App& app, SCliGlobals& globals)
                     "standard input")
         ->required();
     cmd->add_flag("--erase", options->m_bErase, "Erase the whole flash first");
+    CliAddTargetLoadOption(cmd, options->m_bLenient);
     cmd->callback([g, options] { RunProgram(*g, *options); });
 
     add("read", "Read pages; prints a hex dump or writes FILE");
     AddPageRange(cmd, *options);
     cmd->add_option("FILE", options->m_sFile, "Write the pages to this file (.hex, .s19, .srec or raw; - for stdout)");
+    CliAddTargetOutputOption(cmd, options->m_sFile);
     cmd->callback([g, options] { RunRead(*g, *options); });
 
     add("version", "Version text of the target");

@@ -3,6 +3,8 @@
 #include "CliFormat.h"
 #include "HexImage.h"
 
+#include "tarvik/hexfile/TarvikImageCheck.h"
+
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -12,6 +14,8 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <csignal>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -29,8 +33,12 @@ const char kInputHelp[] =
     "Inputs: a file that starts with ':' is Intel HEX, with 'S' S-records, anything else raw bytes at\n"
     "address 0. A hex file that starts with a comment, a blank line or a byte-order mark is read as\n"
     "what its first record is, with a warning; a text file without records is read as bytes, with a\n"
-    "warning. -i forces the format. Records of an unsupported type (Intel 03, S4, S6) are skipped\n"
-    "with a warning; Intel records with a wrong checksum fail the command.\n"
+    "warning. -I forces the format. A damaged image is refused before anything is done with it:\n"
+    "every problem is named with its line (wrong checksums and byte counts, characters that are\n"
+    "not hex digits, no end record, S5/S6 counts that disagree, records that give the same bytes\n"
+    "twice); --lenient takes it as it is, with the problems as warnings.\n"
+    "Outputs: -O chooses the format; without it the output's name decides (.hex, .ihex: intel;\n"
+    ".s19, .s28, .s37, .srec, .mot: srec; .bin: bin).\n"
     "Exit codes: 0 success; 1 a file that cannot be read or written faithfully, or images that differ\n"
     "(cmp); 2 unusable arguments.";
 
@@ -43,26 +51,78 @@ std::string TempDirectory()
     return dir != nullptr && *dir != '\0' ? dir : "/tmp";
 }
 
-// A file made with mkstemp in a given directory, removed again unless it was renamed away.
+// The temporary files that exist now, for the handler of SIGINT and SIGTERM: fixed slots that
+// are filled and emptied with both signals blocked, so the handler never sees half a name.
+constexpr size_t kTempSlots = 8;
+constexpr size_t kTempPathMax = 4096;
+char g_aTempPaths[kTempSlots][kTempPathMax];
+volatile sig_atomic_t g_aTempUsed[kTempSlots];
+size_t g_nTempsLive = 0;
+struct sigaction g_oPreviousInt;
+struct sigaction g_oPreviousTerm;
+
+// Removes the temporary files, then lets the signal do what it did before.
+extern "C" void RemoveTempsOnSignal(int signal)
+{
+    for (size_t i = 0; i < kTempSlots; ++i)
+        if (g_aTempUsed[i] != 0)
+            unlink(g_aTempPaths[i]);
+    const struct sigaction& previous = signal == SIGINT ? g_oPreviousInt : g_oPreviousTerm;
+    sigaction(signal, &previous, nullptr);
+    if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN)
+        previous.sa_handler(signal);
+    else if (previous.sa_handler == SIG_DFL)
+        raise(signal); // delivered once the handler returns
+}
+
+// Blocks SIGINT and SIGTERM while it lives.
+class CSignalBlock
+{
+public:
+    CSignalBlock()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGINT);
+        sigaddset(&set, SIGTERM);
+        sigprocmask(SIG_BLOCK, &set, &m_oPrevious);
+    }
+    ~CSignalBlock() { sigprocmask(SIG_SETMASK, &m_oPrevious, nullptr); }
+    CSignalBlock(const CSignalBlock&) = delete;
+    CSignalBlock& operator=(const CSignalBlock&) = delete;
+
+private:
+    sigset_t m_oPrevious;
+};
+
+// A file made with mkstemp in a given directory, removed again unless it was renamed away,
+// also when the command is ended by SIGINT or SIGTERM.
 class CTempFile
 {
 public:
-    CTempFile(const std::string& directory, const std::string& stem)
+    // purpose names what the file is for in messages, as in "cannot write out.hex".
+    CTempFile(const std::string& directory, const std::string& stem, const std::string& purpose)
     {
         std::vector<char> name(directory.begin(), directory.end());
         const std::string tail = "/." + stem + ".XXXXXX";
         name.insert(name.end(), tail.begin(), tail.end());
         name.push_back('\0');
+        if (name.size() > kTempPathMax)
+            CliFail(purpose + ": " + std::strerror(ENAMETOOLONG));
+        CSignalBlock block;
         const int fd = mkstemp(name.data());
         if (fd < 0)
-            CliFail("cannot create a temporary file in " + directory + ": " + std::strerror(errno));
+            CliFail(purpose + ": " + std::strerror(errno));
         close(fd);
         m_sPath = name.data();
+        Register();
     }
     ~CTempFile()
     {
+        CSignalBlock block;
         if (!m_sPath.empty())
             std::remove(m_sPath.c_str());
+        Unregister();
     }
     CTempFile(const CTempFile&) = delete;
     CTempFile& operator=(const CTempFile&) = delete;
@@ -71,28 +131,48 @@ public:
     // Gives the file the name target; it is no longer removed.
     void RenameTo(const std::string& target)
     {
+        CSignalBlock block;
         if (std::rename(m_sPath.c_str(), target.c_str()) != 0)
             CliFail("cannot write " + target + ": " + std::strerror(errno));
         m_sPath.clear();
+        Unregister();
     }
 
 private:
+    // Called with the signals blocked.
+    void Register()
+    {
+        for (size_t i = 0; i < kTempSlots; ++i)
+            if (g_aTempUsed[i] == 0)
+            {
+                std::memcpy(g_aTempPaths[i], m_sPath.c_str(), m_sPath.size() + 1);
+                g_aTempUsed[i] = 1;
+                m_nSlot = i;
+                break;
+            }
+        if (m_nSlot == kTempSlots || g_nTempsLive++ > 0)
+            return;
+        struct sigaction action = {};
+        action.sa_handler = RemoveTempsOnSignal;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGINT, &action, &g_oPreviousInt);
+        sigaction(SIGTERM, &action, &g_oPreviousTerm);
+    }
+    void Unregister()
+    {
+        if (m_nSlot == kTempSlots)
+            return;
+        g_aTempUsed[m_nSlot] = 0;
+        m_nSlot = kTempSlots;
+        if (--g_nTempsLive > 0)
+            return;
+        sigaction(SIGINT, &g_oPreviousInt, nullptr);
+        sigaction(SIGTERM, &g_oPreviousTerm, nullptr);
+    }
+
     std::string m_sPath;
+    size_t m_nSlot = kTempSlots;
 };
-
-std::string ReadAll(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteAll(const std::string& path, const std::string& data)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(data.data(), static_cast<std::streamsize>(data.size()));
-    if (!out.flush())
-        CliFail("cannot write " + path);
-}
 
 void CopyStream(std::istream& in, std::ostream& out, const std::string& what)
 {
@@ -100,7 +180,7 @@ void CopyStream(std::istream& in, std::ostream& out, const std::string& what)
     while (in.read(buffer, sizeof(buffer)) || in.gcount() > 0)
         out.write(buffer, in.gcount());
     if (in.bad() || !out.flush())
-        CliFail("cannot copy " + what);
+        CliFail("cannot copy " + what + ": " + std::strerror(errno != 0 ? errno : EIO));
 }
 
 // The library reads files by name: standard input is copied to a temporary file first.
@@ -111,7 +191,7 @@ public:
     {
         if (file != "-")
             return;
-        m_pCopy.reset(new CTempFile(TempDirectory(), "tarvik-stdin"));
+        m_pCopy.reset(new CTempFile(TempDirectory(), "tarvik-stdin", "cannot keep standard input in " + TempDirectory()));
         m_sPath = m_pCopy->Path();
         m_sDisplay = "<stdin>";
         std::ofstream out(m_sPath, std::ios::binary | std::ios::trunc);
@@ -123,64 +203,6 @@ public:
 
 private:
     std::unique_ptr<CTempFile> m_pCopy;
-};
-
-// ---------------------------------------------------------------------------------------------
-// Standard output of the library
-
-// The library prints some line errors on standard output, each line ending in a NUL. They are
-// caught in a file while a load runs, so that they cannot mix with the tool's own output.
-class CStdoutCapture
-{
-public:
-    CStdoutCapture() : m_pFile(std::tmpfile())
-    {
-        if (m_pFile == nullptr)
-            CliFail(std::string("cannot create a temporary file: ") + std::strerror(errno));
-        std::cout.flush();
-        std::fflush(stdout);
-        m_nSaved = dup(STDOUT_FILENO);
-        if (m_nSaved >= 0 && dup2(fileno(m_pFile), STDOUT_FILENO) >= 0)
-            return;
-        Restore();
-        std::fclose(m_pFile);
-        CliFail(std::string("cannot redirect standard output: ") + std::strerror(errno));
-    }
-    ~CStdoutCapture()
-    {
-        Restore();
-        if (m_pFile != nullptr)
-            std::fclose(m_pFile);
-    }
-    CStdoutCapture(const CStdoutCapture&) = delete;
-    CStdoutCapture& operator=(const CStdoutCapture&) = delete;
-
-    // Ends the capture and returns what was printed.
-    std::string Finish()
-    {
-        Restore();
-        std::string text;
-        std::rewind(m_pFile);
-        char buffer[4096];
-        for (size_t got = 0; (got = std::fread(buffer, 1, sizeof(buffer), m_pFile)) > 0;)
-            text.append(buffer, got);
-        return text;
-    }
-
-private:
-    void Restore()
-    {
-        if (m_nSaved < 0)
-            return;
-        std::cout.flush();
-        std::fflush(stdout);
-        dup2(m_nSaved, STDOUT_FILENO);
-        close(m_nSaved);
-        m_nSaved = -1;
-    }
-
-    FILE* m_pFile;
-    int m_nSaved = -1;
 };
 
 // Library text without the NUL that ends its lines and without carriage returns.
@@ -195,26 +217,15 @@ std::string CleanText(const std::string& text)
     return clean;
 }
 
-std::vector<std::string> SplitLines(const std::string& text)
-{
-    std::vector<std::string> lines;
-    size_t begin = 0;
-    while (begin < text.size())
-    {
-        size_t end = text.find('\n', begin);
-        if (end == std::string::npos)
-            end = text.size();
-        const std::string line = CleanText(text.substr(begin, end - begin));
-        if (!line.empty())
-            lines.push_back(line);
-        begin = end + 1;
-    }
-    return lines;
-}
-
 void Warn(const std::string& text)
 {
     std::cerr << "tarvik: warning: " << text << "\n";
+}
+
+// One problem of an image that is refused; the summary that follows ends the command.
+void ReportProblem(const std::string& text)
+{
+    std::cerr << "tarvik: " << text << "\n";
 }
 } // namespace
 
@@ -283,26 +294,49 @@ CTarvikHexfile::EType FirstRecordFormat(const std::string& head, std::string& le
     return CTarvikHexfile::Binary;
 }
 
-// Text of any language: no control characters besides line ends and tabs.
+// Text: no NUL, and nearly all of it printable characters, line ends and tabs (bytes of
+// UTF-8 sequences count as printable). Erased flash (0xFF) and NUL padding are not text.
 bool LooksLikeText(const std::string& head)
 {
-    for (char c : head)
+    size_t printable = 0;
+    for (size_t i = 0; i < head.size(); ++i)
     {
-        const unsigned char byte = static_cast<unsigned char>(c);
-        if ((byte < 0x20 && std::strchr("\t\n\r\f\v", c) == nullptr) || byte == 0x7F)
+        const unsigned char byte = static_cast<unsigned char>(head[i]);
+        if (byte == 0)
             return false;
+        if ((byte >= 0x20 && byte < 0x7F) || (byte != 0 && std::strchr("\t\n\r\f\v", byte) != nullptr))
+            ++printable;
+        else if (byte >= 0xC2 && byte <= 0xF4 && i + 1 < head.size() &&
+                 (static_cast<unsigned char>(head[i + 1]) & 0xC0) == 0x80)
+        {
+            // A UTF-8 lead byte with its continuation bytes.
+            ++printable;
+            while (i + 1 < head.size() && (static_cast<unsigned char>(head[i + 1]) & 0xC0) == 0x80)
+            {
+                ++i;
+                ++printable;
+            }
+        }
     }
-    return !head.empty();
+    return !head.empty() && printable * 100 >= head.size() * 95;
 }
 
 std::string ReadHead(const CInputFile& input)
 {
-    std::ifstream in(input.m_sPath, std::ios::binary);
-    if (!in.is_open())
-        CliFail("File <" + input.m_sDisplay + "> could not be opened.");
+    struct stat status;
+    if (stat(input.m_sPath.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
+        CliFail(input.m_sDisplay + ": cannot be opened: " + std::strerror(EISDIR));
+    FILE* in = std::fopen(input.m_sPath.c_str(), "rb");
+    if (in == nullptr)
+        CliFail(input.m_sDisplay + ": cannot be opened: " + std::strerror(errno));
     std::string head(kSniffBytes, '\0');
-    in.read(&head[0], static_cast<std::streamsize>(head.size()));
-    head.resize(static_cast<size_t>(in.gcount()));
+    const size_t got = std::fread(&head[0], 1, head.size(), in);
+    const bool failed = std::ferror(in) != 0;
+    const int error = errno;
+    std::fclose(in);
+    if (failed)
+        CliFail(input.m_sDisplay + ": cannot be read: " + std::strerror(error));
+    head.resize(got);
     return head;
 }
 
@@ -328,92 +362,14 @@ CTarvikHexfile::EType ChooseFormat(const CInputFile& input, const SHexLoadOption
     return format;
 }
 
-// The library refuses a byte-order mark and comment lines in S-records and '#' comments in
-// Intel HEX. Comment lines become empty lines, so that line numbers stay as they were.
-// Returns false when the text needed no change.
-bool StripComments(std::string& text)
-{
-    bool changed = text.compare(0, 3, kUtf8Bom) == 0;
-    if (changed)
-        text.erase(0, 3);
-    for (size_t pos = 0; pos < text.size();)
-    {
-        size_t end = text.find('\n', pos);
-        end = end == std::string::npos ? text.size() : end;
-        if (text[pos] == ';' || text[pos] == '#')
-        {
-            text.erase(pos, end - pos);
-            changed = true;
-            end = pos;
-        }
-        pos = end + 1;
-    }
-    return changed;
-}
-
 // ---------------------------------------------------------------------------------------------
 // Reports of a load
-
-struct SLineProblem
-{
-    size_t m_nLine;
-    uint32_t m_nResult;
-    std::string m_sText;
-};
-
-// The library reports only the last bad line. Its line parsers, run once more over the file,
-// name every one.
-std::vector<SLineProblem> FindBadLines(const std::string& path, CTarvikHexfile::EType format)
-{
-    std::vector<SLineProblem> problems;
-    CTarvikHexfile scratch;
-    CTarvikHexfile::CByteMap map;
-    unsigned int extended = 0;
-    std::ifstream in(path, std::ios::binary);
-    std::string line;
-    // Wrong checksums are printed again; they were reported from the load already.
-    CStdoutCapture capture;
-    for (size_t number = 1; std::getline(in, line); ++number)
-    {
-        line.push_back('\0'); // as the library's reader hands lines on
-        const uint32_t result = format == CTarvikHexfile::Intel ? scratch.AnalizeLineIntel(line, map, extended)
-                                                                : scratch.AnalizeLineMotorola(line, map);
-        map.Clear();
-        if (result != CTarvikHexfile::ResultOk)
-            problems.push_back({number, result, CleanText(scratch.GetErrorMessage())});
-    }
-    (void)capture.Finish();
-    return problems;
-}
-
-size_t ReportLines(const std::string& display, const std::vector<SLineProblem>& problems, uint32_t result, bool warning)
-{
-    size_t count = 0;
-    for (const SLineProblem& problem : problems)
-    {
-        if (problem.m_nResult != result || ++count > kReportedLines)
-            continue;
-        std::cerr << "tarvik: " << (warning ? "warning: " : "") << display << ":" << problem.m_nLine << ": "
-                  << problem.m_sText << "\n";
-    }
-    if (count > kReportedLines)
-        std::cerr << "tarvik: " << display << ": " << count - kReportedLines << " more such lines\n";
-    return count;
-}
-
-std::string Plural(size_t count, const std::string& singular, const std::string& plural)
-{
-    return std::to_string(count) + " " + (count == 1 ? singular : plural);
-}
 
 // The library's message on one line, naming the file as the user did.
 std::string FlatMessage(std::string text, const std::string& path, const std::string& display)
 {
     for (size_t pos = 0; (pos = text.find(path, pos)) != std::string::npos; pos += display.size())
         text.replace(pos, path.size(), display);
-    const size_t question = text.find("\nIgnore error?");
-    if (question != std::string::npos)
-        text.erase(question);
     std::string flat;
     for (char c : CleanText(text))
         if (c != '\n' || (!flat.empty() && flat.back() != ' '))
@@ -421,62 +377,44 @@ std::string FlatMessage(std::string text, const std::string& path, const std::st
     return flat;
 }
 
-struct SLoadReport
+std::string Plural(size_t count, const std::string& singular, const std::string& plural)
 {
-    std::string m_sPath;
-    std::string m_sDisplay;
-    CTarvikHexfile::EType m_eFormat;
-    std::vector<std::string> m_asPrinted; // what the library printed
-};
-
-// Line errors: a record of an unsupported type warns (fails with --strict), a wrong checksum
-// fails (warns with --ignore-checksum), a line that is no record fails.
-void ReportLineErrors(const SLoadReport& report, const SHexLoadOptions& options)
-{
-    const std::vector<SLineProblem> problems = FindBadLines(report.m_sPath, report.m_eFormat);
-    const std::string& display = report.m_sDisplay;
-    for (const std::string& line : report.m_asPrinted)
-        std::cerr << "tarvik: " << (options.m_bIgnoreChecksum ? "warning: " : "") << display << ": " << line << "\n";
-    const size_t types = ReportLines(display, problems, CTarvikHexfile::ResultInvalidRecordType, !options.m_bStrict);
-    const size_t formats = ReportLines(display, problems, CTarvikHexfile::ResultInvalidFormat, false);
-    const size_t sums = report.m_asPrinted.size();
-    if (formats > 0)
-        CliFail(
-            display + ": " + Plural(formats, "line is", "lines are") + " not a valid record" +
-            (options.m_sFormat.empty() ? " (" + options.m_sFormatOption + " bin reads the file as raw bytes)" : ""));
-    if (sums > 0 && !options.m_bIgnoreChecksum)
-        CliFail(display + ": " + Plural(sums, "record has", "records have") +
-                " a wrong checksum (--ignore-checksum takes the bytes as they are)");
-    if (types > 0 && options.m_bStrict)
-        CliFail(display + ": " + Plural(types, "record", "records") + " of an unsupported type");
-    if (types > 0)
-        Warn(display + ": " + Plural(types, "record", "records") +
-             " of an unsupported type skipped (--strict makes this an error)");
-    if (types + formats + sums == 0)
-        CliFail(display + ": the file could not be read");
+    return std::to_string(count) + " " + (count == 1 ? singular : plural);
 }
 
-void ReportLoad(const CTarvikHexfile& image, uint32_t result, const SLoadReport& report, const SHexLoadOptions& options)
+// Every problem that the check found, the first ones in full; with --lenient as warnings. A
+// file that cannot be read at all fails either way.
+void ReportProblems(const CTarvikImageCheck& check, const std::string& display, const SHexLoadOptions& options)
 {
-    switch (result)
-    {
-    case CTarvikHexfile::ResultOk:
-        for (const std::string& line : report.m_asPrinted)
-            Warn(report.m_sDisplay + ": " + line);
+    const uint64_t count = check.GetProblemCount();
+    if (count == 0)
         return;
-    case CTarvikHexfile::ResultInvalidRecordType:
-    case CTarvikHexfile::ResultInvalidFormat:
-    case CTarvikHexfile::ResultChecksumOrAddress:
-        if (report.m_eFormat != CTarvikHexfile::Binary)
-            return ReportLineErrors(report, options);
-        break;
-    case CTarvikHexfile::ResultEmptyOrAddress:
-        if (ReadAll(report.m_sPath).empty())
-            CliFail("File <" + report.m_sDisplay + "> is empty.");
-        break;
-    default: break;
+    for (const CTarvikImageCheck::SProblem& problem : check.GetProblems())
+        if (problem.m_eKind == CTarvikImageCheck::KindOpen || problem.m_eKind == CTarvikImageCheck::KindEmpty)
+            CliFail(problem.Describe());
+    size_t shown = 0;
+    for (const CTarvikImageCheck::SProblem& problem : check.GetProblems())
+    {
+        if (++shown > kReportedLines)
+            break;
+        if (options.m_bLenient)
+            Warn(problem.Describe());
+        else
+            ReportProblem(problem.Describe());
     }
-    CliFail(FlatMessage(image.GetErrorMessage(), report.m_sPath, report.m_sDisplay));
+    if (count > kReportedLines)
+    {
+        const std::string more = display + ": " + Plural(count - kReportedLines, "more problem", "more problems");
+        if (options.m_bLenient)
+            Warn(more);
+        else
+            ReportProblem(more);
+    }
+    if (options.m_bLenient)
+        return Warn(display + ": " + Plural(count, "problem", "problems") + " taken as they are (--lenient)");
+    CliFail(display + ": " + Plural(count, "problem", "problems") + "; nothing was done (--lenient takes the file as " +
+            (check.GetType() == CTarvikHexfile::Binary ? "it is)" : "it is, " + options.m_sFormatOption +
+                                                                         " bin as raw bytes)"));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -541,23 +479,9 @@ void HexLoad(CTarvikHexfile& image, const std::string& file, const SHexLoadOptio
 {
     const CInputFile input(file);
     const CTarvikHexfile::EType chosen = ChooseFormat(input, options);
-    SLoadReport report{input.m_sPath, input.m_sDisplay, chosen, {}};
-    std::unique_ptr<CTempFile> stripped;
-    if (chosen != CTarvikHexfile::Binary)
-    {
-        std::string text = ReadAll(input.m_sPath);
-        if (StripComments(text))
-        {
-            stripped.reset(new CTempFile(TempDirectory(), "tarvik-text"));
-            WriteAll(stripped->Path(), text);
-            report.m_sPath = stripped->Path();
-        }
-    }
-    CStdoutCapture capture;
-    const uint32_t result = image.LoadFile(report.m_sPath.c_str(), chosen);
-    report.m_asPrinted = SplitLines(capture.Finish());
-    report.m_eFormat = image.m_eType;
-    ReportLoad(image, result, report, options);
+    CTarvikImageCheck check;
+    check.LoadFile(image, input.m_sPath.c_str(), chosen, input.m_sDisplay);
+    ReportProblems(check, input.m_sDisplay, options);
 }
 
 void HexSave(CTarvikHexfile& image, const std::string& file, const std::string& format)
@@ -568,9 +492,18 @@ void HexSave(CTarvikHexfile& image, const std::string& file, const std::string& 
     if (type == CTarvikHexfile::Binary)
         CheckBinaryOutput(image);
     const bool toStdout = file == "-";
-    CTempFile temp(toStdout ? TempDirectory() : DirectoryOf(file), toStdout ? "tarvik-out" : BaseName(file));
+    CTempFile temp(toStdout ? TempDirectory() : DirectoryOf(file), toStdout ? "tarvik-out" : BaseName(file),
+                   toStdout ? "cannot keep the output in " + TempDirectory() : "cannot write " + file);
     if (image.SaveFile(temp.Path().c_str(), type) != 0)
         CliFail(FlatMessage(image.GetErrorMessage(), temp.Path(), file));
+    if (type == CTarvikHexfile::Motorola)
+    {
+        // The library writes data records only; a reader needs the end to know the file is whole.
+        std::ofstream out(temp.Path(), std::ios::binary | std::ios::app);
+        out << HexEndRecord(image) << "\n";
+        if (!out.flush())
+            CliFail("cannot write " + file + ": " + std::strerror(errno));
+    }
     if (toStdout)
     {
         std::ifstream in(temp.Path(), std::ios::binary);
@@ -582,18 +515,33 @@ void HexSave(CTarvikHexfile& image, const std::string& file, const std::string& 
     temp.RenameTo(file);
 }
 
-void HexAddLoadOptions(CLI::App* command, SHexLoadOptions& options, const std::string& formatAlias,
-                       const std::string& note)
+std::string HexOutputFormat(const std::string& file, const std::string& given, const std::string& fallback)
+{
+    if (!given.empty())
+        return given;
+    const size_t dot = file.rfind('.');
+    if (dot == std::string::npos || file.find('/', dot) != std::string::npos)
+        return fallback;
+    std::string extension = file.substr(dot + 1);
+    for (char& c : extension)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (extension == "hex" || extension == "ihex")
+        return "intel";
+    if (extension == "s19" || extension == "s28" || extension == "s37" || extension == "srec" || extension == "mot")
+        return "srec";
+    if (extension == "bin")
+        return "bin";
+    return fallback;
+}
+
+void HexAddLoadOptions(CLI::App* command, SHexLoadOptions& options, const std::string& note)
 {
     command->footer((note.empty() ? "" : note + "\n\n") + kInputHelp);
-    command
-        ->add_option("-i,--input-format" + (formatAlias.empty() ? "" : "," + formatAlias), options.m_sFormat,
-                     "Read the input as intel, srec or bin instead of deciding from its contents")
+    command->add_option("-I,-i,--input-format", options.m_sFormat,
+                        "Read the input as intel, srec or bin instead of deciding from its contents")
         ->check(CLI::IsMember({"intel", "srec", "bin"}));
-    command->add_flag("--strict", options.m_bStrict,
-                      "Fail on records of an unsupported type (Intel 03, S4, S6, ...) instead of skipping them");
-    command->add_flag("--ignore-checksum", options.m_bIgnoreChecksum,
-                      "Take Intel records with a wrong checksum as they are (a warning) instead of failing");
-    const std::string shown = formatAlias.empty() ? "-i" : formatAlias;
-    command->preparse_callback([&options, shown](size_t) { options.m_sFormatOption = shown; });
+    command->add_flag("--lenient,--ignore-checksum", options.m_bLenient,
+                      "Take a damaged image as it is: its problems become warnings");
+    // The old name of the default.
+    command->add_flag("--strict", options.m_bStrict, "Refuse a damaged image (the default)")->group("");
 }

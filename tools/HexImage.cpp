@@ -90,6 +90,15 @@ std::vector<const SHexBlock*> HexSortedBlocks(const CTarvikHexfile& image)
     return blocks;
 }
 
+std::string HexEndRecord(const CTarvikHexfile& image)
+{
+    uint64_t lowest = 0;
+    uint64_t highest = 0;
+    if (!HexBounds(image, lowest, highest) || highest <= 0xFFFF)
+        return "S9030000FC";
+    return highest <= 0xFFFFFF ? "S804000000FB" : "S70500000000FA";
+}
+
 bool HexBounds(const CTarvikHexfile& image, uint64_t& lowest, uint64_t& highest)
 {
     const auto blocks = HexSortedBlocks(image);

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 typedef CTarvikHexfile::SMemoryBlock SHexBlock;
@@ -17,6 +18,10 @@ constexpr uint64_t kHexAddressEnd = CTarvikHexfile::m_nMaxAddressSupported + 1;
 
 // The blocks in address order; empty blocks left out.
 std::vector<const SHexBlock*> HexSortedBlocks(const CTarvikHexfile& image);
+
+// The S-record termination record (no newline) that fits the image's records: S9 when all
+// addresses fit 16 bits, S8 for 24 bits, S7 above; start address 0.
+std::string HexEndRecord(const CTarvikHexfile& image);
 
 // Lowest and highest address that holds a byte, taken from the blocks themselves; false for
 // an image without data.

@@ -8,6 +8,7 @@
 
 #include "sim/TarvikSimRunner.h"
 
+#include <ios>
 #include <exception>
 #include <iostream>
 
@@ -188,6 +189,13 @@ int main(int argc, char** argv)
     catch (const CCliError& e)
     {
         return ReportCommandError(app, e, json);
+    }
+    catch (const std::ios_base::failure& e)
+    {
+        // A stream's own text names its internals ("basic_filebuf::underflow"); the reason is its code.
+        CliReportError(CCliError("a file could not be read or written: " + e.code().message(), eCliExitFailure), json,
+                       "");
+        return eCliExitFailure;
     }
     catch (const std::exception& e)
     {

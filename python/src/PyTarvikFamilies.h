@@ -3,6 +3,10 @@
 
 #include "PyTarvikClientBase.h"
 
+#include "tarvik/hexfile/TarvikHexfile.h"
+
+#include <string>
+
 // The clients without receive queues, bound per group.
 // DIO, SPI, I2C and AD.
 void PyTarvikBindFamilies(py::module_& module);
@@ -12,6 +16,9 @@ void PyTarvikBindProgrammers(py::module_& module);
 void PyTarvikBindTestSystem(py::module_& module);
 // tarvik.Hexfile, the memory image.
 void PyTarvikBindHexfile(py::module_& module);
+// Loads path into image, checking every record: ValueError naming file:line and each problem
+// (with lenient, UserWarnings and the image as it is), OSError when it cannot be read.
+void PyTarvikHexLoad(CTarvikHexfile& image, const std::string& path, const std::string& format, bool lenient);
 
 // The digital word pair that several families share.
 template <class W, class Cls>

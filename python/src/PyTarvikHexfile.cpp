@@ -3,6 +3,7 @@
 #include "PyTarvikFamilies.h"
 
 #include "tarvik/hexfile/TarvikHexfile.h"
+#include "tarvik/hexfile/TarvikImageCheck.h"
 #include "tools/HexImage.h"
 
 #include <cinttypes>
@@ -64,19 +65,9 @@ std::string Message(const CHex& image, const std::string& fallback)
     throw py::error_already_set();
 }
 
-void Load(CHex& image, const std::string& path, const std::string& format)
+void Load(CHex& image, const std::string& path, const std::string& format, bool lenient)
 {
-    const CHex::EType type = ParseFormat(format);
-    image.ClearMemoryBlocks();
-    uint32_t result;
-    {
-        py::gil_scoped_release release;
-        result = image.LoadFile(path.c_str(), type);
-    }
-    if (result == CHex::ResultOpenFailed)
-        RaiseOSError(Message(image, "cannot open " + path));
-    if (result != CHex::ResultOk)
-        throw py::value_error(Message(image, "cannot read " + path));
+    PyTarvikHexLoad(image, path, format, lenient);
 }
 
 void Save(CHex& image, const std::string& path, const std::string& format)
@@ -88,6 +79,16 @@ void Save(CHex& image, const std::string& path, const std::string& format)
     {
         py::gil_scoped_release release;
         result = image.SaveFile(path.c_str(), type);
+    }
+    if (result == CHex::ResultOk && type == CHex::Motorola)
+    {
+        // The library writes data records only; a reader needs the end to know the file is whole.
+        std::FILE* file = std::fopen(path.c_str(), "ab");
+        const std::string end = HexEndRecord(image) + "\n";
+        const bool written = file != nullptr && std::fwrite(end.data(), 1, end.size(), file) == end.size();
+        if (file == nullptr || std::fclose(file) != 0 || !written)
+            RaiseOSError("cannot save " + path + ": " + std::strerror(errno));
+        return;
     }
     if (result == CHex::ResultOk)
         return;
@@ -257,20 +258,58 @@ void PyTarvikBindHexfile(py::module_& module)
                          "A memory image: blocks of bytes at 32-bit addresses, read from and written to Intel HEX, "
                          "Motorola S-record and binary files.");
     cls.def(py::init<>())
-        .def(py::init([](const std::string& path, const std::string& format) {
+        .def(py::init([](const std::string& path, const std::string& format, bool lenient) {
                  auto image = std::make_unique<CHex>();
-                 Load(*image, path, format);
+                 Load(*image, path, format, lenient);
                  return image;
              }),
-             "path"_a, "format"_a = "detect", "Loads a file (see load()).")
-        .def("load", &Load, "path"_a, "format"_a = "detect",
-             "Replaces the image by a file's: format detect, intel, motorola or binary. OSError when the file "
-             "cannot be opened, ValueError when it is not a valid image.")
+             "path"_a, "format"_a = "detect", "lenient"_a = false, "Loads a file (see load()).")
+        .def("load", &Load, "path"_a, "format"_a = "detect", "lenient"_a = false,
+             "Replaces the image by a file's: format detect, intel, motorola or binary. Every record is checked: "
+             "ValueError naming file:line and each problem (checksums, byte counts, non-hex characters, a "
+             "missing end record, S5/S6 counts, overlapping records); with lenient=True the problems are "
+             "warnings (UserWarning) and the image is taken as it is. OSError when the file cannot be read.")
         .def("save", &Save, "path"_a, "format"_a = "intel",
-             "Writes the image: intel, motorola or binary (one block at 0 only). OSError on failure.")
+             "Writes the image: intel, motorola (with a final S9/S8/S7 record) or binary (one block at 0 only). "
+             "OSError on failure.")
         .def_property_readonly("filename", &CHex::GetFilename, "The file last loaded or saved.")
         .def_property_readonly(
             "format", [](const CHex& image) { return FormatName(image.m_eType); }, "The format of the file last loaded.");
     BindImage(cls);
     BindEdits(cls);
+}
+
+void PyTarvikHexLoad(CTarvikHexfile& image, const std::string& path, const std::string& format, bool lenient)
+{
+    const CHex::EType type = ParseFormat(format);
+    CTarvikImageCheck check;
+    {
+        py::gil_scoped_release release;
+        check.LoadFile(image, path.c_str(), type);
+    }
+    if (check.GetProblemCount() == 0)
+        return;
+    std::string text;
+    for (const CTarvikImageCheck::SProblem& problem : check.GetProblems())
+    {
+        if (problem.m_eKind == CTarvikImageCheck::KindOpen)
+        {
+            image.ClearMemoryBlocks();
+            RaiseOSError(problem.Describe());
+        }
+        if (lenient)
+        {
+            if (PyErr_WarnEx(PyExc_UserWarning, problem.Describe().c_str(), 1) != 0)
+                throw py::error_already_set();
+            continue;
+        }
+        text += (text.empty() ? "" : "\n") + problem.Describe();
+    }
+    if (lenient)
+        return;
+    image.ClearMemoryBlocks();
+    if (check.GetProblemCount() > check.GetProblems().size())
+        text += "\n" + path + ": " + std::to_string(check.GetProblemCount() - check.GetProblems().size()) +
+                " more problems";
+    throw py::value_error(text + "\n(lenient=True takes the file as it is)");
 }

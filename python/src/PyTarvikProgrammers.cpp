@@ -239,10 +239,29 @@ void BindAWireBlocks(py::class_<CPyAWire>& cls)
             "other values a failure the gateway reports.")
         .def(
             "write_file",
-            [](CPyAWire& w, const std::string& path) { PyTarvikCall([&] { return w.C().WriteFile(path); }); },
-            "path"_a,
+            [](CPyAWire& w, const std::string& path, const std::string& format, bool lenient) {
+                // Loaded and checked here, so that a damaged file is refused before anything is sent.
+                CTarvikHexfile image;
+                PyTarvikHexLoad(image, path, format, lenient);
+                PyTarvikCall([&] { return w.C().WriteImage(image); });
+            },
+            "path"_a, "format"_a = "detect", "lenient"_a = false,
             "Starts writing a memory-image file (Intel HEX, S-records, binary) in the background, then "
-            "comparing it; follow it with write_file_status().")
+            "comparing it; follow it with write_file_status(). The file is checked first as Hexfile.load() "
+            "checks it: ValueError (nothing sent) for a damaged file unless lenient=True.")
+        .def(
+            "write_image",
+            [](CPyAWire& w, const CTarvikHexfile& image) { PyTarvikCall([&] { return w.C().WriteImage(image); }); },
+            "image"_a, "The same for a Hexfile that is loaded already (the image is copied).")
+        .def(
+            "write_file_failure",
+            [](CPyAWire& w) {
+                const CTarvikClientAWire::SFileFailure failure = w.C().GetWriteFileFailure();
+                return py::make_tuple(static_cast<int>(failure.m_eCause), failure.m_nResult, failure.m_nAddress);
+            },
+            "(cause, result, address) of the last file write that failed: cause 0 none, 1 the image could not "
+            "be taken, 2 a block write could not be sent (result: its code), 3 the gateway reported a failed "
+            "block write (result: its state), 4 reading back failed (result: its code), 5 the target differs.")
         .def(
             "write_file_status",
             [](CPyAWire& w) {

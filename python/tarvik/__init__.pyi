@@ -241,8 +241,14 @@ class AWire(_Client):
     def write_user_page(self, address: int, data: bytes) -> int: ...
     def write_block_status(self, handle: int) -> Tuple[int, int, int]:
         """(state, length, done): state 0 finished (reported once), 1 in progress, else a failure."""
-    def write_file(self, path: str) -> None:
-        """Starts writing and then comparing a memory-image file in the background."""
+    def write_file(self, path: str, format: str = "detect", lenient: bool = False) -> None:
+        """Checks the file as Hexfile.load() does (ValueError, nothing sent, unless lenient), then
+        starts writing and comparing it in the background."""
+    def write_image(self, image: "Hexfile") -> None:
+        """The same for a Hexfile that is loaded already."""
+    def write_file_failure(self) -> Tuple[int, int, int]:
+        """(cause, result, address) of the last file write that failed: 1 image, 2 send, 3 block
+        failed, 4 read back failed, 5 the target differs."""
     def write_file_status(self) -> Tuple[int, int]:
         """(step, percent): 1 writing, 2 verifying, 3 done, -1 failed; the end is reported once."""
 
@@ -284,9 +290,10 @@ class Hexfile:
     @overload
     def __init__(self) -> None: ...
     @overload
-    def __init__(self, path: str, format: str = "detect") -> None: ...
-    def load(self, path: str, format: str = "detect") -> None:
-        """Replaces the image by a file's. OSError: cannot open; ValueError: not a valid image."""
+    def __init__(self, path: str, format: str = "detect", lenient: bool = False) -> None: ...
+    def load(self, path: str, format: str = "detect", lenient: bool = False) -> None:
+        """Replaces the image by a file's, every record checked. OSError: cannot read; ValueError
+        naming file:line and each problem (lenient=True: UserWarnings, the image as it is)."""
     def save(self, path: str, format: str = "intel") -> None:
         """intel, motorola or binary (one block at 0 only)."""
     @property

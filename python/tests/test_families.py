@@ -135,6 +135,20 @@ def test_awire_write_file_runs_in_the_background(sim, tmp_path):
         assert awire.read(0x1000, 256) == bytes(range(256))
 
 
+def test_awire_write_file_refuses_a_damaged_file_before_sending(sim, tmp_path):
+    path = tmp_path / "bad.hex"
+    path.write_text(":0400000001020304F0\n:00000001FF\n")
+    with tarvik.AWire(sim.host) as awire:
+        awire.set_config(0, 0, 256, 0, "")
+        awire.erase()
+        with pytest.raises(ValueError, match="bad.hex:1: wrong checksum"):
+            awire.write_file(str(path))
+        # Nothing was started, and the flash is still erased.
+        with pytest.raises(tarvik.TarvikError):
+            awire.write_file_status()
+        assert awire.read(0, 4) == b"\xFF" * 4
+
+
 @pytest.mark.parametrize("call,code", [
     (lambda r: r.read_page(0), 0x0920),          # outside a programming sequence: the target does not listen
     (lambda r: (r.init(), r.check_id(b"WRONGID")), 0x0921),

@@ -52,9 +52,11 @@ def test_the_shipped_images_load():
 
 
 @pytest.mark.parametrize("content,error,text", [
-    (None, OSError, "could not be opened"),
-    (":1000\n", ValueError, "Invalid format"),
-    (":0400000001020304F0\n", ValueError, "checksum"),
+    (None, OSError, "bad.hex: cannot be opened: No such file"),
+    (":1000\n", ValueError, "bad.hex:1: too short for a record"),
+    (":0400000001020304F0\n:00000001FF\n", ValueError, "bad.hex:1: wrong checksum 0xF0"),
+    (":0400000001020304F2\n", ValueError, "bad.hex:1: the file ends without an end record"),
+    ("S107000001020304EE\nS5030002FA\nS9030000FC\n", ValueError, "bad.hex:2: the count record says 2"),
 ])
 def test_load_errors_carry_the_library_text(tmp_path, content, error, text):
     path = tmp_path / "bad.hex"
@@ -63,6 +65,21 @@ def test_load_errors_carry_the_library_text(tmp_path, content, error, text):
     with pytest.raises(error) as caught:
         tarvik.Hexfile(str(path))
     assert text in str(caught.value)
+
+
+def test_lenient_takes_a_damaged_image_with_warnings(tmp_path):
+    path = tmp_path / "bad.hex"
+    path.write_text(":0400000001020304F0\n:00000001FF\n")
+    with pytest.warns(UserWarning, match="bad.hex:1: wrong checksum"):
+        image = tarvik.Hexfile(str(path), lenient=True)
+    assert image.blocks() == [(0, b"\x01\x02\x03\x04")]
+
+
+def test_a_saved_srecord_file_reads_back_whole(tmp_path):
+    path = str(tmp_path / "x.s19")
+    image_of((0x12345, b"\x01\x02")).save(path, "motorola")
+    assert open(path).read().splitlines()[-1] == "S804000000FB"
+    assert tarvik.Hexfile(path).blocks() == [(0x12345, b"\x01\x02")]
 
 
 def test_save_errors(tmp_path):

@@ -24,7 +24,8 @@ std::string AddressAndLength(unsigned int address, unsigned short length)
 } // namespace
 
 CTarvikClientAWire::CTarvikClientAWire(int timeoutMs)
-    : CTarvikClient(eTarvikAWire, static_cast<unsigned int>(timeoutMs)), m_nReports(0), m_pWriteFileThread(nullptr), m_nPageSize(0)
+    : CTarvikClient(eTarvikAWire, static_cast<unsigned int>(timeoutMs)), m_nReports(0), m_pWriteFileThread(nullptr), m_nPageSize(0),
+      m_oLastFailure{FileFailure::eNone, 0, 0}
 {
 }
 
@@ -239,6 +240,7 @@ int CTarvikClientAWire::GetWriteFileStatus(FileStep::EFileStep& step, unsigned c
     default:
         // The end is reported once; the file write is then gone.
         percent = 100;
+        m_oLastFailure = thread.GetFailure();
         delete m_pWriteFileThread;
         m_pWriteFileThread = nullptr;
         return 0;
@@ -252,6 +254,21 @@ int CTarvikClientAWire::GetWriteFileStatus(FileStep::EFileStep& step, unsigned c
 
 int CTarvikClientAWire::WriteFile(const std::string& filename)
 {
+    return StartFileWrite(&filename, nullptr);
+}
+
+int CTarvikClientAWire::WriteImage(const CTarvikHexfile& image)
+{
+    return StartFileWrite(nullptr, &image);
+}
+
+CTarvikClientAWire::SFileFailure CTarvikClientAWire::GetWriteFileFailure() const
+{
+    return m_oLastFailure;
+}
+
+int CTarvikClientAWire::StartFileWrite(const std::string* filename, const CTarvikHexfile* image)
+{
     if (m_pWriteFileThread != nullptr)
         return eResultBusy;
     if (m_nPageSize == 0)
@@ -264,7 +281,15 @@ int CTarvikClientAWire::WriteFile(const std::string& filename)
         if (m_nPageSize == 0)
             return 0;
     }
-    m_pWriteFileThread = new CWriteFileThread(*this, filename);
+    try
+    {
+        m_pWriteFileThread =
+            filename != nullptr ? new CWriteFileThread(*this, *filename) : new CWriteFileThread(*this, *image);
+    }
+    catch (const std::exception&)
+    {
+        return eResultUnknown;
+    }
     if (!m_pWriteFileThread->Start())
     {
         delete m_pWriteFileThread;
@@ -279,14 +304,47 @@ int CTarvikClientAWire::WriteFile(const std::string& filename)
 
 CTarvikClientAWire::CWriteFileThread::CWriteFileThread(CTarvikClientAWire& client, const std::string& filename)
     : CMolThread(0), m_rClient(client), m_eStep(FileStep::eNotStarted), m_nTotalBytes(0), m_nBytesWritten(0),
-      m_nBlockProgress(0), m_nBytesVerified(0), m_nSeenReports(0)
+      m_nBlockProgress(0), m_nBytesVerified(0), m_nSeenReports(0), m_eFailure(FileFailure::eNone),
+      m_nFailureResult(0), m_nFailureAddress(0)
 {
     if (m_Hexfile.LoadFile(filename.c_str(), CTarvikHexfile::Detect) != 0)
     {
-        m_eStep = FileStep::eFailed;
+        Fail(FileFailure::eLoad, 0, 0);
         return;
     }
     m_nTotalBytes = m_Hexfile.GetTotalBytes();
+}
+
+CTarvikClientAWire::CWriteFileThread::CWriteFileThread(CTarvikClientAWire& client, const CTarvikHexfile& image)
+    : CMolThread(0), m_rClient(client), m_eStep(FileStep::eNotStarted), m_nTotalBytes(0), m_nBytesWritten(0),
+      m_nBlockProgress(0), m_nBytesVerified(0), m_nSeenReports(0), m_eFailure(FileFailure::eNone),
+      m_nFailureResult(0), m_nFailureAddress(0)
+{
+    const size_t before = m_Hexfile.GetMemoryBlocks().size();
+    for (const CTarvikHexfile::SMemoryBlock* block : image.GetMemoryBlocks())
+        m_Hexfile.AddMemoryBlock(new CTarvikHexfile::SMemoryBlock(block->m_nStartAddress, block->m_pData,
+                                                                  block->m_nLength));
+    // AddMemoryBlock drops a block it has no room to keep.
+    if (m_Hexfile.GetMemoryBlocks().size() - before != image.GetMemoryBlocks().size())
+    {
+        Fail(FileFailure::eLoad, 0, 0);
+        return;
+    }
+    m_nTotalBytes = m_Hexfile.GetTotalBytes();
+}
+
+void CTarvikClientAWire::CWriteFileThread::Fail(FileFailure::EFileFailure cause, int result, uint64_t address)
+{
+    m_nFailureResult = result;
+    m_nFailureAddress = address;
+    m_eFailure = cause;
+    m_eStep = FileStep::eFailed;
+}
+
+CTarvikClientAWire::SFileFailure CTarvikClientAWire::CWriteFileThread::GetFailure() const
+{
+    return SFileFailure{static_cast<FileFailure::EFileFailure>(m_eFailure.load()), m_nFailureResult.load(),
+                        m_nFailureAddress.load()};
 }
 
 CTarvikClientAWire::CWriteFileThread::~CWriteFileThread()
@@ -351,13 +409,16 @@ bool CTarvikClientAWire::CWriteFileThread::WriteImageBlock(const CTarvikHexfile:
         if (length > remaining)
             length = remaining;
         short handle = 0;
-        if (m_rClient.WriteBlockInternal(static_cast<unsigned int>(address), static_cast<unsigned short>(length), data,
-                                         handle) != 0)
+        const int result =
+            m_rClient.WriteBlockInternal(static_cast<unsigned int>(address), static_cast<unsigned short>(length), data,
+                                         handle);
+        if (result != 0)
         {
-            m_eStep = FileStep::eFailed;
+            Fail(FileFailure::eWriteRequest, result, address);
             return false;
         }
         m_dqPendingHandles.push_back(handle);
+        m_dqPendingAddresses.push_back(address);
         address += length;
         data += length;
         remaining -= length;
@@ -382,6 +443,7 @@ void CTarvikClientAWire::CWriteFileThread::UpdateStatus()
         if (m_rClient.GetWriteBlockStatus(m_dqPendingHandles.front(), state, length, done) != 0)
         {
             m_dqPendingHandles.pop_front();
+            m_dqPendingAddresses.pop_front();
             continue;
         }
         if (state == Progress::eFinished)
@@ -389,12 +451,13 @@ void CTarvikClientAWire::CWriteFileThread::UpdateStatus()
             m_nBytesWritten += length;
             m_nBlockProgress = 0;
             m_dqPendingHandles.pop_front();
+            m_dqPendingAddresses.pop_front();
             continue;
         }
         if (state == Progress::eInProgress)
             m_nBlockProgress = done;
         else
-            m_eStep = FileStep::eFailed;
+            Fail(FileFailure::eBlockFailed, static_cast<int>(state), m_dqPendingAddresses.front());
         return;
     }
 }
@@ -413,9 +476,11 @@ void CTarvikClientAWire::CWriteFileThread::VerifyData()
             if (IsTerminationRequested())
                 return;
             unsigned short length = static_cast<unsigned short>(remaining < kMaxChunk ? remaining : kMaxChunk);
-            if (m_rClient.Verify(static_cast<unsigned int>(address), length, data) != 0)
+            const int result = m_rClient.Verify(static_cast<unsigned int>(address), length, data);
+            if (result != 0)
             {
-                m_eStep = FileStep::eFailed;
+                Fail(result == eResultUnknown ? FileFailure::eVerifyMismatch : FileFailure::eVerifyRead, result,
+                     address);
                 return;
             }
             m_nBytesVerified += length;

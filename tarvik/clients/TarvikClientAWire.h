@@ -83,6 +83,26 @@ public:
         };
     };
 
+    // Why the last file write failed (step -1), so that a caller can say what happened.
+    struct FileFailure
+    {
+        enum EFileFailure : int32_t
+        {
+            eNone = 0,          // no file write failed yet
+            eLoad = 1,          // the file could not be loaded
+            eWriteRequest = 2,  // a block write could not be sent (m_nResult: its result code)
+            eBlockFailed = 3,   // the gateway reported a failed block write (m_nResult: its state)
+            eVerifyRead = 4,    // reading back for the comparison failed (m_nResult: its result code)
+            eVerifyMismatch = 5 // the target differs from the image
+        };
+    };
+    struct SFileFailure
+    {
+        FileFailure::EFileFailure m_eCause;
+        int m_nResult;        // result code or block state, as the cause says
+        uint64_t m_nAddress;  // start of the block or piece that failed
+    };
+
     struct SWriteBlockProgress
     {
         Progress::EProgress m_eState;
@@ -102,6 +122,9 @@ public:
     public:
         // Loads the file; a file that cannot be loaded leaves the step at -1.
         CWriteFileThread(CTarvikClientAWire& client, const std::string& filename);
+        // Takes a copy of an image that is loaded already; a copy that does not fit in
+        // memory leaves the step at -1.
+        CWriteFileThread(CTarvikClientAWire& client, const CTarvikHexfile& image);
         // Requests the end and waits for it.
         ~CWriteFileThread() override;
 
@@ -115,6 +138,8 @@ public:
         uint64_t GetBytesWritten() const { return m_nBytesWritten.load(); }
         uint64_t GetBlockProgress() const { return m_nBlockProgress.load(); }
         uint64_t GetBytesVerified() const { return m_nBytesVerified.load(); }
+        // Why the step became -1; read once the step is -1.
+        SFileFailure GetFailure() const;
 
     protected:
         void Run() override;
@@ -127,6 +152,8 @@ public:
         // The poll pause: the runtime's shortest sleep, ended early by a progress report.
         void PauseForProgress();
         void VerifyData();
+        // Step -1 with its cause; the cause is stored before the step, which others read.
+        void Fail(FileFailure::EFileFailure cause, int result, uint64_t address);
 
         CTarvikClientAWire& m_rClient;
         std::atomic<FileStep::EFileStep> m_eStep;
@@ -140,6 +167,11 @@ public:
         std::deque<short> m_dqPendingHandles;
         // Progress reports counted when the thread last looked.
         uint64_t m_nSeenReports;
+        // Start addresses of the pending writes, in the order of m_dqPendingHandles.
+        std::deque<uint64_t> m_dqPendingAddresses;
+        std::atomic<int32_t> m_eFailure;
+        std::atomic<int> m_nFailureResult;
+        std::atomic<uint64_t> m_nFailureAddress;
     };
 
     explicit CTarvikClientAWire(int timeoutMs);
@@ -188,6 +220,12 @@ public:
     // nothing started). eResultBusy while a file write exists; 255 when the thread
     // cannot start. A file that cannot be loaded shows as step -1.
     int WriteFile(const std::string& filename);
+    // The same for an image that the caller has loaded (and checked) already: nothing is
+    // read from a file, the image is copied. Results as WriteFile.
+    int WriteImage(const CTarvikHexfile& image);
+    // Why the last file write that ended at step -1 failed; eNone before any did. Kept
+    // from the GetWriteFileStatus call that reported the end until the next one does.
+    SFileFailure GetWriteFileFailure() const;
     // The page size as last set or read; 0 until then.
     unsigned int GetPageSize() const { return m_nPageSize.load(); }
 
@@ -204,6 +242,9 @@ private:
     // Waits until a progress report newer than seen arrived, at most ms; returns the count.
     uint64_t WaitForProgress(uint64_t seen, unsigned int ms);
 
+    // The common part of WriteFile and WriteImage: the page size, then the thread.
+    int StartFileWrite(const std::string* filename, const CTarvikHexfile* image);
+
     int SendBlock(unsigned char cmd, unsigned int address, unsigned short length, const char* data, short& handle);
 
     std::map<short, SWriteBlockProgress> m_mapWriteBlockProgress;
@@ -215,6 +256,7 @@ private:
     CWriteFileThread* m_pWriteFileThread;
     // The file-write thread reads it; GetConfig may change it meanwhile.
     std::atomic<unsigned int> m_nPageSize;
+    SFileFailure m_oLastFailure;
 };
 
 #endif

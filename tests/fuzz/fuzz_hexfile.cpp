@@ -8,8 +8,12 @@
 //   they were;
 // - be written as binary exactly when it is one block and its minimum is 0, as that block's
 //   bytes (a binary file drops the start address, so it is not read back).
+// The strict check reads the same file: it keeps no more problems than it says, names no line
+// the file does not have, and a file that it finds sound gives the blocks the lenient loader
+// gives (where both take it the same way: a record first, no line the loader cuts off).
 // A failed check aborts, so libFuzzer keeps the input.
 #include "tarvik/hexfile/TarvikHexfile.h"
+#include "tarvik/hexfile/TarvikImageCheck.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -123,6 +127,34 @@ void CheckBinary(CTarvikHexfile& image)
              !out.str().empty())
         Fail("a binary save writes what it must refuse");
 }
+void CheckStrict(const std::string& text, CTarvikHexfile::EType type, const CTarvikHexfile& lenient)
+{
+    CTarvikHexfile image;
+    CTarvikImageCheck check;
+    const bool sound = check.LoadFile(image, ScratchPath().c_str(), type, "fuzz");
+    const auto& problems = check.GetProblems();
+    if (sound != (check.GetProblemCount() == 0) || problems.size() > CTarvikImageCheck::m_nMaxKeptProblems ||
+        problems.size() > check.GetProblemCount())
+        Fail("the check miscounts its problems");
+    const uint64_t lines = static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + 1;
+    for (const CTarvikImageCheck::SProblem& problem : problems)
+        if (problem.m_nLine > lines)
+            Fail("the check names a line the file does not have");
+    if (!sound || text.compare(0, 3, "\xEF\xBB\xBF") == 0)
+        return;
+    if (type == CTarvikHexfile::Detect && text[0] != ':' && text[0] != 'S')
+        return;
+    size_t longest = 0;
+    for (size_t pos = 0; pos <= text.size();)
+    {
+        size_t end = text.find('\n', pos);
+        end = end == std::string::npos ? text.size() : end;
+        longest = std::max(longest, end - pos);
+        pos = end + 1;
+    }
+    if (longest < 1000 && Blocks(image) != Blocks(lenient))
+        Fail("a file the check finds sound loads differently");
+}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -138,6 +170,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     CTarvikHexfile image;
     image.LoadFile(ScratchPath().c_str(), type);
     CheckDump(image, bytesPerLine);
+    CheckStrict(std::string(reinterpret_cast<const char*>(data) + 1, size - 1), type, image);
     CheckRoundTrip(image, CTarvikHexfile::Intel);
     CheckRoundTrip(image, CTarvikHexfile::Motorola);
     CheckBinary(image);

@@ -11,16 +11,10 @@ _tarvik()
         -P|--port-index|-p|--port|-t|--timeout|-n|--count) return ;;
         --id|--rate|--type|--select|--offset|--page|--poll|--block) return ;;
         -o|--output) _filedir; return ;;
-        -i|--input-format|-O|--output-format)
+        -I|-i|--input-format|-O|--output-format)
             COMPREPLY=($(compgen -W "intel srec bin" -- "$cur"))
             return ;;
-        --to|--from)
-            # Formats in the commands that read or write whole images, addresses elsewhere.
-            local w
-            for w in "${words[@]}"; do
-                case $w in info|convert|merge|offset|cmp) COMPREPLY=($(compgen -W "intel srec bin" -- "$cur")) ;; esac
-            done
-            return ;;
+        --to|--from) return ;; # addresses
         -d|--device) COMPREPLY=($(compgen -W "firmware i2c can spi dio ad awire renesas" -- "$cur")); return ;;
     esac
 
@@ -61,7 +55,7 @@ _tarvik()
             if [[ -z $sub ]]; then
                 COMPREPLY=($(compgen -W "read write --help" -- "$cur"))
             elif [[ $cur == -* ]]; then
-                COMPREPLY=($(compgen -W "--type --select --offset --page --poll --help" -- "$cur"))
+                COMPREPLY=($(compgen -W "--type --select --offset --page --poll --output --lenient --help" -- "$cur"))
             else
                 _filedir
             fi ;;
@@ -70,7 +64,7 @@ _tarvik()
                 COMPREPLY=($(compgen -W "init id complete erase program read version check --id --rate --help" \
                     -- "$cur"))
             elif [[ $cur == -* ]]; then
-                COMPREPLY=($(compgen -W "--id --rate --block --erase --page --count --help" -- "$cur"))
+                COMPREPLY=($(compgen -W "--id --rate --block --erase --page --count --output --lenient --help" -- "$cur"))
             elif [[ $sub == program || $sub == read ]]; then
                 _filedir
             fi ;;
@@ -78,14 +72,16 @@ _tarvik()
             if [[ -z $sub ]]; then
                 COMPREPLY=($(compgen -W "info read write clear --help" -- "$cur"))
             elif [[ $cur == -* ]]; then
-                COMPREPLY=($(compgen -W "--block --count --help" -- "$cur"))
+                COMPREPLY=($(compgen -W "--block --count --output --lenient --help" -- "$cur"))
             elif [[ $sub == read || $sub == write ]]; then
                 _filedir
             fi ;;
         awire)
             if [[ -z $sub ]]; then
                 COMPREPLY=($(compgen -W "config read erase write-file --help" -- "$cur"))
-            elif [[ $sub == write-file && $cur != -* ]]; then
+            elif [[ $sub == write-file && $cur == -* ]]; then
+                COMPREPLY=($(compgen -W "--input-format --lenient --help" -- "$cur"))
+            elif [[ $sub == write-file ]]; then
                 _filedir
             elif [[ $sub == config ]]; then
                 COMPREPLY=($(compgen -W "--set" -- "$cur"))
@@ -118,7 +114,7 @@ _tarvik()
             if [[ -z $sub ]]; then
                 COMPREPLY=($(compgen -W "info convert dump merge crop fill offset cmp crc --help" -- "$cur"))
             elif [[ $cur == -* ]]; then
-                COMPREPLY=($(compgen -W "--input-format --output-format --from --to --output --width --strict
+                COMPREPLY=($(compgen -W "--input-format --output-format --from --to --output --width --lenient
                     --ignore-checksum --no-overlap --byte --fill --max --help" -- "$cur"))
             else
                 _filedir
