@@ -186,8 +186,9 @@ TEST_F(CCliHexTest, EachInputIsReadAsWhatItIsOrRefused)
         {"hex info s6.s19", 0, "file:   s6.s19",
          "tarvik: warning: s6.s19:2: Invalid record type in data line: S6040000010A"},
         {"hex info junk.hex", 1, "", "tarvik: junk.hex:2: Invalid format in data line: xyz"},
-        {"hex info empty.hex", 1, "", "tarvik: File <empty.hex> is empty."},
-        {"hex info missing.hex", 1, "", "tarvik: File <missing.hex> could not be opened."},
+        {"hex info empty.hex", 1, "", "tarvik: empty.hex: the file is empty"},
+        {"hex info missing.hex", 1, "", "tarvik: missing.hex: No such file or directory"},
+        {"hex info -i intel .", 1, "", "tarvik: .: Is a directory"},
         {"hex info - < hexfile_bad_checksum.hex", 1, "",
          "tarvik: <stdin>: Invalid checksum in data line: :0400100001020304E3"},
     };

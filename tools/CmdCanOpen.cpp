@@ -243,9 +243,8 @@ void RunSdoReadBlock(const SCliGlobals& globals, const SCanOpenOptions& options)
 
 void RunSdoWriteBlock(const SCliGlobals& globals, const SCanOpenOptions& options)
 {
-    std::ifstream in(options.m_sFile, std::ios::binary);
-    if (!in)
-        CliFail("cannot read " + options.m_sFile);
+    std::ifstream in;
+    CliOpenRead(in, options.m_sFile, std::ios::binary);
     std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (data.size() > kMaxBlock)
         CliFail(options.m_sFile + ": more than " + std::to_string(kMaxBlock) + " bytes", eCliExitUsage);

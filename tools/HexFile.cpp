@@ -110,7 +110,11 @@ public:
     explicit CInputFile(const std::string& file) : m_sPath(file), m_sDisplay(file)
     {
         if (file != "-")
+        {
+            std::ifstream probe; // a missing file or a directory fails here, saying why
+            CliOpenRead(probe, file, std::ios::binary);
             return;
+        }
         m_pCopy.reset(new CTempFile(TempDirectory(), "tarvik-stdin"));
         m_sPath = m_pCopy->Path();
         m_sDisplay = "<stdin>";
@@ -214,7 +218,7 @@ std::vector<std::string> SplitLines(const std::string& text)
 
 void Warn(const std::string& text)
 {
-    std::cerr << "tarvik: warning: " << text << "\n";
+    CliWarn(text);
 }
 } // namespace
 
@@ -297,9 +301,8 @@ bool LooksLikeText(const std::string& head)
 
 std::string ReadHead(const CInputFile& input)
 {
-    std::ifstream in(input.m_sPath, std::ios::binary);
-    if (!in.is_open())
-        CliFail("File <" + input.m_sDisplay + "> could not be opened.");
+    std::ifstream in;
+    CliOpenRead(in, input.m_sPath, std::ios::binary);
     std::string head(kSniffBytes, '\0');
     in.read(&head[0], static_cast<std::streamsize>(head.size()));
     head.resize(static_cast<size_t>(in.gcount()));
@@ -472,7 +475,7 @@ void ReportLoad(const CTarvikHexfile& image, uint32_t result, const SLoadReport&
         break;
     case CTarvikHexfile::ResultEmptyOrAddress:
         if (ReadAll(report.m_sPath).empty())
-            CliFail("File <" + report.m_sDisplay + "> is empty.");
+            CliFail(report.m_sDisplay + ": the file is empty");
         break;
     default: break;
     }
