@@ -35,8 +35,7 @@ bool WantsJson(int argc, char** argv)
 
 void AddGlobalOptions(CLI::App& app, SCliGlobals& globals)
 {
-    app.add_option("-H,--host", globals.m_sHost, "Gateway as HOST, HOST:PORT or [IPv6]:PORT")
-        ->envname("TARVIK_HOST");
+    app.add_option("-H,--host", globals.m_sHost, "Gateway as HOST, HOST:PORT or [IPv6]:PORT")->envname("TARVIK_HOST");
     app.add_option("-p,--port", globals.m_nPort, "TCP port of the gateway (default: from the port index)")
         ->check(CLI::Range(1, 65535));
     app.add_option("-P,--port-index", globals.m_nPortIndex, "Port index of the gateway: port 4999 + type + 100 x index")
