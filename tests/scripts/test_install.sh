@@ -48,7 +48,7 @@ bash -c "source '$WORK/prefix/share/bash-completion/completions/tarvik' && compl
 
 # make uninstall removes every file the install wrote, and the directories of its own.
 make -s -C "$SRC" uninstall BUILD="$BUILD" >/dev/null
-left=$(find "$WORK/prefix" -type f)
+left=$(find "$WORK/prefix" ! -type d)
 if [ -n "$left" ]; then
     echo "left after make uninstall:" >&2
     echo "$left" >&2
