@@ -237,7 +237,7 @@ void RunSdoReadBlock(const SCliGlobals& globals, const SCanOpenOptions& options)
                                    static_cast<unsigned short>(options.m_nSdoTimeout), status, data),
              "SDO block read " + Where(options));
     if (status != 0)
-        std::fprintf(stderr, "tarvik: SDO block read status %u\n", static_cast<unsigned int>(status));
+        CliWarn("SDO block read status " + std::to_string(status));
     CliPrintRead(globals, 0, data, options.m_sOutput);
 }
 
