@@ -263,6 +263,28 @@ INSTANTIATE_TEST_SUITE_P(
               "\"cause\":\"no answer from {silent} within 50 ms\",\"exit\":1}\n",
               ""}));
 
+// A file that cannot be used: its name and why, the same way for every command, and no
+// stream's exception text.
+INSTANTIATE_TEST_SUITE_P(
+    FileErrors, CliInvocation,
+    ::testing::Values(
+        SCase{{"tarvik", "hex", "info", "/nonexistent/a.hex"},
+              1,
+              "",
+              "tarvik: /nonexistent/a.hex: No such file or directory\n"},
+        SCase{{"tarvik", "hex", "info", "/"}, 1, "", "tarvik: /: Is a directory\n"},
+        SCase{{"tarvik", "--json", "hex", "info", "/"}, 1, "{\"error\":\"/: Is a directory\",\"exit\":1}\n", ""},
+        SCase{{"tarvik", "--sim", "eeprom", "write", "--type", "0x0008", "/"}, 1, "", "tarvik: /: Is a directory\n"},
+        SCase{{"tarvik", "--sim", "testsys", "install", "boot", "/"}, 1, "", "tarvik: /: Is a directory\n"},
+        SCase{{"tarvik", "--sim", "can", "play", "/nonexistent/bus.log"},
+              1,
+              "",
+              "tarvik: /nonexistent/bus.log: No such file or directory\n"},
+        SCase{{"tarvik", "--sim", "can", "dump", "-o", "/nonexistent/bus.log"},
+              1,
+              "",
+              "tarvik: /nonexistent/bus.log: No such file or directory\n"}));
+
 TEST(CliHelp, CommandHelpListsTheGlobalOptionsWithDefaults)
 {
     SRun run = RunCli({"spi", "xfer", "--help"});

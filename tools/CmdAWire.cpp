@@ -99,7 +99,7 @@ void RunRead(const SCliGlobals& globals, const SAWireOptions& options)
                         TCliJson{{"address", address}, {"length", length}, {"data", CliHexBytes(bytes, "")}});
     std::ofstream out(options.m_sOutput, std::ios::binary);
     if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) || !out.flush())
-        CliFail("read: cannot write " + options.m_sOutput + ": " + std::strerror(errno));
+        CliFailFile(options.m_sOutput, errno != 0 ? errno : EIO);
     CliPrint(globals, std::to_string(length) + " bytes from " + CliHex(address, 8) + " to " + options.m_sOutput,
              TCliJson{{"address", address}, {"length", length}, {"file", options.m_sOutput}});
 }

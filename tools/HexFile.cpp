@@ -55,7 +55,7 @@ public:
         name.push_back('\0');
         const int fd = mkstemp(name.data());
         if (fd < 0)
-            CliFail("cannot create a temporary file in " + directory + ": " + std::strerror(errno));
+            CliFailFile(directory, errno); // the output's directory: missing, not writable, ...
         close(fd);
         m_sPath = name.data();
     }
@@ -72,7 +72,7 @@ public:
     void RenameTo(const std::string& target)
     {
         if (std::rename(m_sPath.c_str(), target.c_str()) != 0)
-            CliFail("cannot write " + target + ": " + std::strerror(errno));
+            CliFailFile(target, errno);
         m_sPath.clear();
     }
 
@@ -91,7 +91,7 @@ void WriteAll(const std::string& path, const std::string& data)
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(data.data(), static_cast<std::streamsize>(data.size()));
     if (!out.flush())
-        CliFail("cannot write " + path);
+        CliFailFile(path, errno != 0 ? errno : EIO);
 }
 
 void CopyStream(std::istream& in, std::ostream& out, const std::string& what)
@@ -581,7 +581,7 @@ void HexSave(CTarvikHexfile& image, const std::string& file, const std::string& 
         return;
     }
     if (chmod(temp.Path().c_str(), ModeFor(file)) != 0)
-        CliFail("cannot write " + file + ": " + std::strerror(errno));
+        CliFailFile(file, errno);
     temp.RenameTo(file);
 }
 
