@@ -1,4 +1,5 @@
-# Entry points: make test | make demo | make bench | make soak | make fuzz | make install
+# Entry points: make test | make demo | make bench | make soak | make fuzz | make install |
+# make uninstall | make lib
 # Each target installs what is missing (Debian 12, apt-get), configures and builds.
 
 BUILD      ?= build
@@ -6,6 +7,7 @@ ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 BENCH_BUILD ?= build-bench
 FUZZ_BUILD ?= build-fuzz
+LIB_BUILD  ?= build-lib
 FUZZ_SECONDS ?= 60
 STRESS_RUNS ?= 10
 PREFIX     ?= /usr/local
@@ -19,6 +21,8 @@ PACKAGES = cmake make g++ pkg-config libboost-dev libgtest-dev libgmock-dev \
            libbenchmark-dev libcli11-dev nlohmann-json3-dev srecord ccache clang libclang-rt-14-dev \
            help2man bash-completion can-utils \
            pybind11-dev python3-dev python3-pytest python3-can
+# The library alone needs no more than these.
+LIB_PACKAGES = cmake make g++ libboost-dev
 
 # The fuzz build goes through ccache when there is one.
 CCACHE := $(shell command -v ccache 2>/dev/null)
@@ -26,7 +30,8 @@ FUZZ_LAUNCHER = $(if $(CCACHE),-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_CO
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test test-asan test-tsan build-tsan test-stress fuzz fuzz-smoke demo bench soak install clean
+.PHONY: all deps configure build test test-asan test-tsan build-tsan test-stress fuzz fuzz-smoke demo bench soak \
+        install uninstall lib install-lib clean
 
 all: build
 
@@ -108,5 +113,30 @@ install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 	@if [ "$$(id -u)" = 0 ] && command -v ldconfig >/dev/null; then ldconfig; fi
 
+# Removes what the last install from $(BUILD) wrote (cmake lists it in install_manifest.txt),
+# then the directories that only tarvik uses, when they are left empty.
+uninstall:
+	@manifest=$(BUILD)/install_manifest.txt; \
+	if [ ! -f "$$manifest" ]; then echo "make uninstall: no $$manifest; nothing was installed from $(BUILD)" >&2; exit 1; fi; \
+	while IFS= read -r file || [ -n "$$file" ]; do rm -f -- "$$file"; done < "$$manifest"; \
+	while IFS= read -r file || [ -n "$$file" ]; do dirname -- "$$file"; done < "$$manifest" | \
+	  grep -E '/include/tarvik(/|$$)|/cmake/Tarvik$$|/doc/tarvik$$' | sort -ru | \
+	  while IFS= read -r dir; do rmdir --ignore-fail-on-non-empty -- "$$dir" 2>/dev/null || true; done; \
+	rm -f -- "$$manifest"; \
+	echo "removed the files listed in $$manifest"
+
+# The library alone: libtarvik, its headers, the pkg-config and CMake package files. Needs
+# only a C++ compiler, CMake and the Boost headers; make install-lib PREFIX=... installs it.
+lib:
+	$(MAKE) deps PACKAGES="$(LIB_PACKAGES)"
+	cmake -S . -B $(LIB_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVIK_BUILD_TESTS=OFF -DTARVIK_BUILD_SIM=OFF \
+	  -DTARVIK_BUILD_TOOLS=OFF -DTARVIK_BUILD_EXAMPLES=OFF -DTARVIK_BUILD_PYTHON=OFF -DTARVIK_BUILD_BENCH=OFF \
+	  $(CMAKE_ARGS)
+	cmake --build $(LIB_BUILD) -j $(JOBS)
+
+install-lib: lib
+	cmake --install $(LIB_BUILD) --prefix $(PREFIX)
+	@if [ "$$(id -u)" = 0 ] && command -v ldconfig >/dev/null; then ldconfig; fi
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD) $(LIB_BUILD)

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# A short tour: the tarvik tool against the simulator inside its own process, then the
+# A short tour: the tarvik tool against the simulator inside its own process (--sim), then the
 # C examples against a tarvik-sim server on 127.0.0.1.
 #
 #   bash examples/demo.sh BUILDDIR
@@ -34,14 +34,15 @@ step() {
     "$@"
 }
 
-echo "== the tarvik tool; without --host it starts a simulator inside the process"
-step "$tarvik" info
-step "$tarvik" status
+echo "== the tarvik tool; a device command needs --host (or TARVIK_HOST), or --sim for its own simulator"
+step "$tarvik" info || echo "(exit code $?)"
+step "$tarvik" --sim info
+step "$tarvik" --sim --json status
 # One process, so one simulated EEPROM: write enable, write 4 bytes at 0x0040, read them back.
-step "$tarvik" spi xfer 06 "02 0040 CAFE1234" 030040+4
-step "$tarvik" --trace spi globals
+step "$tarvik" --sim spi xfer 06 "02 0040 CAFE1234" 030040+4
+step "$tarvik" --sim --trace spi globals
 step "$tarvik" errcode 0x0330
-step "$tarvik" ping -n 100
+step "$tarvik" --sim ping -n 100
 
 echo
 echo "== memory images: a boot block in Intel HEX and an application in S-records, joined"

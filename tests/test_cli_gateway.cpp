@@ -115,57 +115,67 @@ TEST_P(CliInvocation, ExitsWithItsCodeAndFirstLines)
     EXPECT_TRUE(StartsWithLines(run.m_sErr, c.m_sErr)) << "expected stderr:\n" << c.m_sErr << "\n" << Describe(run);
 }
 
-// Without --host each command runs against a simulator inside the process.
+// With --sim each command runs against a simulator inside the process, and says so.
 INSTANTIATE_TEST_SUITE_P(
     EmbeddedSimulator, CliInvocation,
     ::testing::Values(
         // The simulator's record: serial 21000000 + 1000 x type, 2023-06-14, port index 0.
-        SCase{{"tarvik", "info"},
+        SCase{{"tarvik", "--sim", "info"},
               0,
               "device:     Tarvik SPI (type 3)\nserial:     21003000\nhardware:   1.2\nfirmware:   2.18 build 263\n"
               "date:       2023-06-14\nport index: 0\n",
-              ""},
-        SCase{{"tarvik", "--json", "info", "--raw"},
+              kCliSimNote},
+        SCase{{"tarvik", "--sim", "--json", "info", "--raw"},
               0,
               "{\"device_type\":3,\"device\":\"Tarvik SPI\",\"serial\":21003000,"
               "\"hardware\":\"1.2\",\"firmware\":\"2.18\",\"build\":263,\"date\":\"2023-06-14\","
-              "\"port_index\":0,\"raw\":\"F87A4001010202120701E707060E000000000300\"}",
+              "\"port_index\":0,\"raw\":\"F87A4001010202120701E707060E000000000300\",\"simulated\":true}",
               ""},
         // The first word of the answer is the channel count, not a channel.
-        SCase{{"tarvik", "analog", "--set", "1", "2", "3"}, 0, "channels 8\nvalues   1 2 3 0 0 0 0 0\n", ""},
+        SCase{{"tarvik", "--sim", "analog", "--set", "1", "2", "3"},
+              0,
+              "channels 8\nvalues   1 2 3 0 0 0 0 0\n",
+              kCliSimNote},
         // WREN, WRITE at 0x0100, READ back: one chip-select frame per argument.
-        SCase{{"tarvik", "spi", "xfer", "06", "02 01 00 DE AD BE EF", "030100+4"},
+        SCase{{"tarvik", "--sim", "spi", "xfer", "06", "02 01 00 DE AD BE EF", "030100+4"},
               0,
               "FF\nFF FF FF FF FF FF FF\nFF FF FF DE AD BE EF\n",
-              ""},
+              kCliSimNote},
         SCase{{"tarvik", "errcode", "0x0330"},
               0,
               "code        0x000330 (816)\ntransport   0x00\ndevice type 0x03 Tarvik SPI\ndevice byte 0x30\n"
               "text        SPI sequence unknown command op code\n",
               ""},
-        SCase{{"tarvik", "--json", "spi", "globals"}, 0, "{\"rate\":1000000,\"settings\":[0,0,0]}\n", ""},
-        SCase{{"tarvik", "spi", "seq", "01", "09"},
+        SCase{{"tarvik", "--sim", "--json", "spi", "globals"},
+              0,
+              "{\"rate\":1000000,\"settings\":[0,0,0],\"simulated\":true}\n",
+              ""},
+        SCase{{"tarvik", "--sim", "spi", "seq", "01", "09"},
               1,
               "",
-              "tarvik: sequence: SPI sequence unknown command op code (0x000330)\n"},
-        SCase{{"tarvik", "--json", "spi", "seq", "01", "09"},
+              kCliSimNote + "tarvik: sequence: SPI sequence unknown command op code (0x000330)\n"},
+        SCase{{"tarvik", "--sim", "--json", "spi", "seq", "01", "09"},
               1,
-              "{\"error\":\"sequence: SPI sequence unknown command op code\",\"code\":\"0x000330\",\"exit\":1}\n",
+              "{\"error\":\"sequence: SPI sequence unknown command op code\",\"code\":\"0x000330\",\"exit\":1,"
+              "\"simulated\":true}\n",
               ""},
         // Test-system units, DIO and AD gateways, each against a fresh simulated device.
-        SCase{{"tarvik", "testsys", "install", "boot", TARVIK_TEST_DATA_DIR "/hexfile_sample.hex"},
+        SCase{{"tarvik", "--sim", "testsys", "install", "boot", TARVIK_TEST_DATA_DIR "/hexfile_sample.hex"},
               0,
               "installed boot from " TARVIK_TEST_DATA_DIR "/hexfile_sample.hex\n",
+              kCliSimNote},
+        SCase{{"tarvik", "--sim", "--json", "testsys", "available", "boot"},
+              0,
+              "{\"config\":\"boot\",\"available\":false,\"simulated\":true}\n",
               ""},
-        SCase{{"tarvik", "--json", "testsys", "available", "boot"}, 0, "{\"config\":\"boot\",\"available\":false}\n", ""},
-        SCase{{"tarvik", "testsys", "relay", "1", "on"}, 0, "relay 1 on\n", ""},
-        SCase{{"tarvik", "testsys", "button", "0"}, 0, "button 0 released\n", ""},
-        SCase{{"tarvik", "dio", "read"}, 0, "inputs  0x0000A55A\noutputs 0x00000000\n", ""},
-        SCase{{"tarvik", "--json", "dio", "write", "0x55"}, 0, "{\"outputs\":85}\n", ""},
-        SCase{{"tarvik", "testsys", "install", "boot", "/nonexistent/boot.cfg"},
+        SCase{{"tarvik", "--sim", "testsys", "relay", "1", "on"}, 0, "relay 1 on\n", kCliSimNote},
+        SCase{{"tarvik", "--sim", "testsys", "button", "0"}, 0, "button 0 released\n", kCliSimNote},
+        SCase{{"tarvik", "--sim", "dio", "read"}, 0, "inputs  0x0000A55A\noutputs 0x00000000\n", kCliSimNote},
+        SCase{{"tarvik", "--sim", "--json", "dio", "write", "0x55"}, 0, "{\"outputs\":85,\"simulated\":true}\n", ""},
+        SCase{{"tarvik", "--sim", "testsys", "install", "boot", "/nonexistent/boot.cfg"},
               1,
               "",
-              "tarvik: install: cannot read /nonexistent/boot.cfg: No such file or directory\n"}));
+              "tarvik: /nonexistent/boot.cfg: No such file or directory\n"}));
 
 // Every usage error: exit 2, one line naming it, a hint where to read more.
 INSTANTIATE_TEST_SUITE_P(
@@ -192,6 +202,13 @@ INSTANTIATE_TEST_SUITE_P(
               2,
               "",
               "tarvik: transfer: not a hex digit: \"0G\"\nRun 'tarvik spi xfer --help' for usage.\n"},
+        // No gateway named and no --sim: nothing is asked of a simulator behind the user's back.
+        SCase{{"tarvik", "info"},
+              2,
+              "",
+              "tarvik: no gateway named: give --host HOST[:PORT] (-H), set TARVIK_HOST=HOST[:PORT], or --sim for "
+              "the simulator built into tarvik\nRun 'tarvik info --help' for usage.\n"},
+        SCase{{"tarvik", "--json", "spi", "globals"}, 2, "{\"error\":\"no gateway named: ...", ""},
         SCase{{"tarvik", "-H", "[::1", "info"}, 2, "", "tarvik: --host: no ']' after the IPv6 address: \"[::1\"\n"},
         SCase{{"tarvik", "-H", "127.0.0.1:5002", "--port", "5003", "info"},
               2,
@@ -246,6 +263,28 @@ INSTANTIATE_TEST_SUITE_P(
               "\"cause\":\"no answer from {silent} within 50 ms\",\"exit\":1}\n",
               ""}));
 
+// A file that cannot be used: its name and why, the same way for every command, and no
+// stream's exception text.
+INSTANTIATE_TEST_SUITE_P(
+    FileErrors, CliInvocation,
+    ::testing::Values(
+        SCase{{"tarvik", "hex", "info", "/nonexistent/a.hex"},
+              1,
+              "",
+              "tarvik: /nonexistent/a.hex: No such file or directory\n"},
+        SCase{{"tarvik", "hex", "info", "/"}, 1, "", "tarvik: /: Is a directory\n"},
+        SCase{{"tarvik", "--json", "hex", "info", "/"}, 1, "{\"error\":\"/: Is a directory\",\"exit\":1}\n", ""},
+        SCase{{"tarvik", "--sim", "eeprom", "write", "--type", "0x0008", "/"}, 1, "", "tarvik: /: Is a directory\n"},
+        SCase{{"tarvik", "--sim", "testsys", "install", "boot", "/"}, 1, "", "tarvik: /: Is a directory\n"},
+        SCase{{"tarvik", "--sim", "can", "play", "/nonexistent/bus.log"},
+              1,
+              "",
+              "tarvik: /nonexistent/bus.log: No such file or directory\n"},
+        SCase{{"tarvik", "--sim", "can", "dump", "-o", "/nonexistent/bus.log"},
+              1,
+              "",
+              "tarvik: /nonexistent/bus.log: No such file or directory\n"}));
+
 TEST(CliHelp, CommandHelpListsTheGlobalOptionsWithDefaults)
 {
     SRun run = RunCli({"spi", "xfer", "--help"});
@@ -256,7 +295,7 @@ TEST(CliHelp, CommandHelpListsTheGlobalOptionsWithDefaults)
 
 TEST(CliPing, ReportsSentLostAndRoundTrips)
 {
-    SRun run = RunCli({"ping", "-n", "25"});
+    SRun run = RunCli({"--sim", "ping", "-n", "25"});
     ASSERT_EQ(0, run.m_nExit) << Describe(run);
     EXPECT_TRUE(
         std::regex_match(run.m_sOut, std::regex(R"(Tarvik SPI at 127\.0\.0\.1:\d+ \(simulator\): 25 sent, 0 lost, )"
@@ -280,17 +319,39 @@ TEST(CliPing, SomeLostIsStillSuccess)
 
 TEST(CliTrace, PrintsOneDecodedLinePerTelegramOnStderr)
 {
-    SRun run = RunCli({"spi", "globals", "--trace"});
+    SRun run = RunCli({"--sim", "spi", "globals", "--trace"});
     ASSERT_EQ(0, run.m_nExit) << Describe(run);
     EXPECT_EQ("rate     1000000\nsettings 0 0 0\n", run.m_sOut);
     // The answer carries the simulator's power-up globals: rate 1000000 = 0x000F4240.
-    EXPECT_TRUE(
-        std::regex_match(run.m_sErr, std::regex(R"(\S+ -- connected\n)"
-                                                R"(\d\d:\d\d:\d\d\.\d{6} -> req 0x0308 GetGlobals id=2 len=0 crc=ok\n)"
-                                                R"(\S+ <- cnf 0x8308 GetGlobals id=2 len=8 crc=ok result=ok )"
-                                                R"(\| 00 40 42 0F 00 00 00 00\n)"
-                                                R"(\S+ -- disconnected\n)")))
+    EXPECT_TRUE(StartsWithLines(run.m_sErr, kCliSimNote) &&
+                std::regex_match(run.m_sErr.substr(kCliSimNote.size()),
+                                 std::regex(R"(\S+ -- connected\n)"
+                                            R"(\d\d:\d\d:\d\d\.\d{6} -> req 0x0308 GetGlobals id=2 len=0 crc=ok\n)"
+                                            R"(\S+ <- cnf 0x8308 GetGlobals id=2 len=8 crc=ok result=ok )"
+                                            R"(\| 00 40 42 0F 00 00 00 00\n)"
+                                            R"(\S+ -- disconnected\n)")))
         << Describe(run);
+}
+
+// Ctrl-C or SIGTERM ends a long ping with the summary of what it sent until then.
+TEST(CliPing, SignalEndsItWithTheSummary)
+{
+    for (int signal : {SIGINT, SIGTERM})
+    {
+        CProcess ping(kTarvik, {"--sim", "--trace", "ping", "-n", "10000000"});
+        auto replied = [&] { return ping.Err().find(" <- cnf ") != std::string::npos; };
+        for (int i = 0; i < 4000 && !replied() && ping.Wait(5) == -1; ++i)
+        {
+        }
+        ASSERT_TRUE(replied()) << ping.Err();
+        ping.Signal(signal);
+        EXPECT_EQ(0, ping.Wait(10000)) << "signal " << signal;
+        EXPECT_TRUE(
+            std::regex_match(ping.Out(), std::regex(R"(Tarvik SPI at \S+ \(simulator\): [1-9]\d* sent, \d+ lost, )"
+                                                    R"(round trip min .* us\n)")))
+            << "signal " << signal << "\n"
+            << ping.Out();
+    }
 }
 
 class CliAgainstSimProcess : public ::testing::Test
@@ -320,6 +381,26 @@ protected:
     std::string m_sHost;
     std::unique_ptr<CProcess> m_pSim;
 };
+
+// TARVIK_HOST names the gateway as --host does (HOST or HOST:PORT); --host wins over it.
+TEST_F(CliAgainstSimProcess, TarvikHostNamesTheGateway)
+{
+    ASSERT_NO_FATAL_FAILURE(StartSim(80, 84));
+    struct SEnv
+    {
+        ~SEnv() { ::unsetenv("TARVIK_HOST"); }
+    } restore;
+    ::setenv("TARVIK_HOST", m_sHost.c_str(), 1);
+    SRun run = RunCli({"status"});
+    EXPECT_EQ(0, run.m_nExit) << Describe(run);
+    EXPECT_EQ("", run.m_sErr);
+    ::setenv("TARVIK_HOST", "127.0.0.1:1", 1);
+    run = RunCli({"status"});
+    EXPECT_EQ(1, run.m_nExit) << Describe(run);
+    EXPECT_TRUE(StartsWithLines(run.m_sErr, "tarvik: connect to Tarvik SPI at 127.0.0.1:1: ...")) << Describe(run);
+    run = RunCli({"--host", m_sHost, "status"});
+    EXPECT_EQ(0, run.m_nExit) << Describe(run);
+}
 
 TEST_F(CliAgainstSimProcess, KilledSimulatorGivesNotConnectedInBoundedTime)
 {
@@ -352,49 +433,70 @@ TEST_F(CliAgainstSimProcess, FrozenSimulatorGivesTimeoutInBoundedTime)
 INSTANTIATE_TEST_SUITE_P(
     AWire, CliInvocation,
     ::testing::Values(
-        SCase{{"tarvik", "awire", "config", "--set", "1", "2", "512", "4", "uc3"},
+        SCase{{"tarvik", "--sim", "awire", "config", "--set", "1", "2", "512", "4", "uc3"},
               0,
               "value1    0x00000001\nvalue2    0x00000002\npage size 256\nvalue4    0x00000004\ntext      \"uc3\"\n",
-              ""},
-        SCase{{"tarvik", "awire", "read", "0x800000", "4"}, 0, "00800000: FF FF FF FF                                      ....\n", ""},
-        SCase{{"tarvik", "--json", "awire", "erase", "1"},
+              kCliSimNote},
+        SCase{{"tarvik", "--sim", "awire", "read", "0x800000", "4"}, 0, "00800000: FF FF FF FF                                      ....\n", kCliSimNote},
+        SCase{{"tarvik", "--sim", "--json", "awire", "erase", "1"},
               1,
-              "{\"error\":\"erase: EraseBlock not supported\",\"code\":\"0x000E24\",\"exit\":1}\n",
+              "{\"error\":\"erase: EraseBlock not supported\",\"code\":\"0x000E24\",\"exit\":1,\"simulated\":true}\n",
               ""},
-        SCase{{"tarvik", "awire", "erase", "--user-page"}, 0, "user page erased\n", ""},
-        SCase{{"tarvik", "awire", "write-file", "/nonexistent/image.hex"}, 1, "", "tarvik: ..."},
-        SCase{{"tarvik", "awire", "config", "--set", "1", "2"}, 2, "", "tarvik: awire config: ..."}));
+        SCase{{"tarvik", "--sim", "awire", "erase", "--user-page"}, 0, "user page erased\n", kCliSimNote},
+        SCase{{"tarvik", "--sim", "awire", "write-file", "/nonexistent/image.hex"}, 1, "", "tarvik: ..."},
+        SCase{{"tarvik", "--sim", "awire", "config", "--set", "1", "2"}, 2, "", "tarvik: awire config: ..."}));
 
 // A binary image of size bytes in a temporary file, removed with the object.
 class CImageFile
 {
 public:
-    explicit CImageFile(size_t size)
+    explicit CImageFile(size_t size) : CImageFile(Pattern(size)) {}
+    explicit CImageFile(const std::string& bytes)
     {
         char path[] = "/tmp/tarvik-cli-image-XXXXXX";
         ::close(::mkstemp(path));
         m_sPath = path;
-        std::string bytes(size, '\0');
-        for (size_t i = 0; i < size; ++i)
-            bytes[i] = static_cast<char>(i * 13 / 7);
         std::ofstream(m_sPath, std::ios::binary) << bytes;
     }
     ~CImageFile() { std::remove(m_sPath.c_str()); }
     const std::string& Path() const { return m_sPath; }
 
 private:
+    static std::string Pattern(size_t size)
+    {
+        std::string bytes(size, '\0');
+        for (size_t i = 0; i < size; ++i)
+            bytes[i] = static_cast<char>(i * 13 / 7);
+        return bytes;
+    }
+
     std::string m_sPath;
 };
+
+// A warning goes on stderr, or with --json into the one document on stdout.
+TEST(CliJson, WarningsAreInTheDocument)
+{
+    CImageFile text(std::string("no records in here\n"));
+    SRun human = RunCli({"hex", "info", text.Path()});
+    EXPECT_EQ(0, human.m_nExit) << Describe(human);
+    EXPECT_TRUE(std::regex_match(human.m_sErr, std::regex("tarvik: warning: .*looks like text.*\n")))
+        << Describe(human);
+    SRun json = RunCli({"--json", "hex", "info", text.Path()});
+    EXPECT_EQ(0, json.m_nExit) << Describe(json);
+    EXPECT_EQ("", json.m_sErr);
+    EXPECT_TRUE(std::regex_match(json.m_sOut, std::regex(R"(\{[^\n]*"warnings":\["[^"]*looks like text[^"]*"\]\}\n)")))
+        << Describe(json);
+}
 
 TEST(CliAWire, WriteFileShowsProgressThenTheVerifyResult)
 {
     CImageFile image(65536);
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"awire", "write-file", image.Path()},
+        {{"--sim", "awire", "write-file", image.Path()},
          R"re(((writing|verifying) \d+%\n)+verified: 65536 bytes of .* written and read back in [0-9.]+ s\n)re"},
-        {{"--json", "awire", "write-file", image.Path()},
+        {{"--sim", "--json", "awire", "write-file", image.Path()},
          R"re((\{"event":"progress","step":"(writing|verifying)","percent":\d+,"bytes_per_second":\d+[^\n]*\}\n)+)re"
-         R"re(\{"file":".*","bytes":65536,"verified":true,"seconds":[0-9.e-]+\}\n)re"},
+         R"re(\{"file":".*","bytes":65536,"verified":true,"seconds":[0-9.e-]+,"simulated":true\}\n)re"},
     };
     for (const auto& c : cases)
     {

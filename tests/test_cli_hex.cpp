@@ -183,8 +183,8 @@ TEST_F(CCliHexTest, EachInputIsReadAsWhatItIsOrRefused)
         {"hex info s6.s19 --strict", 0, "file:   s6.s19", ""},
         {"hex info junk.hex", 1, "", "tarvik: junk.hex:2: not an Intel HEX record: \"xyz\""},
         {"hex info empty.hex", 1, "", "tarvik: empty.hex: the file is empty"},
-        {"hex info missing.hex", 1, "", "tarvik: missing.hex: cannot be opened: No such file or directory"},
-        {"hex info .", 1, "", "tarvik: .: cannot be opened: Is a directory"},
+        {"hex info missing.hex", 1, "", "tarvik: missing.hex: No such file or directory"},
+        {"hex info .", 1, "", "tarvik: .: Is a directory"},
         {"hex info - < hexfile_bad_checksum.hex", 1, "",
          "tarvik: <stdin>:1: wrong checksum 0xE3, the record's bytes need 0xE2"},
     };

@@ -55,7 +55,7 @@ const SStep kEeprom[] = {
      "{\"address\":254,\"length\":2,\"data\":\"5AFF\"}\n", ""},
     // No chip answers at 0xAE.
     {"eeprom read --type 0x0008 --select 7 4", 1, "", "tarvik: read at 0x0000: I2C NACK (No Acknowledge) (0x000120)\n"},
-    {"eeprom write --type 0x0008 {dir}/missing.bin", 1, "", "tarvik: {dir}/missing.bin: cannot be opened: No such file or directory\n"},
+    {"eeprom write --type 0x0008 {dir}/missing.bin", 1, "", "tarvik: {dir}/missing.bin: No such file or directory\n"},
 };
 
 // Raw transfers to the 24C02 at A8: a write sets the address and data, a sequence sets
@@ -169,12 +169,12 @@ protected:
         return text;
     }
 
-    // Runs the steps in order, against the simulator of host (none: the embedded one).
+    // Runs the steps in order, against the simulator of host (none: --sim, the embedded one).
     template <size_t N> void RunSteps(const SStep (&steps)[N], const std::string& host)
     {
         for (const SStep& step : steps)
         {
-            std::vector<std::string> args;
+            std::vector<std::string> args = {"--sim"};
             if (!host.empty())
                 args = {"--host", Fill(host)};
             std::istringstream words(Fill(step.m_pArgs));

@@ -2,14 +2,35 @@
 
 #include "tarvik/core/TarvikResult.h"
 
+#include <sys/stat.h>
+
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
+#include <mutex>
 
 namespace
 {
+// What every JSON line of the run carries beside its own keys; can dump prints from a
+// thread of its own, so the warnings are guarded.
+struct SCliReport
+{
+    std::mutex m_oLock;
+    bool m_bJson = false;
+    bool m_bSimulated = false;
+    std::vector<std::string> m_asWarnings;
+    std::vector<std::string> m_asProblems;
+};
+
+SCliReport& Report()
+{
+    static SCliReport report;
+    return report;
+}
+
 int HexDigit(char c)
 {
     if (c >= '0' && c <= '9')
@@ -127,9 +148,92 @@ void CliCheck(int result, const std::string& what, const std::string& cause)
         throw CCliError(what + ": " + TarvikErrorMsg(result), eCliExitFailure, result, cause);
 }
 
+void CliFailFile(const std::string& path, int error)
+{
+    CliFail(path + ": " + std::strerror(error));
+}
+
+void CliOpenRead(std::ifstream& in, const std::string& path, std::ios::openmode mode)
+{
+    struct stat info;
+    if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+        CliFailFile(path, EISDIR);
+    errno = 0;
+    in.open(path, mode | std::ios::in);
+    if (!in.is_open())
+        CliFailFile(path, errno != 0 ? errno : EIO);
+}
+
+void CliOpenWrite(std::ofstream& out, const std::string& path, std::ios::openmode mode)
+{
+    errno = 0;
+    out.open(path, mode | std::ios::out);
+    if (!out.is_open())
+        CliFailFile(path, errno != 0 ? errno : EIO);
+}
+
 std::string CliJsonLine(const TCliJson& json)
 {
-    return json.dump(-1, ' ', false, TCliJson::error_handler_t::replace);
+    SCliReport& report = Report();
+    std::lock_guard<std::mutex> lock(report.m_oLock);
+    if (!json.is_object() ||
+        (!report.m_bSimulated && report.m_asWarnings.empty() && report.m_asProblems.empty()))
+        return json.dump(-1, ' ', false, TCliJson::error_handler_t::replace);
+    TCliJson whole = json;
+    if (report.m_bSimulated)
+        whole["simulated"] = true;
+    if (!report.m_asWarnings.empty())
+        whole["warnings"] = report.m_asWarnings;
+    if (!report.m_asProblems.empty())
+        whole["problems"] = report.m_asProblems;
+    report.m_asWarnings.clear();
+    report.m_asProblems.clear();
+    return whole.dump(-1, ' ', false, TCliJson::error_handler_t::replace);
+}
+
+void CliSetJsonOutput(bool json)
+{
+    Report().m_bJson = json;
+}
+
+void CliWarn(const std::string& text)
+{
+    SCliReport& report = Report();
+    std::lock_guard<std::mutex> lock(report.m_oLock);
+    if (report.m_bJson)
+        report.m_asWarnings.push_back(text);
+    else
+        std::cerr << "tarvik: warning: " << text << std::endl;
+}
+
+void CliProblem(const std::string& text)
+{
+    SCliReport& report = Report();
+    std::lock_guard<std::mutex> lock(report.m_oLock);
+    if (report.m_bJson)
+        report.m_asProblems.push_back(text);
+    else
+        std::cerr << "tarvik: " << text << std::endl;
+}
+
+void CliMarkSimulated()
+{
+    SCliReport& report = Report();
+    std::lock_guard<std::mutex> lock(report.m_oLock);
+    if (!report.m_bJson && !report.m_bSimulated)
+        std::cerr << "tarvik: the answers come from the built-in simulator (--sim), not from a gateway" << std::endl;
+    report.m_bSimulated = true;
+}
+
+void CliFlushWarnings()
+{
+    {
+        SCliReport& report = Report();
+        std::lock_guard<std::mutex> lock(report.m_oLock);
+        if (!report.m_bJson || report.m_asWarnings.empty())
+            return;
+    }
+    std::cout << CliJsonLine(TCliJson::object()) << std::endl;
 }
 
 void CliPrint(const SCliGlobals& globals, const std::string& text, const TCliJson& json)

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cstddef>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -35,13 +36,38 @@ long CliParseSigned(const std::string& text, const std::string& what);
 // the cause the tool found, if any, on a line of its own.
 void CliCheck(int result, const std::string& what, const std::string& cause = "");
 
+// The one way a file error reads: "tarvik: <path>: <why>", why being errno's text
+// ("No such file or directory").
+[[noreturn]] void CliFailFile(const std::string& path, int error);
+// Opens path for reading (in) or writing (out), or ends the command with CliFailFile; a
+// directory is refused at once rather than failing at the first read.
+void CliOpenRead(std::ifstream& in, const std::string& path, std::ios::openmode mode = std::ios::in);
+void CliOpenWrite(std::ofstream& out, const std::string& path, std::ios::openmode mode = std::ios::out);
+
 // JSON output: objects keep their keys in the order they were added.
 typedef nlohmann::ordered_json TCliJson;
 
-// One line of JSON; bytes that are not UTF-8 (a device's status text) become U+FFFD.
+// One line of JSON; bytes that are not UTF-8 (a device's status text) become U+FFFD. An
+// object also takes the warnings not yet printed ("warnings": [...]) and, when the answers
+// came from the built-in simulator, "simulated": true: every line on stdout is a whole
+// document of its own, and --json leaves stderr quiet.
 std::string CliJsonLine(const TCliJson& json);
 // Prints the JSON line with --json, the human-readable text otherwise.
 void CliPrint(const SCliGlobals& globals, const std::string& text, const TCliJson& json);
+
+// How the whole run reports, set once by main() before a command runs.
+void CliSetJsonOutput(bool json);
+// The one way the tool warns: "tarvik: warning: <text>" on stderr, or with --json an entry
+// of "warnings" in the next JSON line. Safe from any thread.
+void CliWarn(const std::string& text);
+// One of the problems behind a failure that follows (a line of a refused image):
+// "tarvik: <text>" on stderr, or with --json an entry of "problems" in the error object.
+void CliProblem(const std::string& text);
+// Says once on stderr that the answers come from the built-in simulator (with --json every
+// object carries "simulated": true instead).
+void CliMarkSimulated();
+// With --json, the warnings that no JSON line took, as one last line {"warnings": [...]}.
+void CliFlushWarnings();
 
 // An error as one JSON object: {"error":..., "code":"0x030000", "cause":..., "exit":1};
 // code and cause only when there is one.

@@ -161,7 +161,13 @@ CCliSession::~CCliSession() = default;
 void CCliSession::Open(CTarvikClient& client)
 {
     ETarvikDevice type = client.GetDeviceType();
-    bool simulated = m_oGlobals.m_bSim || m_oGlobals.m_sHost.empty();
+    bool simulated = m_oGlobals.m_bSim;
+    if (!simulated && m_oGlobals.m_sHost.empty())
+        CliFail("no gateway named: give --host HOST[:PORT] (-H), set TARVIK_HOST=HOST[:PORT], "
+                "or --sim for the simulator built into tarvik",
+                eCliExitUsage);
+    if (simulated)
+        CliMarkSimulated();
     std::string host = kSimHost;
     unsigned short port = 0;
     if (simulated)

@@ -1,7 +1,9 @@
 // The gateway connection of one command. A command makes a client of the device type
-// it needs and hands it to Open(), which connects it to the gateway at --host (a port
-// there or --port, else the one of --port-index), or, with --sim or without --host, to
-// a simulator that this process starts on a free loopback port; with --trace every
+// it needs and hands it to Open(), which connects it to the gateway at --host or
+// TARVIK_HOST (a port there or --port, else the one of --port-index), or, with --sim, to
+// a simulator that this process starts on a free loopback port. With neither the command
+// ends (exit 2): a user who forgot --host must not get a simulator's answers as if they
+// came from the gateway. With --trace every
 // telegram is printed on stderr. A failure ends the command with the library's code
 // and text and, where the tool can tell, the cause: a host that does not resolve, a
 // refused connection, a gateway that does not answer.
@@ -43,7 +45,7 @@ public:
 private:
     // Starts the simulator with a device of type; returns its port.
     unsigned short StartSimulator(ETarvikDevice type);
-    // The gateway's host (from --host) and port (--host, --port or --port-index).
+    // The gateway's host (from --host or TARVIK_HOST) and port (--host, --port or --port-index).
     unsigned short GatewayPort(ETarvikDevice type, std::string& host) const;
     // What the tool can find out about a failed connect; empty if nothing.
     std::string ConnectCause(int result, const std::string& host, unsigned short port) const;

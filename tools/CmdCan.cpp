@@ -472,11 +472,7 @@ void RunDump(const SCliGlobals& globals, const SCanOptions& options)
 {
     std::ofstream file;
     if (!options.m_sOutput.empty())
-    {
-        file.open(options.m_sOutput, std::ios::out | std::ios::trunc);
-        if (!file)
-            CliFail("cannot write " + options.m_sOutput);
-    }
+        CliOpenWrite(file, options.m_sOutput, std::ios::trunc);
     std::ostream& out = file.is_open() ? static_cast<std::ostream&>(file) : std::cout;
     CCliHandoff<SReceived> sink(kDumpBacklog);
     g_pDump = &sink;
@@ -520,7 +516,7 @@ void RunDump(const SCliGlobals& globals, const SCanOptions& options)
     can.Client().StopConnection();
     g_pDump = nullptr;
     if (sink.GetLost() != 0)
-        std::fprintf(stderr, "tarvik can dump: %lu frames lost (output too slow)\n", sink.GetLost());
+        CliWarn("can dump: " + std::to_string(sink.GetLost()) + " frames lost (output too slow)");
 }
 
 // ---- play ----------------------------------------------------------------------
@@ -533,9 +529,8 @@ struct SLogged
 
 std::vector<SLogged> ReadLog(const std::string& path)
 {
-    std::ifstream in(path);
-    if (!in)
-        CliFail("cannot read " + path);
+    std::ifstream in;
+    CliOpenRead(in, path);
     std::vector<SLogged> frames;
     std::string line;
     unsigned long number = 0;

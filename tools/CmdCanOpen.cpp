@@ -237,15 +237,14 @@ void RunSdoReadBlock(const SCliGlobals& globals, const SCanOpenOptions& options)
                                    static_cast<unsigned short>(options.m_nSdoTimeout), status, data),
              "SDO block read " + Where(options));
     if (status != 0)
-        std::fprintf(stderr, "tarvik: SDO block read status %u\n", static_cast<unsigned int>(status));
+        CliWarn("SDO block read status " + std::to_string(status));
     CliPrintRead(globals, 0, data, options.m_sOutput);
 }
 
 void RunSdoWriteBlock(const SCliGlobals& globals, const SCanOpenOptions& options)
 {
-    std::ifstream in(options.m_sFile, std::ios::binary);
-    if (!in)
-        CliFail("cannot read " + options.m_sFile);
+    std::ifstream in;
+    CliOpenRead(in, options.m_sFile, std::ios::binary);
     std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (data.size() > kMaxBlock)
         CliFail(options.m_sFile + ": more than " + std::to_string(kMaxBlock) + " bytes", eCliExitUsage);

@@ -1,5 +1,6 @@
 // Commands that every gateway understands: info, status, restart, digital, analog, ping.
 #include "CliFormat.h"
+#include "CliInterrupt.h"
 #include "CliSession.h"
 #include "TarvikCli.h"
 
@@ -220,23 +221,28 @@ void PrintPing(const SCliGlobals& globals, const CCliSession& session, unsigned 
 
 // Round trips of Info, the one request every device answers without side effects. A
 // request without an answer in time counts as lost and the next one goes out; any
-// other failure ends the command. Exit code 1 when every request was lost.
+// other failure ends the command. Ctrl-C or SIGTERM ends it early, with the summary of
+// what was sent until then. Exit code 1 when every request was lost.
 void RunPing(const SCliGlobals& globals, const SDeviceOptions& options)
 {
     CCliSession session(globals);
     auto client = OpenClient(session, globals, options);
+    CCliInterrupt interrupt;
     std::vector<double> times;
-    for (unsigned int i = 0; i < options.m_nCount; ++i)
+    unsigned int sent = 0;
+    for (; sent < options.m_nCount && !CCliInterrupt::IsRaised(); ++sent)
     {
         auto start = std::chrono::steady_clock::now();
         int result = client->Info(nullptr);
         std::chrono::duration<double, std::micro> took = std::chrono::steady_clock::now() - start;
         if (result == TARVIK_ERR_TIMEOUT)
             continue;
-        session.Check(result, "ping " + std::to_string(i + 1));
+        if (result != 0 && CCliInterrupt::IsRaised())
+            break; // the signal cut the request short: it counts as not sent
+        session.Check(result, "ping " + std::to_string(sent + 1));
         times.push_back(took.count());
     }
-    PrintPing(globals, session, options.m_nCount, times);
+    PrintPing(globals, session, sent, times);
     if (times.empty())
         session.Check(TARVIK_ERR_TIMEOUT, "ping: every request lost");
 }

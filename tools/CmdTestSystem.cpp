@@ -94,8 +94,10 @@ void CountUpload(const STarvikTrace& trace, void* user)
 void RunInstall(const SCliGlobals& globals, const STestSysOptions& options)
 {
     struct stat info;
-    if (stat(options.m_sFile.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
-        CliFail("install: cannot read " + options.m_sFile + ": " + std::strerror(errno));
+    if (stat(options.m_sFile.c_str(), &info) != 0)
+        CliFailFile(options.m_sFile, errno);
+    if (!S_ISREG(info.st_mode))
+        CliFailFile(options.m_sFile, S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
     CCliSession session(globals);
     CTarvikClientTestSystemCOM client(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(client);

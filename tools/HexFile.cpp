@@ -133,7 +133,7 @@ public:
     {
         CSignalBlock block;
         if (std::rename(m_sPath.c_str(), target.c_str()) != 0)
-            CliFail("cannot write " + target + ": " + std::strerror(errno));
+            CliFailFile(target, errno);
         m_sPath.clear();
         Unregister();
     }
@@ -190,7 +190,11 @@ public:
     explicit CInputFile(const std::string& file) : m_sPath(file), m_sDisplay(file)
     {
         if (file != "-")
+        {
+            std::ifstream probe; // a missing file or a directory fails here, saying why
+            CliOpenRead(probe, file, std::ios::binary);
             return;
+        }
         m_pCopy.reset(new CTempFile(TempDirectory(), "tarvik-stdin", "cannot keep standard input in " + TempDirectory()));
         m_sPath = m_pCopy->Path();
         m_sDisplay = "<stdin>";
@@ -219,13 +223,13 @@ std::string CleanText(const std::string& text)
 
 void Warn(const std::string& text)
 {
-    std::cerr << "tarvik: warning: " << text << "\n";
+    CliWarn(text);
 }
 
 // One problem of an image that is refused; the summary that follows ends the command.
 void ReportProblem(const std::string& text)
 {
-    std::cerr << "tarvik: " << text << "\n";
+    CliProblem(text);
 }
 } // namespace
 
@@ -511,7 +515,7 @@ void HexSave(CTarvikHexfile& image, const std::string& file, const std::string& 
         return;
     }
     if (chmod(temp.Path().c_str(), ModeFor(file)) != 0)
-        CliFail("cannot write " + file + ": " + std::strerror(errno));
+        CliFailFile(file, errno);
     temp.RenameTo(file);
 }
 

@@ -11,11 +11,11 @@
 // Options that every command understands.
 struct SCliGlobals
 {
-    std::string m_sHost;  // empty: run against the embedded simulator; may carry ":port"
+    std::string m_sHost;  // --host, else TARVIK_HOST; may carry ":port"; empty: --sim needed
     int m_nPortIndex = 0; // port = 4999 + device type + 100 x index
     int m_nPort = 0;      // --port: this TCP port instead of the one of the index
     unsigned int m_nTimeoutMs = 1000;
-    bool m_bSim = false;   // --sim: embedded simulator even if a host is given
+    bool m_bSim = false;   // --sim: the simulator inside the process, even if a host is given
     bool m_bTrace = false; // --trace: print every telegram
     bool m_bJson = false;  // --json: machine-readable output, errors included
 };

@@ -11,6 +11,8 @@
 #include <ios>
 #include <exception>
 #include <iostream>
+#include <new>
+#include <system_error>
 
 namespace
 {
@@ -34,8 +36,7 @@ bool WantsJson(int argc, char** argv)
 
 void AddGlobalOptions(CLI::App& app, SCliGlobals& globals)
 {
-    app.add_option("-H,--host", globals.m_sHost,
-                   "Gateway as HOST, HOST:PORT or [IPv6]:PORT (default: embedded simulator)");
+    app.add_option("-H,--host", globals.m_sHost, "Gateway as HOST, HOST:PORT or [IPv6]:PORT")->envname("TARVIK_HOST");
     app.add_option("-p,--port", globals.m_nPort, "TCP port of the gateway (default: from the port index)")
         ->check(CLI::Range(1, 65535));
     app.add_option("-P,--port-index", globals.m_nPortIndex, "Port index of the gateway: port 4999 + type + 100 x index")
@@ -44,7 +45,8 @@ void AddGlobalOptions(CLI::App& app, SCliGlobals& globals)
     app.add_option("-t,--timeout", globals.m_nTimeoutMs, "Time-out in milliseconds")
         ->capture_default_str()
         ->check(CLI::Range(1u, 3600000u));
-    app.add_flag("--sim", globals.m_bSim, "Start the simulator inside this process and talk to it");
+    app.add_flag("--sim", globals.m_bSim,
+                 "Talk to a simulator started inside this process instead of a gateway (each run has its own)");
     app.add_flag("--trace", globals.m_bTrace, "Print every telegram sent and received (on stderr)");
     app.add_flag("-j,--json", globals.m_bJson, "Print results and errors as JSON, one object per line on stdout");
     for (CLI::Option* option : app.get_options())
@@ -148,12 +150,23 @@ int ReportCommandError(CLI::App& app, const CCliError& error, bool json)
     CliReportError(error, json, help);
     return error.GetExitCode();
 }
+// A library or runtime exception that no command turned into its own message: its text
+// ("basic_filebuf::underflow ...") means nothing to a user, its cause may.
+std::string UnexpectedMessage(const std::exception& error)
+{
+    if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr)
+        return "out of memory";
+    if (const auto* system = dynamic_cast<const std::system_error*>(&error))
+        return "a system call failed: " + system->code().message();
+    return "the command failed unexpectedly; please report how to repeat it";
+}
 } // namespace
 
 int main(int argc, char** argv)
 {
     CLI::App app{"tarvik: drive Tarvik network gateways from the command line.\n"
-                 "Without --host every command runs against a simulator inside the process.",
+                 "A device command needs a gateway (--host or TARVIK_HOST) or --sim for the simulator\n"
+                 "built into tarvik.",
                  kProgram};
     app.require_subcommand(1);
     // Global options may also follow the command: "tarvik spi xfer 9F+3 --trace".
@@ -178,6 +191,7 @@ int main(int argc, char** argv)
     ShowGlobalsInHelp(app, app);
 
     bool json = WantsJson(argc, argv);
+    CliSetJsonOutput(json);
     try
     {
         app.parse(argc, argv);
@@ -199,8 +213,9 @@ int main(int argc, char** argv)
     }
     catch (const std::exception& e)
     {
-        CliReportError(CCliError(e.what(), eCliExitFailure), json, "");
+        CliReportError(CCliError(UnexpectedMessage(e), eCliExitFailure), json, "");
         return eCliExitFailure;
     }
+    CliFlushWarnings();
     return 0;
 }

@@ -19,6 +19,7 @@ namespace tarvik_test
 {
 const char* const kCliTarvik = TARVIK_BINARY_DIR "/tools/tarvik";
 const char* const kCliSim = TARVIK_BINARY_DIR "/sim/tarvik-sim";
+const std::string kCliSimNote = "tarvik: the answers come from the built-in simulator (--sim), not from a gateway\n";
 
 namespace
 {

@@ -14,6 +14,8 @@ namespace tarvik_test
 {
 extern const char* const kCliTarvik;
 extern const char* const kCliSim;
+// The line on stderr of a tarvik run with --sim.
+extern const std::string kCliSimNote;
 
 std::string CliReadFile(const std::string& path);
 
