@@ -282,7 +282,7 @@ TEST_F(SimCan, SdoTransfersActOnTheObjectDictionary)
         {kSdoWriteBlock, "02 00 21 00 F4 01 01 02 03", "00 00 03 00 00 00"},
         {kSdoReadBlock, "02 00 21 00 F4 01", "00 00 01 02 03"},
         {kSdoWriteBlock, "02 01 20 00 F4 01 01 02 03", "FD 80 10 00 07 06"},
-        {kSdoRead, "03 01 20 00 F4 01", "00 00 00 00 00 00"},
+        {kSdoRead, "03 01 20 00 F4 01", "00 00 00 00"},
     };
     for (const SRow& row : rows)
         EXPECT_EQ(row.m_pAnswer, m_oA.Ask(row.m_nCmd, row.m_pData)) << std::hex << row.m_nCmd << " " << row.m_pData;

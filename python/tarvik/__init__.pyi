@@ -15,6 +15,15 @@ class TarvikError(Exception):
     message: str
     def __init__(self, code: int, message: str) -> None: ...
 
+class SdoAbortError(TarvikError):
+    """A CANopen node aborted an SDO transfer: `abort_code` is its 32-bit SDO abort code,
+    `abort_text` the code's standard meaning (0x06020000: "object does not exist"), `node`
+    the node; `code` is the gateway's result (0x0002FD)."""
+    abort_code: int
+    abort_text: str
+    node: int
+    def __init__(self, code: int, message: str, abort_code: int, abort_text: str, node: int) -> None: ...
+
 def error_message(code: int) -> str:
     """The library's text for a result code."""
 
@@ -108,13 +117,20 @@ class CAN(_Client):
     def sync(self) -> None: ...
     def time(self, days: int, milliseconds: int) -> None: ...
     def pdo(self, selector1: int, selector2: int, data: bytes) -> None: ...
-    def sdo_read(self, node: int, index: int, subindex: int, timeout_ms: int = 1000) -> Tuple[int, int]: ...
+    def sdo_read(self, node: int, index: int, subindex: int, timeout_ms: int = 1000) -> int:
+        """The value's bytes as received, read as an unsigned little-endian number.
+        SdoAbortError when the node aborts; TarvikError 0x0002FC naming the node when it
+        does not answer, 0x0002FE when CANopen mode is off."""
+    def sdo_read_sized(self, node: int, index: int, subindex: int, timeout_ms: int = 1000) -> Tuple[int, int]:
+        """As sdo_read: (value, number of bytes received)."""
     def sdo_write(self, node: int, index: int, subindex: int, value: int, size: int = 4,
-                  timeout_ms: int = 1000) -> Tuple[int, int]: ...
-    def sdo_read_block(self, node: int, index: int, subindex: int, timeout_ms: int = 1000,
-                       buffer_size: int = 1024) -> Tuple[int, bytes]: ...
+                  timeout_ms: int = 1000) -> None:
+        """Writes size (1..4) bytes; ValueError for a value that does not fit. SdoAbortError when the node aborts."""
+    def sdo_read_block(self, node: int, index: int, subindex: int, timeout_ms: int = 1000) -> bytes:
+        """Every byte of the object. SdoAbortError when the node aborts."""
     def sdo_write_block(self, node: int, index: int, subindex: int, data: bytes,
-                        timeout_ms: int = 1000) -> Tuple[int, int]: ...
+                        timeout_ms: int = 1000) -> None:
+        """SdoAbortError when the node aborts."""
 
 class SPI(_Client):
     """An SPI gateway: bus settings, full-duplex transfers, sequences."""
