@@ -157,8 +157,8 @@ TEST_F(CliCan, SdoValuesAndFailuresSayWhatHappened)
     SCliRun off = Run(0, {"canopen", "sdo-read", "2", "0x1000", "0"});
     EXPECT_EQ(1, off.m_nExit);
     EXPECT_NE(std::string::npos, off.m_sErr.find("CANopen mode is off on this gateway")) << off.m_sErr;
-    EXPECT_NE(std::string::npos, off.m_sErr.find(" --port " + std::to_string(m_oServer.GetPort(eTarvikCAN, 0)) +
-                                                 " canopen mode on"))
+    EXPECT_NE(std::string::npos,
+              off.m_sErr.find(" --port " + std::to_string(m_oServer.GetPort(eTarvikCAN, 0)) + " canopen mode on"))
         << off.m_sErr;
 
     ASSERT_EQ(0, Run(0, {"canopen", "mode", "on"}).m_nExit);

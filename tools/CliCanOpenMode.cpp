@@ -36,8 +36,8 @@ std::string CliCanOpenModeHint(const SCliGlobals& globals)
     return hint;
 }
 
-void CliCheckCanOpen(const SCliGlobals& globals, int result, const std::string& what, int node,
-                     unsigned int abortCode, unsigned int sdoTimeoutMs)
+void CliCheckCanOpen(const SCliGlobals& globals, int result, const std::string& what, int node, unsigned int abortCode,
+                     unsigned int sdoTimeoutMs)
 {
     if (result == kResultModeOff)
         throw CCliError(what + ": CANopen mode is off on this gateway", eCliExitFailure, result,
@@ -46,7 +46,7 @@ void CliCheckCanOpen(const SCliGlobals& globals, int result, const std::string& 
     {
         std::string cause = "no node " + std::to_string(node) + " on the bus, or it is stopped or unpowered";
         if (sdoTimeoutMs != 0)
-            cause += "; the gateway waited " + std::to_string(sdoTimeoutMs) + " ms (--sdo-timeout)";
+            cause += "; the gateway's time limit was " + std::to_string(sdoTimeoutMs) + " ms (--sdo-timeout)";
         throw CCliError(what + ": node " + std::to_string(node) + " does not answer", eCliExitFailure, result, cause);
     }
     if (result == kResultAborted && abortCode != 0)

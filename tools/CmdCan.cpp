@@ -579,8 +579,10 @@ std::vector<SLogged> ReadLog(const std::string& path)
             CliFail(path + ":" + std::to_string(number) + ": " + error, eCliExitUsage);
     }
     if (errorFrames != 0)
-        std::fprintf(stderr, "tarvik can play: %s: skipped %lu error frame%s (first at line %lu): a gateway does not send them\n",
-                     path.c_str(), errorFrames, errorFrames == 1 ? "" : "s", firstErrorFrame);
+        std::fprintf(
+            stderr,
+            "tarvik can play: %s: skipped %lu error frame%s (first at line %lu): a gateway does not send them\n",
+            path.c_str(), errorFrames, errorFrames == 1 ? "" : "s", firstErrorFrame);
     return frames;
 }
 

@@ -86,8 +86,7 @@ public:
     // An SDO transfer's result: the node and its abort code name what went wrong.
     void CheckSdo(int result, const std::string& what, const SCanOpenOptions& options, unsigned int abortCode)
     {
-        CliCheckCanOpen(m_oGlobals, result, what, static_cast<int>(options.m_nNode), abortCode,
-                        options.m_nSdoTimeout);
+        CliCheckCanOpen(m_oGlobals, result, what, static_cast<int>(options.m_nNode), abortCode, options.m_nSdoTimeout);
         m_oSession.Check(result, what);
     }
 
@@ -237,8 +236,8 @@ void RunSdoReadBlock(const SCliGlobals& globals, const SCanOpenOptions& options)
     unsigned char status = 0;
     unsigned int abortCode = 0;
     std::string data;
-    int result = co.Client().CANopenSDOReadBlockData(Node(options), Index(options), Sub(options),
-                                                     SdoTimeout(options), status, data, abortCode);
+    int result = co.Client().CANopenSDOReadBlockData(Node(options), Index(options), Sub(options), SdoTimeout(options),
+                                                     status, data, abortCode);
     co.CheckSdo(result, "SDO block read " + Where(options), options, abortCode);
     if (status != 0)
         std::fprintf(stderr, "tarvik: SDO block read status %u\n", static_cast<unsigned int>(status));
@@ -256,8 +255,8 @@ void RunSdoWriteBlock(const SCliGlobals& globals, const SCanOpenOptions& options
     CCliCanOpen co(globals);
     CTarvikClientCAN::SSDOValue sdo{};
     const std::string what = "SDO block write " + Where(options);
-    int result = co.Client().CANopenSDOWriteBlockValue(Node(options), Index(options), Sub(options),
-                                                       SdoTimeout(options), static_cast<unsigned short>(data.size()),
+    int result = co.Client().CANopenSDOWriteBlockValue(Node(options), Index(options), Sub(options), SdoTimeout(options),
+                                                       static_cast<unsigned short>(data.size()),
                                                        reinterpret_cast<const unsigned char*>(data.data()), sdo);
     co.CheckSdo(result, what, options, sdo.nAbortCode);
     PrintSdo(globals, what + " (" + std::to_string(data.size()) + " bytes)", options, sdo);

@@ -539,7 +539,8 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             },
             "(p1, p2, p3)")
         .def("write", &Write, "id"_a, "data"_a = py::bytes(), "flags"_a = 0,
-             "Sends one frame (flags: 0x01 extended id, 0x02 remote, 0x08 FD). Returns (seconds, microseconds): "
+             "Sends one frame (flags: 0x01 extended id, 0x02 remote, 0x08 FD); a remote frame's data are as "
+             "many (unused) bytes as it requests. Returns (seconds, microseconds): "
              "the gateway's time of transmission when send_confirm is set, else the local time of sending.")
         .def("set_cyclic_message", &SetCyclic, "index"_a, "enable"_a, "interval_ms"_a = 0, "id"_a = 0,
              "data"_a = py::bytes(), "flags"_a = 0,
@@ -553,7 +554,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             "disables them.")
         .def("get_message", &GetMessage, "timeout"_a = py::none(),
              "The oldest queued frame as (id, data, flags, seconds, microseconds), waiting up to timeout "
-             "seconds (None: no wait), or None.")
+             "seconds (None: no wait), or None. A remote frame's data length is its requested length.")
         .def("get_pdo", &GetPDO, "timeout"_a = py::none(), "(selector1, selector2, data) or None")
         .def("get_sync", &GetSYNC, "timeout"_a = py::none(), "The SYNC value or None")
         .def("get_emcy", &GetEMCY, "timeout"_a = py::none(), "(node, error_code, error_register, data) or None")

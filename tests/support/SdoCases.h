@@ -9,8 +9,8 @@ namespace tarvik_test
 struct SSdoCase
 {
     const char* m_pName;
-    unsigned short m_nIndex;   // an entry of the simulated node 2, written first when m_nSize != 0
-    unsigned char m_nSize;     // value bytes on the wire; 0: the node aborts
+    unsigned short m_nIndex; // an entry of the simulated node 2, written first when m_nSize != 0
+    unsigned char m_nSize;   // value bytes on the wire; 0: the node aborts
     unsigned int m_nValue;
     const char* m_pValueBytes; // the value bytes of the gateway's answer
     unsigned int m_nAbortCode;
