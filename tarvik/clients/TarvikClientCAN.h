@@ -162,7 +162,7 @@ public:
     // holds the status byte, the value bytes as an unsigned little-endian number and
     // their count; on a failure whose answer carries the node's abort (status 0x80 and
     // 32 bits), nAbortCode. A successful answer without a status byte or with more than
-    // four value bytes gives 0x0C0000. The node that does not answer gives 0x0002FC,
+    // four value bytes gives 0x0C0000. A node that does not answer gives 0x0002FC,
     // CANopen mode off 0x0002FE, as the services above.
     int CANopenSDOReadValue(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
                             unsigned short nTimeout, SSDOValue& value);

@@ -132,7 +132,8 @@ TARVIK_API int CANopenSendSDOWriteBlock(int handle, unsigned char node, unsigned
                                         unsigned char subIndex, unsigned short timeout, const unsigned char* data,
                                         int len, unsigned char* status, unsigned int* value);
 /* The expedited SDO transfers with the value as it came (beside the two above, which
- * keep their signed sum). Every non-null output is written whatever the result: on
+ * keep their signed sum). Every non-null output is written whatever the gateway
+ * answered (not for 0x900000 and 0x910000, which reach no gateway): on
  * success *status, *value = the value bytes as an unsigned little-endian number and
  * *size = their count (0..4), *abortCode = 0; on a failure *abortCode = the node's SDO
  * abort code when the gateway's answer carries it (0x0002FD "CANOpen NACK"), else 0,
