@@ -161,6 +161,10 @@ TEST_F(CliCan, SdoValuesAndFailuresSayWhatHappened)
               off.m_sErr.find(" --port " + std::to_string(m_oServer.GetPort(eTarvikCAN, 0)) + " canopen mode on"))
         << off.m_sErr;
 
+    SCliRun events = Run(0, {"canopen", "events", "--duration", "0.1"});
+    EXPECT_EQ(0, events.m_nExit);
+    EXPECT_NE(std::string::npos, events.m_sErr.find("CANopen mode is off, so no events will come")) << events.m_sErr;
+
     ASSERT_EQ(0, Run(0, {"canopen", "mode", "on"}).m_nExit);
     for (const SSdoCase& c : kSdoCases)
     {

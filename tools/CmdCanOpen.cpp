@@ -309,6 +309,12 @@ std::string EventText(const TCliJson& event)
 void RunEvents(const SCliGlobals& globals, const SCanOpenOptions& options)
 {
     CCliCanOpen co(globals, true);
+    // The gateway reports CANopen events only in CANopen mode: without it the watch stays empty.
+    unsigned char mode = 0;
+    co.Check(co.Client().CANopenGetConfig(mode), "get CANopen mode");
+    if (mode == 0)
+        std::fprintf(stderr, "tarvik canopen events: CANopen mode is off, so no events will come; %s\n",
+                     CliCanOpenModeHint(globals).c_str());
     auto started = std::chrono::steady_clock::now();
     auto deadline = started + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                   std::chrono::duration<double>(options.m_dDuration > 0 ? options.m_dDuration : 1e9));
