@@ -191,6 +191,9 @@ TEST_F(CliCan, SdoValuesAndFailuresSayWhatHappened)
                           c.m_pAbortText);
             EXPECT_EQ(1, json.m_nExit) << c.m_pName;
             EXPECT_NE(std::string::npos, json.m_sOut.find(abort)) << c.m_pName << CliDescribe(json);
+            std::snprintf(abort, sizeof(abort), "\"abort_code\":\"0x%08X\",\"abort_text\":\"%s\"", c.m_nAbortCode,
+                          c.m_pAbortText);
+            EXPECT_NE(std::string::npos, json.m_sOut.find(abort)) << c.m_pName << CliDescribe(json);
         }
     }
     SCliRun text = Run(0, {"canopen", "sdo-read", "2", "0x2002", "0"});

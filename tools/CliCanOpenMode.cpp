@@ -50,7 +50,12 @@ void CliCheckCanOpen(const SCliGlobals& globals, int result, const std::string& 
         throw CCliError(what + ": node " + std::to_string(node) + " does not answer", eCliExitFailure, result, cause);
     }
     if (result == kResultAborted && abortCode != 0)
+    {
+        const std::string text = CTarvikClientCAN::GetSDOAbortText(abortCode);
         throw CCliError(what + ": node " + std::to_string(node) + " aborted the transfer with " + CliHex(abortCode, 8) +
-                            ": " + CTarvikClientCAN::GetSDOAbortText(abortCode),
-                        eCliExitFailure, result);
+                            ": " + text,
+                        eCliExitFailure, result)
+            .With("abort_code", CliHex(abortCode, 8))
+            .With("abort_text", text);
+    }
 }
