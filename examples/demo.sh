@@ -121,6 +121,10 @@ step "${can0[@]}" canopen mode on
 step "${can0[@]}" canopen sdo-read 2 0x1018 1
 step "${can0[@]}" canopen sdo-write 2 0x2001 0 0x1234 --size 2
 step "${can0[@]}" canopen sdo-read 2 0x2001 0
+# A value with the high bit set comes back as it was written, and a node's abort says why.
+step "${can0[@]}" canopen sdo-write 2 0x2002 0 0x80808080
+step "${can0[@]}" canopen sdo-read 2 0x2002 0
+step "${can0[@]}" canopen sdo-read 2 0x3000 0 || true
 kill "$can_pid" 2>/dev/null || true
 wait "$can_pid" 2>/dev/null || true
 

@@ -105,6 +105,9 @@ unsigned int CTarvikSimCanOpenNode::SdoRead(unsigned short index, unsigned char 
     std::lock_guard<std::mutex> lock(m_oMutex);
     if (!m_bPowered || m_eState == eStateStopped)
         return eSdoNoAnswer;
+    unsigned int forced = ForcedAbort(index, sub);
+    if (forced != eSdoOk)
+        return forced;
     const SEntry* entry = Find(index, sub);
     if (entry == nullptr)
         return HasIndex(index) ? eAbortNoSubIndex : eAbortNoObject;
@@ -128,6 +131,9 @@ unsigned int CTarvikSimCanOpenNode::SdoWrite(unsigned short index, unsigned char
     std::lock_guard<std::mutex> lock(m_oMutex);
     if (!m_bPowered || m_eState == eStateStopped)
         return eSdoNoAnswer;
+    unsigned int forced = ForcedAbort(index, sub);
+    if (forced != eSdoOk)
+        return forced;
     SEntry* entry = Find(index, sub);
     unsigned int abort = CheckWrite(entry, index, value.size());
     if (abort != eSdoOk)
@@ -136,6 +142,21 @@ unsigned int CTarvikSimCanOpenNode::SdoWrite(unsigned short index, unsigned char
     if (index == kIndexHeartbeat)
         ApplyHeartbeatTime();
     return eSdoOk;
+}
+
+void CTarvikSimCanOpenNode::SetSdoAbort(unsigned short index, unsigned char sub, unsigned int code)
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    if (code == eSdoOk)
+        m_anAborts.erase(static_cast<unsigned int>(index) << 8 | sub);
+    else
+        m_anAborts[static_cast<unsigned int>(index) << 8 | sub] = code;
+}
+
+unsigned int CTarvikSimCanOpenNode::ForcedAbort(unsigned short index, unsigned char sub) const
+{
+    auto it = m_anAborts.find(static_cast<unsigned int>(index) << 8 | sub);
+    return it != m_anAborts.end() ? it->second : static_cast<unsigned int>(eSdoOk);
 }
 
 bool CTarvikSimCanOpenNode::GetObject(unsigned short index, unsigned char sub, std::string& value) const

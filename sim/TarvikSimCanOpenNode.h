@@ -21,6 +21,7 @@
 #include "sim/TarvikSimCanStation.h"
 
 #include <atomic>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -83,6 +84,9 @@ public:
     unsigned int SdoRead(unsigned short index, unsigned char sub, std::string& value) const;
     // Writes an entry: a fixed-size entry takes exactly its size, the domain up to its capacity.
     unsigned int SdoWrite(unsigned short index, unsigned char sub, const std::string& value);
+    // For tests: every SDO transfer of index/sub is aborted with code from now on (0
+    // ends it), whether or not the entry exists.
+    void SetSdoAbort(unsigned short index, unsigned char sub, unsigned int code);
     // For tests: an entry's value whatever the state and access; false if there is none.
     bool GetObject(unsigned short index, unsigned char sub, std::string& value) const;
     // Sends an EMCY (0x080 + id: code, error register, 5 bytes) and keeps the error
@@ -109,6 +113,8 @@ private:
     SEntry* Find(unsigned short index, unsigned char sub);
     const SEntry* Find(unsigned short index, unsigned char sub) const;
     bool HasIndex(unsigned short index) const;
+    // The code SetSdoAbort set for index/sub, else eSdoOk (lock held).
+    unsigned int ForcedAbort(unsigned short index, unsigned char sub) const;
     unsigned int CheckWrite(const SEntry* entry, unsigned short index, size_t size) const;
     void OnNmt(unsigned char command, Frames& out);
     void Reset(bool wholeDictionary, Frames& out);
@@ -123,6 +129,8 @@ private:
     CTarvikSimCanBus& m_oBus;
     mutable std::mutex m_oMutex;
     std::vector<SEntry> m_aoEntries;
+    // Aborts set by SetSdoAbort: (index << 8 | sub) -> code.
+    std::map<unsigned int, unsigned int> m_anAborts;
     EState m_eState;
     std::atomic<bool> m_bPowered;
 };

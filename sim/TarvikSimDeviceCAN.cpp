@@ -479,9 +479,9 @@ std::string CTarvikSimDeviceCAN::OnSdoRead(const std::string& data, bool block)
     if (block || abort != CTarvikSimCanOpenNode::eSdoOk)
         return SdoAnswer(abort, value);
     // An expedited transfer carries at most four bytes; larger entries need a block read.
+    // The answer holds as many value bytes as the node sent (its size indication).
     if (value.size() > kExpeditedMax)
         return SdoAnswer(CTarvikSimCanOpenNode::eAbortLengthHigh, value);
-    value.resize(kExpeditedMax, '\0');
     return SdoAnswer(abort, value);
 }
 
@@ -494,7 +494,6 @@ std::string CTarvikSimDeviceCAN::OnSdoWrite(const std::string& data)
         return SdoAnswer(CTarvikSimCanOpenNode::eAbortLengthMismatch, std::string());
     std::string value = data.substr(7, size);
     unsigned int abort = NodeWrite(Byte(data, 0), LE16(data, 2), Byte(data, 4), value);
-    value.resize(kExpeditedMax, '\0');
     return SdoAnswer(abort, value);
 }
 

@@ -3,6 +3,7 @@
 // copy, and the two write modes.
 #include "support/ClientFixture.h"
 #include "support/FakeGateway.h"
+#include "support/SdoCases.h"
 
 #include "tarvik/clients/TarvikClientCAN.h"
 
@@ -109,6 +110,21 @@ TEST_F(CCANTest, EachCommandSendsItsExactRequest)
              return c.CANopenSendSDOWriteBlock(0x22, 0x1F50, 1, 1000, 3, data, u8, u32);
          },
          0x026B, "22 50 1F 01 E8 03 01 02 03"},
+        {"sdo read value: the same request",
+         [&](CTarvikClientCAN& c)
+         {
+             // The answer here is a result byte alone: no SDO value.
+             CTarvikClientCAN::SSDOValue v{};
+             return c.CANopenSDOReadValue(0x22, 0x1000, 1, 500, v) == TARVIK_ERR_CNF_INVALID ? 0 : -1;
+         },
+         0x0268, "22 00 10 01 F4 01"},
+        {"sdo write value: the same request",
+         [&](CTarvikClientCAN& c)
+         {
+             CTarvikClientCAN::SSDOValue v{};
+             return c.CANopenSDOWriteValue(0x22, 4, 0x2000, 2, 100, 0xDEADBEEF, v) == TARVIK_ERR_CNF_INVALID ? 0 : -1;
+         },
+         0x0269, "22 04 00 20 02 64 00 EF BE AD DE"},
         {"sdo write block: address alone",
          [&](CTarvikClientCAN& c) { return c.CANopenSendSDOWriteBlock(0x22, 0x1F50, 1, 1000, 0, nullptr, u8, u32); },
          0x026B, "22 50 1F 01 E8 03"},
@@ -294,6 +310,65 @@ TEST_F(CCANTest, SDOValueBytesAreSummedWithTheirSign)
             EXPECT_EQ(std::get<2>(c), transfer(*m_pClient, status, value)) << std::get<0>(c);
             EXPECT_EQ(std::get<3>(c), HexNumbers({status, value}, kSentinel)) << std::get<0>(c);
         }
+}
+
+// The ...Value services take the value bytes as they came, unsigned, with their count,
+// and the node's abort code from a failed answer; what is no SDO value is refused.
+TEST_F(CCANTest, SDOValuesComeAsReceivedWithTheNodesAbortCode)
+{
+    constexpr unsigned int kNoSentinel = 0xFFFFFFFE; // every output is printed as it is
+    typedef std::function<int(CTarvikClientCAN&, CTarvikClientCAN::SSDOValue&)> TTransfer;
+    const TTransfer transfers[] = {
+        [](CTarvikClientCAN& c, CTarvikClientCAN::SSDOValue& v) { return c.CANopenSDOReadValue(1, 2, 3, 1000, v); },
+        [](CTarvikClientCAN& c, CTarvikClientCAN::SSDOValue& v)
+        { return c.CANopenSDOWriteValue(1, 4, 2, 3, 1000, 0, v); },
+        [](CTarvikClientCAN& c, CTarvikClientCAN::SSDOValue& v)
+        { return c.CANopenSDOWriteBlockValue(1, 2, 3, 1000, 0, nullptr, v); },
+    };
+    // Answer payload; result; status size value abort code.
+    std::vector<std::tuple<std::string, std::string, int, std::string>> cases;
+    for (const SSdoCase& c : kSdoCases)
+        cases.emplace_back(c.m_pName,
+                           c.m_nSize != 0 ? "00 00 " + std::string(c.m_pValueBytes)
+                                          : "FD 80 " + ToHex(LE32(c.m_nAbortCode)),
+                           c.m_nSize != 0 ? 0 : 0x02FD, HexNumbers({0, c.m_nSize, c.m_nValue, c.m_nAbortCode}, kNoSentinel));
+    cases.insert(cases.end(), {
+                                  {"0x191 in four bytes", "00 00 91 01 00 00", 0, "0 4 191 0"},
+                                  {"a status and no value", "00 07", 0, "7 0 0 0"},
+                                  {"NACK without an abort code", "FD 05 01", 0x02FD, "0 0 0 0"},
+                                  {"abort code cut short", "FD 80 00 00 02", 0x02FD, "0 0 0 0"},
+                                  {"node silent", "FC", 0x02FC, "0 0 0 0"},
+                                  {"no status byte", "00", TARVIK_ERR_CNF_INVALID, "0 0 0 0"},
+                                  {"five value bytes", "00 00 01 02 03 04 05", TARVIK_ERR_CNF_INVALID, "0 0 0 0"},
+                              });
+    for (const TTransfer& transfer : transfers)
+        for (const auto& c : cases)
+        {
+            NewClient();
+            AnswerWith(Hex(std::get<1>(c)));
+            CTarvikClientCAN::SSDOValue v{0xEE, 0xEE, kSentinel, kSentinel};
+            EXPECT_EQ(std::get<2>(c), transfer(*m_pClient, v)) << std::get<0>(c);
+            EXPECT_EQ(std::get<3>(c), HexNumbers({v.nStatus, v.nSize, v.nValue, v.nAbortCode}, kNoSentinel)) << std::get<0>(c);
+        }
+
+    // The block read keeps every data byte after the status, and names an abort alike.
+    const std::tuple<const char*, int, std::string> blocks[] = {
+        {"00 07 01 02 03", 0, "7 0 | 01 02 03"},
+        {"FD 80 00 00 02 06", 0x02FD, "EE 6020000 | "},
+        {"00", TARVIK_ERR_CNF_INVALID, "EE 0 | "},
+    };
+    for (const auto& c : blocks)
+    {
+        NewClient();
+        AnswerWith(Hex(std::get<0>(c)));
+        unsigned char status = 0xEE;
+        unsigned int abortCode = kSentinel;
+        std::string data = "old";
+        EXPECT_EQ(std::get<1>(c), m_pClient->CANopenSDOReadBlockData(1, 2, 3, 1000, status, data, abortCode));
+        EXPECT_EQ(std::get<2>(c), HexNumbers({status, abortCode}, kNoSentinel) + " | " + ToHex(data)) << std::get<0>(c);
+    }
+    EXPECT_STREQ("object does not exist", CTarvikClientCAN::GetSDOAbortText(0x06020000));
+    EXPECT_STREQ("unknown abort code", CTarvikClientCAN::GetSDOAbortText(0x12345678));
 }
 
 // An SDO transfer waits twice its nTimeout, not once and not the client's own time-out

@@ -3,6 +3,7 @@
 // prints from the other in candump's layouts, "can play" replays a captured log, and
 // can-utils' log2asc reads the log as written.
 #include "support/CliProcess.h"
+#include "support/SdoCases.h"
 
 #include "sim/TarvikSimServer.h"
 
@@ -68,12 +69,12 @@ TEST_F(CliCan, SentFramesAreDumpedAndTheLogReplays)
 {
     const std::string log = m_sDir + "/bus.log";
     auto dump = StartDump({"-n", "3", "-L", "-o", log});
-    SCliRun send = Run(0, {"can", "send", "123#DEADBEEF", "12345678#R", "7FF##1AABB"});
+    SCliRun send = Run(0, {"can", "send", "123#DEADBEEF", "12345678#R5", "7FF##1AABB"});
     ASSERT_EQ(0, send.m_nExit) << CliDescribe(send);
     ASSERT_EQ(0, dump->Wait(20000)) << dump->Err();
     std::string text = CliReadFile(log);
     EXPECT_TRUE(std::regex_match(text, std::regex("\\(\\d{10}\\.\\d{6}\\) tarvik0 123#DEADBEEF\n"
-                                                  "\\(\\d{10}\\.\\d{6}\\) tarvik0 12345678#R\n"
+                                                  "\\(\\d{10}\\.\\d{6}\\) tarvik0 12345678#R5\n"
                                                   "\\(\\d{10}\\.\\d{6}\\) tarvik0 7FF##1AABB\n")))
         << text;
 
@@ -93,7 +94,7 @@ TEST_F(CliCan, SentFramesAreDumpedAndTheLogReplays)
     EXPECT_EQ("sent 3 frames\n", play.m_sOut);
     ASSERT_EQ(0, dump->Wait(20000)) << dump->Err();
     EXPECT_EQ("  tarvik0  123   [4]  DE AD BE EF\n"
-              "  tarvik0  12345678   [0]  remote request\n"
+              "  tarvik0  12345678   [5]  remote request\n"
               "  tarvik0  7FF  [02]  AA BB\n",
               dump->Out());
 }
@@ -127,8 +128,8 @@ TEST_F(CliCan, SettingsAndCanOpenServicesRoundTrip)
         {{"can", "cyclic", "200#AA", "--off", "--index", "2"}, 0, "cyclic 2: 200#AA off"},
         {{"canopen", "sdo-read", "2", "0x1000", "0"}, 1, ""},
         {{"canopen", "mode", "on"}, 0, "CANopen mode 1"},
-        {{"canopen", "sdo-write", "2", "0x2001", "0", "0x1234", "--size", "2"}, 0, "status 0"},
-        {{"canopen", "sdo-read", "2", "0x2001", "0"}, 0, "value 0x00001234 (4660)"},
+        {{"canopen", "sdo-write", "2", "0x2001", "0", "0x1234", "--size", "2"}, 0, "value 0x1234 (4660), 2 bytes"},
+        {{"canopen", "sdo-read", "2", "0x2001", "0"}, 0, "value 0x1234 (4660), 2 bytes"},
         {{"--json", "canopen", "sdo-read", "2", "0x1018", "4"}, 0, "\"status\":0"},
         {{"canopen", "nmt", "2", "start"}, 0, "NMT start sent to node 2"},
         {{"canopen", "sync"}, 0, "SYNC sent"},
@@ -147,4 +148,68 @@ TEST_F(CliCan, SettingsAndCanOpenServicesRoundTrip)
         EXPECT_EQ(step.m_nExit, run.m_nExit) << what;
         EXPECT_NE(std::string::npos, run.m_sOut.find(step.m_pOut)) << what;
     }
+}
+
+// The values as they came and each CANopen failure in its own words: the mode with the
+// command that switches it, the node that does not answer, the node's abort code.
+TEST_F(CliCan, SdoValuesAndFailuresSayWhatHappened)
+{
+    SCliRun off = Run(0, {"canopen", "sdo-read", "2", "0x1000", "0"});
+    EXPECT_EQ(1, off.m_nExit);
+    EXPECT_NE(std::string::npos, off.m_sErr.find("CANopen mode is off on this gateway")) << off.m_sErr;
+    EXPECT_NE(std::string::npos,
+              off.m_sErr.find(" --port " + std::to_string(m_oServer.GetPort(eTarvikCAN, 0)) + " canopen mode on"))
+        << off.m_sErr;
+
+    SCliRun events = Run(0, {"canopen", "events", "--duration", "0.1"});
+    EXPECT_EQ(0, events.m_nExit);
+    EXPECT_NE(std::string::npos, events.m_sErr.find("CANopen mode is off, so no events will come")) << events.m_sErr;
+
+    ASSERT_EQ(0, Run(0, {"canopen", "mode", "on"}).m_nExit);
+    for (const SSdoCase& c : kSdoCases)
+    {
+        char index[8];
+        std::snprintf(index, sizeof(index), "0x%04X", c.m_nIndex);
+        if (c.m_nSize != 0)
+        {
+            ASSERT_EQ(0, Run(0, {"canopen", "sdo-write", "2", index, "0", std::to_string(c.m_nValue), "--size",
+                                 std::to_string(c.m_nSize)})
+                             .m_nExit)
+                << c.m_pName;
+        }
+        SCliRun json = Run(0, {"--json", "canopen", "sdo-read", "2", index, "0"});
+        if (c.m_nSize != 0)
+        {
+            EXPECT_NE(std::string::npos, json.m_sOut.find("\"value\":" + std::to_string(c.m_nValue) +
+                                                          ",\"size\":" + std::to_string(c.m_nSize)))
+                << c.m_pName << CliDescribe(json);
+        }
+        else
+        {
+            char abort[160];
+            std::snprintf(abort, sizeof(abort), "node 2 aborted the transfer with 0x%08X: %s", c.m_nAbortCode,
+                          c.m_pAbortText);
+            EXPECT_EQ(1, json.m_nExit) << c.m_pName;
+            EXPECT_NE(std::string::npos, json.m_sOut.find(abort)) << c.m_pName << CliDescribe(json);
+            std::snprintf(abort, sizeof(abort), "\"abort_code\":\"0x%08X\",\"abort_text\":\"%s\"", c.m_nAbortCode,
+                          c.m_pAbortText);
+            EXPECT_NE(std::string::npos, json.m_sOut.find(abort)) << c.m_pName << CliDescribe(json);
+        }
+    }
+    SCliRun text = Run(0, {"canopen", "sdo-read", "2", "0x2002", "0"});
+    EXPECT_EQ("SDO read node 2 object 0x2002/0: value 0x80808080 (2155905152), 4 bytes\n", text.m_sOut);
+
+    SCliRun silent = Run(0, {"canopen", "sdo-read", "9", "0x1000", "0"});
+    EXPECT_EQ(1, silent.m_nExit);
+    EXPECT_NE(std::string::npos, silent.m_sErr.find("node 9 does not answer")) << silent.m_sErr;
+    EXPECT_EQ(std::string::npos, silent.m_sErr.find("block timeout")) << silent.m_sErr;
+
+    // The mode shows in the status; a dump says once that it hides the frames.
+    EXPECT_NE(std::string::npos, Run(0, {"can", "status"}).m_sOut.find("canopen  on (mode 1)"));
+    SCliRun dump = Run(0, {"can", "dump", "--duration", "0.2"});
+    EXPECT_EQ(0, dump.m_nExit) << CliDescribe(dump);
+    size_t at = dump.m_sErr.find("CANopen mode is on");
+    EXPECT_NE(std::string::npos, at) << dump.m_sErr;
+    EXPECT_EQ(std::string::npos, dump.m_sErr.find("CANopen mode is on", at + 1)) << dump.m_sErr;
+    EXPECT_NE(std::string::npos, dump.m_sErr.find("canopen mode off")) << dump.m_sErr;
 }

@@ -104,5 +104,18 @@ TEST(CliCanFrame, LogLinesRoundTripWithTheirTimeStamps)
     {
         EXPECT_FALSE(CliParseCanLogLine(bad, back, micros, name, error)) << bad;
         EXPECT_FALSE(error.empty()) << bad;
+        EXPECT_FALSE(CliCanLogLineIsErrorFrame(bad)) << bad;
     }
+    // Error frames as candump and python-can log them (the latter with its " R"): the
+    // reader refuses them, and the player knows them apart from broken lines.
+    for (const char* errorFrame : {"(17.1) can0 20000080#0000000000000000", "(17.1) tarvik:h:0 20000004#00 R"})
+    {
+        EXPECT_FALSE(CliParseCanLogLine(errorFrame, back, micros, name, error)) << errorFrame;
+        EXPECT_TRUE(CliCanLogLineIsErrorFrame(errorFrame)) << errorFrame;
+    }
+    EXPECT_FALSE(CliCanLogLineIsErrorFrame("(17.1) can0 1FFFFFFF#00"));
+    // python-can writes the channel and the direction after the frame.
+    ASSERT_TRUE(CliParseCanLogLine("(1700000000.500000) tarvik:127.0.0.1:1 404#R R", back, micros, name, error));
+    EXPECT_EQ("tarvik:127.0.0.1:1", name);
+    EXPECT_TRUE(back.m_bRemote);
 }

@@ -5,6 +5,7 @@
 // functions.
 #include "HexfileTestUtil.h"
 #include "support/FakeGateway.h"
+#include "support/SdoCases.h"
 
 #include "sim/TarvikSimServer.h"
 #include "tarvik/Tarvik.h"
@@ -114,6 +115,13 @@ std::vector<SCall> AllCalls()
          [](int h, SOutputs& o) { return CANopenSendSDORead(h, 2, 0x1000, 0, 50, &o.u8[0], &o.u32[0]); }},
         {eCAN, "CANopenSendSDOWrite",
          [](int h, SOutputs& o) { return CANopenSendSDOWrite(h, 2, 4, 0x2001, 0, 50, 7, &o.u8[0], &o.u32[0]); }},
+        {eCAN, "CANopenSDOReadValue",
+         [](int h, SOutputs& o)
+         { return CANopenSDOReadValue(h, 2, 0x1000, 0, 50, &o.u8[0], &o.u32[0], &o.u8[1], &o.u32[1]); }},
+        {eCAN, "CANopenSDOWriteValue",
+         [](int h, SOutputs& o) {
+             return CANopenSDOWriteValue(h, 2, 4, 0x2001, 0, 50, 7, &o.u8[0], &o.u32[0], &o.u8[1], &o.u32[1]);
+         }},
         {eCAN, "CANopenSendSDOReadBlock",
          [](int h, SOutputs& o) {
              return CANopenSendSDOReadBlock(h, 2, 0x2100, 0, 50, reinterpret_cast<unsigned char*>(o.buf), 16,
@@ -455,6 +463,14 @@ TEST_F(CCanAWireSimTest, AFrameWrittenOnOneHandleIsFetchedOnTheOther)
     EXPECT_EQ(0x1ABCDEF0, id);
     EXPECT_EQ(1, flags);
     EXPECT_EQ("DE AD BE EF EE", ToHex(data.substr(0, len + 1)));
+    // A remote frame's requested length travels as that many unused data bytes.
+    ASSERT_EQ(0, CANWrite(a, 0x124, std::string(5, '\0').data(), 5, 0x02, nullptr, nullptr));
+    ASSERT_TRUE(Eventually([&] {
+        return CANGetMessage(b, &id, &data[0], TARVIK_CAN_FRAME_DATA, &len, &flags, nullptr, nullptr) == 0;
+    }));
+    EXPECT_EQ(0x124, id);
+    EXPECT_EQ(0x02, flags);
+    EXPECT_EQ(5, len);
 
     // The callback receives the handle that CANDeviceOpen gave.
     ASSERT_EQ(0, CANSetCallbackEx(b, OnFrameSeen));
@@ -474,6 +490,39 @@ TEST_F(CCanAWireSimTest, AFrameWrittenOnOneHandleIsFetchedOnTheOther)
     ASSERT_EQ(0, CANopenSendSDORead(a, 2, 0x1018, 1, 500, &status, &value));
     EXPECT_EQ(0, status);
     EXPECT_EQ(0x54Au, value);
+
+    // The values as they came, with their size, and the node's abort code.
+    for (const SSdoCase& c : kSdoCases)
+    {
+        unsigned char size = 0xEE;
+        unsigned int abortCode = kSentinel;
+        if (c.m_nSize != 0)
+        {
+            ASSERT_EQ(0, CANopenSDOWriteValue(a, 2, c.m_nSize, c.m_nIndex, 0, 500, c.m_nValue, nullptr, nullptr,
+                                              nullptr, nullptr))
+                << c.m_pName;
+        }
+        value = kSentinel;
+        EXPECT_EQ(c.m_nSize != 0 ? 0 : 0x2FD, CANopenSDOReadValue(a, 2, c.m_nIndex, 0, 500, &status, &value, &size,
+                                                                  &abortCode))
+            << c.m_pName;
+        EXPECT_EQ(c.m_nValue, value) << c.m_pName;
+        EXPECT_EQ(c.m_nSize, size) << c.m_pName;
+        EXPECT_EQ(c.m_nAbortCode, abortCode) << c.m_pName;
+        char text[64] = "";
+        EXPECT_EQ(static_cast<int>(std::strlen(CTarvikClientCAN::GetSDOAbortText(abortCode))) + 1,
+                  CANopenSDOAbortText(abortCode, text, sizeof(text)));
+        if (c.m_nAbortCode != 0)
+        {
+            EXPECT_STREQ(c.m_pAbortText, text);
+        }
+    }
+    // The documented read keeps its signed sum beside it.
+    ASSERT_EQ(0, CANopenSendSDORead(a, 2, 0x2002, 0, 500, &status, &value));
+    EXPECT_EQ(0x7F7F7F80u, value);
+    char cut[7] = "";
+    EXPECT_EQ(22, CANopenSDOAbortText(0x06020000, cut, sizeof(cut)));
+    EXPECT_STREQ("object", cut);
     EXPECT_EQ(0, CANDeviceClose(a));
     EXPECT_EQ(0, CANDeviceClose(b));
     EXPECT_EQ(TARVIK_ERR_INVALID_HANDLE, CANDeviceClose(b));

@@ -282,10 +282,19 @@ TEST_F(SimCan, SdoTransfersActOnTheObjectDictionary)
         {kSdoWriteBlock, "02 00 21 00 F4 01 01 02 03", "00 00 03 00 00 00"},
         {kSdoReadBlock, "02 00 21 00 F4 01", "00 00 01 02 03"},
         {kSdoWriteBlock, "02 01 20 00 F4 01 01 02 03", "FD 80 10 00 07 06"},
-        {kSdoRead, "03 01 20 00 F4 01", "00 00 00 00 00 00"},
+        {kSdoRead, "03 01 20 00 F4 01", "00 00 00 00"},
     };
     for (const SRow& row : rows)
         EXPECT_EQ(row.m_pAnswer, m_oA.Ask(row.m_nCmd, row.m_pData)) << std::hex << row.m_nCmd << " " << row.m_pData;
+
+    // A node told to abort an entry does so with that code, or stays silent, until told 0.
+    CTarvikSimCanOpenNode& node = *m_pBus->GetNode(2);
+    node.SetSdoAbort(0x1000, 0, 0x08000022);
+    EXPECT_EQ("FD 80 22 00 00 08", m_oA.Ask(kSdoRead, "02 00 10 00 F4 01"));
+    node.SetSdoAbort(0x1000, 0, CTarvikSimCanOpenNode::eSdoNoAnswer);
+    EXPECT_EQ("FC", m_oA.Ask(kSdoWrite, "02 04 00 10 00 F4 01 00 00 00 00"));
+    node.SetSdoAbort(0x1000, 0, 0);
+    EXPECT_EQ("00 00 91 01 00 00", m_oA.Ask(kSdoRead, "02 00 10 00 F4 01"));
 }
 
 TEST_F(SimCan, BlockTransfersMoveTheWholeDomain)

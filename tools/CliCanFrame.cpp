@@ -11,6 +11,8 @@ constexpr unsigned int kMaxStandardId = 0x7FF;
 constexpr unsigned int kMaxExtendedId = 0x1FFFFFFF;
 constexpr size_t kStandardDigits = 3;
 constexpr size_t kExtendedDigits = 8;
+// Linux's CAN_ERR_FLAG: the identifier of an error frame carries it.
+constexpr unsigned int kErrorFrameFlag = 0x20000000;
 const char kHexDigits[] = "0123456789ABCDEF";
 
 int HexValue(char c)
@@ -216,4 +218,15 @@ bool CliParseCanLogLine(const std::string& line, SCliCanFrame& frame, int64_t& m
     interfaceName = name;
     microsecondsSinceEpoch = static_cast<int64_t>(seconds) * 1000000 + micros;
     return CliParseCanFrame(text, frame, error);
+}
+
+bool CliCanLogLineIsErrorFrame(const std::string& line)
+{
+    char text[256];
+    if (std::sscanf(line.c_str(), " (%*[^)]) %*s %255s", text) != 1)
+        return false;
+    const char* hash = std::strchr(text, '#');
+    unsigned int id = 0;
+    return hash != nullptr && static_cast<size_t>(hash - text) == kExtendedDigits &&
+           ParseHexNumber(std::string(text, kExtendedDigits), id) && (id & kErrorFrameFlag) != 0;
 }

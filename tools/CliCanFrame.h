@@ -44,4 +44,8 @@ std::string CliCanLogLine(const SCliCanFrame& frame, int64_t seconds, unsigned i
 bool CliParseCanLogLine(const std::string& line, SCliCanFrame& frame, int64_t& microsecondsSinceEpoch,
                         std::string& interfaceName, std::string& error);
 
+// Whether a log line holds an error frame (identifier with the error flag 0x20000000,
+// as candump and python-can log them): no frame that a gateway can send.
+bool CliCanLogLineIsErrorFrame(const std::string& line);
+
 #endif

@@ -248,6 +248,8 @@ TCliJson CliErrorJson(const CCliError& error)
         json["code"] = CliCode(error.GetCode());
     if (!error.GetCause().empty())
         json["cause"] = error.GetCause();
+    for (const auto& field : error.GetFields())
+        json[field.first] = field.second;
     json["exit"] = error.GetExitCode();
     return json;
 }

@@ -1,6 +1,7 @@
 // CAN gateway commands, in the conventions of Linux's can-utils where they overlap:
 // can config|filter|globals|zcard|status|clock|power|send|cyclic|dump|play.
 #include "CliCanFrame.h"
+#include "CliCanOpenMode.h"
 #include "CliFormat.h"
 #include "CliHandoff.h"
 #include "CliInterrupt.h"
@@ -346,6 +347,11 @@ void RunPower(const SCliGlobals& globals, const SCanOptions& options)
     CliPrint(globals, text, json);
 }
 
+std::string CanOpenModeText(unsigned char mode)
+{
+    return mode == 0 ? "off" : "on (mode " + std::to_string(mode) + "): received frames come as CANopen events";
+}
+
 void RunStatus(const SCliGlobals& globals, const SCanOptions&)
 {
     CCliCan can(globals);
@@ -357,10 +363,14 @@ void RunStatus(const SCliGlobals& globals, const SCanOptions&)
     timeval tv{};
     CTarvikClientCAN& base = can.Client();
     can.Check(base.GetTime(valid, tv), "get clock");
+    unsigned char mode = 0;
+    can.Check(can.Client().CANopenGetConfig(mode), "get CANopen mode");
     std::string power;
     TCliJson json = PowerStatus(can, power);
     std::string text = can.Session().Describe() + "\nconfirm  " + (confirm ? "on" : "off") + "\nbaudrate " +
-                       std::to_string(g.m_nBaudrate) + "\nclock    " + ClockText(valid, tv) + "\n" + power;
+                       std::to_string(g.m_nBaudrate) + "\ncanopen  " + CanOpenModeText(mode) + "\nclock    " +
+                       ClockText(valid, tv) + "\n" + power;
+    json["canopen_mode"] = mode;
     json["confirm"] = confirm;
     json["flag2"] = flag2;
     json["baudrate"] = g.m_nBaudrate;
@@ -468,6 +478,18 @@ void OnFrame(unsigned int id, const char* data, int len, int flags, int, int sec
         g_pDump->Push(received);
 }
 
+// In CANopen mode the gateway hands received frames over as CANopen events, which a
+// dump does not see: said once, before the first frame.
+void WarnIfCanOpenMode(const SCliGlobals& globals, CCliCan& can)
+{
+    unsigned char mode = 0;
+    if (can.Client().CANopenGetConfig(mode) == 0 && mode != 0)
+        std::fprintf(stderr,
+                     "tarvik can dump: CANopen mode is on (mode %u): the gateway reports received frames as "
+                     "CANopen events, which this dump does not show; switch it off with: %s\n",
+                     static_cast<unsigned int>(mode), CliCanOpenModeCommand(globals, false).c_str());
+}
+
 void RunDump(const SCliGlobals& globals, const SCanOptions& options)
 {
     std::ofstream file;
@@ -478,6 +500,7 @@ void RunDump(const SCliGlobals& globals, const SCanOptions& options)
     g_pDump = &sink;
     CCliInterrupt interrupt;
     CCliCan can(globals, OnFrame);
+    WarnIfCanOpenMode(globals, can);
     std::string name = InterfaceName(globals);
     auto started = std::chrono::steady_clock::now();
     auto ended = [&]
@@ -533,7 +556,7 @@ std::vector<SLogged> ReadLog(const std::string& path)
     CliOpenRead(in, path);
     std::vector<SLogged> frames;
     std::string line;
-    unsigned long number = 0;
+    unsigned long number = 0, errorFrames = 0, firstErrorFrame = 0;
     while (std::getline(in, line))
     {
         ++number;
@@ -541,9 +564,20 @@ std::vector<SLogged> ReadLog(const std::string& path)
         std::string name, error;
         if (CliParseCanLogLine(line, logged.m_oFrame, logged.m_nMicros, name, error))
             frames.push_back(logged);
+        else if (CliCanLogLineIsErrorFrame(line))
+        {
+            // Error frames are what a bus reported, not frames anyone sent: nothing to replay.
+            if (errorFrames++ == 0)
+                firstErrorFrame = number;
+        }
         else if (!error.empty())
             CliFail(path + ":" + std::to_string(number) + ": " + error, eCliExitUsage);
     }
+    if (errorFrames != 0)
+        std::fprintf(
+            stderr,
+            "tarvik can play: %s: skipped %lu error frame%s (first at line %lu): a gateway does not send them\n",
+            path.c_str(), errorFrames, errorFrames == 1 ? "" : "s", firstErrorFrame);
     return frames;
 }
 

@@ -1,5 +1,6 @@
 // CANopen master services of a CAN gateway: canopen mode|nmt|sync|time|pdo|sdo-read|
 // sdo-write|sdo-read-block|sdo-write-block|events.
+#include "CliCanOpenMode.h"
 #include "CliFormat.h"
 #include "CliHandoff.h"
 #include "CliSession.h"
@@ -36,7 +37,6 @@ constexpr unsigned int kMaxBlock = 0xFFFF - 8;
 // CANopen's TIME_OF_DAY counts days from 1984-01-01.
 constexpr int64_t kEpoch1984 = 441763200;
 constexpr int64_t kSecondsPerDay = 86400;
-constexpr unsigned char kCmdSDOReadBlock = 0x6A;
 
 struct SCanOpenOptions
 {
@@ -59,32 +59,6 @@ struct SCanOpenOptions
     double m_dDuration = 0;
 };
 
-// The registry's CAN client, plus a block read that keeps every byte of the answer
-// (the library's own copies from the status byte on and loses the last data byte).
-class CCliCanOpenClient : public CTarvikClientCANDll
-{
-public:
-    CCliCanOpenClient(int timeoutMs) : CTarvikClientCANDll(0, timeoutMs) {}
-    ~CCliCanOpenClient() override { StopConnection(); }
-
-    int ReadBlock(unsigned char node, unsigned short index, unsigned char sub, unsigned short timeout,
-                  unsigned char& status, std::string& data)
-    {
-        std::string payload;
-        payload += static_cast<char>(node);
-        payload += CTarvikMsg::ToChar(index);
-        payload += static_cast<char>(sub);
-        payload += CTarvikMsg::ToChar(timeout);
-        CTarvikReply reply;
-        // The gateway may take the whole transfer time: wait twice as long.
-        unsigned int wait = 2u * timeout;
-        int result = Request(kCmdSDOReadBlock, payload.data(), payload.size(), reply, &wait);
-        if (result == 0 && reply.ReadU8(1, status))
-            data = reply.Substr(2);
-        return result;
-    }
-};
-
 // The event callbacks, below.
 void OnPdo(unsigned char p1, unsigned char p2, unsigned char len, const char* data, int, int, int);
 void OnSync(unsigned char value, int, int, int);
@@ -97,18 +71,29 @@ public:
     // With events, the callbacks are set before the connection opens, so that no
     // event arriving in between is lost.
     explicit CCliCanOpen(const SCliGlobals& globals, bool events = false)
-        : m_oSession(globals), m_oClient(static_cast<int>(globals.m_nTimeoutMs))
+        : m_oGlobals(globals), m_oSession(globals), m_oClient(0, static_cast<int>(globals.m_nTimeoutMs))
     {
         if (events)
             m_oClient.CANopenSetCallback(OnPdo, OnSync, OnEmcy, OnGuard, nullptr);
         m_oSession.Open(m_oClient);
     }
-    CCliCanOpenClient& Client() { return m_oClient; }
-    void Check(int result, const std::string& what) { m_oSession.Check(result, what); }
+    CTarvikClientCANDll& Client() { return m_oClient; }
+    void Check(int result, const std::string& what)
+    {
+        CliCheckCanOpen(m_oGlobals, result, what);
+        m_oSession.Check(result, what);
+    }
+    // An SDO transfer's result: the node and its abort code name what went wrong.
+    void CheckSdo(int result, const std::string& what, const SCanOpenOptions& options, unsigned int abortCode)
+    {
+        CliCheckCanOpen(m_oGlobals, result, what, static_cast<int>(options.m_nNode), abortCode, options.m_nSdoTimeout);
+        m_oSession.Check(result, what);
+    }
 
 private:
+    const SCliGlobals& m_oGlobals;
     CCliSession m_oSession;
-    CCliCanOpenClient m_oClient;
+    CTarvikClientCANDll m_oClient;
 };
 
 unsigned char Node(const SCanOpenOptions& options)
@@ -195,23 +180,41 @@ void RunPdo(const SCliGlobals& globals, const SCanOpenOptions& options)
     CliPrint(globals, "PDO sent", TCliJson{{"pdo", CliHexBytes(data, "")}});
 }
 
-void PrintSdo(const SCliGlobals& globals, const std::string& what, unsigned char status, unsigned int value)
+// The value as it came: as many hex digits as bytes were received.
+void PrintSdo(const SCliGlobals& globals, const std::string& what, const SCanOpenOptions& options,
+              const CTarvikClientCAN::SSDOValue& sdo)
 {
-    CliPrint(globals,
-             what + ": status " + std::to_string(status) + ", value " + CliHex(value, 8) + " (" +
-                 std::to_string(value) + ")",
-             TCliJson{{"status", status}, {"value", value}});
+    std::string text = what + ": value " + CliHex(sdo.nValue, 2 * sdo.nSize) + " (" + std::to_string(sdo.nValue) +
+                       "), " + std::to_string(sdo.nSize) + (sdo.nSize == 1 ? " byte" : " bytes");
+    if (sdo.nStatus != 0)
+        text += ", status " + std::to_string(sdo.nStatus);
+    CliPrint(globals, text,
+             TCliJson{{"node", options.m_nNode},
+                      {"index", Index(options)},
+                      {"subindex", options.m_nSub},
+                      {"status", sdo.nStatus},
+                      {"value", sdo.nValue},
+                      {"size", sdo.nSize}});
+}
+
+unsigned char Sub(const SCanOpenOptions& options)
+{
+    return static_cast<unsigned char>(options.m_nSub);
+}
+
+unsigned short SdoTimeout(const SCanOpenOptions& options)
+{
+    return static_cast<unsigned short>(options.m_nSdoTimeout);
 }
 
 void RunSdoRead(const SCliGlobals& globals, const SCanOpenOptions& options)
 {
     CCliCanOpen co(globals);
-    unsigned char status = 0;
-    unsigned int value = 0;
-    co.Check(co.Client().CANopenSendSDORead(Node(options), Index(options), static_cast<unsigned char>(options.m_nSub),
-                                            static_cast<unsigned short>(options.m_nSdoTimeout), status, value),
-             "SDO read " + Where(options));
-    PrintSdo(globals, "SDO read " + Where(options), status, value);
+    CTarvikClientCAN::SSDOValue sdo{};
+    const std::string what = "SDO read " + Where(options);
+    int result = co.Client().CANopenSDOReadValue(Node(options), Index(options), Sub(options), SdoTimeout(options), sdo);
+    co.CheckSdo(result, what, options, sdo.nAbortCode);
+    PrintSdo(globals, what, options, sdo);
 }
 
 void RunSdoWrite(const SCliGlobals& globals, const SCanOpenOptions& options)
@@ -219,23 +222,23 @@ void RunSdoWrite(const SCliGlobals& globals, const SCanOpenOptions& options)
     unsigned long max = options.m_nSize >= 4 ? 0xFFFFFFFFul : (1ul << (8 * options.m_nSize)) - 1;
     auto data = static_cast<unsigned int>(CliParseNumber(options.m_sValue, max, "VALUE"));
     CCliCanOpen co(globals);
-    unsigned char status = 0;
-    unsigned int value = 0;
-    co.Check(co.Client().CANopenSendSDOWrite(Node(options), static_cast<unsigned char>(options.m_nSize), Index(options),
-                                             static_cast<unsigned char>(options.m_nSub),
-                                             static_cast<unsigned short>(options.m_nSdoTimeout), data, status, value),
-             "SDO write " + Where(options));
-    PrintSdo(globals, "SDO write " + Where(options), status, value);
+    CTarvikClientCAN::SSDOValue sdo{};
+    const std::string what = "SDO write " + Where(options);
+    int result = co.Client().CANopenSDOWriteValue(Node(options), static_cast<unsigned char>(options.m_nSize),
+                                                  Index(options), Sub(options), SdoTimeout(options), data, sdo);
+    co.CheckSdo(result, what, options, sdo.nAbortCode);
+    PrintSdo(globals, what, options, sdo);
 }
 
 void RunSdoReadBlock(const SCliGlobals& globals, const SCanOpenOptions& options)
 {
     CCliCanOpen co(globals);
     unsigned char status = 0;
+    unsigned int abortCode = 0;
     std::string data;
-    co.Check(co.Client().ReadBlock(Node(options), Index(options), static_cast<unsigned char>(options.m_nSub),
-                                   static_cast<unsigned short>(options.m_nSdoTimeout), status, data),
-             "SDO block read " + Where(options));
+    int result = co.Client().CANopenSDOReadBlockData(Node(options), Index(options), Sub(options), SdoTimeout(options),
+                                                     status, data, abortCode);
+    co.CheckSdo(result, "SDO block read " + Where(options), options, abortCode);
     if (status != 0)
         CliWarn("SDO block read status " + std::to_string(status));
     CliPrintRead(globals, 0, data, options.m_sOutput);
@@ -249,15 +252,13 @@ void RunSdoWriteBlock(const SCliGlobals& globals, const SCanOpenOptions& options
     if (data.size() > kMaxBlock)
         CliFail(options.m_sFile + ": more than " + std::to_string(kMaxBlock) + " bytes", eCliExitUsage);
     CCliCanOpen co(globals);
-    unsigned char status = 0;
-    unsigned int value = 0;
-    co.Check(co.Client().CANopenSendSDOWriteBlock(
-                 Node(options), Index(options), static_cast<unsigned char>(options.m_nSub),
-                 static_cast<unsigned short>(options.m_nSdoTimeout), static_cast<unsigned short>(data.size()),
-                 reinterpret_cast<const unsigned char*>(data.data()), status, value),
-             "SDO block write " + Where(options));
-    PrintSdo(globals, "SDO block write " + Where(options) + " (" + std::to_string(data.size()) + " bytes)", status,
-             value);
+    CTarvikClientCAN::SSDOValue sdo{};
+    const std::string what = "SDO block write " + Where(options);
+    int result = co.Client().CANopenSDOWriteBlockValue(Node(options), Index(options), Sub(options), SdoTimeout(options),
+                                                       static_cast<unsigned short>(data.size()),
+                                                       reinterpret_cast<const unsigned char*>(data.data()), sdo);
+    co.CheckSdo(result, what, options, sdo.nAbortCode);
+    PrintSdo(globals, what + " (" + std::to_string(data.size()) + " bytes)", options, sdo);
 }
 
 // ---- events --------------------------------------------------------------------
@@ -307,6 +308,12 @@ std::string EventText(const TCliJson& event)
 void RunEvents(const SCliGlobals& globals, const SCanOpenOptions& options)
 {
     CCliCanOpen co(globals, true);
+    // The gateway reports CANopen events only in CANopen mode: without it the watch stays empty.
+    unsigned char mode = 0;
+    co.Check(co.Client().CANopenGetConfig(mode), "get CANopen mode");
+    if (mode == 0)
+        std::fprintf(stderr, "tarvik canopen events: CANopen mode is off, so no events will come; %s\n",
+                     CliCanOpenModeHint(globals).c_str());
     auto started = std::chrono::steady_clock::now();
     auto deadline = started + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                   std::chrono::duration<double>(options.m_dDuration > 0 ? options.m_dDuration : 1e9));

@@ -7,6 +7,8 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 // Options that every command understands.
 struct SCliGlobals
@@ -41,11 +43,19 @@ public:
     int GetExitCode() const { return m_nExitCode; }
     int GetCode() const { return m_nCode; }
     const std::string& GetCause() const { return m_sCause; }
+    // A further fact for the JSON error object, such as "abort_code": "0x06020000".
+    CCliError& With(const std::string& key, const std::string& value)
+    {
+        m_asFields.emplace_back(key, value);
+        return *this;
+    }
+    const std::vector<std::pair<std::string, std::string>>& GetFields() const { return m_asFields; }
 
 private:
     int m_nExitCode;
     int m_nCode;
     std::string m_sCause;
+    std::vector<std::pair<std::string, std::string>> m_asFields;
 };
 
 // Ends the command with message (no result code behind it).

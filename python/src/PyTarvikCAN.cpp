@@ -21,6 +21,32 @@ namespace
 {
 
 constexpr int kMaxBuffer = 255;   // CANopenGetUndefined copies up to 255 bytes
+// The gateway's device results of the CANopen services.
+constexpr int kResultNodeSilent = 0x0002FC;
+constexpr int kResultAborted = 0x0002FD;
+constexpr int kResultModeOff = 0x0002FE;
+
+// Runs a CANopen service with the GIL released and raises its failure in CANopen's terms:
+// the mode that is off (and how to switch it on), the node that does not answer, or the
+// node's abort code (read from *abortCode once fn has run) as SdoAbortError.
+template <class Fn> void CanOpenCall(Fn fn, int node = -1, const unsigned int* abortCode = nullptr)
+{
+    int result;
+    {
+        py::gil_scoped_release release;
+        result = fn();
+    }
+    if (result == 0)
+        return;
+    if (result == kResultModeOff)
+        PyTarvikRaise(result, "CANopen mode is off on this gateway; switch it on with canopen_set_config(1)");
+    if (result == kResultNodeSilent && node >= 0)
+        PyTarvikRaise(result, "node " + std::to_string(node) +
+                                  " does not answer (no such node on the bus, or it is stopped or unpowered)");
+    if (result == kResultAborted && abortCode != nullptr && *abortCode != 0)
+        PyTarvikRaiseSdoAbort(result, *abortCode, CTarvikClientCAN::GetSDOAbortText(*abortCode), node);
+    PyTarvikCheck(result);
+}
 
 // The library's CAN client that also wakes a Python thread waiting for a queue.
 class CPyCANClient : public CTarvikClientCANDll
@@ -513,7 +539,8 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             },
             "(p1, p2, p3)")
         .def("write", &Write, "id"_a, "data"_a = py::bytes(), "flags"_a = 0,
-             "Sends one frame (flags: 0x01 extended id, 0x02 remote, 0x08 FD). Returns (seconds, microseconds): "
+             "Sends one frame (flags: 0x01 extended id, 0x02 remote, 0x08 FD); a remote frame's data are as "
+             "many (unused) bytes as it requests. Returns (seconds, microseconds): "
              "the gateway's time of transmission when send_confirm is set, else the local time of sending.")
         .def("set_cyclic_message", &SetCyclic, "index"_a, "enable"_a, "interval_ms"_a = 0, "id"_a = 0,
              "data"_a = py::bytes(), "flags"_a = 0,
@@ -527,7 +554,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             "disables them.")
         .def("get_message", &GetMessage, "timeout"_a = py::none(),
              "The oldest queued frame as (id, data, flags, seconds, microseconds), waiting up to timeout "
-             "seconds (None: no wait), or None.")
+             "seconds (None: no wait), or None. A remote frame's data length is its requested length.")
         .def("get_pdo", &GetPDO, "timeout"_a = py::none(), "(selector1, selector2, data) or None")
         .def("get_sync", &GetSYNC, "timeout"_a = py::none(), "The SYNC value or None")
         .def("get_emcy", &GetEMCY, "timeout"_a = py::none(), "(node, error_code, error_register, data) or None")
@@ -546,32 +573,32 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
 
     cls.def(
            "canopen_set_config",
-           [](CPyCAN& can, unsigned char mode) { PyTarvikCall([&] { return can.C().CANopenSetConfig(mode); }); },
+           [](CPyCAN& can, unsigned char mode) { CanOpenCall([&] { return can.C().CANopenSetConfig(mode); }); },
            "mode"_a, "Sets the CANopen master mode.")
         .def(
             "canopen_get_config",
             [](CPyCAN& can) {
                 unsigned char mode = 0;
-                PyTarvikCall([&] { return can.C().CANopenGetConfig(mode); });
+                CanOpenCall([&] { return can.C().CANopenGetConfig(mode); });
                 return mode;
             },
             "The CANopen master mode.")
         .def(
             "sync_mode",
-            [](CPyCAN& can, unsigned short mode) { PyTarvikCall([&] { return can.C().CANopenSetSYNCMode(mode); }); },
+            [](CPyCAN& can, unsigned short mode) { CanOpenCall([&] { return can.C().CANopenSetSYNCMode(mode); }); },
             "mode"_a, "Sets the SYNC mode (the gateway's SYNC period).")
         .def(
             "nmt",
             [](CPyCAN& can, unsigned char node, unsigned char command) {
-                PyTarvikCall([&] { return can.C().CANopenSendNMT(node, command); });
+                CanOpenCall([&] { return can.C().CANopenSendNMT(node, command); });
             },
             "node"_a, "command"_a, "Sends an NMT command (node 0: all nodes).")
         .def(
-            "sync", [](CPyCAN& can) { PyTarvikCall([&] { return can.C().CANopenSendSYNC(); }); }, "Sends one SYNC.")
+            "sync", [](CPyCAN& can) { CanOpenCall([&] { return can.C().CANopenSendSYNC(); }); }, "Sends one SYNC.")
         .def(
             "time",
             [](CPyCAN& can, unsigned short days, unsigned int ms) {
-                PyTarvikCall([&] { return can.C().CANopenSendTIME(days, ms); });
+                CanOpenCall([&] { return can.C().CANopenSendTIME(days, ms); });
             },
             "days"_a, "milliseconds"_a, "Sends a TIME message.")
         .def(
@@ -580,7 +607,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                 const std::string buffer = Bytes(data);
                 if (buffer.size() > 8)
                     throw py::value_error("a PDO carries at most 8 bytes");
-                PyTarvikCall([&] {
+                CanOpenCall([&] {
                     return can.C().CANopenSendPDO(s1, s2, static_cast<unsigned char>(buffer.size()), buffer.data());
                 });
             },
@@ -588,42 +615,51 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
         .def(
             "sdo_read",
             [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned short timeoutMs) {
-                unsigned char status = 0;
-                unsigned int value = 0;
-                PyTarvikCall([&] { return can.C().CANopenSendSDORead(node, index, sub, timeoutMs, status, value); });
-                return py::make_tuple(status, value);
+                CTarvikClientCAN::SSDOValue sdo{};
+                CanOpenCall([&] { return can.C().CANopenSDOReadValue(node, index, sub, timeoutMs, sdo); }, node,
+                            &sdo.nAbortCode);
+                return sdo.nValue;
             },
             "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000,
-            "Expedited SDO upload: (status, value); value is the abort code when status is not 0.")
+            "Expedited SDO upload: the value, its bytes as received read as an unsigned little-endian number. "
+            "Raises SdoAbortError (abort_code, abort_text) when the node aborts.")
+        .def(
+            "sdo_read_sized",
+            [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned short timeoutMs) {
+                CTarvikClientCAN::SSDOValue sdo{};
+                CanOpenCall([&] { return can.C().CANopenSDOReadValue(node, index, sub, timeoutMs, sdo); }, node,
+                            &sdo.nAbortCode);
+                return py::make_tuple(sdo.nValue, sdo.nSize);
+            },
+            "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000,
+            "As sdo_read: (value, number of bytes received).")
         .def(
             "sdo_write",
             [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned int data,
                unsigned char size, unsigned short timeoutMs) {
-                unsigned char status = 0;
-                unsigned int value = 0;
-                PyTarvikCall([&] {
-                    return can.C().CANopenSendSDOWrite(node, size, index, sub, timeoutMs, data, status, value);
-                });
-                return py::make_tuple(status, value);
+                if (size < 1 || size > CTarvikClientCAN::kSDOMaxValueSize)
+                    throw py::value_error("an expedited SDO download carries 1 to 4 bytes");
+                if (size < 4 && (data >> (8 * size)) != 0)
+                    throw py::value_error("value does not fit in " + std::to_string(size) + " bytes");
+                CTarvikClientCAN::SSDOValue sdo{};
+                CanOpenCall([&] { return can.C().CANopenSDOWriteValue(node, size, index, sub, timeoutMs, data, sdo); },
+                            node, &sdo.nAbortCode);
             },
             "node"_a, "index"_a, "subindex"_a, "value"_a, "size"_a = 4, "timeout_ms"_a = 1000,
-            "Expedited SDO download of size (1..4) bytes: (status, abort code).")
+            "Expedited SDO download of size (1..4) bytes. Raises SdoAbortError when the node aborts.")
         .def(
             "sdo_read_block",
-            [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned short timeoutMs,
-               unsigned short bufferSize) {
-                std::vector<unsigned char> buffer(bufferSize);
+            [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned short timeoutMs) {
                 unsigned char status = 0;
-                unsigned short len = 0;
-                PyTarvikCall([&] {
-                    return can.C().CANopenSendSDOReadBlock(node, index, sub, timeoutMs, bufferSize, status, len,
-                                                           buffer.data());
-                });
-                len = std::min<unsigned short>(len, bufferSize);
-                return py::make_tuple(status, py::bytes(reinterpret_cast<const char*>(buffer.data()), len));
+                unsigned int abortCode = 0;
+                std::string data;
+                CanOpenCall(
+                    [&] { return can.C().CANopenSDOReadBlockData(node, index, sub, timeoutMs, status, data, abortCode); },
+                    node, &abortCode);
+                return py::bytes(data);
             },
-            "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000, "buffer_size"_a = 1024,
-            "Segmented SDO upload: (status, data).")
+            "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000,
+            "Block SDO upload: every byte of the object. Raises SdoAbortError when the node aborts.")
         .def(
             "sdo_write_block",
             [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, const py::bytes& data,
@@ -631,18 +667,18 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                 const std::string buffer = Bytes(data);
                 if (buffer.size() > 0xFFFF)
                     throw py::value_error("too much data for one SDO block");
-                unsigned char status = 0;
-                unsigned int value = 0;
-                PyTarvikCall([&] {
-                    return can.C().CANopenSendSDOWriteBlock(node, index, sub, timeoutMs,
-                                                            static_cast<unsigned short>(buffer.size()),
-                                                            reinterpret_cast<const unsigned char*>(buffer.data()),
-                                                            status, value);
-                });
-                return py::make_tuple(status, value);
+                CTarvikClientCAN::SSDOValue sdo{};
+                CanOpenCall(
+                    [&] {
+                        return can.C().CANopenSDOWriteBlockValue(node, index, sub, timeoutMs,
+                                                                 static_cast<unsigned short>(buffer.size()),
+                                                                 reinterpret_cast<const unsigned char*>(buffer.data()),
+                                                                 sdo);
+                    },
+                    node, &sdo.nAbortCode);
             },
             "node"_a, "index"_a, "subindex"_a, "data"_a, "timeout_ms"_a = 1000,
-            "Segmented SDO download: (status, abort code).");
+            "Block SDO download. Raises SdoAbortError when the node aborts.");
 
     module.def("_close_all_can", &CPyCAN::CloseAll, "Stops every CAN client (run at exit).");
 }

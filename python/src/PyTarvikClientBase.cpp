@@ -8,6 +8,13 @@ namespace
 {
 
 PyObject* s_pTarvikError = nullptr;
+PyObject* s_pSdoAbortError = nullptr;
+
+[[noreturn]] void Raise(PyObject* cls, const py::object& error)
+{
+    PyErr_SetObject(cls, error.ptr());
+    throw py::error_already_set();
+}
 
 } // namespace
 
@@ -25,8 +32,18 @@ void PyTarvikCheck(int code, const py::dict& attributes)
     py::object error = py::reinterpret_borrow<py::object>(s_pTarvikError)(code, text);
     for (auto item : attributes)
         py::setattr(error, item.first, item.second);
-    PyErr_SetObject(s_pTarvikError, error.ptr());
-    throw py::error_already_set();
+    Raise(s_pTarvikError, error);
+}
+
+void PyTarvikRaise(int code, const std::string& message)
+{
+    Raise(s_pTarvikError, py::reinterpret_borrow<py::object>(s_pTarvikError)(code, message));
+}
+
+void PyTarvikRaiseSdoAbort(int code, unsigned int abortCode, const std::string& abortText, int node)
+{
+    Raise(s_pSdoAbortError, py::reinterpret_borrow<py::object>(s_pSdoAbortError)(
+                                code, CTarvikClient::GetErrorMsg(code), abortCode, abortText, node));
 }
 
 std::string_view PyTarvikBytes(const py::bytes& data, size_t maxLen)
@@ -69,6 +86,17 @@ class TarvikError(Exception):
         self.message = message
     def __str__(self):
         return "%s (0x%06X)" % (self.message, self.code & 0xFFFFFFFF)
+
+class SdoAbortError(TarvikError):
+    """A CANopen node aborted an SDO transfer. `abort_code` is its 32-bit SDO abort code,
+    `abort_text` the code's standard meaning, `node` the node; `code` is the gateway's result."""
+    def __init__(self, code, message, abort_code, abort_text, node):
+        super().__init__(code, message)
+        self.abort_code = abort_code
+        self.abort_text = abort_text
+        self.node = node
+    def __str__(self):
+        return "node %d aborted the SDO transfer with 0x%08X: %s" % (self.node, self.abort_code, self.abort_text)
 )py",
              scope);
     py::object cls = scope["TarvikError"];
@@ -76,6 +104,11 @@ class TarvikError(Exception):
     s_pTarvikError = cls.ptr();
     Py_INCREF(s_pTarvikError);   // lives as long as the process: raised from any thread
     module.attr("TarvikError") = cls;
+    py::object abortCls = scope["SdoAbortError"];
+    abortCls.attr("__module__") = "tarvik";
+    s_pSdoAbortError = abortCls.ptr();
+    Py_INCREF(s_pSdoAbortError);
+    module.attr("SdoAbortError") = abortCls;
     module.def(
         "error_message", [](int code) { return CTarvikClient::GetErrorMsg(code); }, py::arg("code"),
         "The library's text for a result code.");

@@ -21,7 +21,11 @@ void PyTarvikCheck(int code);
 void PyTarvikCheck(int code, const py::dict& attributes);
 // The same for a result obtained with the GIL released: takes the GIL only on failure.
 void PyTarvikCheckReleased(int code);
-// Registers TarvikError and error_message in the module.
+// Raises tarvik.TarvikError(code, message): a text of the tool's own for a result code.
+[[noreturn]] void PyTarvikRaise(int code, const std::string& message);
+// Raises tarvik.SdoAbortError for the gateway's result code and the node's abort code.
+[[noreturn]] void PyTarvikRaiseSdoAbort(int code, unsigned int abortCode, const std::string& abortText, int node);
+// Registers TarvikError, SdoAbortError and error_message in the module.
 void PyTarvikBindErrors(py::module_& module);
 
 // Runs fn (returning a result code) with the GIL released and raises its failure.

@@ -15,6 +15,15 @@ class TarvikError(Exception):
     message: str
     def __init__(self, code: int, message: str) -> None: ...
 
+class SdoAbortError(TarvikError):
+    """A CANopen node aborted an SDO transfer: `abort_code` is its 32-bit SDO abort code,
+    `abort_text` the code's standard meaning (0x06020000: "object does not exist"), `node`
+    the node; `code` is the gateway's result (0x0002FD)."""
+    abort_code: int
+    abort_text: str
+    node: int
+    def __init__(self, code: int, message: str, abort_code: int, abort_text: str, node: int) -> None: ...
+
 def error_message(code: int) -> str:
     """The library's text for a result code."""
 
@@ -83,13 +92,15 @@ class CAN(_Client):
     def set_zcard_parameter(self, p1: int, p2: int, p3: int) -> None: ...
     def get_zcard_parameter(self) -> Tuple[int, int, int]: ...
     def write(self, id: int, data: bytes = b"", flags: int = 0) -> Tuple[int, int]:
-        """Sends one frame; returns (seconds, microseconds) of its transmission."""
+        """Sends one frame; returns (seconds, microseconds) of its transmission. A remote frame
+        (flags 0x02) carries as many unused data bytes as it requests."""
     def set_cyclic_message(self, index: int, enable: bool, interval_ms: int = 0, id: int = 0,
                            data: bytes = b"", flags: int = 0) -> None: ...
     def start_alive(self, seconds: int) -> None: ...
     def set_queue_size(self, n: int) -> None: ...
     def get_message(self, timeout: Optional[float] = None) -> Optional[Tuple[int, bytes, int, int, int]]:
-        """(id, data, flags, seconds, microseconds) or None after timeout seconds (None: no wait)."""
+        """(id, data, flags, seconds, microseconds) or None after timeout seconds (None: no wait);
+        a remote frame's data length is its requested length."""
     def get_pdo(self, timeout: Optional[float] = None) -> Optional[Tuple[int, int, bytes]]: ...
     def get_sync(self, timeout: Optional[float] = None) -> Optional[int]: ...
     def get_emcy(self, timeout: Optional[float] = None) -> Optional[Tuple[int, int, int, bytes]]: ...
@@ -108,13 +119,20 @@ class CAN(_Client):
     def sync(self) -> None: ...
     def time(self, days: int, milliseconds: int) -> None: ...
     def pdo(self, selector1: int, selector2: int, data: bytes) -> None: ...
-    def sdo_read(self, node: int, index: int, subindex: int, timeout_ms: int = 1000) -> Tuple[int, int]: ...
+    def sdo_read(self, node: int, index: int, subindex: int, timeout_ms: int = 1000) -> int:
+        """The value's bytes as received, read as an unsigned little-endian number.
+        SdoAbortError when the node aborts; TarvikError 0x0002FC naming the node when it
+        does not answer, 0x0002FE when CANopen mode is off."""
+    def sdo_read_sized(self, node: int, index: int, subindex: int, timeout_ms: int = 1000) -> Tuple[int, int]:
+        """As sdo_read: (value, number of bytes received)."""
     def sdo_write(self, node: int, index: int, subindex: int, value: int, size: int = 4,
-                  timeout_ms: int = 1000) -> Tuple[int, int]: ...
-    def sdo_read_block(self, node: int, index: int, subindex: int, timeout_ms: int = 1000,
-                       buffer_size: int = 1024) -> Tuple[int, bytes]: ...
+                  timeout_ms: int = 1000) -> None:
+        """Writes size (1..4) bytes; ValueError for a value that does not fit. SdoAbortError when the node aborts."""
+    def sdo_read_block(self, node: int, index: int, subindex: int, timeout_ms: int = 1000) -> bytes:
+        """Every byte of the object. SdoAbortError when the node aborts."""
     def sdo_write_block(self, node: int, index: int, subindex: int, data: bytes,
-                        timeout_ms: int = 1000) -> Tuple[int, int]: ...
+                        timeout_ms: int = 1000) -> None:
+        """SdoAbortError when the node aborts."""
 
 class SPI(_Client):
     """An SPI gateway: bus settings, full-duplex transfers, sequences."""

@@ -1,14 +1,19 @@
 """python-can interface for tarvik CAN gateways.
 
 ``can.Bus(interface="tarvik", channel="192.168.0.50")`` opens the gateway's CAN port 0;
-``channel="host:1"`` the port with index 1. Received frames come from the client's receive
+``channel="host:1"`` the port with index 1 (``"[fd00::50]:1"`` for IPv6). ``channel_info``
+("tarvik:192.168.0.50:0") names the bus in received messages and logs. Received frames come from the client's receive
 queue; the receive filters (``can_filters``) are applied in software by python-can, so
 every frame the gateway's own acceptance filter passes reaches this process.
 Periodic sends with one message and no duration run on the gateway as cyclic messages.
 """
 
+import ipaddress
+import re
+import socket
 import threading
 import time
+import warnings
 from typing import Any, List, Optional, Sequence, Tuple, Union
 
 import can
@@ -25,14 +30,40 @@ FLAG_FD = 0x08
 _CYCLIC_ENTRIES = 16
 
 
+# The gateway's port indexes (port 5001 + 100 x index).
+_MAX_PORT_INDEX = 600
+_CHANNEL_FORM = "host[:index], e.g. '192.168.0.50' or '192.168.0.50:1' ([fd00::50]:1 for IPv6)"
+_HOST_NAME = re.compile(r"^[A-Za-z0-9]([A-Za-z0-9.-]*[A-Za-z0-9])?$")
+
+
+def _channel_error(text: str, why: str) -> ValueError:
+    return ValueError("channel %r: %s; expected %s" % (text, why, _CHANNEL_FORM))
+
+
 def parse_channel(channel: Any) -> Tuple[str, int]:
-    """Splits "host[:index]" into (host, port index)."""
+    """Splits "host[:index]" into (host, port index); "[v6]:index" or a bare IPv6 address
+    for IPv6. ValueError naming the form for anything else, also for a host that does
+    not resolve."""
     text = str(channel if channel is not None else "127.0.0.1").strip()
-    host, sep, index = text.rpartition(":")
-    if not sep:
-        return text, 0
-    if not index.isdigit():
-        raise ValueError("channel must be host or host:index, not %r" % text)
+    host, index = text, "0"
+    if text.startswith("["):
+        close = text.find("]")
+        if close < 0 or (close + 1 < len(text) and text[close + 1] != ":"):
+            raise _channel_error(text, "unclosed or misplaced ']'")
+        host, index = text[1:close], text[close + 2:] if close + 1 < len(text) else "0"
+    elif text.count(":") == 1:
+        host, _, index = text.partition(":")
+    if not index.isdigit() or int(index) > _MAX_PORT_INDEX:
+        raise _channel_error(text, "the index must be a number 0..%d" % _MAX_PORT_INDEX)
+    try:
+        ipaddress.ip_address(host)
+    except ValueError:
+        if not _HOST_NAME.match(host):
+            raise _channel_error(text, "not a host name or address") from None
+        try:
+            socket.getaddrinfo(host, None)
+        except OSError:
+            raise _channel_error(text, "host %r does not resolve" % host) from None
     return host, int(index)
 
 
@@ -94,7 +125,9 @@ class TarvikBus(can.BusABC):
                  timeout_ms: int = 2000, queue_size: int = 100000, send_confirm: bool = True,
                  gateway_timestamps: bool = True, **kwargs: object) -> None:
         self._host, self._index = parse_channel(channel)
-        self.channel_info = "tarvik CAN gateway %s:%d" % (self._host, self._index)
+        # No white space: logs carry it as the channel name (candump's format splits at blanks).
+        host = "[%s]" % self._host if ":" in self._host else self._host
+        self.channel_info = "tarvik:%s:%d" % (host, self._index)
         self._cyclic_lock = threading.Lock()
         self._cyclic_used: List[bool] = [False] * _CYCLIC_ENTRIES
         self._can = _CAN(self._host, self._index, timeout_ms, queue_size=queue_size)
@@ -110,6 +143,7 @@ class TarvikBus(can.BusABC):
                     self._call(self._can.set_time, int(now), int((now % 1) * 1e6))
             if bitrate is not None:
                 self._set_bitrate(int(bitrate))
+            self._warn_canopen_mode()
         except Exception:
             self._can.close()
             raise
@@ -123,6 +157,14 @@ class TarvikBus(can.BusABC):
         except TarvikError as error:
             raise can.CanOperationError(str(error), error_code=error.code) from error
 
+    def _warn_canopen_mode(self) -> None:
+        # In CANopen mode the gateway hands ordinary frames over as CANopen events, never to this bus.
+        if self._call(self._can.canopen_get_config) != 0:
+            warnings.warn("%s: CANopen mode is on, so the gateway reports received frames as CANopen "
+                          "events and this bus receives none; switch it off with "
+                          "client.canopen_set_config(0) or `tarvik --host %s canopen mode off`"
+                          % (self.channel_info, self._host), RuntimeWarning, stacklevel=3)
+
     def _set_bitrate(self, bitrate: int) -> None:
         settings = self._call(self._can.get_globals)
         settings["baudrate"] = bitrate
@@ -135,7 +177,10 @@ class TarvikBus(can.BusABC):
 
     def send(self, msg: can.Message, timeout: Optional[float] = None) -> None:
         """Sends one frame. The library's time-out (timeout_ms) bounds the wait, not timeout."""
-        data = bytes(msg.data) if not msg.is_remote_frame else b""
+        if msg.is_error_frame:
+            raise can.CanOperationError("the gateway does not send error frames")
+        # A remote frame travels with as many (unused) data bytes as it requests.
+        data = bytes(msg.data) if not msg.is_remote_frame else bytes(msg.dlc)
         self._call(self._can.write, msg.arbitration_id, data, _flags_of(msg))
 
     def _recv_internal(self, timeout: Optional[float]) -> Tuple[Optional[can.Message], bool]:
@@ -151,14 +196,16 @@ class TarvikBus(can.BusABC):
             stamp = seconds + microseconds / 1e6
         else:
             stamp = time.time()
+        remote = bool(flags & FLAG_REMOTE)
         msg = can.Message(
             timestamp=stamp,
             arbitration_id=identifier,
             is_extended_id=bool(flags & FLAG_EXTENDED),
-            is_remote_frame=bool(flags & FLAG_REMOTE),
+            is_remote_frame=remote,
             is_fd=bool(flags & FLAG_FD),
+            # A remote frame's data bytes only carry its requested length.
             dlc=len(data),
-            data=data,
+            data=None if remote else data,
             channel=self.channel_info,
             check=False,
         )

@@ -96,18 +96,41 @@ def test_settings_round_trip(pair):
     assert a.get_config() == (True, False)
 
 
+# Values that a signed decode gets wrong, at each size, and one abort: node 2's entries
+# (the C++, C and CLI tests read the same rows).
+SDO_CASES = [
+    ("u8 0xFF", 0x2000, 1, 0xFF, 0),
+    ("u16 0xFFFF", 0x2001, 2, 0xFFFF, 0),
+    ("u32 0x80808080", 0x2002, 4, 0x80808080, 0),
+    ("no such object", 0x3000, 0, None, 0x06020000),
+]
+
+
 def test_canopen_services(canopen_sim):
     with tarvik.CAN(canopen_sim.host, 0, 5000, queue_size=1000) as can:
         with pytest.raises(tarvik.TarvikError) as caught:
             can.sdo_read(2, 0x1000, 0)
         assert caught.value.code == 0x02FE   # CANopen mode not switched on
+        assert "canopen_set_config(1)" in str(caught.value)
         can.canopen_set_config(1)
         assert can.canopen_get_config() == 1
-        assert can.sdo_write(2, 0x1017, 0, 100, 2) == (0, 100)
-        assert can.sdo_read(2, 0x1017, 0) == (0, 100)
+        for name, index, size, value, abort_code in SDO_CASES:
+            if size:
+                can.sdo_write(2, index, 0, value, size)
+                assert can.sdo_read_sized(2, index, 0) == (value, size), name
+            else:
+                with pytest.raises(tarvik.SdoAbortError) as caught:
+                    can.sdo_read(2, index, 0)
+                error = caught.value
+                assert (error.code, error.abort_code, error.abort_text, error.node) == \
+                    (0x02FD, abort_code, "object does not exist", 2), name
+                assert isinstance(error, tarvik.TarvikError)
+        assert can.sdo_read(2, 0x2002, 0) == 0x80808080
         with pytest.raises(tarvik.TarvikError) as caught:
-            can.sdo_read(2, 0x7777, 0)
-        assert caught.value.code == 0x02FD   # the node aborts
+            can.sdo_read(9, 0x1000, 0)
+        assert caught.value.code == 0x02FC and "node 9 does not answer" in str(caught.value)
+        with pytest.raises(ValueError):
+            can.sdo_write(2, 0x2000, 0, 0x100, 1)
         can.nmt(0, 1)
         can.sync()
         can.time(10, 1000)

@@ -8,6 +8,7 @@ import time
 
 import can
 import pytest
+import tarvik
 
 from conftest import wait_until
 
@@ -36,13 +37,32 @@ def test_entry_point_and_send_recv(buses):
     assert b.recv(timeout=0.05) is None
 
 
-def test_extended_remote_and_fd(buses):
+def test_extended_remote_and_fd(sim, buses):
     a, b = buses
-    a.send(can.Message(arbitration_id=0x12345, is_extended_id=True, is_remote_frame=True, dlc=0))
+    a.send(can.Message(arbitration_id=0x12345, is_extended_id=True, is_remote_frame=True, dlc=5))
     a.send(can.Message(arbitration_id=0x10, is_extended_id=False, is_fd=True, data=bytes(range(24))))
     first, second = b.recv(20), b.recv(20)
     assert (first.arbitration_id, first.is_extended_id, first.is_remote_frame) == (0x12345, True, True)
+    assert (first.dlc, bytes(first.data)) == (5, b"")   # the requested length, no data
     assert (second.is_fd, bytes(second.data)) == (True, bytes(range(24)))
+    assert (b.channel_info, first.channel) == ("tarvik:%s:1" % sim.host,) * 2   # no blanks: logs carry it
+
+
+@pytest.mark.parametrize("channel", ["nonsense", "host:x", "[::1", "127.0.0.1:1:2:x", "a b"])
+def test_a_malformed_channel_names_the_form(channel):
+    with pytest.raises(ValueError) as caught:
+        can.Bus(interface="tarvik", channel=channel)
+    assert "host[:index]" in str(caught.value)
+
+
+def test_canopen_mode_is_said_to_hide_the_frames(sim):
+    with tarvik.CAN(sim.host, 0, 5000) as gateway:
+        gateway.canopen_set_config(1)
+        try:
+            with pytest.warns(RuntimeWarning, match="CANopen mode is on"):
+                can.Bus(interface="tarvik", channel=sim.host).shutdown()
+        finally:
+            gateway.canopen_set_config(0)
 
 
 def test_filters(buses):
@@ -88,12 +108,24 @@ def test_periodic_send_runs_on_the_gateway_and_stops(buses):
     assert msg is None or msg.arbitration_id != 0x77
 
 
-def test_logger_capture_replayed_by_player(sim, tmp_path):
-    log = tmp_path / "capture.asc"
+def replayed(listener, idents):
+    """The identifiers in idents that listener receives, in order, until it stays quiet."""
+    seen = []
+    while True:
+        msg = listener.recv(2)
+        if msg is None:
+            return seen
+        if msg.arbitration_id in idents:
+            seen.append((msg.arbitration_id, msg.is_remote_frame, bytes(msg.data)))
+
+
+def test_logger_capture_replays_with_can_player_and_tarvik_can_play(sim, tmp_path):
+    log = tmp_path / "capture.log"
     env = dict(os.environ, PYTHONUNBUFFERED="1")
     logger = subprocess.Popen([sys.executable, "-m", "can.logger", "-i", "tarvik", "-c", "%s:1" % sim.host,
                                "-f", str(log)], env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                               text=True)
+    sent = [(0x400 + i, False, bytes([i] * 3)) for i in range(4)] + [(0x404, True, b"")]
     try:
         # The logger prints its banner once its bus is open.
         banner = ""
@@ -103,28 +135,35 @@ def test_logger_capture_replayed_by_player(sim, tmp_path):
             banner += line
         with can.Bus(interface="tarvik", channel=sim.host) as a, \
                 can.Bus(interface="tarvik", channel="%s:1" % sim.host) as witness:
-            for i in range(5):
-                a.send(can.Message(arbitration_id=0x400 + i, is_extended_id=False, data=bytes([i] * 3)))
-            assert [witness.recv(20).arbitration_id for _ in range(5)] == [0x400 + i for i in range(5)]
+            for ident, remote, data in sent:
+                a.send(can.Message(arbitration_id=ident, is_extended_id=False, is_remote_frame=remote,
+                                   dlc=2 if remote else len(data), data=None if remote else data))
+            assert [witness.recv(20).arbitration_id for _ in sent] == [ident for ident, _, _ in sent]
         # The logger got them at the same moment; its writer flushes only when it stops, so
         # there is nothing to poll: give its loop a moment to take them from its queue.
         time.sleep(1.0)
     finally:
         logger.send_signal(signal.SIGINT)
         out, _ = logger.communicate(timeout=60)
-    text = log.read_text()
-    for i in range(5):
-        assert "%X" % (0x400 + i) in text, out
+    lines = log.read_text().splitlines()
+    assert len(lines) == len(sent), out
+    # "(time) channel frame R": a channel without blanks, so that readers split it right.
+    assert all(len(line.split()) == 4 and line.split()[1].startswith("tarvik:") for line in lines), lines
+    # A bus error as candump logs it: players skip it.
+    log.write_text("\n".join(lines[:2] + ["(%s) tarvik0 20000080#0000000000000000" % lines[1][1:18]] + lines[2:]) + "\n")
 
+    idents = {ident for ident, _, _ in sent}
     with can.Bus(interface="tarvik", channel=sim.host) as listener:
         drain(listener)
         player = subprocess.run([sys.executable, "-m", "can.player", "-i", "tarvik", "-c", "%s:1" % sim.host,
                                  str(log)], env=env, capture_output=True, text=True, timeout=120)
         assert player.returncode == 0, player.stderr
-        seen = []
-        while True:
-            msg = listener.recv(2)
-            if msg is None:
-                break
-            seen.append(msg.arbitration_id)
-    assert [ident for ident in seen if 0x400 <= ident < 0x405] == [0x400 + i for i in range(5)]
+        assert replayed(listener, idents) == sent
+
+        cli = os.environ.get("TARVIK_CLI")
+        if cli:
+            play = subprocess.run([cli, "--host", sim.host, "--port-index", "1", "can", "play", str(log)],
+                                  capture_output=True, text=True, timeout=120)
+            assert (play.returncode, play.stdout) == (0, "sent %d frames\n" % len(sent)), play.stderr
+            assert play.stderr.count("skipped 1 error frame") == 1, play.stderr
+            assert replayed(listener, idents) == sent

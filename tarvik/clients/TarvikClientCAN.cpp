@@ -24,6 +24,46 @@ unsigned int SignedByte(unsigned char value)
     return static_cast<unsigned int>(static_cast<int>(static_cast<signed char>(value)));
 }
 
+// The meanings of the SDO abort codes that CANopen defines.
+struct SAbortText
+{
+    unsigned int nCode;
+    const char* pText;
+};
+const SAbortText kAbortTexts[] = {
+    {0x05030000, "toggle bit not alternated"},
+    {0x05040000, "SDO protocol timed out"},
+    {0x05040001, "client/server command specifier not valid or unknown"},
+    {0x05040002, "invalid block size"},
+    {0x05040003, "invalid sequence number"},
+    {0x05040004, "CRC error"},
+    {0x05040005, "out of memory"},
+    {0x06010000, "unsupported access to an object"},
+    {0x06010001, "attempt to read a write-only object"},
+    {0x06010002, "attempt to write a read-only object"},
+    {0x06020000, "object does not exist"},
+    {0x06040041, "object cannot be mapped to the PDO"},
+    {0x06040042, "the objects to be mapped would exceed the PDO length"},
+    {0x06040043, "general parameter incompatibility"},
+    {0x06040047, "general internal incompatibility in the device"},
+    {0x06060000, "access failed due to a hardware error"},
+    {0x06070010, "data type does not match, length of service parameter does not match"},
+    {0x06070012, "data type does not match, length of service parameter too high"},
+    {0x06070013, "data type does not match, length of service parameter too low"},
+    {0x06090011, "sub-index does not exist"},
+    {0x06090030, "invalid value for parameter"},
+    {0x06090031, "value of parameter written too high"},
+    {0x06090032, "value of parameter written too low"},
+    {0x06090036, "maximum value is less than minimum value"},
+    {0x060A0023, "resource not available: SDO connection"},
+    {0x08000000, "general error"},
+    {0x08000020, "data cannot be transferred or stored to the application"},
+    {0x08000021, "data cannot be transferred or stored to the application because of local control"},
+    {0x08000022, "data cannot be transferred or stored to the application because of the present device state"},
+    {0x08000023, "object dictionary dynamic generation failed or no object dictionary is present"},
+    {0x08000024, "no data available"},
+};
+
 // Identifier, flags and nLen data bytes: the frame part of 0x203 and 0x225.
 std::string FramePart(int nIdentifier, unsigned char nFlags, const char* pcBuffer, unsigned char nLen)
 {
@@ -367,10 +407,8 @@ std::string CTarvikClientCAN::SDOAddress(unsigned char nNode, unsigned short nIn
 int CTarvikClientCAN::SDOTransfer(unsigned char cmd, std::string&& payload, unsigned short nTimeout,
                                   unsigned char& nStatus, unsigned int& nValue)
 {
-    // The device may take nTimeout for the transfer: the library waits twice as long.
-    const unsigned int waitMs = 2u * nTimeout;
     CTarvikReply reply;
-    int result = Request(cmd, std::move(payload), reply, &waitMs);
+    int result = SDORequest(cmd, std::move(payload), nTimeout, reply);
     const CTarvikPayload answer = reply.Payload();
     const size_t size = answer.Size();
     if (result != 0 || size <= 1)
@@ -432,4 +470,101 @@ int CTarvikClientCAN::CANopenSendSDOWriteBlock(unsigned char nNode, unsigned sho
     if (pcBuffer != nullptr)
         payload.append(reinterpret_cast<const char*>(pcBuffer), nLen);
     return SDOTransfer(eCmdCANopenSDOWriteBlock, std::move(payload), nTimeout, nStatus, nValue);
+}
+
+// ---------------------------------------------------------------- SDO values as received
+
+int CTarvikClientCAN::SDORequest(unsigned char cmd, std::string&& payload, unsigned short nTimeout,
+                                 CTarvikReply& reply)
+{
+    // The device may take nTimeout for the transfer: the library waits twice as long.
+    const unsigned int waitMs = 2u * nTimeout;
+    return Request(cmd, std::move(payload), reply, &waitMs);
+}
+
+unsigned int CTarvikClientCAN::SDOAbortCode(int result, const CTarvikPayload& answer)
+{
+    // The gateway reports the node's abort with a failure result, status 0x80 and the code.
+    unsigned int code = 0;
+    if (result == 0 || answer.At(1) != kSDOAbortStatus || !answer.ReadU32(2, code))
+        return 0;
+    return code;
+}
+
+int CTarvikClientCAN::SDOValue(int result, const CTarvikReply& reply, SSDOValue& value)
+{
+    value = SSDOValue{};
+    const CTarvikPayload answer = reply.Payload();
+    if (result != 0)
+    {
+        value.nAbortCode = SDOAbortCode(result, answer);
+        return result;
+    }
+    // Status byte, then at most four value bytes: anything else is not an SDO answer.
+    if (answer.Size() < 2 || answer.Size() - 2 > kSDOMaxValueSize)
+        return TARVIK_ERR_CNF_INVALID;
+    value.nStatus = answer.At(1);
+    value.nSize = static_cast<unsigned char>(answer.Size() - 2);
+    for (size_t i = 0; i < value.nSize; ++i)
+        value.nValue |= static_cast<unsigned int>(answer.At(2 + i)) << (8 * i);
+    return result;
+}
+
+int CTarvikClientCAN::CANopenSDOReadValue(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
+                                          unsigned short nTimeout, SSDOValue& value)
+{
+    CTarvikReply reply;
+    int result = SDORequest(eCmdCANopenSDORead, SDOAddress(nNode, nIndex, nSubIndex, nTimeout), nTimeout, reply);
+    return SDOValue(result, reply, value);
+}
+
+int CTarvikClientCAN::CANopenSDOWriteValue(unsigned char nNode, unsigned char nDataSize, unsigned short nIndex,
+                                           unsigned char nSubIndex, unsigned short nTimeout, unsigned int nData,
+                                           SSDOValue& value)
+{
+    std::string payload{Byte(nNode), Byte(nDataSize)};
+    payload += CTarvikMsg::ToChar(nIndex);
+    payload += Byte(nSubIndex);
+    payload += CTarvikMsg::ToChar(nTimeout);
+    payload += CTarvikMsg::ToChar(nData);
+    CTarvikReply reply;
+    int result = SDORequest(eCmdCANopenSDOWrite, std::move(payload), nTimeout, reply);
+    return SDOValue(result, reply, value);
+}
+
+int CTarvikClientCAN::CANopenSDOWriteBlockValue(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
+                                                unsigned short nTimeout, unsigned short nLen,
+                                                const unsigned char* pcBuffer, SSDOValue& value)
+{
+    std::string payload = SDOAddress(nNode, nIndex, nSubIndex, nTimeout);
+    if (pcBuffer != nullptr)
+        payload.append(reinterpret_cast<const char*>(pcBuffer), nLen);
+    CTarvikReply reply;
+    int result = SDORequest(eCmdCANopenSDOWriteBlock, std::move(payload), nTimeout, reply);
+    return SDOValue(result, reply, value);
+}
+
+int CTarvikClientCAN::CANopenSDOReadBlockData(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
+                                              unsigned short nTimeout, unsigned char& nStatus, std::string& data,
+                                              unsigned int& nAbortCode)
+{
+    data.clear();
+    CTarvikReply reply;
+    int result =
+        SDORequest(eCmdCANopenSDOReadBlock, SDOAddress(nNode, nIndex, nSubIndex, nTimeout), nTimeout, reply);
+    nAbortCode = SDOAbortCode(result, reply.Payload());
+    if (result != 0)
+        return result;
+    if (!reply.ReadU8(1, nStatus))
+        return TARVIK_ERR_CNF_INVALID;
+    data = reply.Substr(2);
+    return result;
+}
+
+const char* CTarvikClientCAN::GetSDOAbortText(unsigned int nAbortCode)
+{
+    for (const SAbortText& row : kAbortTexts)
+        if (row.nCode == nAbortCode)
+            return row.pText;
+    return "unknown abort code";
 }

@@ -60,6 +60,21 @@ public:
         unsigned int nFilter[16];
     };
 
+    // Status byte of an SDO answer that carries the node's abort code (CANopen's abort
+    // command specifier); the code follows as 32 bits.
+    static constexpr unsigned char kSDOAbortStatus = 0x80;
+    // Most value bytes of an expedited SDO transfer.
+    static constexpr unsigned char kSDOMaxValueSize = 4;
+
+    // An SDO transfer as the device answered it (the ...Value services below).
+    struct SSDOValue
+    {
+        unsigned char nStatus;    // the answer's status byte
+        unsigned char nSize;      // number of value bytes received, 0..4
+        unsigned int nValue;      // those bytes as an unsigned little-endian number
+        unsigned int nAbortCode;  // the node's SDO abort code; 0 when the answer carried none
+    };
+
     explicit CTarvikClientCAN(int timeoutMs);
     // Stops the connection first (see CTarvikClient::StopConnection).
     ~CTarvikClientCAN() override;
@@ -143,6 +158,28 @@ public:
                                  unsigned short nTimeout, unsigned short nLen, const unsigned char* pcBuffer,
                                  unsigned char& nStatus, unsigned int& nValue);
 
+    // The same transfers with the value as it came: value is cleared, then on success
+    // holds the status byte, the value bytes as an unsigned little-endian number and
+    // their count; on a failure whose answer carries the node's abort (status 0x80 and
+    // 32 bits), nAbortCode. A successful answer without a status byte or with more than
+    // four value bytes gives 0x0C0000. A node that does not answer gives 0x0002FC,
+    // CANopen mode off 0x0002FE, as the services above.
+    int CANopenSDOReadValue(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
+                            unsigned short nTimeout, SSDOValue& value);
+    int CANopenSDOWriteValue(unsigned char nNode, unsigned char nDataSize, unsigned short nIndex,
+                             unsigned char nSubIndex, unsigned short nTimeout, unsigned int nData, SSDOValue& value);
+    int CANopenSDOWriteBlockValue(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
+                                  unsigned short nTimeout, unsigned short nLen, const unsigned char* pcBuffer,
+                                  SSDOValue& value);
+    // A block read that keeps every data byte of the answer: data is cleared, then on
+    // success holds all bytes after the status byte; nAbortCode as above (0 if none).
+    int CANopenSDOReadBlockData(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
+                                unsigned short nTimeout, unsigned char& nStatus, std::string& data,
+                                unsigned int& nAbortCode);
+    // The standard meaning of an SDO abort code ("object does not exist" for
+    // 0x06020000); "unknown abort code" for one that CANopen does not define.
+    static const char* GetSDOAbortText(unsigned int nAbortCode);
+
     // Indications are ignored here (not taken: the engine drops them).
     bool DataIndRespond(CTarvikMsg* msg) override;
 
@@ -157,6 +194,12 @@ private:
     // One SDO request waiting twice nTimeout; decodes status and value of the answer.
     int SDOTransfer(unsigned char cmd, std::string&& payload, unsigned short nTimeout, unsigned char& nStatus,
                     unsigned int& nValue);
+    // One SDO request waiting twice nTimeout, its answer kept in reply.
+    int SDORequest(unsigned char cmd, std::string&& payload, unsigned short nTimeout, CTarvikReply& reply);
+    // The ...Value decode of an SDO answer.
+    static int SDOValue(int result, const CTarvikReply& reply, SSDOValue& value);
+    // The node's abort code from a failed SDO answer; 0 when it carries none.
+    static unsigned int SDOAbortCode(int result, const CTarvikPayload& answer);
 };
 
 #endif

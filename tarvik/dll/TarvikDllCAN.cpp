@@ -4,6 +4,7 @@
 #include "tarvik/dll/TarvikDllPrivate.h"
 
 #include <algorithm>
+#include <cstring>
 
 using tarvik_dll::COut;
 using tarvik_dll::FitLength;
@@ -101,6 +102,20 @@ template <typename Call> int Fetch(int handle, Call call)
     {
         return kNothingFetched;
     }
+}
+
+// The outputs of the ...Value functions, each written when its pointer is not null.
+void PutSDOValue(const CTarvikClientCAN::SSDOValue& sdo, unsigned char* status, unsigned int* value,
+                 unsigned char* size, unsigned int* abortCode)
+{
+    if (status != nullptr)
+        *status = sdo.nStatus;
+    if (value != nullptr)
+        *value = sdo.nValue;
+    if (size != nullptr)
+        *size = sdo.nSize;
+    if (abortCode != nullptr)
+        *abortCode = sdo.nAbortCode;
 }
 } // namespace
 
@@ -392,6 +407,43 @@ int CANopenSendSDOWrite(int handle, unsigned char node, unsigned char dataSize, 
         COut<unsigned int> val(value);
         return can.CANopenSendSDOWrite(node, dataSize, index, subIndex, timeout, data, *st, *val);
     });
+}
+
+int CANopenSDOReadValue(int handle, unsigned char node, unsigned short index, unsigned char subIndex,
+                        unsigned short timeout, unsigned char* status, unsigned int* value, unsigned char* size,
+                        unsigned int* abortCode)
+{
+    return WithClient<CTarvikClientCAN>(handle, [&](CTarvikClientCAN& can) {
+        CTarvikClientCAN::SSDOValue sdo{};
+        int result = can.CANopenSDOReadValue(node, index, subIndex, timeout, sdo);
+        PutSDOValue(sdo, status, value, size, abortCode);
+        return result;
+    });
+}
+
+int CANopenSDOWriteValue(int handle, unsigned char node, unsigned char dataSize, unsigned short index,
+                         unsigned char subIndex, unsigned short timeout, unsigned int data, unsigned char* status,
+                         unsigned int* value, unsigned char* size, unsigned int* abortCode)
+{
+    return WithClient<CTarvikClientCAN>(handle, [&](CTarvikClientCAN& can) {
+        CTarvikClientCAN::SSDOValue sdo{};
+        int result = can.CANopenSDOWriteValue(node, dataSize, index, subIndex, timeout, data, sdo);
+        PutSDOValue(sdo, status, value, size, abortCode);
+        return result;
+    });
+}
+
+int CANopenSDOAbortText(unsigned int abortCode, char* buf, int size)
+{
+    const char* text = CTarvikClientCAN::GetSDOAbortText(abortCode);
+    const int whole = static_cast<int>(std::strlen(text)) + 1;
+    if (buf != nullptr && size > 0)
+    {
+        const int copied = whole < size ? whole - 1 : size - 1;
+        std::memcpy(buf, text, static_cast<size_t>(copied));
+        buf[copied] = '\0';
+    }
+    return whole;
 }
 
 int CANopenSendSDOReadBlock(int handle, unsigned char node, unsigned short index, unsigned char subIndex,

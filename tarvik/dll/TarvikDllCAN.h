@@ -131,6 +131,25 @@ TARVIK_API int CANopenSendSDOReadBlock(int handle, unsigned char node, unsigned 
 TARVIK_API int CANopenSendSDOWriteBlock(int handle, unsigned char node, unsigned short index,
                                         unsigned char subIndex, unsigned short timeout, const unsigned char* data,
                                         int len, unsigned char* status, unsigned int* value);
+/* The expedited SDO transfers with the value as it came (beside the two above, which
+ * keep their signed sum). Every non-null output is written whatever the gateway
+ * answered (not for 0x900000 and 0x910000, which reach no gateway): on
+ * success *status, *value = the value bytes as an unsigned little-endian number and
+ * *size = their count (0..4), *abortCode = 0; on a failure *abortCode = the node's SDO
+ * abort code when the gateway's answer carries it (0x0002FD "CANOpen NACK"), else 0,
+ * and the other outputs 0. 0x0002FC: the node did not answer; 0x0002FE: CANopen mode is
+ * off (CANopenSetConfig); 0x0C0000: a success answer that is not an SDO value. */
+TARVIK_API int CANopenSDOReadValue(int handle, unsigned char node, unsigned short index, unsigned char subIndex,
+                                   unsigned short timeout, unsigned char* status, unsigned int* value,
+                                   unsigned char* size, unsigned int* abortCode);
+TARVIK_API int CANopenSDOWriteValue(int handle, unsigned char node, unsigned char dataSize, unsigned short index,
+                                    unsigned char subIndex, unsigned short timeout, unsigned int data,
+                                    unsigned char* status, unsigned int* value, unsigned char* size,
+                                    unsigned int* abortCode);
+/* The standard meaning of an SDO abort code ("object does not exist" for 0x06020000),
+ * cut to size - 1 characters and terminated; returns the whole text's length with its
+ * zero, so a return above size tells of a cut (nothing written for a null buf). */
+TARVIK_API int CANopenSDOAbortText(unsigned int abortCode, char* buf, int size);
 /* All five CANopen callbacks at once; any may be null. */
 TARVIK_API int CANopenSetCallback(int handle, PCANopenPDOCallback pdo, PCANopenSYNCCallback sync,
                                   PCANopenEMCYCallback emcy, PCANopenGUARDCallback guard,

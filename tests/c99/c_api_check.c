@@ -162,6 +162,10 @@ int main(void)
     EXPECT_INVALID_HANDLE(CANopenSendPDO(NO_HANDLE, 1, 2, buf, 8));
     EXPECT_INVALID_HANDLE(CANopenSendSDORead(NO_HANDLE, 2, 0x1000, 0, 500, &u8, &u32[0]));
     EXPECT_INVALID_HANDLE(CANopenSendSDOWrite(NO_HANDLE, 2, 4, 0x2001, 0, 500, 7, &u8, &u32[0]));
+    EXPECT_INVALID_HANDLE(CANopenSDOReadValue(NO_HANDLE, 2, 0x1000, 0, 500, &u8, &u32[0], &u8, &u32[1]));
+    EXPECT_INVALID_HANDLE(CANopenSDOWriteValue(NO_HANDLE, 2, 4, 0x2001, 0, 500, 7, &u8, &u32[0], &u8, &u32[1]));
+    Expect("CANopenSDOAbortText", 22, CANopenSDOAbortText(0x06020000, buf, 64));
+    Expect("CANopenSDOAbortText text", 0, strcmp(buf, "object does not exist"));
     EXPECT_INVALID_HANDLE(CANopenSendSDOReadBlock(NO_HANDLE, 2, 0x2100, 0, 500, (unsigned char*)buf, 64, &u8,
                                                   &u16));
     EXPECT_INVALID_HANDLE(CANopenSendSDOWriteBlock(NO_HANDLE, 2, 0x2100, 0, 500, (unsigned char*)buf, 64, &u8,

@@ -471,8 +471,12 @@ void RunCanSDO(CCan& can, uint8_t which, CFuzzInput& in)
 {
     unsigned char status = 0;
     unsigned int value = 0;
-    switch (which % 4)
+    CTarvikClientCAN::SSDOValue sdo{};
+    std::string block;
+    switch (which % 6)
     {
+    case 4: can.CANopenSDOReadValue(in.Byte(), in.Word(), in.Byte(), 0, sdo); break;
+    case 5: can.CANopenSDOReadBlockData(in.Byte(), in.Word(), in.Byte(), 0, status, block, value); break;
     case 0: can.CANopenSendSDORead(in.Byte(), in.Word(), in.Byte(), 0, status, value); break;
     case 1: can.CANopenSendSDOWrite(in.Byte(), in.Byte(), in.Word(), in.Byte(), 0, in.Word(), status, value); break;
     case 2:
