@@ -122,7 +122,16 @@ def replayed(listener, idents):
 def test_logger_capture_replays_with_can_player_and_tarvik_can_play(sim, tmp_path):
     log = tmp_path / "capture.log"
     env = dict(os.environ, PYTHONUNBUFFERED="1")
-    logger = subprocess.Popen([sys.executable, "-m", "can.logger", "-i", "tarvik", "-c", "%s:1" % sim.host,
+    # python-can's logger as it is, except that its log writer flushes every line: the
+    # file then shows when the logger has taken every frame, and it can be stopped.
+    flushing = ("import can.io.canutils as u, can.logger\n"
+                "write = u.CanutilsLogWriter.on_message_received\n"
+                "def flushed(self, msg):\n"
+                "    write(self, msg)\n"
+                "    self.file.flush()\n"
+                "u.CanutilsLogWriter.on_message_received = flushed\n"
+                "can.logger.main()\n")
+    logger = subprocess.Popen([sys.executable, "-c", flushing, "-i", "tarvik", "-c", "%s:1" % sim.host,
                                "-f", str(log)], env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                               text=True)
     sent = [(0x400 + i, False, bytes([i] * 3)) for i in range(4)] + [(0x404, True, b"")]
@@ -139,9 +148,7 @@ def test_logger_capture_replays_with_can_player_and_tarvik_can_play(sim, tmp_pat
                 a.send(can.Message(arbitration_id=ident, is_extended_id=False, is_remote_frame=remote,
                                    dlc=2 if remote else len(data), data=None if remote else data))
             assert [witness.recv(20).arbitration_id for _ in sent] == [ident for ident, _, _ in sent]
-        # The logger got them at the same moment; its writer flushes only when it stops, so
-        # there is nothing to poll: give its loop a moment to take them from its queue.
-        time.sleep(1.0)
+        assert wait_until(lambda: log.exists() and log.read_text().count("\n") >= len(sent), timeout=20)
     finally:
         logger.send_signal(signal.SIGINT)
         out, _ = logger.communicate(timeout=60)
