@@ -107,6 +107,26 @@ TEST_F(CCliImagesTest, HexCommandsRefuseEveryDamagedImage)
         }
 }
 
+// With --json the refusal is one document on stdout, its lines under "problems", and
+// stderr stays quiet.
+TEST_F(CCliImagesTest, AJsonRefusalNamesTheLinesInsideTheDocument)
+{
+    for (const SBadImage& image : kBadImages)
+    {
+        const SCliRun run = Run(std::string("--json hex info ") + image.m_pName);
+        EXPECT_EQ(1, run.m_nExit) << CliDescribe(run);
+        EXPECT_EQ("", run.m_sErr) << image.m_pName;
+        EXPECT_EQ(0u, run.m_sOut.find("{\"error\":")) << run.m_sOut;
+        std::string problem; // as a JSON string writes it
+        for (const char* c = image.m_pProblem; *c != '\0'; ++c)
+            problem += *c == '"' ? std::string("\\\"") : std::string(1, *c);
+        const size_t problems = run.m_sOut.find("\"problems\":[\"");
+        EXPECT_NE(std::string::npos, problems) << run.m_sOut;
+        EXPECT_NE(std::string::npos, run.m_sOut.find("\"" + problem, problems)) << run.m_sOut;
+        EXPECT_EQ(run.m_sOut.size() - 1, run.m_sOut.find('\n')) << run.m_sOut;
+    }
+}
+
 // The programming commands refuse before they connect: the gateway receives no request.
 TEST_F(CCliImagesTest, ProgrammingCommandsSendNothingForADamagedImage)
 {
