@@ -196,24 +196,28 @@ void CliSetJsonOutput(bool json)
     Report().m_bJson = json;
 }
 
-void CliWarn(const std::string& text)
+namespace
+{
+// A line for stderr, or with --json an entry of one of the report's lists.
+void Note(std::vector<std::string> SCliReport::*list, const char* prefix, const std::string& text)
 {
     SCliReport& report = Report();
     std::lock_guard<std::mutex> lock(report.m_oLock);
     if (report.m_bJson)
-        report.m_asWarnings.push_back(text);
+        (report.*list).push_back(text);
     else
-        std::cerr << "tarvik: warning: " << text << std::endl;
+        std::cerr << prefix << text << std::endl;
+}
+} // namespace
+
+void CliWarn(const std::string& text)
+{
+    Note(&SCliReport::m_asWarnings, "tarvik: warning: ", text);
 }
 
 void CliProblem(const std::string& text)
 {
-    SCliReport& report = Report();
-    std::lock_guard<std::mutex> lock(report.m_oLock);
-    if (report.m_bJson)
-        report.m_asProblems.push_back(text);
-    else
-        std::cerr << "tarvik: " << text << std::endl;
+    Note(&SCliReport::m_asProblems, "tarvik: ", text);
 }
 
 void CliMarkSimulated()
