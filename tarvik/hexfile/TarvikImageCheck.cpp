@@ -78,7 +78,8 @@ public:
     {
     }
 
-    void Line(uint64_t number, std::string line)
+    // line is the caller's buffer, reused from line to line; it may be changed.
+    void Line(uint64_t number, std::string& line)
     {
         m_nLastLine = number;
         while (!line.empty() && std::strchr(" \t\r\f\v", line.back()) != nullptr)
@@ -136,7 +137,7 @@ private:
 
     void IntelRecord(uint64_t number, const std::string& line)
     {
-        std::vector<unsigned int> bytes;
+        std::vector<unsigned int>& bytes = m_aBytes;
         const bool whole = Decode(number, line, 1, bytes);
         if (bytes.size() < 5)
             return m_fnReport(number, CTarvikImageCheck::KindFormat, "too short for a record: " + Quote(line));
@@ -193,7 +194,7 @@ private:
         if (kind < '0' || kind > '9' || kind == '4')
             return m_fnReport(number, CTarvikImageCheck::KindRecordType,
                               "record type " + Quote(line.substr(0, 2)) + " is not an S-record type");
-        std::vector<unsigned int> bytes;
+        std::vector<unsigned int>& bytes = m_aBytes;
         const bool whole = Decode(number, line, 2, bytes);
         const unsigned int addressBytes = kAddressBytes[kind - '0'];
         if (bytes.empty())
@@ -291,6 +292,7 @@ private:
     uint64_t m_nDataRecords = 0;
     bool m_bNonHex = false; // the line last decoded has a character that is no hex digit
     std::vector<SSpan> m_vecSpans;
+    std::vector<unsigned int> m_aBytes; // the record being decoded, reused from line to line
 };
 
 bool IsRecordLine(const std::string& line, size_t from)
@@ -432,11 +434,13 @@ bool CTarvikImageCheck::LoadText(CTarvikHexfile& image, const std::string& text,
         const TReport report = [this](uint64_t line, EKind kind, const std::string& what) { Report(line, kind, what); };
         CRecordParser parser(m_eType == CTarvikHexfile::Intel, map, report);
         size_t pos = text.compare(0, 3, kUtf8Bom) == 0 ? 3 : 0;
+        std::string line;
         for (uint64_t number = 1; pos < text.size(); ++number)
         {
             size_t end = text.find('\n', pos);
             end = end == std::string::npos ? text.size() : end;
-            parser.Line(number, text.substr(pos, end - pos));
+            line.assign(text, pos, end - pos);
+            parser.Line(number, line);
             pos = end + 1;
         }
         parser.Finish();
