@@ -432,6 +432,16 @@ void SetOnCANopen(CPyCAN& can, py::object fn)
     SetCANopenCallbacks(can);
 }
 
+// An expedited SDO upload as the node answered it; an abort raises SdoAbortError.
+CTarvikClientCAN::SSDOValue SDORead(CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub,
+                                    unsigned short timeoutMs)
+{
+    CTarvikClientCAN::SSDOValue sdo{};
+    CanOpenCall([&] { return can.C().CANopenSDOReadValue(node, index, sub, timeoutMs, sdo); }, node,
+                &sdo.nAbortCode);
+    return sdo;
+}
+
 } // namespace
 
 void PyTarvikBindCAN(py::module_& module)
@@ -615,10 +625,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
         .def(
             "sdo_read",
             [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned short timeoutMs) {
-                CTarvikClientCAN::SSDOValue sdo{};
-                CanOpenCall([&] { return can.C().CANopenSDOReadValue(node, index, sub, timeoutMs, sdo); }, node,
-                            &sdo.nAbortCode);
-                return sdo.nValue;
+                return SDORead(can, node, index, sub, timeoutMs).nValue;
             },
             "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000,
             "Expedited SDO upload: the value, its bytes as received read as an unsigned little-endian number. "
@@ -626,9 +633,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
         .def(
             "sdo_read_sized",
             [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned short timeoutMs) {
-                CTarvikClientCAN::SSDOValue sdo{};
-                CanOpenCall([&] { return can.C().CANopenSDOReadValue(node, index, sub, timeoutMs, sdo); }, node,
-                            &sdo.nAbortCode);
+                const CTarvikClientCAN::SSDOValue sdo = SDORead(can, node, index, sub, timeoutMs);
                 return py::make_tuple(sdo.nValue, sdo.nSize);
             },
             "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000,
