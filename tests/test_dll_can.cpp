@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -547,6 +549,12 @@ TEST_F(CCanAWireSimTest, AHexFileIsWrittenPolledToItsEndAndReadBack)
     EXPECT_EQ(256u, page);
     EXPECT_STREQ("c3", text); // too long for the buffer: the first character goes
     ASSERT_EQ(0, AWireErase(h, 0));
+    // A damaged image (no end record) starts nothing.
+    const std::string cut = dir.Path("cut.hex");
+    std::ofstream(cut) << ":0400000001020304F2\n";
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, AWireWriteFile(h, cut.c_str()));
+    int none = 0;
+    EXPECT_EQ(255, AWireGetWriteFileStatus(h, &none, nullptr));
     ASSERT_EQ(0, AWireWriteFile(h, path.c_str()));
     EXPECT_EQ(0x0E21, AWireWriteFile(h, path.c_str()));
     int step = TARVIK_AWIRE_STEP_NOT_STARTED;

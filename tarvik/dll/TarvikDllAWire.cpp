@@ -2,6 +2,7 @@
 
 #include "tarvik/clients/TarvikClientAWire.h"
 #include "tarvik/dll/TarvikDllPrivate.h"
+#include "tarvik/hexfile/TarvikImageCheck.h"
 
 #include <string>
 
@@ -139,6 +140,15 @@ int AWireWriteFile(int handle, const char* filename)
     return WithClient<CTarvikClientAWire>(handle, [&](CTarvikClientAWire& awire) {
         if (filename == nullptr)
             return TARVIK_ERR_INVALID_PARAMETER;
+        // A damaged image is refused before anything is sent; one that cannot be read at
+        // all goes the documented way (step -1).
+        CTarvikHexfile image;
+        CTarvikImageCheck check;
+        if (check.LoadFile(image, filename))
+            return awire.WriteImage(image);
+        for (const CTarvikImageCheck::SProblem& problem : check.GetProblems())
+            if (problem.m_eKind != CTarvikImageCheck::KindOpen)
+                return TARVIK_ERR_INVALID_PARAMETER;
         return awire.WriteFile(filename);
     });
 }

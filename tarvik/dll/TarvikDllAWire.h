@@ -64,7 +64,9 @@ TARVIK_API int AWireGetWriteBlockStatus(int handle, short writeHandle, int* stat
                                         unsigned short* done);
 /* Starts writing the file in the background. Without a known page size it asks the
  * gateway first; a page size still 0 returns 0 with nothing started. A file that cannot
- * be loaded shows as step -1. */
+ * be loaded shows as step -1. A damaged image (a wrong checksum or byte count, a character
+ * that is no hex digit, no end record, overlapping records, ...) returns 0x920000 and
+ * nothing is sent. */
 TARVIK_API int AWireWriteFile(int handle, const char* filename);
 /* The end (step 3 done or -1 failed, both at 100 percent) is reported once; the file
  * write is then gone and a further call gives 255. */
