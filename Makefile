@@ -1,4 +1,4 @@
-# Entry points: make test | make demo | make bench | make soak | make fuzz | make install |
+# Entry points: make test | make check | make format | make demo | make bench | make soak | make fuzz | make install |
 # make uninstall | make lib
 # Each target installs what is missing (Debian 12, apt-get), configures and builds.
 
@@ -20,7 +20,7 @@ PYTHON_COMPONENTS = -DTARVIK_BUILD_PYTHON=ON
 PACKAGES = cmake make g++ pkg-config libboost-dev libgtest-dev libgmock-dev \
            libbenchmark-dev libcli11-dev nlohmann-json3-dev srecord ccache clang libclang-rt-14-dev \
            help2man bash-completion can-utils \
-           pybind11-dev python3-dev python3-pytest python3-can
+           pybind11-dev python3-dev python3-pytest python3-can clang-format clang-tidy cloc
 # The library alone needs no more than these.
 LIB_PACKAGES = cmake make g++ libboost-dev
 
@@ -30,7 +30,7 @@ FUZZ_LAUNCHER = $(if $(CCACHE),-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_CO
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test test-asan test-tsan build-tsan test-stress fuzz fuzz-smoke demo bench soak \
+.PHONY: all deps configure build check layers format format-check tidy test test-asan test-tsan build-tsan test-stress fuzz fuzz-smoke demo bench soak \
         install uninstall lib install-lib clean
 
 all: build
@@ -52,9 +52,34 @@ configure: deps
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
-# The suite, then the same suite again with AddressSanitizer and UBSan, and with
-# ThreadSanitizer (any sanitizer report fails its test), then a short fuzz run.
+# The product's own sources (the tests, benchmarks and examples are formatted, not tidied).
+FORMAT_FILES = git ls-files -- 'tarvik/*.h' 'tarvik/*.cpp' 'sim/*.h' 'sim/*.cpp' 'tools/*.h' 'tools/*.cpp' \
+               'python/src/*.h' 'python/src/*.cpp' 'tests/*.h' 'tests/*.cpp' 'tests/*.c' 'bench/*.h' 'bench/*.cpp' \
+               'examples/*.c'
+TIDY_FILES = git ls-files -- 'tarvik/*.cpp' 'sim/*.cpp' 'tools/*.cpp' 'python/src/*.cpp'
+
+# The floors of the tree: no directory includes one above it, no two source pairs circle.
+layers:
+	/usr/bin/python3 tests/scripts/check_layers.py
+
+format:
+	$(FORMAT_FILES) | xargs clang-format-14 -i
+
+format-check: deps
+	$(FORMAT_FILES) | xargs clang-format-14 --dry-run -Werror
+
+# clang-tidy with the naming rules and bug checks of .clang-tidy, over the build's compile commands.
+tidy: build
+	$(TIDY_FILES) | xargs run-clang-tidy-14 -p $(BUILD) -j $(JOBS) -quiet > $(BUILD)/tidy.log 2>&1 || \
+	  { grep -E 'warning:|error:' $(BUILD)/tidy.log | sort -u; echo "make tidy: see $(BUILD)/tidy.log"; exit 1; }
+	@echo "tidy: $$($(TIDY_FILES) | wc -l) files, no findings"
+
+check: layers format-check tidy
+
+# The checks of the tree, the suite, then the same suite again with AddressSanitizer and UBSan,
+# and with ThreadSanitizer (any sanitizer report fails its test), then a short fuzz run.
 test: build
+	$(MAKE) check
 	ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
