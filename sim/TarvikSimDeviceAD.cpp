@@ -1,11 +1,13 @@
 #include "sim/TarvikSimDeviceAD.h"
 
+#include <cmath>
+
 namespace
 {
 // 0.25 V per channel number above 0.5 V on a 5 V, 12-bit converter.
 unsigned int DefaultLevel(size_t channel)
 {
-    return static_cast<unsigned int>((0.5 + 0.25 * static_cast<double>(channel)) / 5.0 * 4095.0 + 0.5);
+    return static_cast<unsigned int>(std::lround((0.5 + 0.25 * static_cast<double>(channel)) / 5.0 * 4095.0));
 }
 } // namespace
 

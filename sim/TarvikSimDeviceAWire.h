@@ -50,7 +50,7 @@ public:
         eStateFailed = 2,
     };
 
-    static constexpr size_t kDefaultFlashSize = 256 * 1024;
+    static constexpr size_t kDefaultFlashSize = size_t{256} * 1024;
     static constexpr size_t kDefaultPageSize = 256;
     static constexpr unsigned int kUserPageOffset = 0x00800000;
 

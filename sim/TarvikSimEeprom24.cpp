@@ -19,7 +19,7 @@ bool CTarvikSimEeprom24::Matches(unsigned char address) const
 
 size_t CTarvikSimEeprom24::BlockBits() const
 {
-    return 8 * m_nAddressBytes;
+    return 8 * static_cast<size_t>(m_nAddressBytes);
 }
 
 bool CTarvikSimEeprom24::IsBusy() const

@@ -2,6 +2,7 @@
 
 #include "CliFormat.h"
 
+#include <cmath>
 #include <cstdio>
 #include <unistd.h>
 
@@ -70,7 +71,7 @@ long CCliStepProgress::SecondsLeft(double rate) const
     if (rate <= 0 || m_nPercent <= 0)
         return -1;
     double left = static_cast<double>(m_nTotal) * (100 - m_nPercent) / 100.0;
-    return static_cast<long>(left / rate + 0.5);
+    return std::lround(left / rate);
 }
 
 void CCliStepProgress::Show()

@@ -66,6 +66,7 @@ void RunSetWords(const SCliGlobals& globals, const TWordOp& set, const std::vect
     if (texts.size() > kMaxWords)
         CliFail(what + ": at most 255 words", eCliExitUsage);
     std::vector<unsigned short> words;
+    words.reserve(texts.size());
     for (const std::string& text : texts)
         words.push_back(static_cast<unsigned short>(CliParseNumber(text, 0xFFFF, "word")));
     CliCheck(set(words.empty() ? nullptr : words.data(), static_cast<unsigned char>(words.size())), what);
@@ -146,7 +147,7 @@ void RunAvailable(const SCliGlobals& globals, const STestSysOptions& options)
 // get N / set W... of one unit's word bank; make runs one operation on a fresh client.
 template <class TClient>
 void AddWordCommands(CLI::App* parent, const char* name, const char* help, SCliGlobals* g,
-                     std::shared_ptr<STestSysOptions> options, int (TClient::*get)(unsigned short*, unsigned char),
+                     const std::shared_ptr<STestSysOptions>& options, int (TClient::*get)(unsigned short*, unsigned char),
                      int (TClient::*set)(unsigned short*, unsigned char))
 {
     CLI::App* unit = parent->add_subcommand(name, help);

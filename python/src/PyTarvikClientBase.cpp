@@ -126,13 +126,20 @@ CPyClientBase::CPyClientBase(std::unique_ptr<CTarvikClient> client, std::string 
 
 CPyClientBase::~CPyClientBase()
 {
-    if (Py_IsInitialized() && PyGILState_Check())
+    try
     {
-        py::gil_scoped_release release;
-        StopReleased();
+        if (Py_IsInitialized() && PyGILState_Check())
+        {
+            py::gil_scoped_release release;
+            StopReleased();
+        }
+        else
+            StopReleased();
     }
-    else
-        StopReleased();
+    catch (...)
+    {
+        // Releasing the GIL cannot fail while the interpreter runs; a destructor never throws.
+    }
 }
 
 unsigned short CPyClientBase::GetPort() const

@@ -133,7 +133,7 @@ void PyTarvikBindBase(Cls& cls)
                  }
                  return self;
              })
-        .def("__exit__", [](W& client, py::args) {
+        .def("__exit__", [](W& client, const py::args&) {
             py::gil_scoped_release release;
             client.Close();
             return false;

@@ -146,6 +146,7 @@ py::list I2CSequence(CPyI2C& w, const py::list& steps)
     if (owned.size() > 65535)
         throw py::value_error("too many steps");
     std::vector<CTarvikClientI2C::I2CCommand> commands;
+    commands.reserve(owned.size());
     for (SI2CStep& step : owned)
         commands.push_back({step.m_nCommand, static_cast<unsigned short>(step.m_sBuffer.size()), step.m_sBuffer.data()});
     unsigned short errorPos = 0;

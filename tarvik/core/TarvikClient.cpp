@@ -586,7 +586,7 @@ int CTarvikClient::ReadAnalog(unsigned int& first, unsigned int* values, unsigne
 int CTarvikClient::WriteAnalog(const unsigned int* values, unsigned short count)
 {
     std::string payload;
-    payload.reserve(4u * count);
+    payload.reserve(4 * static_cast<size_t>(count));
     for (unsigned short i = 0; values != nullptr && i < count; ++i)
         payload += CTarvikMsg::ToChar(values[i]);
     CTarvikReply reply;

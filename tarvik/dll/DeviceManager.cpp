@@ -120,8 +120,8 @@ int CDeviceManager::ConnectOwned(int* handle, const char* host, std::unique_ptr<
         *handle = -1;
         return result;
     }
-    Register(device->m_nHandle, device.get());
-    device.release();
+    const int registered = device->m_nHandle;
+    Register(registered, device.release());
     return 0;
 }
 
