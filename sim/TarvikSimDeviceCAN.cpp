@@ -1,12 +1,15 @@
 #include "sim/TarvikSimDeviceCAN.h"
 
 #include "sim/TarvikSimCanOpenNode.h"
+#include "tarvik/core/TarvikPayload.h"
 
 #include <algorithm>
 
 namespace
 {
-constexpr size_t kFrameHeader = 5;      // identifier(4) flags(1)
+namespace can = tarvik_protocol::can;
+
+constexpr size_t kFrameHeader = can::kFrameHead;
 constexpr size_t kGlobalsSize = 14;
 constexpr size_t kGlobalsBaudrate = 1;
 constexpr size_t kZCardSize = 7;
@@ -32,22 +35,23 @@ std::string U8(unsigned int value)
     return std::string(1, static_cast<char>(value & 0xFF));
 }
 
+// Readers of a request's bytes; a byte past the end reads 0 (callers check the size first).
 unsigned char Byte(const std::string& data, size_t pos)
 {
-    return static_cast<unsigned char>(data[pos]);
+    return CTarvikPayload(data).At(pos);
 }
 
 unsigned short LE16(const std::string& data, size_t pos)
 {
     unsigned short value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
+    CTarvikPayload(data).ReadU16(pos, value);
     return value;
 }
 
 unsigned int LE32(const std::string& data, size_t pos)
 {
     unsigned int value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
+    CTarvikPayload(data).ReadU32(pos, value);
     return value;
 }
 
@@ -161,7 +165,7 @@ size_t CTarvikSimDeviceCAN::StreamFrames(unsigned long connection, STarvikSimCan
         CTarvikMsg msg;
         {
             std::lock_guard<std::mutex> lock(m_oMutex);
-            msg = FrameTelegram(CTarvikClientCAN::eCmdFrame, frame, timeStamps);
+            msg = FrameTelegram(can::eCmdFrame, frame, timeStamps);
         }
         if (!IndicateToWait(connection, msg))
             return i;
@@ -171,7 +175,7 @@ size_t CTarvikSimDeviceCAN::StreamFrames(unsigned long connection, STarvikSimCan
 
 bool CTarvikSimDeviceCAN::HandleCommand(unsigned char cmd, const std::string& data, std::string& answer)
 {
-    if (cmd >= CTarvikClientCAN::eCmdCANopenSetConfig && cmd <= CTarvikClientCAN::eCmdCANopenSDOWriteBlock)
+    if (cmd >= can::eCmdCANopenSetConfig && cmd <= can::eCmdCANopenSDOWriteBlock)
         return HandleCanOpenCommand(cmd, data, answer);
     return HandleCanCommand(cmd, data, answer);
 }
@@ -180,20 +184,35 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
 {
     switch (cmd)
     {
-    case CTarvikClientCAN::eCmdFrame: answer = OnWrite(data); return true;
-    case CTarvikClientCAN::eCmdSetConfig: answer = OnSetConfig(data); return true;
-    case CTarvikClientCAN::eCmdGetConfig:
+    case can::eCmdFrame:
+        answer = OnWrite(data);
+        return true;
+    case can::eCmdSetConfig:
+        answer = OnSetConfig(data);
+        return true;
+    case can::eCmdGetConfig:
     {
         const SClient& client = m_aoClients[GetRequester()];
-        answer = data.empty() ? Answer(eResultOk, U8(client.m_bConfirm) + U8(client.m_bTimeStamps)) : Answer(eResultFailed);
+        answer = data.empty() ? Answer(eResultOk, U8(client.m_bConfirm) + U8(client.m_bTimeStamps))
+                              : Answer(eResultFailed);
         return true;
     }
-    case CTarvikClientCAN::eCmdSetGlobals: answer = OnSetGlobals(data); return true;
-    case CTarvikClientCAN::eCmdGetGlobals: answer = data.empty() ? Answer(eResultOk, m_sGlobals) : Answer(eResultFailed); return true;
-    case CTarvikClientCAN::eCmdSetTime: answer = OnSetTime(data); return true;
-    case CTarvikClientCAN::eCmdGetTime: answer = data.empty() ? Answer(eResultOk, U8(m_bTimeValid) + Stamp(ClockUs())) : Answer(eResultFailed); return true;
-    case CTarvikClientCAN::eCmdSetFilter: answer = OnSetFilter(data); return true;
-    case CTarvikClientCAN::eCmdGetFilter:
+    case can::eCmdSetGlobals:
+        answer = OnSetGlobals(data);
+        return true;
+    case can::eCmdGetGlobals:
+        answer = data.empty() ? Answer(eResultOk, m_sGlobals) : Answer(eResultFailed);
+        return true;
+    case can::eCmdSetTime:
+        answer = OnSetTime(data);
+        return true;
+    case can::eCmdGetTime:
+        answer = data.empty() ? Answer(eResultOk, U8(m_bTimeValid) + Stamp(ClockUs())) : Answer(eResultFailed);
+        return true;
+    case can::eCmdSetFilter:
+        answer = OnSetFilter(data);
+        return true;
+    case can::eCmdGetFilter:
     {
         std::string words;
         for (unsigned int word : m_anFilter)
@@ -201,9 +220,13 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
         answer = data.empty() ? Answer(eResultOk, words) : Answer(eResultFailed);
         return true;
     }
-    case CTarvikClientCAN::eCmdGetPowerStatus: answer = data.empty() ? OnGetPowerStatus() : Answer(eResultFailed); return true;
-    case CTarvikClientCAN::eCmdSetPowerRelais: answer = OnSetPowerRelais(data); return true;
-    case CTarvikClientCAN::eCmdSetActivePowerSupplies:
+    case can::eCmdGetPowerStatus:
+        answer = data.empty() ? OnGetPowerStatus() : Answer(eResultFailed);
+        return true;
+    case can::eCmdSetPowerRelais:
+        answer = OnSetPowerRelais(data);
+        return true;
+    case can::eCmdSetActivePowerSupplies:
         if (data.size() != 4)
             answer = Answer(eResultFailed);
         else
@@ -212,10 +235,17 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
             answer = Answer(eResultOk);
         }
         return true;
-    case CTarvikClientCAN::eCmdSetCyclicMessage: answer = OnSetCyclic(data); return true;
-    case CTarvikClientCAN::eCmdSetZCardParameter: answer = OnSetZCard(data); return true;
-    case CTarvikClientCAN::eCmdGetZCardParameter: answer = data.empty() ? Answer(eResultOk, m_sZCard) : Answer(eResultFailed); return true;
-    default: return false;
+    case can::eCmdSetCyclicMessage:
+        answer = OnSetCyclic(data);
+        return true;
+    case can::eCmdSetZCardParameter:
+        answer = OnSetZCard(data);
+        return true;
+    case can::eCmdGetZCardParameter:
+        answer = data.empty() ? Answer(eResultOk, m_sZCard) : Answer(eResultFailed);
+        return true;
+    default:
+        return false;
     }
 }
 
@@ -319,8 +349,8 @@ std::string CTarvikSimDeviceCAN::OnSetCyclic(const std::string& data)
 {
     if (data.empty())
         return Answer(eResultFailed);
-    unsigned int index = Byte(data, 0) & 0x7F;
-    bool enable = (Byte(data, 0) & 0x80) != 0;
+    unsigned int index = Byte(data, 0) & ~can::kCyclicEnable & 0xFF;
+    bool enable = (Byte(data, 0) & can::kCyclicEnable) != 0;
     if (index >= kCyclicEntries || (enable && data.size() < 5 + kFrameHeader))
         return Answer(eResultFailed);
     if (!enable)
@@ -351,17 +381,17 @@ std::string CTarvikSimDeviceCAN::OnSetZCard(const std::string& data)
 
 bool CTarvikSimDeviceCAN::HandleCanOpenCommand(unsigned char cmd, const std::string& data, std::string& answer)
 {
-    if (cmd == CTarvikClientCAN::eCmdCANopenSetConfig)
+    if (cmd == can::eCmdCANopenSetConfig)
     {
         answer = OnCoSetConfig(data);
         return true;
     }
-    if (cmd == CTarvikClientCAN::eCmdCANopenGetConfig)
+    if (cmd == can::eCmdCANopenGetConfig)
     {
         answer = data.empty() ? Answer(eResultOk, U8(m_nCoMode)) : Answer(eResultFailed);
         return true;
     }
-    if (cmd == CTarvikClientCAN::eCmdCANopenEMCY)
+    if (cmd == can::eCmdCANopenEMCY)
         return false;
     if (m_nCoMode == 0)
     {
@@ -370,18 +400,34 @@ bool CTarvikSimDeviceCAN::HandleCanOpenCommand(unsigned char cmd, const std::str
     }
     switch (cmd)
     {
-    case CTarvikClientCAN::eCmdCANopenSetSYNCMode: answer = OnCoSetSyncMode(data); break;
-    case CTarvikClientCAN::eCmdCANopenSendNMT: answer = OnCoNmt(data); break;
-    case CTarvikClientCAN::eCmdCANopenSYNC:
+    case can::eCmdCANopenSetSYNCMode:
+        answer = OnCoSetSyncMode(data);
+        break;
+    case can::eCmdCANopenSendNMT:
+        answer = OnCoNmt(data);
+        break;
+    case can::eCmdCANopenSYNC:
         answer = data.empty() ? Answer(Send(STarvikSimCanFrame{CTarvikSimCanOpenNode::kCobSync, 0, {}, 0, {}}))
                               : Answer(eResultFailed);
         break;
-    case CTarvikClientCAN::eCmdCANopenSendTIME: answer = OnCoTime(data); break;
-    case CTarvikClientCAN::eCmdCANopenPDO: answer = OnCoPdo(data); break;
-    case CTarvikClientCAN::eCmdCANopenSDORead: answer = OnSdoRead(data, false); break;
-    case CTarvikClientCAN::eCmdCANopenSDOWrite: answer = OnSdoWrite(data); break;
-    case CTarvikClientCAN::eCmdCANopenSDOReadBlock: answer = OnSdoRead(data, true); break;
-    default: answer = OnSdoWriteBlock(data); break;
+    case can::eCmdCANopenSendTIME:
+        answer = OnCoTime(data);
+        break;
+    case can::eCmdCANopenPDO:
+        answer = OnCoPdo(data);
+        break;
+    case can::eCmdCANopenSDORead:
+        answer = OnSdoRead(data, false);
+        break;
+    case can::eCmdCANopenSDOWrite:
+        answer = OnSdoWrite(data);
+        break;
+    case can::eCmdCANopenSDOReadBlock:
+        answer = OnSdoRead(data, true);
+        break;
+    default:
+        answer = OnSdoWriteBlock(data);
+        break;
     }
     return true;
 }
@@ -549,7 +595,7 @@ void CTarvikSimDeviceCAN::OnFrame(const STarvikSimCanFrame& frame)
     if (m_nCoMode != 0)
         OnCanOpenFrame(frame);
     else if (Accepts(frame))
-        IndicateFrame(CTarvikClientCAN::eCmdFrame, frame);
+        IndicateFrame(can::eCmdFrame, frame);
 }
 
 void CTarvikSimDeviceCAN::OnCanOpenFrame(const STarvikSimCanFrame& frame)
@@ -560,21 +606,21 @@ void CTarvikSimDeviceCAN::OnCanOpenFrame(const STarvikSimCanFrame& frame)
     unsigned int function = id & 0x780;
     bool standard = IsStandard(frame);
     if (standard && id == CTarvikSimCanOpenNode::kCobSync)
-        IndicateAll(CTarvikClientCAN::eCmdCANopenSYNC, U8(data.empty() ? 0 : Byte(data, 0)));
+        IndicateAll(can::eCmdCANopenSYNC, U8(data.empty() ? 0 : Byte(data, 0)));
     else if (standard && function == CTarvikSimCanOpenNode::kCobEmcy && node != 0)
     {
         std::string emcy = data.substr(0, 8);
         emcy.resize(8, '\0');
-        IndicateAll(CTarvikClientCAN::eCmdCANopenEMCY, U8(node) + emcy);
+        IndicateAll(can::eCmdCANopenEMCY, U8(node) + emcy);
     }
     else if (standard && function >= CTarvikSimCanOpenNode::kCobTpdo1 && function <= 0x480 && (function & 0x80) != 0 &&
              node != 0 && data.size() <= STarvikSimCanFrame::kMaxClassic)
-        IndicateAll(CTarvikClientCAN::eCmdCANopenPDO, U8(node) + U8((function - CTarvikSimCanOpenNode::kCobTpdo1) / 0x100 + 1) +
+        IndicateAll(can::eCmdCANopenPDO, U8(node) + U8((function - CTarvikSimCanOpenNode::kCobTpdo1) / 0x100 + 1) +
                                    U8(data.size()) + data);
     else if (standard && function == CTarvikSimCanOpenNode::kCobHeartbeat && node != 0 && data.size() == 1)
         OnHeartbeat(node, Byte(data, 0) & 0x7F);
     else if (Accepts(frame))
-        IndicateFrame(CTarvikClientCAN::eCmdCANopenUndefined, frame);
+        IndicateFrame(can::eCmdCANopenUndefined, frame);
 }
 
 void CTarvikSimDeviceCAN::OnHeartbeat(unsigned char node, unsigned char state)
@@ -583,7 +629,7 @@ void CTarvikSimDeviceCAN::OnHeartbeat(unsigned char node, unsigned char state)
     if (it == m_anNodeStates.end() || it->second != state)
     {
         m_anNodeStates[node] = state;
-        IndicateAll(CTarvikClientCAN::eCmdCANopenGUARD, U8(node) + U8(state));
+        IndicateAll(can::eCmdCANopenGUARD, U8(node) + U8(state));
     }
     // The master expects the next heartbeat within 1.5 of the node's period.
     CTarvikSimCanOpenNode* producer = m_pBus->GetNode(node);
@@ -612,7 +658,7 @@ void CTarvikSimDeviceCAN::OnTimer(unsigned int key)
     {
         unsigned char node = static_cast<unsigned char>(key - kTimerGuardBase);
         if (m_nCoMode != 0 && m_anNodeStates.erase(node) != 0)
-            IndicateAll(CTarvikClientCAN::eCmdCANopenGUARD, U8(node) + U8(kGuardLost));
+            IndicateAll(can::eCmdCANopenGUARD, U8(node) + U8(kGuardLost));
     }
 }
 
@@ -624,7 +670,7 @@ CTarvikMsg CTarvikSimDeviceCAN::FrameTelegram(unsigned char cmd, const STarvikSi
     payload += frame.m_sData;
     if (timeStamp)
         payload += Stamp(ClockUs());
-    unsigned short code = static_cast<unsigned short>(eTarvikCAN << 8 | cmd);
+    unsigned short code = can::CmdCode(cmd);
     return CTarvikMsg(code, m_nIndicationId++, std::move(payload));
 }
 
@@ -637,7 +683,7 @@ void CTarvikSimDeviceCAN::IndicateFrame(unsigned char cmd, const STarvikSimCanFr
 
 void CTarvikSimDeviceCAN::IndicateAll(unsigned char cmd, const std::string& data)
 {
-    CTarvikMsg msg(static_cast<unsigned short>(eTarvikCAN << 8 | cmd), m_nIndicationId++, std::string(data));
+    CTarvikMsg msg(can::CmdCode(cmd), m_nIndicationId++, std::string(data));
     for (const auto& client : m_aoClients)
         if (!IndicateTo(client.first, msg))
             ++m_nDropped;

@@ -46,7 +46,7 @@
 #include "sim/TarvikSimCanBus.h"
 #include "sim/TarvikSimCanStation.h"
 #include "sim/TarvikSimDevice.h"
-#include "tarvik/clients/TarvikClientCAN.h"
+#include "tarvik/protocol/TarvikProtocolCAN.h"
 
 #include <array>
 #include <map>
