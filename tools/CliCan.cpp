@@ -8,8 +8,8 @@ namespace
 {
 namespace can = tarvik_protocol::can;
 
-const char* const kQueueNames[CTarvikClientCANDll::eQueueCount] = {"PDO", "SYNC", "EMCY", "GUARD", "undefined",
-                                                                   "CAN"};
+// The kinds as the text and JSON name them (as tarvik.CAN.drop_counts() does).
+const char* const kQueueNames[CTarvikClientCANDll::eQueueCount] = {"pdo", "sync", "emcy", "guard", "undefined", "can"};
 } // namespace
 
 CCliCan::CCliCan(const SCliGlobals& globals, ITarvikCanReceiver* receiver, unsigned long queueSize)
