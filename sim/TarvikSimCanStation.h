@@ -7,6 +7,7 @@
 #ifndef TARVIK_SIM_TARVIKSIMCANSTATION_H
 #define TARVIK_SIM_TARVIKSIMCANSTATION_H
 
+#include "tarvik/core/TarvikPayload.h"
 #include "tarvik/protocol/TarvikProtocolCAN.h"
 
 #include <cstddef>
@@ -31,6 +32,19 @@ struct STarvikSimCanFrame
     // who sent it ("can0", "can1" for gateways by port index, "node2", "test").
     int64_t m_nTimeUs = 0;
     std::string m_sSender;
+
+    // The frame part of a request (Write, cyclic message) from pos on: identifier,
+    // flags, data. The caller has checked that the head is there.
+    static STarvikSimCanFrame FromRequest(const std::string& data, size_t pos)
+    {
+        STarvikSimCanFrame frame;
+        const CTarvikPayload payload(data);
+        payload.ReadU32(pos + tarvik_protocol::can::kFrameIdOffset, frame.m_nId);
+        frame.m_nFlags = payload.At(pos + tarvik_protocol::can::kFrameFlagsOffset);
+        const size_t head = pos + tarvik_protocol::can::kFrameHead;
+        frame.m_sData = head < data.size() ? data.substr(head) : std::string();
+        return frame;
+    }
 
     // Whether a CAN controller can send it: identifier within 11 or 29 bits, at most
     // 8 data bytes (64 for CAN FD).
