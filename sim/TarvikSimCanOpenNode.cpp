@@ -224,11 +224,21 @@ void CTarvikSimCanOpenNode::OnNmt(unsigned char command, Frames& out)
 {
     switch (command)
     {
-    case eNmtStart: SetState(eStateOperational, out); break;
-    case eNmtStop: SetState(eStateStopped, out); break;
-    case eNmtPreOperational: SetState(eStatePreOperational, out); break;
-    case eNmtResetNode: Reset(true, out); break;
-    case eNmtResetCommunication: Reset(false, out); break;
+    case eNmtStart:
+        SetState(eStateOperational, out);
+        break;
+    case eNmtStop:
+        SetState(eStateStopped, out);
+        break;
+    case eNmtPreOperational:
+        SetState(eStatePreOperational, out);
+        break;
+    case eNmtResetNode:
+        Reset(true, out);
+        break;
+    case eNmtResetCommunication:
+        Reset(false, out);
+        break;
     default: break;
     }
 }

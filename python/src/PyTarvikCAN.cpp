@@ -138,7 +138,8 @@ public:
     // ITarvikCanReceiver, on the receive thread.
     bool OnFrame(unsigned int id, const char* data, int len, int flags, int sec, int usec) override
     {
-        return Call(eQueueCAN, [&] { return py::make_tuple(id, py::bytes(data, static_cast<size_t>(len)), flags, sec, usec); });
+        return Call(eQueueCAN,
+                    [&] { return py::make_tuple(id, py::bytes(data, static_cast<size_t>(len)), flags, sec, usec); });
     }
     bool OnPDO(unsigned char p1, unsigned char p2, unsigned char len, const char* data) override
     {
