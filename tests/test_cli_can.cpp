@@ -123,6 +123,7 @@ TEST_F(CliCan, SettingsAndCanOpenServicesRoundTrip)
     const SStep steps[] = {
         {{"can", "status"}, 0, "dropped  none"},
         {{"--json", "can", "status"}, 0, "\"dropped\":{\"pdo\":{\"queues_off\":0,\"queue_full\":0,"},
+        {{"--json", "can", "dump", "--duration", "0.2"}, 0, "{\"summary\":{\"frames\":0,\"dropped\":{\"pdo\":"},
         {{"can", "globals", "--baudrate", "250000"}, 0, "baudrate 250000"},
         {{"--json", "can", "globals"}, 0, "\"baudrate\":250000"},
         {{"can", "globals", "--baudrate", "12345"}, 1, ""},
