@@ -29,7 +29,7 @@
 
 class CTarvikSimCanOpenNode;
 
-class CTarvikSimCanBus
+class CTarvikSimCanBus : public CTarvikSimCanPort
 {
 public:
     static constexpr size_t kDefaultLogSize = 4096;
@@ -37,7 +37,7 @@ public:
     // Starts the bus thread with CANopen nodes of these ids (1..127; others are skipped).
     explicit CTarvikSimCanBus(const std::vector<unsigned char>& nodeIds = DefaultNodeIds());
     // Stops the bus thread; the nodes go after it.
-    ~CTarvikSimCanBus();
+    ~CTarvikSimCanBus() override;
     CTarvikSimCanBus(const CTarvikSimCanBus&) = delete;
     CTarvikSimCanBus& operator=(const CTarvikSimCanBus&) = delete;
 
@@ -52,7 +52,7 @@ public:
     // Sends a frame from sender (null: from outside, e.g. a test). Stamps time and sender
     // name, logs it, hands it to the nodes at once and queues it for the gateways.
     // Returns the time stamp. Any thread.
-    int64_t Transmit(STarvikSimCanFrame frame, const CTarvikSimCanStation* sender);
+    int64_t Transmit(STarvikSimCanFrame frame, const CTarvikSimCanStation* sender) override;
     // A frame from outside the gateways and nodes ("test").
     void Inject(const STarvikSimCanFrame& frame) { Transmit(frame, nullptr); }
     // Stations other than sender that would acknowledge a frame.
@@ -76,8 +76,9 @@ public:
 
     // Calls owner->OnTimer(key) after firstMs, then every periodMs (0: once). Replaces a
     // timer of the same owner and key.
-    void SetTimer(CTarvikSimCanStation* owner, unsigned int key, unsigned int firstMs, unsigned int periodMs);
-    void KillTimer(CTarvikSimCanStation* owner, unsigned int key);
+    void SetTimer(CTarvikSimCanStation* owner, unsigned int key, unsigned int firstMs,
+                  unsigned int periodMs) override;
+    void KillTimer(CTarvikSimCanStation* owner, unsigned int key) override;
 
     // Wall-clock microseconds since 1970.
     static int64_t NowUs();

@@ -1,8 +1,7 @@
 #include "sim/TarvikSimCanOpenNode.h"
 
-#include "sim/TarvikSimCanBus.h"
-
 #include "tarvik/core/TarvikMsg.h"
+#include "tarvik/core/TarvikPayload.h"
 
 #include <algorithm>
 
@@ -36,13 +35,12 @@ std::string DomainPattern(unsigned char id)
 unsigned short ReadU16(const std::string& value)
 {
     unsigned short result = 0;
-    if (value.size() >= 2)
-        CTarvikMsg::FromChar(result, value.data());
+    CTarvikPayload(value).ReadU16(0, result);
     return result;
 }
 } // namespace
 
-CTarvikSimCanOpenNode::CTarvikSimCanOpenNode(unsigned char id, CTarvikSimCanBus& bus)
+CTarvikSimCanOpenNode::CTarvikSimCanOpenNode(unsigned char id, CTarvikSimCanPort& bus)
     : m_nId(id), m_oBus(bus), m_eState(eStatePreOperational), m_bPowered(true)
 {
     BuildDictionary();
@@ -226,11 +224,21 @@ void CTarvikSimCanOpenNode::OnNmt(unsigned char command, Frames& out)
 {
     switch (command)
     {
-    case eNmtStart: SetState(eStateOperational, out); break;
-    case eNmtStop: SetState(eStateStopped, out); break;
-    case eNmtPreOperational: SetState(eStatePreOperational, out); break;
-    case eNmtResetNode: Reset(true, out); break;
-    case eNmtResetCommunication: Reset(false, out); break;
+    case eNmtStart:
+        SetState(eStateOperational, out);
+        break;
+    case eNmtStop:
+        SetState(eStateStopped, out);
+        break;
+    case eNmtPreOperational:
+        SetState(eStatePreOperational, out);
+        break;
+    case eNmtResetNode:
+        Reset(true, out);
+        break;
+    case eNmtResetCommunication:
+        Reset(false, out);
+        break;
     default: break;
     }
 }

@@ -26,7 +26,6 @@
 #include <string>
 #include <vector>
 
-class CTarvikSimCanBus;
 
 class CTarvikSimCanOpenNode : public CTarvikSimCanStation
 {
@@ -69,7 +68,7 @@ public:
     static constexpr size_t kDomainSize = 4096;
     static constexpr size_t kEmcyDataSize = 5;
 
-    CTarvikSimCanOpenNode(unsigned char id, CTarvikSimCanBus& bus);
+    CTarvikSimCanOpenNode(unsigned char id, CTarvikSimCanPort& bus);
     CTarvikSimCanOpenNode(const CTarvikSimCanOpenNode&) = delete;
     CTarvikSimCanOpenNode& operator=(const CTarvikSimCanOpenNode&) = delete;
 
@@ -126,7 +125,7 @@ private:
     void Send(const Frames& frames);
 
     const unsigned char m_nId;
-    CTarvikSimCanBus& m_oBus;
+    CTarvikSimCanPort& m_oBus;
     mutable std::mutex m_oMutex;
     std::vector<SEntry> m_aoEntries;
     // Aborts set by SetSdoAbort: (index << 8 | sub) -> code.

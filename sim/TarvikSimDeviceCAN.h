@@ -22,37 +22,35 @@
 //   0x22 GetPowerStatus -> 4 supply voltages (mV, 0 when off), 4 supply states, 1 relay
 //                      state; temperature 0.1 degC (signed), input mV, load mA; relay bit
 //   0x23 SetPowerRelais on(1)       0x24 SetActivePowerSupplies mask(4)
-//   0x25 SetCyclicMessage index|enable<<7 (1), interval ms(4), id(4), flags(1), data:
-//                      16 entries; the frame goes out at once and then every interval
-//                      until the entry is disabled (then only the first byte counts)
+//   0x25 SetCyclicMessage the gateway's cyclic messages (CTarvikSimCanCyclicTable)
 //   0x51 SetZCardParameter p1(1) p2(2) p3(2) p3(2), both p3 alike; 0x52 Get -> p1 p2 p3
-//   0x60..0x6B         CANopen master services; all but 0x60/0x61 answer 0xFE until
-//                      CANopen mode is set (0x60 with a non-zero mode)
+//   0x60..0x6B         CANopen master services (CTarvikSimCanOpenMaster)
 // Result bytes: 0x20 no other station on the bus acknowledges, 0x21 a frame the
 // controller cannot send (identifier past 11/29 bits, more than 8 data bytes, 64 with
-// the FD flag), 0x24 invalid baud rate, 0xFC the node did not answer (none with that
-// id, stopped or unpowered), 0xFD the node aborted the SDO transfer (status 0x80 and the
-// 32-bit abort code follow), 0xFE CANopen mode off, 0xFF malformed request.
+// the FD flag), 0x24 invalid baud rate, 0xFF malformed request; 0xFC..0xFE of the
+// CANopen master.
 //
 // Received frames: to every client of the gateway as 0x203 indications (id, flags,
 // data, and seconds and microseconds with flag 0x04 for a connection that asked for
-// time stamps), through the acceptance filter. In CANopen mode the gateway sorts them:
-// SYNC 0x264, EMCY 0x266, TPDO1..4 0x267 (node, PDO number, length, data), heartbeats
-// become 0x26C GUARD (node, state) when a node's state changes or its heartbeat stays
-// away for 1.5 heartbeat periods (state 0xFF), and every other frame 0x26D.
+// time stamps), through the acceptance filter. In CANopen mode the CANopen master sorts
+// them into CANopen indications.
 #ifndef TARVIK_SIM_TARVIKSIMDEVICECAN_H
 #define TARVIK_SIM_TARVIKSIMDEVICECAN_H
 
 #include "sim/TarvikSimCanBus.h"
+#include "sim/TarvikSimCanCyclicTable.h"
+#include "sim/TarvikSimCanOpenMaster.h"
 #include "sim/TarvikSimCanStation.h"
 #include "sim/TarvikSimDevice.h"
-#include "tarvik/clients/TarvikClientCAN.h"
+#include "tarvik/protocol/TarvikProtocolCAN.h"
 
 #include <array>
 #include <map>
 #include <memory>
 
-class CTarvikSimDeviceCAN : public CTarvikSimDevice, public CTarvikSimCanStation
+class CTarvikSimDeviceCAN : public CTarvikSimDevice,
+                            public CTarvikSimCanStation,
+                            private CTarvikSimCanOpenMaster::CGateway
 {
 public:
     enum ECanResult
@@ -60,16 +58,10 @@ public:
         eResultNack = 0x20,
         eResultTransmitError = 0x21,
         eResultNoBaudrate = 0x24,
-        eResultCoTimeout = 0xFC,
-        eResultCoNack = 0xFD,
-        eResultCoOff = 0xFE,
     };
-    static constexpr size_t kCyclicEntries = 16;
     static constexpr size_t kFilterWords = 16;
     static constexpr size_t kSupplies = 4;
     static constexpr unsigned int kDefaultBaudrate = 500000;
-    // GUARD state reported when a node's heartbeat stays away.
-    static constexpr unsigned char kGuardLost = 0xFF;
 
     // Joins bus, or a bus of its own when none is given.
     explicit CTarvikSimDeviceCAN(unsigned int index, std::shared_ptr<CTarvikSimCanBus> bus = nullptr);
@@ -105,14 +97,8 @@ private:
         bool m_bConfirm = false;
         bool m_bTimeStamps = false;
     };
-    struct SCyclic
-    {
-        bool m_bEnabled = false;
-        STarvikSimCanFrame m_oFrame;
-    };
 
     bool HandleCanCommand(unsigned char cmd, const std::string& data, std::string& answer);
-    bool HandleCanOpenCommand(unsigned char cmd, const std::string& data, std::string& answer);
     std::string OnWrite(const std::string& data);
     std::string OnSetConfig(const std::string& data);
     std::string OnSetGlobals(const std::string& data);
@@ -122,27 +108,13 @@ private:
     std::string OnSetPowerRelais(const std::string& data);
     std::string OnSetCyclic(const std::string& data);
     std::string OnSetZCard(const std::string& data);
-    std::string OnCoSetConfig(const std::string& data);
-    std::string OnCoSetSyncMode(const std::string& data);
-    std::string OnCoNmt(const std::string& data);
-    std::string OnCoTime(const std::string& data);
-    std::string OnCoPdo(const std::string& data);
-    std::string OnSdoRead(const std::string& data, bool block);
-    std::string OnSdoWrite(const std::string& data);
-    std::string OnSdoWriteBlock(const std::string& data);
-    static std::string SdoAnswer(unsigned int abort, const std::string& data);
-    unsigned int NodeRead(unsigned char node, unsigned short index, unsigned char sub, std::string& value) const;
-    unsigned int NodeWrite(unsigned char node, unsigned short index, unsigned char sub, const std::string& value);
 
-    // Puts a frame on the bus: 0, eResultTransmitError or eResultNack.
-    unsigned char Send(const STarvikSimCanFrame& frame);
-    bool Accepts(const STarvikSimCanFrame& frame) const;
-    void OnCanOpenFrame(const STarvikSimCanFrame& frame);
-    void OnHeartbeat(unsigned char node, unsigned char state);
-    void IndicateFrame(unsigned char cmd, const STarvikSimCanFrame& frame);
-    void IndicateAll(unsigned char cmd, const std::string& data);
+    // CTarvikSimCanOpenMaster::CGateway. Send: 0, eResultTransmitError or eResultNack.
+    unsigned char Send(const STarvikSimCanFrame& frame) override;
+    bool Accepts(const STarvikSimCanFrame& frame) const override;
+    void IndicateFrame(unsigned char cmd, const STarvikSimCanFrame& frame) override;
+    void IndicateAll(unsigned char cmd, const std::string& data) override;
     CTarvikMsg FrameTelegram(unsigned char cmd, const STarvikSimCanFrame& frame, bool timeStamp);
-    void StopCanOpen();
     void ResetVolatile();
     int64_t ClockUs() const;
 
@@ -150,7 +122,7 @@ private:
     std::map<unsigned long, SClient> m_aoClients;
     std::string m_sGlobals;
     std::array<unsigned int, kFilterWords> m_anFilter;
-    std::array<SCyclic, kCyclicEntries> m_aoCyclic;
+    CTarvikSimCanCyclicTable m_oCyclic;
     std::string m_sZCard;
     // The clock: m_nClockUs at m_oClockSet, running on with the steady clock.
     int64_t m_nClockUs;
@@ -158,10 +130,7 @@ private:
     bool m_bTimeValid;
     bool m_bRelay;
     unsigned int m_nSupplies;
-    unsigned char m_nCoMode;
-    unsigned short m_nSyncPeriod;
-    // Last state each node's heartbeat reported.
-    std::map<unsigned char, unsigned char> m_anNodeStates;
+    CTarvikSimCanOpenMaster m_oCanOpen;
     short m_nIndicationId;
     unsigned long m_nDropped;
 };

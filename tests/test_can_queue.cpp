@@ -6,10 +6,12 @@
 
 #include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/dll/DeviceManager.h"
+#include "tarvik/dll/TarvikDllCAN.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdarg>
 #include <chrono>
 #include <cstdio>
@@ -213,7 +215,7 @@ protected:
 typedef std::vector<std::string> TLines;
 
 // One row per kind and rule: the indication, the fetch that decodes it, what it gives,
-// and what the callback for its kind is called with instead.
+// what the callback for its kind is called with instead, and what a receiver gets.
 struct SIndicationCase
 {
     const char* m_pName;
@@ -221,48 +223,110 @@ struct SIndicationCase
     TGet m_fnGet;
     TLines m_asQueued;
     TLines m_asCalled;
+    TLines m_asReceived;
 };
 
 std::vector<SIndicationCase> IndicationCases()
 {
     const std::string pdoData = Hex("01 02 03 04 05 06 07 08 09 0A 0B 0C");
+    const std::string x64 = ToHex(std::string(64, '\x11')), x10 = ToHex(std::string(10, 'x'));
     return {
         {"frame", CanFrame(0x123, 0, Hex("11 22 33")), kGetCAN, {"123 3 0 0 0 | 11 22 33"},
-         {"frameEx 123 3 0 7 0 0 | 11 22 33"}},
+         {"frameEx 123 3 0 7 0 0 | 11 22 33"}, {"frame 123 3 0 0 0 | 11 22 33"}},
         {"frame with time stamp", CanFrame(0x7FF, 0x04, Hex("AA BB") + Stamp(5, 6)), kGetCAN,
-         {"7FF 2 4 5 6 | AA BB"}, {"frameEx 7FF 2 4 7 5 6 | AA BB"}},
+         {"7FF 2 4 5 6 | AA BB"}, {"frameEx 7FF 2 4 7 5 6 | AA BB"}, {"frame 7FF 2 4 5 6 | AA BB"}},
         {"stamp alone", CanFrame(1, 0x04, Stamp(0xFFFFFFFF, 9)), kGetCAN, {"1 0 4 -1 9 | "},
-         {"frameEx 1 0 4 7 -1 9 | "}},
+         {"frameEx 1 0 4 7 -1 9 | "}, {"frame 1 0 4 -1 9 | "}},
         {"flag 0x04 with five bytes", CanFrame(1, 0x04, Hex("01 02 03 04 05")), kGetCAN, {"1 0 4 0 0 | "},
-         {"frameEx 1 0 4 7 0 0 | "}},
+         {"frameEx 1 0 4 7 0 0 | "}, {"frame 1 0 4 0 0 | "}},
         {"flags signed for the fetch, unsigned for the callback", CanFrame(0x80000001, 0x81, Hex("55")), kGetCAN,
-         {"80000001 1 -127 0 0 | 55"}, {"frameEx 80000001 1 129 7 0 0 | 55"}},
+         {"80000001 1 -127 0 0 | 55"}, {"frameEx 80000001 1 129 7 0 0 | 55"}, {"frame 80000001 1 129 0 0 | 55"}},
         {"64 data bytes and a stamp", CanFrame(2, 0x04, std::string(64, '\x11') + Stamp(1, 2)), kGetCAN,
-         {"2 64 4 1 2 | " + ToHex(std::string(64, '\x11'))},
-         {"frameEx 2 64 4 7 1 2 | " + ToHex(std::string(64, '\x11'))}},
-        {"65 data bytes are discarded", CanFrame(3, 0, std::string(65, '\x11')), kGetCAN, {}, {}},
-        {"frame without its head is discarded", Telegram(0x0203, 0, Hex("01 02 03 04")), kGetCAN, {}, {}},
+         {"2 64 4 1 2 | " + x64}, {"frameEx 2 64 4 7 1 2 | " + x64}, {"frame 2 64 4 1 2 | " + x64}},
+        {"65 data bytes are discarded", CanFrame(3, 0, std::string(65, '\x11')), kGetCAN, {}, {}, {}},
+        {"frame without its head is discarded", Telegram(0x0203, 0, Hex("01 02 03 04")), kGetCAN, {}, {}, {}},
         {"pdo: fetched length at most 8, callback gets the device's", Telegram(0x0267, 0, Hex("01 02 0C") + pdoData),
-         kGetPDO, {"1 2 8 | 01 02 03 04 05 06 07 08"}, {"pdo 1 2 12 7 0 0 | " + ToHex(pdoData)}},
+         kGetPDO, {"1 2 8 | 01 02 03 04 05 06 07 08"}, {"pdo 1 2 12 7 0 0 | " + ToHex(pdoData)},
+         {"pdo 1 2 12 | " + ToHex(pdoData)}},
         {"pdo shorter than its length byte is discarded", Telegram(0x0267, 0, Hex("01 02 05 AA BB")), kGetPDO, {},
-         {}},
-        {"sync", Telegram(0x0264, 0, Hex("07")), kGetSYNC, {"7"}, {"sync 7 7 0 0"}},
-        {"emcy: unsigned for the fetch, low byte signed for the callback",
+         {}, {}},
+        {"sync", Telegram(0x0264, 0, Hex("07")), kGetSYNC, {"7"}, {"sync 7 7 0 0"}, {"sync 7"}},
+        {"emcy: unsigned for the fetch and the receiver, low byte signed for the callback",
          Telegram(0x0266, 0, Hex("05 81 10 22 01 02 03 04 05")), kGetEMCY, {"5 1081 22 | 01 02 03 04 05"},
-         {"emcy 5 FF81 22 7 0 0 | 01 02 03 04 05"}},
+         {"emcy 5 FF81 22 7 0 0 | 01 02 03 04 05"}, {"emcy 5 1081 22 | 01 02 03 04 05"}},
         {"emcy plain", Telegram(0x0266, 0, Hex("05 34 12 00 00 00 00 00 00")), kGetEMCY,
-         {"5 1234 0 | 00 00 00 00 00"}, {"emcy 5 1234 0 7 0 0 | 00 00 00 00 00"}},
+         {"5 1234 0 | 00 00 00 00 00"}, {"emcy 5 1234 0 7 0 0 | 00 00 00 00 00"}, {"emcy 5 1234 0 | 00 00 00 00 00"}},
         {"emcy without its data is discarded", Telegram(0x0266, 0, Hex("05 34 12 00 00 00 00 00")), kGetEMCY, {},
-         {}},
-        {"guard", Telegram(0x026C, 0, Hex("05 7F")), kGetGUARD, {"5 7F"}, {"guard 5 7F 7 0 0"}},
+         {}, {}},
+        {"guard", Telegram(0x026C, 0, Hex("05 7F")), kGetGUARD, {"5 7F"}, {"guard 5 7F 7 0 0"}, {"guard 5 7F"}},
         {"undefined: buffer gets the stamp too", Telegram(0x026D, 0, LE32(0x0304) + Hex("04 A1 A2 A3") + Stamp(1, 2)),
          kGetUndefined, {"304 4 3 3 1 2 | A1 A2 A3 01 00 00 00 02 00 00 00"},
-         {"undefined 304 4 3 3 7 1 2 | A1 A2 A3"}},
+         {"undefined 304 4 3 3 7 1 2 | A1 A2 A3"}, {"undefined 304 3 1 2 | A1 A2 A3"}},
         {"undefined: fetched length at most 8", Telegram(0x026D, 0, LE32(0x0102) + Hex("00") + std::string(10, 'x')),
-         kGetUndefined, {"102 2 1 8 0 0 | " + ToHex(std::string(10, 'x'))},
-         {"undefined 102 2 1 10 7 0 0 | " + ToHex(std::string(10, 'x'))}},
-        {"another command is ignored", Telegram(0x0299, 0, Hex("05 7F")), kGetGUARD, {}, {}},
+         kGetUndefined, {"102 2 1 8 0 0 | " + x10}, {"undefined 102 2 1 10 7 0 0 | " + x10},
+         {"undefined 102 10 0 0 | " + x10}},
+        {"another command is ignored", Telegram(0x0299, 0, Hex("05 7F")), kGetGUARD, {}, {}, {}},
     };
+}
+
+// A receiver that writes down what it gets, in the calls' own words, and takes it or not.
+class CRecordingReceiver : public ITarvikCanReceiver
+{
+public:
+    explicit CRecordingReceiver(bool take) : m_bTake(take) {}
+    bool OnFrame(unsigned int id, const char* data, int len, int flags, int sec, int us) override
+    {
+        return Note("frame %X %d %d %d %d | %s", id, len, flags, sec, us, Bytes(data, static_cast<size_t>(len)).c_str());
+    }
+    bool OnPDO(unsigned char p1, unsigned char p2, unsigned char len, const char* data) override
+    {
+        return Note("pdo %X %X %d | %s", p1, p2, len, Bytes(data, len).c_str());
+    }
+    bool OnSYNC(unsigned char value) override { return Note("sync %X", value); }
+    bool OnEMCY(unsigned char node, unsigned short code, unsigned char reg, const unsigned char* data) override
+    {
+        return Note("emcy %X %X %X | %s", node, code, reg, Bytes(data, 5).c_str());
+    }
+    bool OnGUARD(unsigned char node, unsigned char state) override { return Note("guard %X %X", node, state); }
+    bool OnUndefined(int id, const char* data, int len, int sec, int us) override
+    {
+        return Note("undefined %X %d %d %d | %s", static_cast<unsigned int>(id), len, sec, us,
+                    Bytes(data, static_cast<size_t>(len)).c_str());
+    }
+    void OnQueued(EQueue queue) override { Note("queued %d", static_cast<int>(queue)); }
+    TLines Take()
+    {
+        std::lock_guard<std::mutex> lock(m_oMutex);
+        TLines lines;
+        lines.swap(m_asLines);
+        return lines;
+    }
+
+private:
+    bool Note(const char* format, ...) __attribute__((format(printf, 2, 3)))
+    {
+        char text[512];
+        va_list args;
+        va_start(args, format);
+        std::vsnprintf(text, sizeof(text), format, args);
+        va_end(args);
+        std::lock_guard<std::mutex> lock(m_oMutex);
+        m_asLines.push_back(text);
+        return m_bTake;
+    }
+
+    const bool m_bTake;
+    std::mutex m_oMutex;
+    TLines m_asLines;
+};
+
+std::string DropText(const CTarvikClientCANDll& client, CTarvikClientCANDll::EQueue queue)
+{
+    STarvikCanDropCounts counts{};
+    client.GetDropCounts(queue, counts);
+    return HexNumbers({static_cast<unsigned int>(counts.nDisabled), static_cast<unsigned int>(counts.nFull),
+                       static_cast<unsigned int>(counts.nTooLong), static_cast<unsigned int>(counts.nTooShort)},
+                      0x10000);
 }
 } // namespace
 
@@ -288,6 +352,142 @@ TEST_F(CCANQueueTest, EachIndicationGoesToItsCallbackInsteadOfItsQueue)
         EXPECT_EQ(c.m_asCalled, TakeCalls()) << c.m_pName;
         EXPECT_EQ(TLines(), Drain(c.m_fnGet)) << c.m_pName;
     }
+}
+
+TEST_F(CCANQueueTest, AReceiverGetsWhatNoCallbackTakes)
+{
+    m_pClient->SetMaxSizePerQueue(10);
+    CRecordingReceiver taking(true), declining(false);
+    for (const SIndicationCase& c : IndicationCases())
+    {
+        m_pClient->SetReceiver(&taking);
+        Deliver(c.m_sRaw);
+        EXPECT_EQ(c.m_asReceived, taking.Take()) << c.m_pName;
+        EXPECT_EQ(TLines(), Drain(c.m_fnGet)) << c.m_pName;
+        // Declined: it goes on to its queue, and the receiver hears that it is there.
+        m_pClient->SetReceiver(&declining);
+        Deliver(c.m_sRaw);
+        TLines heard = declining.Take();
+        EXPECT_EQ(c.m_asReceived.size() * 2, heard.size()) << c.m_pName;
+        EXPECT_EQ(c.m_asQueued, Drain(c.m_fnGet)) << c.m_pName;
+    }
+    // A C callback of a kind comes first; null switches the receiver off.
+    m_pClient->SetReceiver(&taking);
+    m_pClient->CANopenSetCallback(nullptr, &OnSYNC, nullptr, nullptr, nullptr);
+    Deliver(Telegram(0x0264, 0, Hex("01")) + Telegram(0x026C, 0, Hex("02 03")));
+    EXPECT_EQ(TLines{"sync 1 7 0 0"}, TakeCalls());
+    EXPECT_EQ(TLines{"guard 2 3"}, taking.Take());
+    m_pClient->SetReceiver(nullptr);
+    Deliver(Telegram(0x026C, 0, Hex("04 05")));
+    EXPECT_EQ(TLines(), taking.Take());
+    EXPECT_EQ(TLines{"4 5"}, Drain(kGetGUARD));
+}
+
+namespace
+{
+// Holds the receive thread inside OnSYNC until released; a frame clears the receiver
+// from inside the receiver.
+class CBlockingReceiver : public ITarvikCanReceiver
+{
+public:
+    explicit CBlockingReceiver(CTarvikClientCANDll& client) : m_oClient(client) {}
+    bool OnSYNC(unsigned char) override
+    {
+        std::unique_lock<std::mutex> lock(m_oMutex);
+        m_bInside = true;
+        m_oChanged.notify_all();
+        m_oChanged.wait_for(lock, std::chrono::seconds(20), [this] { return m_bRelease; });
+        m_bFinished = true;
+        return true;
+    }
+    bool OnFrame(unsigned int, const char*, int, int, int, int) override
+    {
+        m_oClient.SetReceiver(nullptr);
+        return true;
+    }
+    template <class Pred> bool WaitFor(Pred pred)
+    {
+        std::unique_lock<std::mutex> lock(m_oMutex);
+        return m_oChanged.wait_for(lock, std::chrono::seconds(20), [&] { return pred(*this); });
+    }
+    void Release()
+    {
+        std::lock_guard<std::mutex> lock(m_oMutex);
+        m_bRelease = true;
+        m_oChanged.notify_all();
+    }
+    bool Finished()
+    {
+        std::lock_guard<std::mutex> lock(m_oMutex);
+        return m_bFinished;
+    }
+
+    bool m_bInside = false;
+
+private:
+    CTarvikClientCANDll& m_oClient;
+    std::mutex m_oMutex;
+    std::condition_variable m_oChanged;
+    bool m_bRelease = false;
+    bool m_bFinished = false;
+};
+} // namespace
+
+// Clearing the receiver waits for a call of it under way, so the receiver may go right
+// after; from inside the receiver it does not wait for itself.
+TEST_F(CCANQueueTest, ClearingTheReceiverWaitsForItsCallUnderWay)
+{
+    m_pClient->SetMaxSizePerQueue(10);
+    auto receiver = std::make_unique<CBlockingReceiver>(*m_pClient);
+    m_pClient->SetReceiver(receiver.get());
+    ASSERT_TRUE(m_oGateway.Send(Telegram(0x0264, 0, Hex("01"))));
+    ASSERT_TRUE(receiver->WaitFor([](CBlockingReceiver& r) { return r.m_bInside; }));
+    std::atomic<bool> clearing{false}, finishedFirst{false};
+    std::thread clearer([&] {
+        clearing = true;
+        m_pClient->SetReceiver(nullptr);
+        finishedFirst = receiver->Finished();
+    });
+    while (!clearing.load())
+        std::this_thread::yield();
+    receiver->Release();
+    clearer.join();
+    EXPECT_TRUE(finishedFirst.load());
+    receiver.reset();
+    // The receive thread goes on: a frame with no receiver is queued.
+    Deliver(CanFrame(5, 0, ""));
+    EXPECT_EQ(TLines{"5 0 0 0 0 | "}, Drain(kGetCAN));
+    // A receiver that clears itself on its first frame does not wait for itself.
+    CBlockingReceiver selfClearing(*m_pClient);
+    m_pClient->SetReceiver(&selfClearing);
+    Deliver(CanFrame(6, 0, "") + CanFrame(7, 0, ""));
+    EXPECT_EQ(TLines{"7 0 0 0 0 | "}, Drain(kGetCAN));
+}
+
+// Every telegram lost on arrival is counted once, by its kind and why; counting changes
+// nothing that is queued. Counts read: queues off, full, too long, too short.
+TEST_F(CCANQueueTest, DropsAreCountedByQueueAndReason)
+{
+    Deliver(CanFrame(1, 0, "") + CanFrame(2, 0, "") + Telegram(0x0264, 0, Hex("01")));
+    m_pClient->SetMaxSizePerQueue(2);
+    // Three too many in one read, then two more one by one: the newest five are lost.
+    Deliver(CanFrame(10, 0, "") + CanFrame(11, 0, "") + CanFrame(12, 0, "") + CanFrame(13, 0, "") +
+            CanFrame(14, 0, ""));
+    Deliver(CanFrame(15, 0, ""));
+    Deliver(CanFrame(16, 0, ""));
+    Deliver(CanFrame(3, 0, std::string(65, 'x')) + Telegram(0x0203, 0, Hex("01 02 03 04")) +
+            Telegram(0x0267, 0, Hex("01 02 05 AA BB")) + Telegram(0x0266, 0, Hex("05")));
+    EXPECT_EQ("2 5 1 1", DropText(*m_pClient, CTarvikClientCANDll::eQueueCAN));
+    EXPECT_EQ("1 0 0 0", DropText(*m_pClient, CTarvikClientCANDll::eQueueSYNC));
+    EXPECT_EQ("0 0 0 1", DropText(*m_pClient, CTarvikClientCANDll::eQueuePDO));
+    EXPECT_EQ("0 0 0 1", DropText(*m_pClient, CTarvikClientCANDll::eQueueEMCY));
+    EXPECT_EQ("0 0 0 0", DropText(*m_pClient, CTarvikClientCANDll::eQueueGUARD));
+    EXPECT_EQ((TLines{"A 0 0 0 0 | ", "B 0 0 0 0 | "}), Drain(kGetCAN));
+    // What a callback takes is not lost; what is malformed is, callback or not.
+    m_pClient->SetCallback(&OnFrame);
+    Deliver(CanFrame(4, 0, "") + CanFrame(3, 0, std::string(65, 'x')));
+    EXPECT_EQ(1u, TakeCalls().size());
+    EXPECT_EQ("2 5 2 1", DropText(*m_pClient, CTarvikClientCANDll::eQueueCAN));
 }
 
 TEST_F(CCANQueueTest, OneFrameCallbackAtATime)
@@ -546,5 +746,20 @@ TEST(CANQueueRegistry, TypeTwoOpensTheQueueingClientWithItsHandle)
     ASSERT_TRUE(gateway.Send(Telegram(0x0264, 0, Hex("01"))));
     EXPECT_EQ(0, client->CANopenSendSYNC());
     EXPECT_EQ(handle, g_nHandleSeen.load());
+    // The C interface: a frame callback with a context of its own, and the drop counts.
+    std::atomic<int> frames{0};
+    ASSERT_EQ(0, CANSetCallbackUser(
+                     handle, [](void* user, unsigned int, const char*, int, int, int, int)
+                     { ++*static_cast<std::atomic<int>*>(user); },
+                     &frames));
+    ASSERT_TRUE(gateway.Send(CanFrame(1, 0, "") + CanFrame(2, 0, std::string(65, 'x'))));
+    EXPECT_EQ(0, client->CANopenSendSYNC());
+    EXPECT_EQ(1, frames.load());
+    STarvikCanDropCounts counts{};
+    EXPECT_EQ(0, CANGetDropCounts(handle, TARVIK_CAN_QUEUE_CAN, &counts));
+    EXPECT_EQ(1u, counts.nTooLong);
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, CANGetDropCounts(handle, TARVIK_CAN_QUEUE_COUNT, &counts));
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, CANGetDropCounts(handle, TARVIK_CAN_QUEUE_CAN, nullptr));
+    EXPECT_EQ(0, CANSetCallbackUser(handle, nullptr, nullptr));
     EXPECT_EQ(0, CDeviceManager::CloseDevice(handle));
 }

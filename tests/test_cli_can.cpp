@@ -72,6 +72,7 @@ TEST_F(CliCan, SentFramesAreDumpedAndTheLogReplays)
     SCliRun send = Run(0, {"can", "send", "123#DEADBEEF", "12345678#R5", "7FF##1AABB"});
     ASSERT_EQ(0, send.m_nExit) << CliDescribe(send);
     ASSERT_EQ(0, dump->Wait(20000)) << dump->Err();
+    EXPECT_NE(std::string::npos, dump->Err().find("3 frames; dropped on arrival: none")) << dump->Err();
     std::string text = CliReadFile(log);
     EXPECT_TRUE(std::regex_match(text, std::regex("\\(\\d{10}\\.\\d{6}\\) tarvik0 123#DEADBEEF\n"
                                                   "\\(\\d{10}\\.\\d{6}\\) tarvik0 12345678#R5\n"
@@ -120,6 +121,9 @@ TEST_F(CliCan, SettingsAndCanOpenServicesRoundTrip)
         const char* m_pOut; // a line the output holds
     };
     const SStep steps[] = {
+        {{"can", "status"}, 0, "dropped  none"},
+        {{"--json", "can", "status"}, 0, "\"dropped\":{\"pdo\":{\"queues_off\":0,\"queue_full\":0,"},
+        {{"--json", "can", "dump", "--duration", "0.2"}, 0, "{\"summary\":{\"frames\":0,\"dropped\":{\"pdo\":"},
         {{"can", "globals", "--baudrate", "250000"}, 0, "baudrate 250000"},
         {{"--json", "can", "globals"}, 0, "\"baudrate\":250000"},
         {{"can", "globals", "--baudrate", "12345"}, 1, ""},

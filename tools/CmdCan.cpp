@@ -1,78 +1,17 @@
 // CAN gateway commands, in the conventions of Linux's can-utils where they overlap:
-// can config|filter|globals|zcard|status|clock|power|send|cyclic|dump|play.
-#include "CliCanFrame.h"
-#include "CliCanOpenMode.h"
-#include "CliFormat.h"
-#include "CliHandoff.h"
-#include "CliInterrupt.h"
-#include "CliSession.h"
-#include "TarvikCli.h"
+// can config|filter|globals|zcard|status|clock|power|send|cyclic, and dump and play
+// (CmdCanDump.cpp, CmdCanPlay.cpp).
+#include "CliCan.h"
 
-#include "tarvik/clients/TarvikClientCANDll.h"
-
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstring>
-#include <deque>
-#include <fstream>
-#include <iostream>
+#include <ctime>
 #include <memory>
-#include <mutex>
 #include <sys/time.h>
-#include <thread>
 #include <vector>
 
 namespace
 {
-// What the gateway's flags byte means (the library passes it through as it is).
-constexpr unsigned char kFlagExtended = 0x01;
-constexpr unsigned char kFlagRemote = 0x02;
-constexpr unsigned char kFlagTimeStamp = 0x04;
-constexpr unsigned char kFlagFD = 0x08;
-constexpr unsigned char kFlagFDShift = 4; // the FD flags nibble (BRS, ESI) in bits 4..5
-constexpr unsigned char kFDNibbleMask = 0x03;
-// Cyclic entry used when --index is not given.
-constexpr unsigned char kDefaultCyclicIndex = 0;
-// Frames the dump keeps between the receive thread and the printer.
-constexpr size_t kDumpBacklog = 1u << 16;
 constexpr unsigned int kFilterWords = 16;
-
-struct SCanOptions
-{
-    // config
-    std::string m_sConfirm;
-    std::string m_sFlag2;
-    // filter
-    std::vector<std::string> m_asFilter;
-    // globals
-    long long m_nBaudrate = -1;
-    int m_nSetting = -1;
-    std::vector<int> m_anFlags;
-    long long m_nOption = -1;
-    int m_nOption2 = -1;
-    // zcard
-    std::vector<unsigned int> m_anZCard;
-    // clock
-    std::string m_sClockSet;
-    // power
-    std::string m_sRelay;
-    long long m_nSupplies = -1;
-    // send, cyclic
-    std::vector<std::string> m_asFrames;
-    bool m_bConfirm = false;
-    unsigned int m_nInterval = 0;
-    bool m_bOff = false;
-    unsigned int m_nIndex = kDefaultCyclicIndex;
-    // dump, play
-    unsigned long m_nCount = 0;
-    double m_dDuration = 0;
-    bool m_bLog = false;
-    std::string m_sOutput;
-    std::string m_sLogFile;
-    unsigned int m_nLoop = 1;
-};
 
 bool ParseOnOff(const std::string& text, const std::string& what)
 {
@@ -82,70 +21,6 @@ bool ParseOnOff(const std::string& text, const std::string& what)
         return false;
     CliFail(what + ": expected on or off, not \"" + text + "\"", eCliExitUsage);
 }
-
-unsigned char FlagsOf(const SCliCanFrame& frame)
-{
-    unsigned char flags = 0;
-    if (frame.m_bExtended)
-        flags |= kFlagExtended;
-    if (frame.m_bRemote)
-        flags |= kFlagRemote;
-    if (frame.m_bFD)
-        flags |= static_cast<unsigned char>(kFlagFD | (frame.m_nFDFlags & kFDNibbleMask) << kFlagFDShift);
-    return flags;
-}
-
-SCliCanFrame FrameOf(unsigned int id, const char* data, int len, int flags)
-{
-    SCliCanFrame frame;
-    frame.m_nId = id;
-    frame.m_bExtended = (flags & kFlagExtended) != 0;
-    frame.m_bRemote = (flags & kFlagRemote) != 0;
-    frame.m_bFD = (flags & kFlagFD) != 0;
-    frame.m_nFDFlags = static_cast<unsigned char>((flags >> kFlagFDShift) & kFDNibbleMask);
-    unsigned int max = frame.m_bFD ? SCliCanFrame::kMaxFD : SCliCanFrame::kMaxClassic;
-    // A remote frame carries the requested length, no data.
-    frame.m_nLen = static_cast<unsigned char>(len < 0 ? 0 : (static_cast<unsigned int>(len) > max ? max : len));
-    if (!frame.m_bRemote && data != nullptr)
-        std::memcpy(frame.m_aData, data, frame.m_nLen);
-    return frame;
-}
-
-SCliCanFrame ParseFrameArg(const std::string& text)
-{
-    SCliCanFrame frame;
-    std::string error;
-    if (!CliParseCanFrame(text, frame, error))
-        CliFail("frame \"" + text + "\": " + error, eCliExitUsage);
-    return frame;
-}
-
-std::string InterfaceName(const SCliGlobals& globals)
-{
-    return "tarvik" + std::to_string(globals.m_nPortIndex);
-}
-
-// The client every command here uses: the registry's CAN client, opened with the
-// configuration the gateway has.
-class CCliCan
-{
-public:
-    // A frame callback is set before the connection opens, so that no frame arriving
-    // in between is lost.
-    explicit CCliCan(const SCliGlobals& globals, PCANFrameCallbackEx onFrame = nullptr)
-        : m_oSession(globals), m_oClient(0, static_cast<int>(globals.m_nTimeoutMs))
-    {
-        m_oClient.SetCallbackEx(onFrame);
-        m_oSession.Open(m_oClient);
-    }
-    CCliSession& Session() { return m_oSession; }
-    CTarvikClientCANDll& Client() { return m_oClient; }
-    void Check(int result, const std::string& what) { m_oSession.Check(result, what); }
-
-private:
-    CCliSession m_oSession;
-    CTarvikClientCANDll m_oClient;
-};
 
 // ---- config, filter, globals, zcard, clock, power, status -------------------------
 
@@ -369,13 +244,14 @@ void RunStatus(const SCliGlobals& globals, const SCanOptions&)
     TCliJson json = PowerStatus(can, power);
     std::string text = can.Session().Describe() + "\nconfirm  " + (confirm ? "on" : "off") + "\nbaudrate " +
                        std::to_string(g.m_nBaudrate) + "\ncanopen  " + CanOpenModeText(mode) + "\nclock    " +
-                       ClockText(valid, tv) + "\n" + power;
+                       ClockText(valid, tv) + "\n" + power + "\ndropped  " + CliCanDropsText(can.Client());
     json["canopen_mode"] = mode;
     json["confirm"] = confirm;
     json["flag2"] = flag2;
     json["baudrate"] = g.m_nBaudrate;
     json["clock_valid"] = valid;
     json["clock"] = static_cast<long long>(tv.tv_sec);
+    json["dropped"] = CliCanDropsJson(can.Client());
     CliPrint(globals, text, json);
 }
 
@@ -385,7 +261,7 @@ void RunSend(const SCliGlobals& globals, const SCanOptions& options)
 {
     std::vector<SCliCanFrame> frames;
     for (const std::string& text : options.m_asFrames)
-        frames.push_back(ParseFrameArg(text));
+        frames.push_back(CliCanParseFrameArg(text));
     CCliCan can(globals);
     bool confirm = false, flag2 = false;
     if (options.m_bConfirm)
@@ -402,7 +278,7 @@ void RunSend(const SCliGlobals& globals, const SCanOptions& options)
     {
         int seconds = 0, micros = 0;
         int result = can.Client().Write(static_cast<int>(frame.m_nId), reinterpret_cast<const char*>(frame.m_aData),
-                                        frame.m_nLen, FlagsOf(frame), &seconds, &micros);
+                                        frame.m_nLen, CliCanFlagsOf(frame), &seconds, &micros);
         TCliJson entry{{"frame", CliCanFrameText(frame)}, {"result", result}};
         if (options.m_bConfirm && result == 0)
         {
@@ -436,11 +312,11 @@ void RunCyclic(const SCliGlobals& globals, const SCanOptions& options)
         CliFail("cyclic: give one frame", eCliExitUsage);
     if (!options.m_bOff && options.m_nInterval == 0)
         CliFail("cyclic: give --interval MS or --off", eCliExitUsage);
-    SCliCanFrame frame = ParseFrameArg(options.m_asFrames[0]);
+    SCliCanFrame frame = CliCanParseFrameArg(options.m_asFrames[0]);
     CCliCan can(globals);
     can.Check(can.Client().SetCyclicMessage(static_cast<unsigned char>(options.m_nIndex), !options.m_bOff,
                                             options.m_nInterval, static_cast<int>(frame.m_nId),
-                                            reinterpret_cast<const char*>(frame.m_aData), frame.m_nLen, FlagsOf(frame)),
+                                            reinterpret_cast<const char*>(frame.m_aData), frame.m_nLen, CliCanFlagsOf(frame)),
               "set cyclic message");
     std::string state = options.m_bOff ? "off" : "every " + std::to_string(options.m_nInterval) + " ms";
     CliPrint(globals, "cyclic " + std::to_string(options.m_nIndex) + ": " + CliCanFrameText(frame) + " " + state,
@@ -450,165 +326,6 @@ void RunCyclic(const SCliGlobals& globals, const SCanOptions& options)
                       {"interval", options.m_nInterval}});
 }
 
-// ---- dump ----------------------------------------------------------------------
-
-struct SReceived
-{
-    SCliCanFrame m_oFrame;
-    int64_t m_nSeconds;
-    unsigned int m_nMicros;
-};
-
-// Frames from the receive thread's callback to the printing thread; the callback has
-// no user pointer, so the one dump of this process is reached through a global.
-CCliHandoff<SReceived>* g_pDump = nullptr;
-
-void OnFrame(unsigned int id, const char* data, int len, int flags, int, int seconds, int micros)
-{
-    SReceived received{FrameOf(id, data, len, flags), seconds, static_cast<unsigned int>(micros)};
-    // Without the gateway's stamp the frame is stamped on arrival.
-    if ((flags & kFlagTimeStamp) == 0)
-    {
-        timeval now{};
-        gettimeofday(&now, nullptr);
-        received.m_nSeconds = now.tv_sec;
-        received.m_nMicros = static_cast<unsigned int>(now.tv_usec);
-    }
-    if (g_pDump != nullptr)
-        g_pDump->Push(received);
-}
-
-// In CANopen mode the gateway hands received frames over as CANopen events, which a
-// dump does not see: said once, before the first frame.
-void WarnIfCanOpenMode(const SCliGlobals& globals, CCliCan& can)
-{
-    unsigned char mode = 0;
-    if (can.Client().CANopenGetConfig(mode) == 0 && mode != 0)
-        std::fprintf(stderr,
-                     "tarvik can dump: CANopen mode is on (mode %u): the gateway reports received frames as "
-                     "CANopen events, which this dump does not show; switch it off with: %s\n",
-                     static_cast<unsigned int>(mode), CliCanOpenModeCommand(globals, false).c_str());
-}
-
-void RunDump(const SCliGlobals& globals, const SCanOptions& options)
-{
-    std::ofstream file;
-    if (!options.m_sOutput.empty())
-        CliOpenWrite(file, options.m_sOutput, std::ios::trunc);
-    std::ostream& out = file.is_open() ? static_cast<std::ostream&>(file) : std::cout;
-    CCliHandoff<SReceived> sink(kDumpBacklog);
-    g_pDump = &sink;
-    CCliInterrupt interrupt;
-    CCliCan can(globals, OnFrame);
-    WarnIfCanOpenMode(globals, can);
-    std::string name = InterfaceName(globals);
-    auto started = std::chrono::steady_clock::now();
-    auto ended = [&]
-    {
-        return CCliInterrupt::IsRaised() ||
-               (options.m_dDuration > 0 &&
-                std::chrono::steady_clock::now() - started >= std::chrono::duration<double>(options.m_dDuration));
-    };
-    unsigned long count = 0;
-    std::deque<SReceived> batch;
-    while (!ended() && (options.m_nCount == 0 || count < options.m_nCount))
-    {
-        if (can.Client().GetConnectState() == 0)
-            CliFail("the connection to " + can.Session().Describe() + " has ended");
-        sink.Take(batch, 100);
-        for (const SReceived& received : batch)
-        {
-            if (options.m_nCount != 0 && count == options.m_nCount)
-                break;
-            ++count;
-            if (globals.m_bJson)
-                out << CliJsonLine(TCliJson{{"time", received.m_nSeconds + received.m_nMicros / 1e6},
-                                            {"interface", name},
-                                            {"frame", CliCanFrameText(received.m_oFrame)}})
-                    << '\n';
-            else if (options.m_bLog)
-                out << CliCanLogLine(received.m_oFrame, received.m_nSeconds, received.m_nMicros, name) << '\n';
-            else
-                out << CliCandumpLine(received.m_oFrame, name) << '\n';
-        }
-        batch.clear();
-        out.flush();
-    }
-    // No callback may run into the sink once this function has left.
-    can.Client().SetCallbackEx(nullptr);
-    can.Client().StopConnection();
-    g_pDump = nullptr;
-    if (sink.GetLost() != 0)
-        CliWarn("can dump: " + std::to_string(sink.GetLost()) + " frames lost (output too slow)");
-}
-
-// ---- play ----------------------------------------------------------------------
-
-struct SLogged
-{
-    SCliCanFrame m_oFrame;
-    int64_t m_nMicros;
-};
-
-std::vector<SLogged> ReadLog(const std::string& path)
-{
-    std::ifstream in;
-    CliOpenRead(in, path);
-    std::vector<SLogged> frames;
-    std::string line;
-    unsigned long number = 0, errorFrames = 0, firstErrorFrame = 0;
-    while (std::getline(in, line))
-    {
-        ++number;
-        SLogged logged;
-        std::string name, error;
-        if (CliParseCanLogLine(line, logged.m_oFrame, logged.m_nMicros, name, error))
-            frames.push_back(logged);
-        else if (CliCanLogLineIsErrorFrame(line))
-        {
-            // Error frames are what a bus reported, not frames anyone sent: nothing to replay.
-            if (errorFrames++ == 0)
-                firstErrorFrame = number;
-        }
-        else if (!error.empty())
-            CliFail(path + ":" + std::to_string(number) + ": " + error, eCliExitUsage);
-    }
-    if (errorFrames != 0)
-        std::fprintf(
-            stderr,
-            "tarvik can play: %s: skipped %lu error frame%s (first at line %lu): a gateway does not send them\n",
-            path.c_str(), errorFrames, errorFrames == 1 ? "" : "s", firstErrorFrame);
-    return frames;
-}
-
-void RunPlay(const SCliGlobals& globals, const SCanOptions& options)
-{
-    std::vector<SLogged> frames = ReadLog(options.m_sLogFile);
-    CCliInterrupt interrupt;
-    CCliCan can(globals);
-    unsigned long sent = 0;
-    for (unsigned int loop = 0; (options.m_nLoop == 0 || loop < options.m_nLoop) && !CCliInterrupt::IsRaised(); ++loop)
-    {
-        // The log's gaps are kept, measured from the first frame of each pass.
-        auto start = std::chrono::steady_clock::now();
-        for (const SLogged& logged : frames)
-        {
-            auto due = start + std::chrono::microseconds(logged.m_nMicros - frames.front().m_nMicros);
-            while (!CCliInterrupt::IsRaised() && std::chrono::steady_clock::now() < due)
-                std::this_thread::sleep_until(
-                    std::min(due, std::chrono::steady_clock::now() + std::chrono::milliseconds(100)));
-            if (CCliInterrupt::IsRaised())
-                break;
-            const SCliCanFrame& frame = logged.m_oFrame;
-            can.Check(can.Client().Write(static_cast<int>(frame.m_nId), reinterpret_cast<const char*>(frame.m_aData),
-                                         frame.m_nLen, FlagsOf(frame), nullptr, nullptr),
-                      "send " + CliCanFrameText(frame));
-            ++sent;
-        }
-    }
-    CliPrint(globals, "sent " + std::to_string(sent) + " frames" + (CCliInterrupt::IsRaised() ? " (interrupted)" : ""),
-             TCliJson{{"sent", sent}, {"interrupted", CCliInterrupt::IsRaised()}});
-}
 } // namespace
 
 void RegisterCanCommands(CLI::App& app, SCliGlobals& globals)
@@ -677,10 +394,10 @@ void RegisterCanCommands(CLI::App& app, SCliGlobals& globals)
     cmd->add_option("--duration", options->m_dDuration, "Stop after S seconds")->check(CLI::PositiveNumber);
     cmd->add_flag("-L,--log", options->m_bLog, "Log format: (seconds.micros) tarvik0 123#DEADBEEF");
     cmd->add_option("-o,--output", options->m_sOutput, "Write to FILE instead of standard output");
-    cmd->callback([g, options] { RunDump(*g, *options); });
+    cmd->callback([g, options] { CliRunCanDump(*g, *options); });
 
     cmd = can->add_subcommand("play", "Send the frames of a candump log with their original timing");
     cmd->add_option("LOG", options->m_sLogFile, "The log file")->required();
     cmd->add_option("--loop", options->m_nLoop, "Play N times (0: until Ctrl-C)");
-    cmd->callback([g, options] { RunPlay(*g, *options); });
+    cmd->callback([g, options] { CliRunCanPlay(*g, *options); });
 }

@@ -8,6 +8,7 @@
 #include "TarvikCli.h"
 
 #include "tarvik/clients/TarvikClientCANDll.h"
+#include "tarvik/protocol/TarvikProtocolCAN.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -59,22 +60,15 @@ struct SCanOpenOptions
     double m_dDuration = 0;
 };
 
-// The event callbacks, below.
-void OnPdo(unsigned char p1, unsigned char p2, unsigned char len, const char* data, int, int, int);
-void OnSync(unsigned char value, int, int, int);
-void OnEmcy(unsigned char node, unsigned short code, unsigned char reg, const unsigned char* data, int, int, int);
-void OnGuard(unsigned char node, unsigned char state, int, int, int);
-
 class CCliCanOpen
 {
 public:
-    // With events, the callbacks are set before the connection opens, so that no
-    // event arriving in between is lost.
-    explicit CCliCanOpen(const SCliGlobals& globals, bool events = false)
+    // A receiver of events is set before the connection opens, so that no event
+    // arriving in between is lost.
+    explicit CCliCanOpen(const SCliGlobals& globals, ITarvikCanReceiver* events = nullptr)
         : m_oGlobals(globals), m_oSession(globals), m_oClient(0, static_cast<int>(globals.m_nTimeoutMs))
     {
-        if (events)
-            m_oClient.CANopenSetCallback(OnPdo, OnSync, OnEmcy, OnGuard, nullptr);
+        m_oClient.SetReceiver(events);
         m_oSession.Open(m_oClient);
     }
     CTarvikClientCANDll& Client() { return m_oClient; }
@@ -263,31 +257,41 @@ void RunSdoWriteBlock(const SCliGlobals& globals, const SCanOpenOptions& options
 
 // ---- events --------------------------------------------------------------------
 
-// The callbacks carry no user pointer: the one event watch of this process is global.
-CCliHandoff<TCliJson> g_oEvents(1u << 16);
+// The CANopen events as JSON, from the receive thread to the printing thread.
+class CEventWatch : public ITarvikCanReceiver
+{
+public:
+    static constexpr size_t kBacklog = 1u << 16;
 
-void PushEvent(TCliJson event)
-{
-    g_oEvents.Push(std::move(event));
-}
+    bool OnPDO(unsigned char p1, unsigned char p2, unsigned char len, const char* data) override
+    {
+        return Push(TCliJson{{"event", "PDO"}, {"selector", {p1, p2}}, {"data", CliHexBytes(data, len, "")}});
+    }
+    bool OnSYNC(unsigned char value) override { return Push(TCliJson{{"event", "SYNC"}, {"value", value}}); }
+    bool OnEMCY(unsigned char node, unsigned short code, unsigned char reg, const unsigned char* data) override
+    {
+        return Push(TCliJson{{"event", "EMCY"},
+                             {"node", node},
+                             {"code", code},
+                             {"register", reg},
+                             {"data", CliHexBytes(data, tarvik_protocol::can::kEMCYData, "")}});
+    }
+    bool OnGUARD(unsigned char node, unsigned char state) override
+    {
+        return Push(TCliJson{{"event", "GUARD"}, {"node", node}, {"state", state}});
+    }
+    // Waits up to waitMs for events; swaps them all into out.
+    void Take(std::deque<TCliJson>& out, unsigned int waitMs) { m_oEvents.Take(out, waitMs); }
 
-void OnPdo(unsigned char p1, unsigned char p2, unsigned char len, const char* data, int, int, int)
-{
-    PushEvent(TCliJson{{"event", "PDO"}, {"selector", {p1, p2}}, {"data", CliHexBytes(data, len, "")}});
-}
-void OnSync(unsigned char value, int, int, int)
-{
-    PushEvent(TCliJson{{"event", "SYNC"}, {"value", value}});
-}
-void OnEmcy(unsigned char node, unsigned short code, unsigned char reg, const unsigned char* data, int, int, int)
-{
-    PushEvent(TCliJson{
-        {"event", "EMCY"}, {"node", node}, {"code", code}, {"register", reg}, {"data", CliHexBytes(data, 5, "")}});
-}
-void OnGuard(unsigned char node, unsigned char state, int, int, int)
-{
-    PushEvent(TCliJson{{"event", "GUARD"}, {"node", node}, {"state", state}});
-}
+private:
+    bool Push(TCliJson event)
+    {
+        m_oEvents.Push(std::move(event));
+        return true;
+    }
+
+    CCliHandoff<TCliJson> m_oEvents{kBacklog};
+};
 
 std::string EventText(const TCliJson& event)
 {
@@ -307,7 +311,8 @@ std::string EventText(const TCliJson& event)
 
 void RunEvents(const SCliGlobals& globals, const SCanOpenOptions& options)
 {
-    CCliCanOpen co(globals, true);
+    CEventWatch watch;
+    CCliCanOpen co(globals, &watch);
     // The gateway reports CANopen events only in CANopen mode: without it the watch stays empty.
     unsigned char mode = 0;
     co.Check(co.Client().CANopenGetConfig(mode), "get CANopen mode");
@@ -321,7 +326,7 @@ void RunEvents(const SCliGlobals& globals, const SCanOpenOptions& options)
     while (std::chrono::steady_clock::now() < deadline && (options.m_nCount == 0 || count < options.m_nCount))
     {
         std::deque<TCliJson> events;
-        g_oEvents.Take(events, 100);
+        watch.Take(events, 100);
         for (const TCliJson& event : events)
         {
             if (options.m_nCount != 0 && count == options.m_nCount)

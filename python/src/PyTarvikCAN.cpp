@@ -3,15 +3,17 @@
 #include "PyTarvikCAN.h"
 
 #include "tarvik/clients/TarvikClientCANDll.h"
+#include "tarvik/protocol/TarvikProtocolCAN.h"
 
 #include <pybind11/stl.h>
 
 #include <Python.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <map>
+#include <set>
 #include <mutex>
 #include <vector>
 
@@ -48,60 +50,12 @@ template <class Fn> void CanOpenCall(Fn fn, int node = -1, const unsigned int* a
     PyTarvikCheck(result);
 }
 
-// The library's CAN client that also wakes a Python thread waiting for a queue.
-class CPyCANClient : public CTarvikClientCANDll
-{
-public:
-    CPyCANClient(int handle, int timeoutMs) : CTarvikClientCANDll(handle, timeoutMs) {}
-    ~CPyCANClient() override { StopConnection(); }
-
-    bool DataIndRespond(CTarvikMsg* msg) override
-    {
-        bool taken = CTarvikClientCANDll::DataIndRespond(msg);
-        Wake();
-        return taken;
-    }
-    void DataIndBatch(bool begin) override
-    {
-        CTarvikClientCANDll::DataIndBatch(begin);
-        if (!begin)
-            Wake();
-    }
-
-    // Waits until something arrived after `seen` was read, or the deadline passed.
-    void WaitAfter(unsigned long seen, std::chrono::steady_clock::time_point deadline)
-    {
-        std::unique_lock<std::mutex> lock(m_oMutex);
-        m_oArrived.wait_until(lock, deadline, [&] { return m_nArrivals != seen; });
-    }
-    unsigned long Arrivals()
-    {
-        std::lock_guard<std::mutex> lock(m_oMutex);
-        return m_nArrivals;
-    }
-
-private:
-    void Wake()
-    {
-        {
-            std::lock_guard<std::mutex> lock(m_oMutex);
-            ++m_nArrivals;
-        }
-        m_oArrived.notify_all();
-    }
-
-    std::mutex m_oMutex;
-    std::condition_variable m_oArrived;
-    unsigned long m_nArrivals = 0;
-};
-
 class CPyCAN;
 
-// Handle -> Python CAN object, for the callbacks, which get only the handle. Lock order: the
-// GIL first, then this mutex (every user holds the GIL).
-std::mutex s_oRegistryMutex;
-std::map<int, CPyCAN*> s_aoRegistry;
-int s_nNextHandle = 0x70000000;
+// The clients alive, for stopping them all before the interpreter goes away: a receive
+// thread must not try to take the GIL of a finalizing interpreter.
+std::mutex s_oLiveMutex;
+std::set<CPyCAN*> s_apLive;
 
 // Timeouts given in seconds (None = wait for ever would block close(): None polls once).
 std::chrono::steady_clock::time_point Deadline(std::optional<double> timeout)
@@ -111,31 +65,26 @@ std::chrono::steady_clock::time_point Deadline(std::optional<double> timeout)
            std::chrono::microseconds(static_cast<long long>(std::min(seconds, 1e7) * 1e6));
 }
 
-class CPyCAN : public CPyClientBase
+// tarvik.CAN: the library's CAN client with this object as its receiver, which hands
+// received telegrams to the Python callbacks and wakes a Python thread waiting for a queue.
+class CPyCAN : public CPyClientBase, public ITarvikCanReceiver
 {
 public:
     CPyCAN(const std::string& host, int portIndex, unsigned int timeoutMs, std::optional<int> port,
            unsigned long queueSize)
-        : CPyCAN(NewHandle(), host, portIndex, timeoutMs, port, queueSize)
+        : CPyClientBase(std::make_unique<CTarvikClientCANDll>(0, static_cast<int>(timeoutMs)), host, portIndex, port)
     {
-    }
-
-    CPyCAN(int handle, const std::string& host, int portIndex, unsigned int timeoutMs, std::optional<int> port,
-           unsigned long queueSize)
-        : CPyClientBase(std::make_unique<CPyCANClient>(handle, static_cast<int>(timeoutMs)), host, portIndex, port),
-          m_nHandle(handle)
-    {
-        {
-            std::lock_guard<std::mutex> lock(s_oRegistryMutex);
-            s_aoRegistry[m_nHandle] = this;
-        }
+        C().SetReceiver(this);
         if (queueSize != 0)
             C().SetMaxSizePerQueue(queueSize);
+        std::lock_guard<std::mutex> lock(s_oLiveMutex);
+        s_apLive.insert(this);
     }
 
     ~CPyCAN() override
     {
-        // No callback may run into this object once it is gone: stop first, then unregister.
+        // No call may run into this object once it is gone: stop first, with the GIL
+        // released so that a callback waiting for it can finish.
         if (PyGILState_Check())
         {
             py::gil_scoped_release release;
@@ -143,137 +92,127 @@ public:
         }
         else
             StopReleased();
-        std::lock_guard<std::mutex> lock(s_oRegistryMutex);
-        s_aoRegistry.erase(m_nHandle);
+        std::lock_guard<std::mutex> lock(s_oLiveMutex);
+        s_apLive.erase(this);
     }
 
-    CPyCANClient& C() { return static_cast<CPyCANClient&>(*m_pClient); }
-    int Handle() const { return m_nHandle; }
+    CTarvikClientCANDll& C() { return static_cast<CTarvikClientCANDll&>(*m_pClient); }
 
-    // Looks up the Python object of a handle and copies one of its callbacks. Needs the GIL.
-    static py::object Lookup(int handle, py::object CPyCAN::*member)
-    {
-        std::lock_guard<std::mutex> lock(s_oRegistryMutex);
-        auto it = s_aoRegistry.find(handle);
-        if (it == s_aoRegistry.end())
-            return py::object();
-        return it->second->*member;
-    }
-
-    // Stops every CAN client before the interpreter goes away: a receive thread must not
-    // try to take the GIL of a finalizing interpreter.
     static void CloseAll()
     {
         std::vector<CPyCAN*> all;
         {
-            std::lock_guard<std::mutex> lock(s_oRegistryMutex);
-            for (auto& entry : s_aoRegistry)
-                all.push_back(entry.second);
+            std::lock_guard<std::mutex> lock(s_oLiveMutex);
+            all.assign(s_apLive.begin(), s_apLive.end());
         }
         py::gil_scoped_release release;
         for (CPyCAN* can : all)
             can->StopReleased();
     }
 
-    py::object m_oOnFrame, m_oOnPDO, m_oOnSYNC, m_oOnEMCY, m_oOnGUARD, m_oOnUndefined;
+    // Stores a callback of a kind (with the GIL held); None switches it off, and the kind
+    // goes to its queue again.
+    void SetCallback(EQueue kind, py::object fn)
+    {
+        m_aoCallbacks[kind] = fn;
+        m_abCallbacks[kind].store(!fn.is_none(), std::memory_order_release);
+    }
+
+    // Fetches with fetch (a Get operation: -1 when empty) until it yields or the
+    // deadline passes. Needs the GIL released.
+    template <class Fetch> bool WaitFor(std::chrono::steady_clock::time_point deadline, Fetch fetch)
+    {
+        // Fetched under the lock that OnQueued takes: a telegram queued after an empty
+        // fetch cannot be missed by the wait that follows.
+        std::unique_lock<std::mutex> lock(m_oQueuedMutex);
+        for (;;)
+        {
+            if (fetch() >= 0)
+                return true;
+            if (std::chrono::steady_clock::now() >= deadline)
+                return false;
+            m_oQueued.wait_until(lock, deadline);
+        }
+    }
+
+    // ITarvikCanReceiver, on the receive thread.
+    bool OnFrame(unsigned int id, const char* data, int len, int flags, int sec, int usec) override
+    {
+        return Call(eQueueCAN,
+                    [&] { return py::make_tuple(id, py::bytes(data, static_cast<size_t>(len)), flags, sec, usec); });
+    }
+    bool OnPDO(unsigned char p1, unsigned char p2, unsigned char len, const char* data) override
+    {
+        return Call(eQueuePDO, [&] { return py::make_tuple(p1, p2, py::bytes(data, len)); });
+    }
+    bool OnSYNC(unsigned char value) override
+    {
+        return Call(eQueueSYNC, [&] { return py::make_tuple(value); });
+    }
+    bool OnEMCY(unsigned char node, unsigned short code, unsigned char reg, const unsigned char* data) override
+    {
+        return Call(eQueueEMCY, [&] {
+            return py::make_tuple(node, code, reg,
+                                  py::bytes(reinterpret_cast<const char*>(data), tarvik_protocol::can::kEMCYData));
+        });
+    }
+    bool OnGUARD(unsigned char node, unsigned char state) override
+    {
+        return Call(eQueueGUARD, [&] { return py::make_tuple(node, state); });
+    }
+    bool OnUndefined(int id, const char* data, int len, int sec, int usec) override
+    {
+        return Call(eQueueUndefined,
+                    [&] { return py::make_tuple(id, py::bytes(data, static_cast<size_t>(len)), sec, usec); });
+    }
+    void OnQueued(EQueue) override
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_oQueuedMutex);
+        }
+        m_oQueued.notify_all();
+    }
 
 private:
-    static int NewHandle()
+    // Runs the Python callback of a kind with the arguments args() makes, under the GIL;
+    // false (the telegram goes to its queue) when none is set. An exception it raises is
+    // reported as unraisable (printed) and reception goes on.
+    template <class Args> bool Call(EQueue kind, Args args)
     {
-        std::lock_guard<std::mutex> lock(s_oRegistryMutex);
-        return ++s_nNextHandle;
-    }
-
-    int m_nHandle = 0;
-};
-
-// Runs a Python callback on the receive thread. An exception it raises is reported as
-// unraisable (printed) and reception goes on.
-template <class... Args>
-void CallPython(int handle, py::object CPyCAN::*member, Args&&... args)
-{
-    if (!Py_IsInitialized())
-        return;
-    py::gil_scoped_acquire acquire;
-    try
-    {
-        py::object fn = CPyCAN::Lookup(handle, member);
+        if (!m_abCallbacks[kind].load(std::memory_order_acquire) || !Py_IsInitialized())
+            return false;
+        py::gil_scoped_acquire acquire;
+        py::object fn = m_aoCallbacks[kind];
         if (!fn || fn.is_none())
-            return;
-        fn(std::forward<Args>(args)...);
+            return false;
+        try
+        {
+            fn(*args());
+        }
+        catch (py::error_already_set& error)
+        {
+            error.discard_as_unraisable("tarvik.CAN callback");
+        }
+        catch (const std::exception& error)
+        {
+            PyErr_SetString(PyExc_RuntimeError, error.what());
+            PyErr_WriteUnraisable(nullptr);
+        }
+        return true;
     }
-    catch (py::error_already_set& error)
-    {
-        error.discard_as_unraisable("tarvik.CAN callback");
-    }
-    catch (const std::exception& error)
-    {
-        PyErr_SetString(PyExc_RuntimeError, error.what());
-        PyErr_WriteUnraisable(nullptr);
-    }
-}
 
-void FrameTrampoline(unsigned int id, const char* data, int len, int flags, int handle, int sec, int usec)
-{
-    // The bytes object is made under the GIL too (taken again inside CallPython: that nests).
-    if (!Py_IsInitialized())
-        return;
-    py::gil_scoped_acquire acquire;
-    CallPython(handle, &CPyCAN::m_oOnFrame, id, py::bytes(data, static_cast<size_t>(len)), flags & 0xFF, sec,
-               usec);
-}
-
-void PDOTrampoline(unsigned char p1, unsigned char p2, unsigned char len, const char* data, int handle, int, int)
-{
-    if (!Py_IsInitialized())
-        return;
-    py::gil_scoped_acquire acquire;
-    CallPython(handle, &CPyCAN::m_oOnPDO, p1, p2, py::bytes(data, len));
-}
-
-void SYNCTrampoline(unsigned char value, int handle, int, int)
-{
-    CallPython(handle, &CPyCAN::m_oOnSYNC, value);
-}
-
-void EMCYTrampoline(unsigned char node, unsigned short code, unsigned char reg, const unsigned char* data,
-                    int handle, int, int)
-{
-    if (!Py_IsInitialized())
-        return;
-    py::gil_scoped_acquire acquire;
-    CallPython(handle, &CPyCAN::m_oOnEMCY, node, code, reg, py::bytes(reinterpret_cast<const char*>(data), 5));
-}
-
-void GUARDTrampoline(unsigned char node, unsigned char state, int handle, int, int)
-{
-    CallPython(handle, &CPyCAN::m_oOnGUARD, node, state);
-}
-
-void UndefinedTrampoline(int id, unsigned char, unsigned char, unsigned char len, const char* data, int handle,
-                         int sec, int usec)
-{
-    if (!Py_IsInitialized())
-        return;
-    py::gil_scoped_acquire acquire;
-    CallPython(handle, &CPyCAN::m_oOnUndefined, id, py::bytes(data, len), sec, usec);
-}
+    py::object m_aoCallbacks[eQueueCount];
+    std::atomic<bool> m_abCallbacks[eQueueCount] = {};
+    std::mutex m_oQueuedMutex;
+    std::condition_variable m_oQueued;
+};
 
 // Polls one queue until it yields or the deadline passes, with the GIL released.
 template <class Fetch>
 bool WaitFor(CPyCAN& can, std::optional<double> timeout, Fetch fetch)
 {
     py::gil_scoped_release release;
-    const auto deadline = Deadline(timeout);
-    for (;;)
-    {
-        const unsigned long seen = can.C().Arrivals();
-        if (fetch() >= 0)
-            return true;
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        can.C().WaitAfter(seen, deadline);
-    }
+    return can.WaitFor(Deadline(timeout), fetch);
 }
 
 py::object GetMessage(CPyCAN& can, std::optional<double> timeout)
@@ -408,28 +347,25 @@ py::dict GetPowerStatus(CPyCAN& can)
                     "status2"_a = status2, "status3"_a = status3, "status_bit"_a = bit);
 }
 
-// Stores a Python callback and switches the library's pointer on or off to match.
-void SetOnFrame(CPyCAN& can, py::object fn)
+template <CTarvikClientCANDll::EQueue Kind>
+void SetOn(CPyCAN& can, py::object fn)
 {
-    can.m_oOnFrame = fn;
-    can.C().SetCallbackEx(fn.is_none() ? nullptr : &FrameTrampoline);
+    can.SetCallback(Kind, std::move(fn));
 }
 
-void SetCANopenCallbacks(CPyCAN& can)
+py::dict DropCounts(CPyCAN& can)
 {
-    auto on = [](const py::object& fn) { return fn && !fn.is_none(); };
-    can.C().CANopenSetCallback(on(can.m_oOnPDO) ? &PDOTrampoline : nullptr,
-                               on(can.m_oOnSYNC) ? &SYNCTrampoline : nullptr,
-                               on(can.m_oOnEMCY) ? &EMCYTrampoline : nullptr,
-                               on(can.m_oOnGUARD) ? &GUARDTrampoline : nullptr,
-                               on(can.m_oOnUndefined) ? &UndefinedTrampoline : nullptr);
-}
-
-template <py::object CPyCAN::*Member>
-void SetOnCANopen(CPyCAN& can, py::object fn)
-{
-    can.*Member = fn;
-    SetCANopenCallbacks(can);
+    static const char* const kNames[CTarvikClientCANDll::eQueueCount] = {"pdo", "sync", "emcy", "guard",
+                                                                         "undefined", "can"};
+    py::dict all;
+    for (int i = 0; i < CTarvikClientCANDll::eQueueCount; ++i)
+    {
+        STarvikCanDropCounts counts{};
+        can.C().GetDropCounts(static_cast<CTarvikClientCANDll::EQueue>(i), counts);
+        all[kNames[i]] = py::dict("queues_off"_a = counts.nDisabled, "queue_full"_a = counts.nFull,
+                                  "too_long"_a = counts.nTooLong, "too_short"_a = counts.nTooShort);
+    }
+    return all;
 }
 
 // An expedited SDO upload as the node answered it; an abort raises SdoAbortError.
@@ -466,7 +402,6 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
         .def_property_readonly("host", &CPyCAN::GetHost)
         .def_property_readonly("port_index", &CPyCAN::GetPortIndex)
         .def_property_readonly("port", &CPyCAN::GetPort)
-        .def_property_readonly("handle", &CPyCAN::Handle)
         .def("__enter__",
              [](py::object self) {
                  CPyCAN& can = self.cast<CPyCAN&>();
@@ -570,15 +505,18 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
         .def("get_emcy", &GetEMCY, "timeout"_a = py::none(), "(node, error_code, error_register, data) or None")
         .def("get_guard", &GetGUARD, "timeout"_a = py::none(), "(node, state) or None")
         .def("get_undefined", &GetUndefined, "timeout"_a = py::none(), "(id, data, seconds, microseconds) or None")
-        .def("on_frame", &SetOnFrame, "callback"_a,
+        .def("drop_counts", &DropCounts,
+             "Telegrams dropped on arrival, per kind ('can', 'pdo', 'sync', 'emcy', 'guard', 'undefined'): "
+             "{'queues_off', 'queue_full', 'too_long', 'too_short'}.")
+        .def("on_frame", &SetOn<CTarvikClientCANDll::eQueueCAN>, "callback"_a,
              "callback(id, data, flags, seconds, microseconds) for every received frame, on the receive "
              "thread; None switches it off. An exception it raises is reported and reception goes on.")
-        .def("on_pdo", &SetOnCANopen<&CPyCAN::m_oOnPDO>, "callback"_a, "callback(selector1, selector2, data)")
-        .def("on_sync", &SetOnCANopen<&CPyCAN::m_oOnSYNC>, "callback"_a, "callback(value)")
-        .def("on_emcy", &SetOnCANopen<&CPyCAN::m_oOnEMCY>, "callback"_a,
+        .def("on_pdo", &SetOn<CTarvikClientCANDll::eQueuePDO>, "callback"_a, "callback(selector1, selector2, data)")
+        .def("on_sync", &SetOn<CTarvikClientCANDll::eQueueSYNC>, "callback"_a, "callback(value)")
+        .def("on_emcy", &SetOn<CTarvikClientCANDll::eQueueEMCY>, "callback"_a,
              "callback(node, error_code, error_register, data)")
-        .def("on_guard", &SetOnCANopen<&CPyCAN::m_oOnGUARD>, "callback"_a, "callback(node, state)")
-        .def("on_undefined", &SetOnCANopen<&CPyCAN::m_oOnUndefined>, "callback"_a,
+        .def("on_guard", &SetOn<CTarvikClientCANDll::eQueueGUARD>, "callback"_a, "callback(node, state)")
+        .def("on_undefined", &SetOn<CTarvikClientCANDll::eQueueUndefined>, "callback"_a,
              "callback(id, data, seconds, microseconds)");
 
     cls.def(
@@ -686,4 +624,9 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
             "Block SDO download. Raises SdoAbortError when the node aborts.");
 
     module.def("_close_all_can", &CPyCAN::CloseAll, "Stops every CAN client (run at exit).");
+    // The flags byte of a frame, from the one place the library names it.
+    module.attr("CAN_FLAG_EXTENDED") = tarvik_protocol::can::kFlagExtended;
+    module.attr("CAN_FLAG_REMOTE") = tarvik_protocol::can::kFlagRemote;
+    module.attr("CAN_FLAG_TIMESTAMP") = tarvik_protocol::can::kFlagTimeStamp;
+    module.attr("CAN_FLAG_FD") = tarvik_protocol::can::kFlagFD;
 }

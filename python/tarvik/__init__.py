@@ -9,9 +9,5 @@ Blocking calls release the GIL. ``tarvik.can.TarvikBus`` is the python-can inter
 
 from ._tarvik import *  # noqa: F401,F403
 from ._tarvik import SdoAbortError, TarvikError, error_message, __version__  # noqa: F401
-
 # Flags of a CAN frame as the gateway carries them.
-CAN_FLAG_EXTENDED = 0x01
-CAN_FLAG_REMOTE = 0x02
-CAN_FLAG_TIMESTAMP = 0x04
-CAN_FLAG_FD = 0x08
+from ._tarvik import CAN_FLAG_EXTENDED, CAN_FLAG_REMOTE, CAN_FLAG_TIMESTAMP, CAN_FLAG_FD  # noqa: F401

@@ -20,11 +20,8 @@ import can
 from can.broadcastmanager import CyclicSendTaskABC
 
 from . import CAN as _CAN, TarvikError
-
-FLAG_EXTENDED = 0x01
-FLAG_REMOTE = 0x02
-FLAG_TIMESTAMP = 0x04
-FLAG_FD = 0x08
+from . import CAN_FLAG_EXTENDED as FLAG_EXTENDED, CAN_FLAG_REMOTE as FLAG_REMOTE  # noqa: F401
+from . import CAN_FLAG_TIMESTAMP as FLAG_TIMESTAMP, CAN_FLAG_FD as FLAG_FD  # noqa: F401
 
 # The gateway's cyclic table has sixteen entries.
 _CYCLIC_ENTRIES = 16

@@ -134,3 +134,14 @@ def test_canopen_services(canopen_sim):
         can.nmt(0, 1)
         can.sync()
         can.time(10, 1000)
+
+
+def test_a_full_queue_counts_exactly_the_dropped_newest(pair):
+    a, b = pair
+    b.set_queue_size(2)
+    for ident in range(5):
+        a.write(ident, b"")
+    assert wait_until(lambda: b.drop_counts()["can"]["queue_full"] == 3)
+    assert [b.get_message(timeout=20)[0] for _ in range(2)] == [0, 1]
+    assert b.get_message() is None
+    assert b.drop_counts()["sync"] == {"queues_off": 0, "queue_full": 0, "too_long": 0, "too_short": 0}

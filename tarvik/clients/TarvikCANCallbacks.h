@@ -1,5 +1,6 @@
-/* The callbacks of the CAN client, as plain C function pointers: the C interface and the
- * C++ client take the same ones. The int after the data is the device handle. */
+/* The callbacks of the CAN client, as plain C function pointers, and its drop counters:
+ * the C interface and the C++ client take the same ones. The int after the data is the
+ * device handle. */
 #ifndef TARVIK_CLIENTS_TARVIKCANCALLBACKS_H
 #define TARVIK_CLIENTS_TARVIKCANCALLBACKS_H
 
@@ -21,5 +22,19 @@ typedef void (*PCANopenGUARDCallback)(unsigned char, unsigned char, int, int, in
  * seconds, microseconds. */
 typedef void (*PCANopenUndefinedCallback)(int, unsigned char, unsigned char, unsigned char, const char*, int, int,
                                           int);
+
+/* A received frame for a callback set with its own context: user as given when it was
+ * set, then identifier, data, length, flags (0..255), seconds, microseconds (0, 0
+ * without the gateway's time stamp). */
+typedef void (*PCANFrameCallbackUser)(void*, unsigned int, const char*, int, int, int, int);
+
+/* Telegrams of one kind that were dropped on arrival, counted since the client was made. */
+typedef struct STarvikCanDropCounts
+{
+    unsigned long long nDisabled; /* no callback took it and the queues were off */
+    unsigned long long nFull;     /* its queue was full: the newest is the one dropped */
+    unsigned long long nTooLong;  /* a frame of more than 64 data bytes */
+    unsigned long long nTooShort; /* shorter than its kind's fixed part */
+} STarvikCanDropCounts;
 
 #endif

@@ -322,7 +322,7 @@ int CTarvikClientCAN::SetCyclicMessage(unsigned char nIndex, bool bEnable, unsig
                                        const char* pcBuffer, unsigned char nLen, unsigned char nFlags)
 {
     // The index is OR-ed in as given: its own bit 7 also reads as "enabled".
-    std::string payload(1, static_cast<char>(nIndex | (bEnable ? 0x80 : 0x00)));
+    std::string payload(1, static_cast<char>(nIndex | (bEnable ? tarvik_protocol::can::kCyclicEnable : 0x00)));
     payload += CTarvikMsg::ToChar(nInterval);
     payload += FramePart(nIdentifier, nFlags, pcBuffer, nLen);
     CTarvikReply reply;

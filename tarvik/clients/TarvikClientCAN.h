@@ -8,6 +8,7 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTCAN_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolCAN.h"
 
 #include <sys/time.h>
 
@@ -17,42 +18,15 @@
 class TARVIK_API CTarvikClientCAN : public CTarvikClient
 {
 public:
-    // Command numbers; the command code is 0x0200 | number, a confirmation 0x8200 | number.
+    // Command numbers (tarvik/protocol/TarvikProtocolCAN.h); the command code is
+    // 0x0200 | number, a confirmation 0x8200 | number.
     enum ECmd
     {
-        eCmdFrame = 0x03,              // a CAN frame: request to send, indication when received
-        eCmdSetConfig = 0x05,
-        eCmdGetConfig = 0x06,
-        eCmdSetGlobals = 0x07,
-        eCmdGetGlobals = 0x08,
-        eCmdSetTime = 0x0B,
-        eCmdGetTime = 0x0E,
-        eCmdSetFilter = 0x20,
-        eCmdGetFilter = 0x21,
-        eCmdGetPowerStatus = 0x22,
-        eCmdSetPowerRelais = 0x23,
-        eCmdSetActivePowerSupplies = 0x24,
-        eCmdSetCyclicMessage = 0x25,
-        eCmdSetZCardParameter = 0x51,
-        eCmdGetZCardParameter = 0x52,
-        eCmdCANopenSetConfig = 0x60,
-        eCmdCANopenGetConfig = 0x61,
-        eCmdCANopenSetSYNCMode = 0x62,
-        eCmdCANopenSendNMT = 0x63,
-        eCmdCANopenSYNC = 0x64,        // request to send, indication when received
-        eCmdCANopenSendTIME = 0x65,
-        eCmdCANopenEMCY = 0x66,        // indication only
-        eCmdCANopenPDO = 0x67,         // request to send, indication when received
-        eCmdCANopenSDORead = 0x68,
-        eCmdCANopenSDOWrite = 0x69,
-        eCmdCANopenSDOReadBlock = 0x6A,
-        eCmdCANopenSDOWriteBlock = 0x6B,
-        eCmdCANopenGUARD = 0x6C,       // indication only
-        eCmdCANopenUndefined = 0x6D,   // indication only
+        TARVIK_CAN_COMMANDS(TARVIK_CAN_COMMAND_ENUMERATOR)
     };
 
     // Flag bit of a received frame: its last 8 data bytes are a time stamp.
-    static constexpr unsigned char kFlagTimeStamp = 0x04;
+    static constexpr unsigned char kFlagTimeStamp = tarvik_protocol::can::kFlagTimeStamp;
 
     // The acceptance filter: sixteen words that the device interprets, sent and read in order.
     struct SConfigFilter

@@ -6,29 +6,51 @@
 
 namespace
 {
-// Fixed part of each kind of indication: a shorter one is dropped on arrival, so that
-// no decode and no callback reads bytes the device did not send.
-constexpr size_t kFrameHead = 5;    // identifier, flags
-constexpr size_t kPDOHead = 3;      // two selectors, length byte
-constexpr size_t kSYNCSize = 1;
-constexpr size_t kEMCYSize = 9;     // node, error code, register, 5 data bytes
-constexpr size_t kEMCYData = 5;
-constexpr size_t kGUARDSize = 2;
-constexpr size_t kTimeStampSize = 8;
+namespace can = tarvik_protocol::can;
+
 // Room gathered per queue before the first batch, so a burst does not grow the lists.
 constexpr size_t kGatherReserve = 256;
+
+// Receiver calls under way on this thread, of any client: SetReceiver from inside a
+// receiver must not wait for itself.
+thread_local int t_nInReceiver = 0;
+
+// Each kind of indication: its queue and the fixed part below which it is dropped on
+// arrival, so that no decode and no callback reads bytes the device did not send. A PDO
+// must also carry the data its length byte announces.
+struct SIndicationKind
+{
+    unsigned char m_nCmd;
+    CTarvikClientCANDll::EQueue m_eQueue;
+    size_t m_nMinSize;
+    bool m_bLengthByte;
+};
+
+constexpr SIndicationKind kKinds[] = {
+    {CTarvikClientCAN::eCmdFrame, CTarvikClientCANDll::eQueueCAN, can::kFrameHead, false},
+    {CTarvikClientCAN::eCmdCANopenUndefined, CTarvikClientCANDll::eQueueUndefined, can::kFrameHead, false},
+    {CTarvikClientCAN::eCmdCANopenPDO, CTarvikClientCANDll::eQueuePDO, can::kPDOHead, true},
+    {CTarvikClientCAN::eCmdCANopenSYNC, CTarvikClientCANDll::eQueueSYNC, can::kSYNCSize, false},
+    {CTarvikClientCAN::eCmdCANopenEMCY, CTarvikClientCANDll::eQueueEMCY, can::kEMCYSize, false},
+    {CTarvikClientCAN::eCmdCANopenGUARD, CTarvikClientCANDll::eQueueGUARD, can::kGUARDSize, false},
+};
 
 int ReadIdentifier(const CTarvikPayload& data)
 {
     int identifier = 0;
-    data.ReadS32(0, identifier);
+    data.ReadS32(can::kFrameIdOffset, identifier);
     return identifier;
 }
 
 // Data bytes after the frame head, as one byte (the device's 8-bit length).
 unsigned short FrameDataLen(const CTarvikPayload& data)
 {
-    return static_cast<unsigned char>(data.Size() - kFrameHead);
+    return static_cast<unsigned char>(data.Size() - can::kFrameHead);
+}
+
+const char* FrameData(const CTarvikPayload& data)
+{
+    return data.Data() + can::kFrameHead;
 }
 
 template <class T> void Put(T* out, T value)
@@ -38,14 +60,72 @@ template <class T> void Put(T* out, T value)
 }
 } // namespace
 
+// ---------------------------------------------------------------- CTarvikMsgQueue
+
+size_t CTarvikMsgQueue::PushIfRoom(CTarvikMsg* const* msgs, size_t count)
+{
+    CMolLock lock(m_Mutex);
+    const size_t maxSize = m_nMaxSize.load(std::memory_order_relaxed);
+    size_t pushed = 0;
+    try
+    {
+        for (; pushed < count && m_Messages.size() < maxSize; ++pushed)
+            m_Messages.push_back(std::move(*msgs[pushed]));
+    }
+    catch (...)
+    {
+        // Out of memory: the rest is lost like telegrams of a full queue.
+    }
+    return pushed;
+}
+
+bool CTarvikMsgQueue::PopFront(CTarvikMsg& out)
+{
+    CMolLock lock(m_Mutex);
+    if (m_Messages.empty())
+        return false;
+    out = std::move(m_Messages.front());
+    m_Messages.pop_front();
+    return true;
+}
+
+size_t CTarvikMsgQueue::Size()
+{
+    CMolLock lock(m_Mutex);
+    return m_Messages.size();
+}
+
+void CTarvikMsgQueue::Clear()
+{
+    // Swapped out under the lock, destroyed after it.
+    std::deque<CTarvikMsg> dropped;
+    CMolLock lock(m_Mutex);
+    dropped.swap(m_Messages);
+}
+
+// ---------------------------------------------------------------- CTarvikClientCANDll
+
+bool CTarvikClientCANDll::CUserFrameReceiver::OnFrame(unsigned int nIdentifier, const char* pcData, int nLen,
+                                                      int nFlags, int nSeconds, int nMicroseconds)
+{
+    if (m_pfnCallback == nullptr)
+        return false;
+    m_pfnCallback(m_pUser, nIdentifier, pcData, nLen, nFlags, nSeconds, nMicroseconds);
+    return true;
+}
+
 CTarvikClientCANDll::CTarvikClientCANDll(int nHandle, int timeoutMs)
     : CTarvikClientCAN(timeoutMs), m_pfnCallback(nullptr), m_pfnCallbackEx(nullptr), m_pfnPDO(nullptr),
       m_pfnSYNC(nullptr), m_pfnEMCY(nullptr), m_pfnGUARD(nullptr), m_pfnUndefined(nullptr), m_nHandle(nHandle),
-      m_bQueuesEnabled(false), m_bInBatch(false), m_nGathered(0)
+      m_bQueuesEnabled(false), m_bInBatch(false), m_nGathered(0), m_bHasReceiver(false), m_pReceiver(nullptr),
+      m_nReceiverGeneration(0), m_anReceiverCalls{0, 0}
 {
     m_bSendDataConfirm.store(false, std::memory_order_relaxed);
     for (std::vector<CTarvikMsg*>& gathered : m_aapGathered)
         gathered.reserve(kGatherReserve);
+    for (auto& drops : m_aanDrops)
+        for (std::atomic<unsigned long long>& count : drops)
+            count.store(0, std::memory_order_relaxed);
 }
 
 CTarvikClientCANDll::~CTarvikClientCANDll()
@@ -82,6 +162,68 @@ void CTarvikClientCANDll::CANopenSetCallback(PCANopenPDOCallback pdo, PCANopenSY
     m_pfnUndefined.store(undefined, std::memory_order_release);
 }
 
+void CTarvikClientCANDll::SetReceiver(ITarvikCanReceiver* receiver)
+{
+    std::unique_lock<std::mutex> lock(m_oReceiverMutex);
+    m_pReceiver = receiver;
+    m_bHasReceiver.store(receiver != nullptr, std::memory_order_release);
+    const unsigned int old = m_nReceiverGeneration++ & 1;
+    // From inside a receiver the call under way is this very one: waiting would never end.
+    if (t_nInReceiver == 0)
+        m_oReceiverIdle.wait(lock, [this, old] { return m_anReceiverCalls[old] == 0; });
+}
+
+void CTarvikClientCANDll::SetCallbackUser(PCANFrameCallbackUser fn, void* user)
+{
+    // Off first: once that returns no call reads the old pair, so it can change.
+    SetReceiver(nullptr);
+    m_oUserReceiver.m_pfnCallback = fn;
+    m_oUserReceiver.m_pUser = user;
+    if (fn != nullptr)
+        SetReceiver(&m_oUserReceiver);
+}
+
+template <class Fn> bool CTarvikClientCANDll::ToReceiver(Fn fn)
+{
+    if (!m_bHasReceiver.load(std::memory_order_acquire))
+        return false;
+    ITarvikCanReceiver* receiver = nullptr;
+    unsigned int slot = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_oReceiverMutex);
+        receiver = m_pReceiver;
+        if (receiver == nullptr)
+            return false;
+        slot = m_nReceiverGeneration & 1;
+        ++m_anReceiverCalls[slot];
+    }
+    // Counted down however the receiver returns, or SetReceiver would wait for ever.
+    struct SCallDone
+    {
+        CTarvikClientCANDll& m_oClient;
+        unsigned int m_nSlot;
+        ~SCallDone()
+        {
+            --t_nInReceiver;
+            {
+                std::lock_guard<std::mutex> lock(m_oClient.m_oReceiverMutex);
+                --m_oClient.m_anReceiverCalls[m_nSlot];
+            }
+            m_oClient.m_oReceiverIdle.notify_all();
+        }
+    } done{*this, slot};
+    ++t_nInReceiver;
+    try
+    {
+        return fn(*receiver);
+    }
+    catch (...)
+    {
+        // Nothing crosses the receive thread: a receiver that throws took nothing.
+        return false;
+    }
+}
+
 void CTarvikClientCANDll::SetMaxSizePerQueue(unsigned long n)
 {
     if (n != 0)
@@ -93,12 +235,33 @@ void CTarvikClientCANDll::SetMaxSizePerQueue(unsigned long n)
     }
     m_bQueuesEnabled.store(false, std::memory_order_release);
     for (CTarvikMsgQueue& queue : m_aoQueues)
-    {
-        // Swapped out under the lock, destroyed after it.
-        std::deque<CTarvikMsg> dropped;
-        CMolLock lock(queue.m_Mutex);
-        dropped.swap(queue.m_Messages);
-    }
+        queue.Clear();
+}
+
+void CTarvikClientCANDll::GetDropCounts(EQueue queue, STarvikCanDropCounts& counts) const
+{
+    counts = STarvikCanDropCounts{};
+    if (queue < 0 || queue >= eQueueCount)
+        return;
+    const auto& drops = m_aanDrops[queue];
+    counts.nDisabled = drops[eDropDisabled].load(std::memory_order_relaxed);
+    counts.nFull = drops[eDropFull].load(std::memory_order_relaxed);
+    counts.nTooLong = drops[eDropTooLong].load(std::memory_order_relaxed);
+    counts.nTooShort = drops[eDropTooShort].load(std::memory_order_relaxed);
+}
+
+void CTarvikClientCANDll::Dropped(EQueue queue, EDrop why, size_t count)
+{
+    m_aanDrops[queue][why].fetch_add(count, std::memory_order_relaxed);
+}
+
+void CTarvikClientCANDll::Queued(EQueue queue, size_t count)
+{
+    if (count != 0)
+        ToReceiver([queue](ITarvikCanReceiver& receiver) {
+            receiver.OnQueued(queue);
+            return true;
+        });
 }
 
 // ---------------------------------------------------------------- receive thread
@@ -106,7 +269,8 @@ void CTarvikClientCANDll::SetMaxSizePerQueue(unsigned long n)
 void CTarvikClientCANDll::DataInd(const char* data, unsigned short len)
 {
     // Bit 15 of the command code (bytes 2..3, little-endian) marks a confirmation.
-    if (m_nGathered > 0 && len >= 4 && (static_cast<unsigned char>(data[3]) & 0x80) != 0)
+    const unsigned char confirmationHigh = static_cast<unsigned char>(CTarvikMsg::kConfirmationBit >> 8);
+    if (m_nGathered > 0 && len >= 4 && (static_cast<unsigned char>(data[3]) & confirmationHigh) != 0)
         FlushGathered();
     CTarvikClient::DataInd(data, len);
 }
@@ -120,38 +284,38 @@ void CTarvikClientCANDll::DataIndBatch(bool begin)
 
 bool CTarvikClientCANDll::DataIndRespond(CTarvikMsg* msg)
 {
+    const SIndicationKind* kind = nullptr;
+    for (const SIndicationKind& candidate : kKinds)
+        if (msg->GetCmdCode() == MakeCmdCode(candidate.m_nCmd))
+            kind = &candidate;
+    if (kind == nullptr)
+    {
+        delete msg;
+        return true;
+    }
+    const EQueue queue = kind->m_eQueue;
     const CTarvikPayload data(msg->GetData());
-    EQueue queue = eQueueCount;
+    const size_t need = kind->m_nMinSize + (kind->m_bLengthByte ? data.At(can::kPDOLengthOffset) : 0);
     bool called = false;
-    bool discard = false;
-    const unsigned short cmd = msg->GetCmdCode();
-    if (cmd == MakeCmdCode(eCmdFrame))
+    bool tooLong = false;
+    if (data.Size() < need)
+        Dropped(queue, eDropTooShort);
+    else if (queue == eQueueCAN)
+        called = CallFrame(*msg, tooLong);
+    else if (queue == eQueueUndefined)
+        called = CallUndefined(*msg);
+    else
+        called = CallCANopen(*msg, queue);
+    if (tooLong)
+        Dropped(queue, eDropTooLong);
+    if (data.Size() < need || tooLong || called)
     {
-        queue = eQueueCAN;
-        called = CallFrame(*msg, discard);
+        delete msg;
+        return true;
     }
-    else if (cmd == MakeCmdCode(eCmdCANopenUndefined))
+    if (!m_bQueuesEnabled.load(std::memory_order_acquire))
     {
-        queue = eQueueUndefined;
-        discard = data.Size() < kFrameHead;
-        called = !discard && CallUndefined(*msg);
-    }
-    else if (cmd == MakeCmdCode(eCmdCANopenPDO) || cmd == MakeCmdCode(eCmdCANopenSYNC) ||
-             cmd == MakeCmdCode(eCmdCANopenEMCY) || cmd == MakeCmdCode(eCmdCANopenGUARD))
-    {
-        queue = cmd == MakeCmdCode(eCmdCANopenPDO)    ? eQueuePDO
-                : cmd == MakeCmdCode(eCmdCANopenSYNC) ? eQueueSYNC
-                : cmd == MakeCmdCode(eCmdCANopenEMCY) ? eQueueEMCY
-                                                      : eQueueGUARD;
-        size_t need = queue == eQueuePDO    ? kPDOHead + data.At(2)
-                      : queue == eQueueSYNC ? kSYNCSize
-                      : queue == eQueueEMCY ? kEMCYSize
-                                            : kGUARDSize;
-        discard = data.Size() < need;
-        called = !discard && CallCANopen(*msg);
-    }
-    if (queue == eQueueCount || called || discard || !m_bQueuesEnabled.load(std::memory_order_acquire))
-    {
+        Dropped(queue, eDropDisabled);
         delete msg;
         return true;
     }
@@ -159,83 +323,106 @@ bool CTarvikClientCANDll::DataIndRespond(CTarvikMsg* msg)
     return true;
 }
 
-bool CTarvikClientCANDll::CallFrame(const CTarvikMsg& msg, bool& discard)
+bool CTarvikClientCANDll::CallFrame(const CTarvikMsg& msg, bool& tooLong)
 {
     const CTarvikPayload data(msg.GetData());
-    if (data.Size() < kFrameHead)
-    {
-        discard = true;
-        return false;
-    }
-    const unsigned char flags = data.At(4);
+    const unsigned char flags = data.At(can::kFrameFlagsOffset);
     timeval tv = {0, 0};
-    unsigned char len = GetTime(flags, data.Data() + kFrameHead, FrameDataLen(data), tv);
+    unsigned char len = GetTime(flags, FrameData(data), FrameDataLen(data), tv);
     if (len > kMaxFrameData)
     {
-        discard = true;
+        tooLong = true;
         return false;
     }
     PCANFrameCallback fn = m_pfnCallback.load(std::memory_order_acquire);
     PCANFrameCallbackEx fnEx = fn == nullptr ? m_pfnCallbackEx.load(std::memory_order_acquire) : nullptr;
-    if (fn == nullptr && fnEx == nullptr)
+    if (fn == nullptr && fnEx == nullptr && !m_bHasReceiver.load(std::memory_order_acquire))
         return false;
     // What came before this frame is in its queues before the application hears of it.
     if (m_nGathered > 0)
         FlushGathered();
     const unsigned int identifier = static_cast<unsigned int>(ReadIdentifier(data));
+    const int seconds = static_cast<int>(tv.tv_sec), micros = static_cast<int>(tv.tv_usec);
     if (fn != nullptr)
-        fn(identifier, data.Data() + kFrameHead, len, flags, m_nHandle);
+        fn(identifier, FrameData(data), len, flags, m_nHandle);
+    else if (fnEx != nullptr)
+        fnEx(identifier, FrameData(data), len, flags, m_nHandle, seconds, micros);
     else
-        fnEx(identifier, data.Data() + kFrameHead, len, flags, m_nHandle, static_cast<int>(tv.tv_sec),
-             static_cast<int>(tv.tv_usec));
+        return ToReceiver([&](ITarvikCanReceiver& receiver) {
+            return receiver.OnFrame(identifier, FrameData(data), len, flags, seconds, micros);
+        });
     return true;
 }
 
 bool CTarvikClientCANDll::CallUndefined(const CTarvikMsg& msg)
 {
     PCANopenUndefinedCallback fn = m_pfnUndefined.load(std::memory_order_acquire);
-    if (fn == nullptr)
+    if (fn == nullptr && !m_bHasReceiver.load(std::memory_order_acquire))
         return false;
     if (m_nGathered > 0)
         FlushGathered();
     const CTarvikPayload data(msg.GetData());
     timeval tv = {0, 0};
-    unsigned char len = GetTime(data.At(4), data.Data() + kFrameHead, FrameDataLen(data), tv);
+    unsigned char len = GetTime(data.At(can::kFrameFlagsOffset), FrameData(data), FrameDataLen(data), tv);
+    const int seconds = static_cast<int>(tv.tv_sec), micros = static_cast<int>(tv.tv_usec);
     // No length limit here: the device's own length goes to the callback.
-    fn(ReadIdentifier(data), data.At(0), data.At(1), len, data.Data() + kFrameHead, m_nHandle,
-       static_cast<int>(tv.tv_sec), static_cast<int>(tv.tv_usec));
-    return true;
+    if (fn != nullptr)
+    {
+        fn(ReadIdentifier(data), data.At(0), data.At(1), len, FrameData(data), m_nHandle, seconds, micros);
+        return true;
+    }
+    return ToReceiver([&](ITarvikCanReceiver& receiver) {
+        return receiver.OnUndefined(ReadIdentifier(data), FrameData(data), len, seconds, micros);
+    });
 }
 
-bool CTarvikClientCANDll::CallCANopen(const CTarvikMsg& msg)
+bool CTarvikClientCANDll::CallCANopen(const CTarvikMsg& msg, EQueue queue)
 {
-    const unsigned char cmd = static_cast<unsigned char>(msg.GetCmdCode() & 0xFF);
-    PCANopenPDOCallback pdo = cmd == eCmdCANopenPDO ? m_pfnPDO.load(std::memory_order_acquire) : nullptr;
-    PCANopenSYNCCallback sync = cmd == eCmdCANopenSYNC ? m_pfnSYNC.load(std::memory_order_acquire) : nullptr;
-    PCANopenEMCYCallback emcy = cmd == eCmdCANopenEMCY ? m_pfnEMCY.load(std::memory_order_acquire) : nullptr;
-    PCANopenGUARDCallback guard = cmd == eCmdCANopenGUARD ? m_pfnGUARD.load(std::memory_order_acquire) : nullptr;
-    if (pdo == nullptr && sync == nullptr && emcy == nullptr && guard == nullptr)
+    PCANopenPDOCallback pdo = queue == eQueuePDO ? m_pfnPDO.load(std::memory_order_acquire) : nullptr;
+    PCANopenSYNCCallback sync = queue == eQueueSYNC ? m_pfnSYNC.load(std::memory_order_acquire) : nullptr;
+    PCANopenEMCYCallback emcy = queue == eQueueEMCY ? m_pfnEMCY.load(std::memory_order_acquire) : nullptr;
+    PCANopenGUARDCallback guard = queue == eQueueGUARD ? m_pfnGUARD.load(std::memory_order_acquire) : nullptr;
+    const bool any = pdo != nullptr || sync != nullptr || emcy != nullptr || guard != nullptr;
+    if (!any && !m_bHasReceiver.load(std::memory_order_acquire))
         return false;
     if (m_nGathered > 0)
         FlushGathered();
     const CTarvikPayload data(msg.GetData());
+    unsigned char extra[can::kEMCYData] = {};
+    data.CopyTo(can::kEMCYDataOffset, extra, sizeof(extra));
     if (pdo != nullptr)
-        pdo(data.At(0), data.At(1), data.At(2), data.Data() + kPDOHead, m_nHandle, 0, 0);
+        pdo(data.At(0), data.At(1), data.At(2), data.Data() + can::kPDOHead, m_nHandle, 0, 0);
     else if (sync != nullptr)
         sync(data.At(0), m_nHandle, 0, 0);
     else if (emcy != nullptr)
     {
-        unsigned char extra[kEMCYData];
-        data.CopyTo(4, extra, sizeof(extra));
         // The low byte widened with its sign: 0x80 and above set the high byte to 0xFF.
-        // CANopenGetEMCY reads both bytes unsigned; the two paths differ on purpose.
+        // CANopenGetEMCY and the receiver read both bytes unsigned; the paths differ on purpose.
         unsigned int wide = static_cast<unsigned int>(static_cast<int>(static_cast<signed char>(data.At(1))));
         unsigned short code = static_cast<unsigned short>(wide | static_cast<unsigned int>(data.At(2)) << 8);
-        emcy(data.At(0), code, data.At(3), extra, m_nHandle, 0, 0);
+        emcy(data.At(0), code, data.At(can::kEMCYRegisterOffset), extra, m_nHandle, 0, 0);
     }
-    else
+    else if (guard != nullptr)
         guard(data.At(0), data.At(1), m_nHandle, 0, 0);
-    return true;
+    if (any)
+        return true;
+    return ToReceiver([&](ITarvikCanReceiver& receiver) {
+        switch (queue)
+        {
+        case eQueuePDO:
+            return receiver.OnPDO(data.At(0), data.At(1), data.At(2), data.Data() + can::kPDOHead);
+        case eQueueSYNC:
+            return receiver.OnSYNC(data.At(0));
+        case eQueueEMCY:
+        {
+            unsigned short code = 0;
+            data.ReadU16(can::kEMCYCodeOffset, code);
+            return receiver.OnEMCY(data.At(0), code, data.At(can::kEMCYRegisterOffset), extra);
+        }
+        default:
+            return receiver.OnGUARD(data.At(0), data.At(1));
+        }
+    });
 }
 
 void CTarvikClientCANDll::Enqueue(EQueue queue, CTarvikMsg* msg)
@@ -254,86 +441,49 @@ void CTarvikClientCANDll::Enqueue(EQueue queue, CTarvikMsg* msg)
             FlushGathered();
         }
     }
-    CTarvikMsgQueue& target = m_aoQueues[queue];
-    {
-        CMolLock lock(target.m_Mutex);
-        if (target.m_Messages.size() < target.m_nMaxSize.load(std::memory_order_relaxed))
-        {
-            try
-            {
-                target.m_Messages.push_back(std::move(*msg));
-            }
-            catch (...)
-            {
-                // Out of memory: lost like a telegram of a full queue.
-            }
-        }
-    }
+    const size_t pushed = m_aoQueues[queue].PushIfRoom(&msg, 1);
     delete msg;
+    if (pushed == 0)
+        Dropped(queue, eDropFull);
+    Queued(queue, pushed);
 }
 
 void CTarvikClientCANDll::FlushGathered()
 {
     // Queueing switched off meanwhile: what was gathered is dropped, as it would have been.
     const bool enabled = m_bQueuesEnabled.load(std::memory_order_acquire);
+    size_t pushed[eQueueCount] = {};
     for (int i = 0; i < eQueueCount; ++i)
     {
         std::vector<CTarvikMsg*>& gathered = m_aapGathered[i];
         if (gathered.empty())
             continue;
+        const EQueue queue = static_cast<EQueue>(i);
+        // A full queue keeps its older telegrams and drops the newer ones.
         if (enabled)
-        {
-            CTarvikMsgQueue& target = m_aoQueues[i];
-            CMolLock lock(target.m_Mutex);
-            const size_t maxSize = target.m_nMaxSize.load(std::memory_order_relaxed);
-            try
-            {
-                // A full queue keeps its older telegrams and drops the newer ones.
-                for (size_t k = 0; k < gathered.size() && target.m_Messages.size() < maxSize; ++k)
-                    target.m_Messages.push_back(std::move(*gathered[k]));
-            }
-            catch (...)
-            {
-                // Out of memory: the rest is lost like telegrams of a full queue.
-            }
-        }
+            pushed[i] = m_aoQueues[i].PushIfRoom(gathered.data(), gathered.size());
+        Dropped(queue, enabled ? eDropFull : eDropDisabled, gathered.size() - pushed[i]);
         for (CTarvikMsg* msg : gathered)
             delete msg;
         gathered.clear();
     }
     m_nGathered = 0;
+    for (int i = 0; i < eQueueCount; ++i)
+        Queued(static_cast<EQueue>(i), pushed[i]);
 }
 
 // ---------------------------------------------------------------- fetching
-
-bool CTarvikClientCANDll::TakeFront(EQueue queue, CTarvikMsg& out)
-{
-    CTarvikMsgQueue& source = m_aoQueues[queue];
-    CMolLock lock(source.m_Mutex);
-    if (source.m_Messages.empty())
-        return false;
-    out = std::move(source.m_Messages.front());
-    source.m_Messages.pop_front();
-    return true;
-}
-
-int CTarvikClientCANDll::Remaining(EQueue queue)
-{
-    CTarvikMsgQueue& source = m_aoQueues[queue];
-    CMolLock lock(source.m_Mutex);
-    return static_cast<int>(source.m_Messages.size());
-}
 
 int CTarvikClientCANDll::CANGetMessage(int* pnIdentifier, char* pcBuffer, unsigned char* pnLen, int* pnFlags,
                                        int* pnSeconds, int* pnMicroseconds)
 {
     CTarvikMsg msg;
-    if (!TakeFront(eQueueCAN, msg))
+    if (!m_aoQueues[eQueueCAN].PopFront(msg))
         return -1;
     const CTarvikPayload data(msg.GetData());
-    const unsigned char flags = data.At(4);
+    const unsigned char flags = data.At(can::kFrameFlagsOffset);
     timeval tv = {0, 0};
-    unsigned char len = GetTime(flags, data.Data() + kFrameHead, FrameDataLen(data), tv);
+    unsigned char len = GetTime(flags, FrameData(data), FrameDataLen(data), tv);
     if (len > kMaxFrameData)
         len = kMaxFrameData;
     Put(pnIdentifier, ReadIdentifier(data));
@@ -342,56 +492,58 @@ int CTarvikClientCANDll::CANGetMessage(int* pnIdentifier, char* pcBuffer, unsign
     Put(pnLen, len);
     Put(pnSeconds, static_cast<int>(tv.tv_sec));
     Put(pnMicroseconds, static_cast<int>(tv.tv_usec));
-    data.CopyTo(kFrameHead, pcBuffer, len);
-    return Remaining(eQueueCAN);
+    data.CopyTo(can::kFrameHead, pcBuffer, len);
+    return static_cast<int>(m_aoQueues[eQueueCAN].Size());
 }
 
 int CTarvikClientCANDll::CANopenGetPDO(unsigned char* p1, unsigned char* p2, unsigned char* pnLen, char* pcBuffer)
 {
     CTarvikMsg msg;
-    if (!TakeFront(eQueuePDO, msg))
+    if (!m_aoQueues[eQueuePDO].PopFront(msg))
         return -1;
     const CTarvikPayload data(msg.GetData());
-    unsigned char len = data.At(2) < kMaxPDOData ? data.At(2) : static_cast<unsigned char>(kMaxPDOData);
+    unsigned char len = data.At(can::kPDOLengthOffset) < kMaxPDOData ? data.At(can::kPDOLengthOffset) : static_cast<unsigned char>(kMaxPDOData);
     Put(p1, data.At(0));
     Put(p2, data.At(1));
     Put(pnLen, len);
-    data.CopyTo(kPDOHead, pcBuffer, len);
-    return Remaining(eQueuePDO);
+    data.CopyTo(can::kPDOHead, pcBuffer, len);
+    return static_cast<int>(m_aoQueues[eQueuePDO].Size());
 }
 
 int CTarvikClientCANDll::CANopenGetSYNC(unsigned char* pnValue)
 {
     CTarvikMsg msg;
-    if (!TakeFront(eQueueSYNC, msg))
+    if (!m_aoQueues[eQueueSYNC].PopFront(msg))
         return -1;
     Put(pnValue, CTarvikPayload(msg.GetData()).At(0));
-    return Remaining(eQueueSYNC);
+    return static_cast<int>(m_aoQueues[eQueueSYNC].Size());
 }
 
 int CTarvikClientCANDll::CANopenGetEMCY(unsigned char* pnNode, unsigned short* pnErrorCode,
                                         unsigned char* pnErrorRegister, unsigned char* pcData)
 {
     CTarvikMsg msg;
-    if (!TakeFront(eQueueEMCY, msg))
+    if (!m_aoQueues[eQueueEMCY].PopFront(msg))
         return -1;
     const CTarvikPayload data(msg.GetData());
     Put(pnNode, data.At(0));
-    Put(pnErrorCode, static_cast<unsigned short>(data.At(2) << 8 | data.At(1)));
-    Put(pnErrorRegister, data.At(3));
-    data.CopyTo(4, pcData, kEMCYData);
-    return Remaining(eQueueEMCY);
+    unsigned short code = 0;
+    data.ReadU16(can::kEMCYCodeOffset, code);
+    Put(pnErrorCode, code);
+    Put(pnErrorRegister, data.At(can::kEMCYRegisterOffset));
+    data.CopyTo(can::kEMCYDataOffset, pcData, can::kEMCYData);
+    return static_cast<int>(m_aoQueues[eQueueEMCY].Size());
 }
 
 int CTarvikClientCANDll::CANopenGetGUARD(unsigned char* pnNode, unsigned char* pnState)
 {
     CTarvikMsg msg;
-    if (!TakeFront(eQueueGUARD, msg))
+    if (!m_aoQueues[eQueueGUARD].PopFront(msg))
         return -1;
     const CTarvikPayload data(msg.GetData());
     Put(pnNode, data.At(0));
     Put(pnState, data.At(1));
-    return Remaining(eQueueGUARD);
+    return static_cast<int>(m_aoQueues[eQueueGUARD].Size());
 }
 
 int CTarvikClientCANDll::CANopenGetUndefined(int* pnIdentifier, unsigned char* p1, unsigned char* p2,
@@ -399,12 +551,12 @@ int CTarvikClientCANDll::CANopenGetUndefined(int* pnIdentifier, unsigned char* p
                                              int* pnMicroseconds)
 {
     CTarvikMsg msg;
-    if (!TakeFront(eQueueUndefined, msg))
+    if (!m_aoQueues[eQueueUndefined].PopFront(msg))
         return -1;
     const CTarvikPayload data(msg.GetData());
     timeval tv = {0, 0};
     const unsigned short all = FrameDataLen(data);
-    unsigned char len = GetTime(data.At(4), data.Data() + kFrameHead, all, tv);
+    unsigned char len = GetTime(data.At(can::kFrameFlagsOffset), FrameData(data), all, tv);
     Put(pnIdentifier, ReadIdentifier(data));
     Put(p1, data.At(0));
     Put(p2, data.At(1));
@@ -412,8 +564,8 @@ int CTarvikClientCANDll::CANopenGetUndefined(int* pnIdentifier, unsigned char* p
     Put(pnSeconds, static_cast<int>(tv.tv_sec));
     Put(pnMicroseconds, static_cast<int>(tv.tv_usec));
     // Every byte after the flags, time stamp included, whatever the length says.
-    data.CopyTo(kFrameHead, pcBuffer, all);
-    return Remaining(eQueueUndefined);
+    data.CopyTo(can::kFrameHead, pcBuffer, all);
+    return static_cast<int>(m_aoQueues[eQueueUndefined].Size());
 }
 
 unsigned char CTarvikClientCANDll::GetTime(unsigned char nFlags, const char* pcData, unsigned short nLen, timeval& tv)
@@ -424,12 +576,12 @@ unsigned char CTarvikClientCANDll::GetTime(unsigned char nFlags, const char* pcD
         tv.tv_usec = 0;
         return static_cast<unsigned char>(nLen);
     }
-    if (nLen < kTimeStampSize || pcData == nullptr)
-        return 0;
+    const CTarvikPayload data(pcData, nLen);
     int seconds = 0, microseconds = 0;
-    CTarvikMsg::FromChar(seconds, pcData + nLen - kTimeStampSize);
-    CTarvikMsg::FromChar(microseconds, pcData + nLen - kTimeStampSize / 2);
+    if (!data.ReadS32(nLen - can::kTimeStampSize, seconds) ||
+        !data.ReadS32(nLen - can::kTimeStampSize + 4, microseconds))
+        return 0;
     tv.tv_sec = seconds;
     tv.tv_usec = microseconds;
-    return static_cast<unsigned char>(nLen - kTimeStampSize);
+    return static_cast<unsigned char>(nLen - can::kTimeStampSize);
 }

@@ -6,7 +6,10 @@
 // from which the application fetches it by polling.
 //
 // Queues: nothing is queued until SetMaxSizePerQueue(n) with n > 0. A full queue drops
-// the newest telegram and keeps the older ones; nothing reports a drop.
+// the newest telegram and keeps the older ones; GetDropCounts tells how many were lost.
+//
+// With a context of its own, the application receives through an ITarvikCanReceiver
+// (SetReceiver), which gets what the plain callbacks do not take.
 //
 // Threads: callbacks run on the connection's receive thread without any lock of the
 // library held; a callback may call back into this client (fetch from a queue, change
@@ -17,16 +20,19 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTCANDLL_H
 
 #include "tarvik/clients/TarvikCANCallbacks.h"
+#include "tarvik/clients/TarvikCanReceiver.h"
 #include "tarvik/clients/TarvikClientCAN.h"
 #include "tarvik/runtime/MolSync.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <mutex>
 #include <vector>
 
-// One bounded FIFO of telegrams, held by value, oldest first. CTarvikClientCANDll works
-// on its fields directly; m_Mutex guards m_Messages.
+// One bounded FIFO of telegrams, held by value, oldest first; m_Mutex guards m_Messages.
+// The operations below take the lock themselves, so the locking lives in one place.
 class TARVIK_API CTarvikMsgQueue
 {
 public:
@@ -35,6 +41,15 @@ public:
     CTarvikMsgQueue() : m_nMaxSize(kDefaultMaxSize) {}
     CTarvikMsgQueue(const CTarvikMsgQueue&) = delete;
     CTarvikMsgQueue& operator=(const CTarvikMsgQueue&) = delete;
+
+    // Appends the first of count telegrams (moved from) while the queue holds fewer than
+    // m_nMaxSize; returns how many went in. Out of memory counts as full.
+    size_t PushIfRoom(CTarvikMsg* const* msgs, size_t count);
+    // Moves the oldest telegram into out; false when empty.
+    bool PopFront(CTarvikMsg& out);
+    size_t Size();
+    // Empties the queue; the telegrams are destroyed after the lock is released.
+    void Clear();
 
     // Capacity; read and written without the lock.
     std::atomic<size_t> m_nMaxSize;
@@ -46,20 +61,18 @@ class TARVIK_API CTarvikClientCANDll : public CTarvikClientCAN
 {
 public:
     // The six queues, one per kind of indication.
-    enum EQueue
-    {
-        eQueuePDO = 0,
-        eQueueSYNC = 1,
-        eQueueEMCY = 2,
-        eQueueGUARD = 3,
-        eQueueUndefined = 4,
-        eQueueCAN = 5,
-        eQueueCount = 6,
-    };
+    using EQueue = ITarvikCanReceiver::EQueue;
+    static constexpr EQueue eQueuePDO = ITarvikCanReceiver::eQueuePDO;
+    static constexpr EQueue eQueueSYNC = ITarvikCanReceiver::eQueueSYNC;
+    static constexpr EQueue eQueueEMCY = ITarvikCanReceiver::eQueueEMCY;
+    static constexpr EQueue eQueueGUARD = ITarvikCanReceiver::eQueueGUARD;
+    static constexpr EQueue eQueueUndefined = ITarvikCanReceiver::eQueueUndefined;
+    static constexpr EQueue eQueueCAN = ITarvikCanReceiver::eQueueCAN;
+    static constexpr int eQueueCount = ITarvikCanReceiver::eQueueCount;
     // Longest data of a received CAN frame (CAN FD); a longer one is discarded.
-    static constexpr int kMaxFrameData = 64;
+    static constexpr int kMaxFrameData = static_cast<int>(tarvik_protocol::can::kMaxFDData);
     // Longest PDO data handed out by CANopenGetPDO.
-    static constexpr int kMaxPDOData = 8;
+    static constexpr int kMaxPDOData = static_cast<int>(tarvik_protocol::can::kMaxPDOData);
 
     // nHandle: passed to every callback (the registry's handle of this device).
     CTarvikClientCANDll(int nHandle, int timeoutMs);
@@ -72,9 +85,20 @@ public:
     // All five CANopen callbacks at once; any may be null.
     void CANopenSetCallback(PCANopenPDOCallback pdo, PCANopenSYNCCallback sync, PCANopenEMCYCallback emcy,
                             PCANopenGUARDCallback guard, PCANopenUndefinedCallback undefined);
+    // The receiver for what the C callbacks above do not take (see ITarvikCanReceiver);
+    // null: none. It returns once no call of the old receiver is under way (unless
+    // called from the receiver itself), so the old one may be destroyed then: clear it,
+    // or stop the connection, before the receiver dies. Do not call it while holding a
+    // lock that the old receiver takes.
+    void SetReceiver(ITarvikCanReceiver* receiver);
+    // A frame callback with a context pointer of the caller's, as a receiver of this
+    // client's own (it replaces any receiver set before); null fn: none.
+    void SetCallbackUser(PCANFrameCallbackUser fn, void* user);
     // n > 0: every queue holds up to n (a fuller one is not shortened, it stops growing)
     // and queueing starts. 0: queueing stops and every queue is emptied.
     void SetMaxSizePerQueue(unsigned long n);
+    // What was dropped on arrival for one queue's kind; any thread.
+    void GetDropCounts(EQueue queue, STarvikCanDropCounts& counts) const;
 
     // The Get operations take the oldest telegram of their queue. Each returns -1 when
     // the queue is empty, else how many are left after the one returned. Null outputs
@@ -112,18 +136,37 @@ public:
     void DataInd(const char* data, unsigned short len) override;
 
 private:
+    enum EDrop
+    {
+        eDropDisabled,
+        eDropFull,
+        eDropTooLong,
+        eDropTooShort,
+        eDropCount,
+    };
+    // The frame callback with a context, as a receiver.
+    class CUserFrameReceiver : public ITarvikCanReceiver
+    {
+    public:
+        bool OnFrame(unsigned int nIdentifier, const char* pcData, int nLen, int nFlags, int nSeconds,
+                     int nMicroseconds) override;
+        PCANFrameCallbackUser m_pfnCallback = nullptr;
+        void* m_pUser = nullptr;
+    };
+
     // Queues msg (owned) at once, or gathers it during a batch.
     void Enqueue(EQueue queue, CTarvikMsg* msg);
     // Appends what was gathered, each queue under its own lock in turn, and frees the telegrams.
     void FlushGathered();
-    // Takes the oldest telegram of a queue into out; false when empty.
-    bool TakeFront(EQueue queue, CTarvikMsg& out);
-    // The number left in a queue.
-    int Remaining(EQueue queue);
-    // Dispatch by kind; true when the telegram went to a callback.
-    bool CallFrame(const CTarvikMsg& msg, bool& discard);
+    // Telegrams of a queue that went in (tell the receiver) or were dropped for a reason.
+    void Queued(EQueue queue, size_t count);
+    void Dropped(EQueue queue, EDrop why, size_t count = 1);
+    // Calls fn(receiver) when one is set, without any lock held; false when none took it.
+    template <class Fn> bool ToReceiver(Fn fn);
+    // Dispatch by kind; true when the telegram went to a callback or the receiver.
+    bool CallFrame(const CTarvikMsg& msg, bool& tooLong);
     bool CallUndefined(const CTarvikMsg& msg);
-    bool CallCANopen(const CTarvikMsg& msg);
+    bool CallCANopen(const CTarvikMsg& msg, EQueue queue);
 
     std::atomic<PCANFrameCallback> m_pfnCallback;
     std::atomic<PCANFrameCallbackEx> m_pfnCallbackEx;
@@ -140,6 +183,19 @@ private:
     bool m_bInBatch;
     size_t m_nGathered;
     std::vector<CTarvikMsg*> m_aapGathered[eQueueCount];
+    // Drops per queue and reason.
+    std::atomic<unsigned long long> m_aanDrops[eQueueCount][eDropCount];
+    // The receiver and the calls of it under way. A call counts in the slot of the
+    // generation it began in; SetReceiver starts a new generation and waits for the old
+    // slot only, so calls of the new receiver cannot keep it waiting. The flag lets a
+    // client without a receiver skip the lock.
+    std::atomic<bool> m_bHasReceiver;
+    std::mutex m_oReceiverMutex;
+    std::condition_variable m_oReceiverIdle;
+    ITarvikCanReceiver* m_pReceiver;
+    unsigned int m_nReceiverGeneration;
+    unsigned int m_anReceiverCalls[2];
+    CUserFrameReceiver m_oUserReceiver;
 };
 
 #endif

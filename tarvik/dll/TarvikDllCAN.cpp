@@ -21,6 +21,14 @@ static_assert(TARVIK_CAN_FRAME_DATA == CTarvikClientCANDll::kMaxFrameData, "fram
 static_assert(TARVIK_CANOPEN_PDO_DATA == CTarvikClientCANDll::kMaxPDOData, "PDO buffer size");
 static_assert(TARVIK_CAN_FILTER_WORDS == sizeof(CTarvikClientCAN::SConfigFilter::nFilter) / sizeof(unsigned int),
               "filter words");
+static_assert(TARVIK_CAN_QUEUE_CAN == CTarvikClientCANDll::eQueueCAN && TARVIK_CAN_QUEUE_PDO == CTarvikClientCANDll::eQueuePDO &&
+                  TARVIK_CAN_QUEUE_SYNC == CTarvikClientCANDll::eQueueSYNC &&
+                  TARVIK_CAN_QUEUE_EMCY == CTarvikClientCANDll::eQueueEMCY &&
+                  TARVIK_CAN_QUEUE_GUARD == CTarvikClientCANDll::eQueueGUARD &&
+                  TARVIK_CAN_QUEUE_UNDEFINED == CTarvikClientCANDll::eQueueUndefined &&
+                  TARVIK_CAN_QUEUE_COUNT == CTarvikClientCANDll::eQueueCount,
+              "queue numbers");
+static_assert(TARVIK_CANOPEN_EMCY_DATA == tarvik_protocol::can::kEMCYData, "EMCY data");
 static_assert(TARVIK_CAN_MAX_QUEUE_SIZE < TARVIK_ERR_INVALID_HANDLE, "counts stay below the handle codes");
 
 // The CAN client's Open with both flags; the C open picks the one its arguments ask for.
@@ -318,6 +326,24 @@ int CANSetCallbackEx(int handle, PCANFrameCallbackEx callback)
 {
     return WithClient<CTarvikClientCANDll>(handle, [&](CTarvikClientCANDll& can) {
         can.SetCallbackEx(callback);
+        return 0;
+    });
+}
+
+int CANSetCallbackUser(int handle, PCANFrameCallbackUser callback, void* user)
+{
+    return WithClient<CTarvikClientCANDll>(handle, [&](CTarvikClientCANDll& can) {
+        can.SetCallbackUser(callback, user);
+        return 0;
+    });
+}
+
+int CANGetDropCounts(int handle, int queue, STarvikCanDropCounts* counts)
+{
+    return WithClient<CTarvikClientCANDll>(handle, [&](CTarvikClientCANDll& can) {
+        if (counts == nullptr || queue < 0 || queue >= TARVIK_CAN_QUEUE_COUNT)
+            return TARVIK_ERR_INVALID_PARAMETER;
+        can.GetDropCounts(static_cast<CTarvikClientCANDll::EQueue>(queue), *counts);
         return 0;
     });
 }

@@ -45,6 +45,14 @@ extern "C" {
 #define TARVIK_CANOPEN_UNDEFINED_DATA 255
 /* Largest queue size that CANSetMaxSizePerQueue takes. */
 #define TARVIK_CAN_MAX_QUEUE_SIZE 1000000
+/* The receive queues, one per kind, as CANGetDropCounts names them. */
+#define TARVIK_CAN_QUEUE_PDO 0
+#define TARVIK_CAN_QUEUE_SYNC 1
+#define TARVIK_CAN_QUEUE_EMCY 2
+#define TARVIK_CAN_QUEUE_GUARD 3
+#define TARVIK_CAN_QUEUE_UNDEFINED 4
+#define TARVIK_CAN_QUEUE_CAN 5
+#define TARVIK_CAN_QUEUE_COUNT 6
 
 /* Connects and configures the gateway (CANSetConfig with the two flags). 0x920000 for a
  * portIndex outside 0..99 (*handle untouched); on any other failure *handle is -1. */
@@ -95,6 +103,11 @@ TARVIK_API int CANStartAlive(int handle, unsigned int seconds);
 /* One frame callback at a time: each of these switches the other off. Null: none. */
 TARVIK_API int CANSetCallback(int handle, PCANFrameCallback callback);
 TARVIK_API int CANSetCallbackEx(int handle, PCANFrameCallbackEx callback);
+/* A frame callback with a context pointer of the caller's, for frames that the two
+ * callbacks above do not take (neither is set); null: none. Once it returns, no call of
+ * the callback set before is under way (unless it is called from that callback), so
+ * what its user pointer points to may go. */
+TARVIK_API int CANSetCallbackUser(int handle, PCANFrameCallbackUser callback, void* user);
 /* size > 0: each queue holds up to size (0x920000 above TARVIK_CAN_MAX_QUEUE_SIZE) and
  * queueing starts; 0: queueing stops and every queue is emptied. */
 TARVIK_API int CANSetMaxSizePerQueue(int handle, unsigned long size);
@@ -103,6 +116,10 @@ TARVIK_API int CANSetMaxSizePerQueue(int handle, unsigned long size);
  * needs bufLen >= TARVIK_CAN_FRAME_DATA (0x920000 before anything is taken). */
 TARVIK_API int CANGetMessage(int handle, int* identifier, char* buf, int bufLen, unsigned char* len, int* flags,
                              int* seconds, int* microseconds);
+
+/* Telegrams of queue's kind (TARVIK_CAN_QUEUE_...) dropped on arrival, by reason, since
+ * the handle was opened. 0x920000 for an unknown queue or a null counts. */
+TARVIK_API int CANGetDropCounts(int handle, int queue, STarvikCanDropCounts* counts);
 
 /* CANopen master services; the gateway runs the protocol on the bus. */
 TARVIK_API int CANopenSetConfig(int handle, unsigned char mode);
