@@ -1,7 +1,7 @@
 // The AWire client against the simulated programmer and its target: whole files written
 // and read back, progress reports at a programming rate, the gateway's failures, the
 // configuration and the user page.
-#include "HexfileTestUtil.h"
+#include "support/HexfileTestUtil.h"
 #include "support/SimFixture.h"
 
 #include "sim/TarvikSimDeviceAWire.h"
@@ -39,16 +39,6 @@ std::string Pattern(size_t len, unsigned int seed)
 class CAWireSimTest : public CSimFixture<CDevice, CAWire, eTarvikAWire>
 {
 protected:
-    // An Intel HEX file of the blocks (address, bytes).
-    std::string Image(const std::vector<std::pair<unsigned int, std::string>>& blocks)
-    {
-        CTarvikHexfile hex;
-        for (const auto& block : blocks)
-            hex.AddMemoryBlock(block.first, block.second.data(), static_cast<unsigned int>(block.second.size()));
-        std::string path = m_oDir.Path("image" + std::to_string(++m_nImages) + ".hex");
-        EXPECT_EQ(0u, hex.SaveFile(path.c_str(), CTarvikHexfile::Intel));
-        return path;
-    }
     // Polls the file write to its end: "step percent"; every (step, percent) seen on the way.
     std::string WaitForEnd(std::set<std::pair<int, int>>* seen = nullptr)
     {
@@ -94,7 +84,6 @@ protected:
     }
 
     hexfile_test::CTempDir m_oDir;
-    int m_nImages = 0;
 };
 } // namespace
 
@@ -102,7 +91,7 @@ TEST_F(CAWireSimTest, AnIntelHexImageIsWrittenAndReadsBackIdentical)
 {
     const std::string first = Pattern(100000, 1), second = Pattern(777, 2);
     ASSERT_EQ(0, m_oClient.Erase(0));
-    ASSERT_EQ(0, m_oClient.WriteFile(Image({{0x100, first}, {0x30000, second}})));
+    ASSERT_EQ(0, m_oClient.WriteFile(m_oDir.Image({{0x100, first}, {0x30000, second}})));
     EXPECT_EQ("3 100", WaitForEnd());
     EXPECT_EQ(first, ReadBack(0x100, first.size()));
     EXPECT_EQ(second, ReadBack(0x30000, second.size()));
@@ -115,7 +104,7 @@ TEST_F(CAWireSimTest, ProgressGrowsAsTheTargetIsProgrammed)
 {
     // 4 chunks at 1 MB/s: some 130 ms of programming, reported as it goes.
     m_pDevice->SetRate(1000000);
-    ASSERT_EQ(0, m_oClient.WriteFile(Image({{0, Pattern(4 * 32768, 3)}})));
+    ASSERT_EQ(0, m_oClient.WriteFile(m_oDir.Image({{0, Pattern(4 * 32768, 3)}})));
     std::set<std::pair<int, int>> seen;
     EXPECT_EQ("3 100", WaitForEnd(&seen));
     size_t writing = 0;

@@ -3,7 +3,6 @@
 #include "sim/TarvikSimDeviceRenesas.h"
 #include "sim/TarvikSimServer.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
-#include "tarvik/dll/DeviceManager.h"
 
 #include <gtest/gtest.h>
 
@@ -137,22 +136,4 @@ TEST_F(CRenesasE2E, TheTargetRefusesWhatItDoesNotAccept)
     EXPECT_EQ(CRen::eResultTimeout, m_pClient->EraseAll());
     EXPECT_EQ(0, m_pClient->Restart());
     EXPECT_EQ(other, m_pModel->PeekPage(1));
-}
-
-TEST_F(CRenesasE2E, TheRegistryOpensARenesasGateway)
-{
-    CTarvikSimServer server;
-    // The standard port of the type, on this program's loopback net.
-    const std::string host = "127.0.59.9";
-    ASSERT_EQ(0, server.AddDevice(eTarvikRenesas, host, CTarvikSimServer::GetStandardPort(eTarvikRenesas)));
-    ASSERT_TRUE(server.Start());
-    int handle = 0;
-    ASSERT_EQ(0, CDeviceManager::OpenDevice(&handle, host.c_str(), kTimeoutMs, eTarvikRenesas, 0, 1, true));
-    CDevice* device = CDeviceManager::GetDevice(handle);
-    ASSERT_NE(nullptr, device);
-    auto* client = dynamic_cast<CRen*>(device->m_pClient);
-    ASSERT_NE(nullptr, client);
-    client->Open();
-    EXPECT_EQ(0, client->Init());
-    EXPECT_EQ(0, CDeviceManager::CloseDevice(handle));
 }

@@ -10,7 +10,6 @@
 #include "tarvik/clients/TarvikClientTestSystemIO.h"
 #include "tarvik/clients/TarvikClientTestSystemPWR.h"
 #include "tarvik/clients/TarvikClientTestSystemRelay.h"
-#include "tarvik/dll/DeviceManager.h"
 
 #include <gtest/gtest.h>
 
@@ -217,36 +216,5 @@ TEST_F(CTestSystemE2E, DigitalAndAnalogGatewaysReadWhatIsWired)
         long level = static_cast<long>(model->GetAdcLevel(i));
         EXPECT_LE(std::labs(static_cast<long>(values[i]) - level), 2) << i;
         EXPECT_LE(values[i], 4095u) << i;
-    }
-}
-
-TEST_F(CTestSystemE2E, RegistryOpensEveryTestSystemUnit)
-{
-    const std::pair<ETarvikDevice, bool (*)(CTarvikClient*)> rows[] = {
-        {eTarvikTestSystemIO, [](CTarvikClient* c) { return dynamic_cast<CTarvikClientTestSystemIO*>(c) != nullptr; }},
-        {eTarvikTestSystemPWR, [](CTarvikClient* c) { return dynamic_cast<CTarvikClientTestSystemPWR*>(c) != nullptr; }},
-        {eTarvikTestSystemCOM, [](CTarvikClient* c) { return dynamic_cast<CTarvikClientTestSystemCOM*>(c) != nullptr; }},
-        {eTarvikTestSystemRelay,
-         [](CTarvikClient* c) { return dynamic_cast<CTarvikClientTestSystemRelay*>(c) != nullptr; }},
-    };
-    for (const auto& row : rows)
-    {
-        CTarvikSimServer server;
-        // The standard port of the type, on an address of this program's loopback net (127.0.47.x).
-        const std::string host = "127.0.47." + std::to_string(10 + static_cast<int>(row.first));
-        ASSERT_EQ(0, server.AddDevice(row.first, host, CTarvikSimServer::GetStandardPort(row.first))) << row.first;
-        ASSERT_TRUE(server.Start());
-        int handle = 0;
-        ASSERT_EQ(0, CDeviceManager::OpenDevice(&handle, host.c_str(), kTimeoutMs, static_cast<unsigned char>(row.first),
-                                                0, 1, true))
-            << row.first;
-        CDevice* device = CDeviceManager::GetDevice(handle);
-        ASSERT_NE(nullptr, device);
-        EXPECT_TRUE(row.second(device->m_pClient)) << row.first;
-        device->m_pClient->Open();
-        STarvikDeviceInfo info;
-        EXPECT_EQ(0, device->m_pClient->Info(&info)) << row.first;
-        EXPECT_EQ(static_cast<unsigned char>(row.first), info.m_abData[18]);
-        EXPECT_EQ(0, CDeviceManager::CloseDevice(handle));
     }
 }

@@ -109,6 +109,17 @@ TEST(I2CAddressing, EepromTypeWordGivesSlaveAddressOffsetAndAddressBytes)
         EXPECT_EQ(std::get<4>(c), ToHex(CTarvikClientI2C::ToOffset(offset, type)));
         EXPECT_EQ(std::get<5>(c), CTarvikClientI2C::GetAddressByteCount(type));
     }
+    // Widths 9 to 15 take two address bytes, keep their own bits in the offset and put the
+    // bit above them into slave bit 1.
+    for (unsigned short width = 9; width <= 15; ++width)
+    {
+        const unsigned int kept = (2u << width) - 1;
+        const unsigned short type = static_cast<unsigned short>(0x0100 | width);
+        EXPECT_EQ(0xA6u, CTarvikClientI2C::GetEEPROMSlaveAddress(1, 0xFFFFFFFF, type)) << width;
+        EXPECT_EQ(ToHex(Frame({0, 0, int(kept >> 8), int(kept & 0xFF)})),
+                  ToHex(CTarvikClientI2C::ToOffset(0xFFFFFFFF, type))) << width;
+        EXPECT_EQ(2, CTarvikClientI2C::GetAddressByteCount(type)) << width;
+    }
 }
 
 TEST_F(CI2CTest, EachCommandWritesItsOutputsByItsOwnRule)

@@ -3,6 +3,7 @@
 // next request succeeds, or after a broken stream the connection ends on its own and
 // a Disconnect and Connect bring it back.
 #include "support/FakeGateway.h"
+#include "support/Wait.h"
 
 #include "sim/TarvikSimDeviceSPI.h"
 #include "sim/TarvikSimServer.h"
@@ -34,15 +35,6 @@ constexpr int kNotConnected = TARVIK_ERR_NOT_CONNECTED;
 // EEPROM contents the reading operations expect.
 constexpr unsigned int kMarkAddress = 0x0010;
 const std::string kMark = Hex("AB CD EF 01");
-
-// Polls cond until it holds; the limit only ends a hang.
-template <typename F> bool Eventually(F cond, std::chrono::milliseconds limit = std::chrono::seconds(5))
-{
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!cond() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return cond();
-}
 
 // Operations of the SPI client and of every client, each checking its answer: a
 // result of 0 with the wrong data counts as kWrongData.
