@@ -314,8 +314,9 @@ TEST_F(CSimFaultTest, ClientBeyondTheConnectionLimitIsTurnedAway)
     EXPECT_EQ(kOk, TimedCall(second, eOpGetGlobals));
 }
 
-// The flat C interface over the same faults. SPIOpenDevice dials port 5002, so the
-// simulator listens on its own loopback address, 127.0.0.71 to .79.
+// The flat C interface end to end over the SPI gateway, its 25xx EEPROM and the same
+// faults. SPIOpenDevice dials port 5002, so the simulator listens on its own loopback
+// address, 127.0.0.71 to .79.
 class CSimFaultDllTest : public ::testing::Test
 {
 protected:
@@ -338,6 +339,14 @@ protected:
             SPICloseDevice(m_nHandle);
     }
 
+    // One chip-select frame; recv receives as many bytes as were sent.
+    int Xfer(const std::string& hex, std::string& recv)
+    {
+        std::string send = Hex(hex);
+        recv.assign(send.size(), '\0');
+        return SPIDataReq(m_nHandle, send.data(), static_cast<int>(send.size()), &recv[0],
+                          static_cast<int>(recv.size()));
+    }
     int GetGlobals()
     {
         unsigned int rate = 0;
@@ -388,6 +397,35 @@ TEST_F(CSimFaultDllTest, StalledStreamNeedsTheDeviceReopened)
     m_nHandle = -1;
     ASSERT_EQ(0, SPIOpenDevice(&m_nHandle, m_sHost.c_str(), static_cast<int>(kTimeoutMs)));
     EXPECT_EQ(kOk, GetGlobals());
+}
+
+TEST_F(CSimFaultDllTest, EepromWrittenThroughDataReqReadsBack)
+{
+    // A write cycle of a few milliseconds makes the status polling do real work.
+    static_cast<CTarvikSimDeviceSPI*>(m_oServer.GetDevice(eTarvikSPI))->SetEepromWriteCycleMs(3);
+    std::string answer;
+    ASSERT_EQ(0, Xfer("06", answer));
+    ASSERT_EQ(0, Xfer("02 01 23 CA FE 00 12", answer));
+    // RDSR until the write-in-progress bit clears.
+    int polls = 0;
+    do
+        ASSERT_EQ(0, Xfer("05 00", answer));
+    while ((answer[1] & 0x01) != 0 && ++polls < 100000);
+    ASSERT_EQ(0, Xfer("03 01 23 00 00 00 00", answer));
+    EXPECT_EQ("FF FF FF CA FE 00 12", ToHex(answer));
+}
+
+TEST_F(CSimFaultDllTest, UnknownSequenceOpCodeGivesItsResultText)
+{
+    const char script[] = {0x01, 0x09, 0x02};
+    short id = -1;
+    ASSERT_EQ(0, SPISequenceReq(m_nHandle, script, sizeof(script), &id));
+    char out[4] = {};
+    int rc = SPISequenceGetCnf(m_nHandle, id, out, sizeof(out));
+    EXPECT_EQ(0x0330, rc);
+    char text[64] = {};
+    SPIErrorMessage(rc, text, sizeof(text));
+    EXPECT_STREQ("SPI sequence unknown command op code", text);
 }
 
 // Every device family meets the faults alike: the transport codes are the engine's,
