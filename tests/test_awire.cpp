@@ -204,13 +204,8 @@ TEST_F(CAWireTest, EachCommandSendsItsExactRequest)
          ToHex(Telegram(0x0EE4, 2, Hex("08 00 00 00 02 00") + "AB"))},
     };
     AnswerWith(Frame({0, 'A', 'B'}));
-    size_t sent = 0;
     for (const auto& c : cases)
-    {
-        NewClient();
-        EXPECT_EQ(0, c.first(*m_pClient)) << c.second;
-        EXPECT_EQ(c.second, ToHex(LastFrame(++sent)));
-    }
+        ExpectRequest(c.first, Hex(c.second), c.second);
     EXPECT_EQ(2, handle);
 }
 
@@ -265,13 +260,8 @@ TEST_F(CAWireTest, EachReadWritesItsOutputsByItsOwnRule)
         {read, std::string(), 0x0C0E00, "- | ------"},
     };
     for (const auto& c : cases)
-    {
-        NewClient();
-        AnswerWith(std::get<1>(c));
-        int result = -1;
-        EXPECT_EQ(std::get<3>(c), std::get<0>(c)(*m_pClient, result)) << ToHex(std::get<1>(c).value_or("none"));
-        EXPECT_EQ(std::get<2>(c), result) << ToHex(std::get<1>(c).value_or("none"));
-    }
+        ExpectOutputs(std::get<0>(c), std::get<1>(c), std::get<2>(c), std::get<3>(c),
+                      ToHex(std::get<1>(c).value_or("none")));
 }
 
 TEST_F(CAWireTest, VerifyComparesEachPieceWithTheStartOfTheData)

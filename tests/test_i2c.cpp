@@ -71,14 +71,8 @@ TEST_F(CI2CTest, EachCommandSendsItsExactRequest)
          0x0119, "A0 00 F4 01 02 00 00 80 01 77"},
     };
     AnswerWith(Frame({0}));
-    size_t sent = 0;
     for (const auto& c : cases)
-    {
-        NewClient();
-        EXPECT_EQ(0, std::get<1>(c)(*m_pClient)) << std::get<0>(c);
-        EXPECT_EQ(ToHex(Telegram(std::get<2>(c), 2, Hex(std::get<3>(c)))), ToHex(LastFrame(++sent)))
-            << std::get<0>(c);
-    }
+        ExpectRequest(std::get<1>(c), Telegram(std::get<2>(c), 2, Hex(std::get<3>(c))), std::get<0>(c));
 }
 
 TEST(I2CAddressing, EepromTypeWordGivesSlaveAddressOffsetAndAddressBytes)
@@ -196,13 +190,7 @@ TEST_F(CI2CTest, EachCommandWritesItsOutputsByItsOwnRule)
         {"raw get on an error", rawGet, Frame({0x20, 0x5A}), 0x0120, "EE"},
     };
     for (const auto& c : cases)
-    {
-        NewClient();
-        AnswerWith(std::get<2>(c));
-        int result = -1;
-        EXPECT_EQ(std::get<4>(c), std::get<1>(c)(*m_pClient, result)) << std::get<0>(c);
-        EXPECT_EQ(std::get<3>(c), result) << std::get<0>(c);
-    }
+        ExpectOutputs(std::get<1>(c), std::get<2>(c), std::get<3>(c), std::get<4>(c), std::get<0>(c));
 }
 
 TEST_F(CI2CTest, SetBaudrateStoresTheRateSentOnlyOnSuccess)

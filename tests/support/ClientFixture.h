@@ -57,6 +57,27 @@ protected:
         return frames.empty() ? std::string() : frames.back();
     }
 
+    // A fresh client runs call, which succeeds and sends exactly the frame want.
+    template <class FCall> void ExpectRequest(FCall call, const std::string& want, const std::string& name)
+    {
+        NewClient();
+        const size_t before = m_oGateway.GetFrames().size();
+        EXPECT_EQ(0, call(*m_pClient)) << name;
+        EXPECT_EQ(ToHex(want), ToHex(LastFrame(before + 1))) << name;
+    }
+    // A fresh client runs call(client, result) against answer: the result, and the outputs
+    // as the text call makes of them.
+    template <class FCall>
+    void ExpectOutputs(FCall call, const std::optional<std::string>& answer, int result, const std::string& outputs,
+                       const std::string& name)
+    {
+        NewClient();
+        AnswerWith(answer);
+        int got = -1;
+        EXPECT_EQ(outputs, call(*m_pClient, got)) << name;
+        EXPECT_EQ(result, got) << name;
+    }
+
     CFakeGateway m_oGateway;
     std::unique_ptr<TClient> m_pClient;
 };
