@@ -7,6 +7,8 @@
 #include "support/SdoCases.h"
 #include "support/Wait.h"
 
+#include "sim/TarvikSimCanBus.h"
+#include "sim/TarvikSimCanOpenNode.h"
 #include "sim/TarvikSimDeviceFirmware.h"
 #include "sim/TarvikSimDeviceI2C.h"
 #include "sim/TarvikSimDeviceRenesas.h"
@@ -881,6 +883,14 @@ TEST_F(CDllSimTest, AFrameWrittenOnOneHandleIsFetchedOnTheOther)
     EXPECT_EQ(0x02, flags);
     EXPECT_EQ(5, len);
 
+    // A 64-byte FD frame crosses whole.
+    ASSERT_EQ(0, CANWrite(a, 0x100, std::string(64, 'Z').data(), 64, 0x08, nullptr, nullptr));
+    ASSERT_TRUE(Eventually([&] {
+        return CANGetMessage(b, &id, &data[0], TARVIK_CAN_FRAME_DATA, &len, &flags, nullptr, nullptr) == 0;
+    }));
+    EXPECT_EQ(0x08, flags);
+    EXPECT_EQ(std::string(64, 'Z'), data.substr(0, len));
+
     // The callback receives the handle that CANDeviceOpen gave.
     ASSERT_EQ(0, CANSetCallbackEx(b, OnFrameSeen));
     ASSERT_EQ(0, CANWrite(a, 0x321, nullptr, 0, 0, nullptr, nullptr));
@@ -932,6 +942,34 @@ TEST_F(CDllSimTest, AFrameWrittenOnOneHandleIsFetchedOnTheOther)
     char cut[7] = "";
     EXPECT_EQ(22, CANopenSDOAbortText(0x06020000, cut, sizeof(cut)));
     EXPECT_STREQ("object", cut);
+
+    // A block written and read back: the read copies from the status byte on.
+    std::string block(3000, '\0');
+    for (size_t i = 0; i < block.size(); ++i)
+        block[i] = static_cast<char>(i * 13);
+    ASSERT_EQ(0, CANopenSendSDOWriteBlock(a, 2, 0x2100, 0, 1000, reinterpret_cast<const unsigned char*>(block.data()),
+                                          static_cast<int>(block.size()), &status, &value));
+    std::string back(4096, '\xEE');
+    unsigned short blockLen = 0;
+    ASSERT_EQ(0, CANopenSendSDOReadBlock(a, 2, 0x2100, 0, 1000, reinterpret_cast<unsigned char*>(&back[0]),
+                                         static_cast<int>(back.size()), &status, &blockLen));
+    ASSERT_EQ(block.size(), blockLen);
+    EXPECT_EQ(static_cast<char>(status), back[0]);
+    EXPECT_TRUE(block.substr(0, blockLen - 1) == back.substr(1, blockLen - 1));
+    // A PDO sent on SYNC by the operational node, and an emergency, come back as indications.
+    ASSERT_EQ(0, CANSetMaxSizePerQueue(a, 10));
+    ASSERT_EQ(0, CANopenSendNMT(a, 2, 0x01));
+    ASSERT_EQ(0, CANopenSendSDOWrite(a, 2, 1, 0x2000, 0, 500, 0x42, &status, &value));
+    ASSERT_EQ(0, CANopenSendSYNC(a));
+    unsigned char p1 = 0, p2 = 0;
+    ASSERT_TRUE(Eventually([&] { return CANopenGetPDO(a, &p1, &p2, &len, &data[0], TARVIK_CANOPEN_PDO_DATA) >= 0; }));
+    EXPECT_EQ(2, p1);
+    EXPECT_EQ(0x42, static_cast<unsigned char>(data[0]));
+    ASSERT_TRUE(m_pServer->GetCanBus()->GetNode(2)->RaiseEmcy(0x1081, 0x01));
+    unsigned short code = 0;
+    unsigned char emcy[TARVIK_CANOPEN_EMCY_DATA];
+    ASSERT_TRUE(Eventually([&] { return CANopenGetEMCY(a, &p1, &code, &p2, emcy, sizeof(emcy)) >= 0; }));
+    EXPECT_EQ(0x1081, code);
     EXPECT_EQ(0, CANDeviceClose(a));
     EXPECT_EQ(0, CANDeviceClose(b));
     EXPECT_EQ(TARVIK_ERR_INVALID_HANDLE, CANDeviceClose(b));
