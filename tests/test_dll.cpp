@@ -100,19 +100,10 @@ TEST(TarvikDll, UnknownHandlesAreInvalidAndOutputsAreLeftAlone)
     for (int handle : {-1, 0, 999999})
     {
         std::string buf = Buffer(8);
-        short id = 77;
-        unsigned int rate = 7;
-        unsigned char s = 7;
-        EXPECT_EQ(TARVIK_ERR_INVALID_HANDLE, SPIDataReq(handle, "\x01", 1, &buf[0], 4));
-        EXPECT_EQ(TARVIK_ERR_INVALID_HANDLE, SPISequenceReq(handle, "\x01", 1, &id));
-        EXPECT_EQ(TARVIK_ERR_INVALID_HANDLE, SPIGetGlobals(handle, &rate, &s, &s, &s));
         EXPECT_EQ(TARVIK_ERR_INVALID_HANDLE, SPICloseDevice(handle));
         // DeviceStatus says 1 and leaves the buffer.
         EXPECT_EQ(1, DeviceStatus(handle, &buf[0], 4));
         EXPECT_EQ(ToHex(Buffer(8)), ToHex(buf));
-        EXPECT_EQ(77, id);
-        EXPECT_EQ(7u, rate);
-        EXPECT_EQ(7, s);
     }
     // DeviceInfo refuses a null record first and zeroes the first 18 bytes of an unknown handle's.
     EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, DeviceInfo(999999, nullptr));
