@@ -43,14 +43,7 @@ protected:
     void TearDown() override { SPICloseDevice(m_nHandle); }
 
     const char* Host() const { return m_oGateway.GetAddress().c_str(); }
-    // Answers every request with its own command code and this payload (none: no answer).
-    void AnswerWith(const std::optional<std::string>& payload)
-    {
-        if (!payload)
-            return m_oGateway.SetHandler(nullptr);
-        std::string data = *payload;
-        m_oGateway.SetHandler([data](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), data); });
-    }
+    void AnswerWith(const std::optional<std::string>& payload) { m_oGateway.AnswerWith(payload); }
 
     CFakeGateway m_oGateway;
     int m_nHandle = -1;

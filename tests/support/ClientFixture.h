@@ -35,14 +35,7 @@ protected:
     // Open() by default; a class whose Open takes arguments says how.
     virtual void OpenClient(TClient& client) { ASSERT_EQ(0, client.Open()); }
 
-    // Answers every request with its own command code and this payload (none: no answer).
-    void AnswerWith(const std::optional<std::string>& payload)
-    {
-        if (!payload)
-            return m_oGateway.SetHandler(nullptr);
-        std::string data = *payload;
-        m_oGateway.SetHandler([data](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), data); });
-    }
+    void AnswerWith(const std::optional<std::string>& payload) { m_oGateway.AnswerWith(payload); }
 
     // Every frame received once there are count of them.
     std::vector<std::string> Frames(size_t count)
