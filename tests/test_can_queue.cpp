@@ -468,9 +468,7 @@ TEST_F(CCANQueueTest, RequestsCompleteDuringAFlood)
     auto flowing = [](const std::function<unsigned long()>& count)
     {
         const unsigned long before = count();
-        for (int i = 0; i < 5000 && count() == before; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return count() != before;
+        return Eventually([&] { return count() != before; });
     };
     {
         CFlood flood(m_oGateway, FloodOfFrames(200), CFlood::eWhole, 50);

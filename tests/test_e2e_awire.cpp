@@ -3,6 +3,7 @@
 // configuration and the user page.
 #include "support/HexfileTestUtil.h"
 #include "support/SimFixture.h"
+#include "support/Wait.h"
 
 #include "sim/TarvikSimDeviceAWire.h"
 #include "tarvik/clients/TarvikClientAWire.h"
@@ -42,21 +43,23 @@ protected:
     // Polls the file write to its end: "step percent"; every (step, percent) seen on the way.
     std::string WaitForEnd(std::set<std::pair<int, int>>* seen = nullptr)
     {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (std::chrono::steady_clock::now() < deadline)
-        {
-            FileStep::EFileStep step = FileStep::eNotStarted;
-            unsigned char percent = 0;
-            int result = m_oClient.GetWriteFileStatus(step, percent);
-            if (result != 0)
-                return "result " + std::to_string(result);
-            if (seen != nullptr)
-                seen->insert({step, percent});
-            if (step == FileStep::eDone || step == FileStep::eFailed)
-                return std::to_string(step) + " " + std::to_string(percent);
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        return "no end";
+        std::string end = "no end";
+        tarvik_test::Eventually(
+            [&]
+            {
+                FileStep::EFileStep step = FileStep::eNotStarted;
+                unsigned char percent = 0;
+                int result = m_oClient.GetWriteFileStatus(step, percent);
+                if (seen != nullptr && result == 0)
+                    seen->insert({step, percent});
+                if (result != 0)
+                    end = "result " + std::to_string(result);
+                else if (step == FileStep::eDone || step == FileStep::eFailed)
+                    end = std::to_string(step) + " " + std::to_string(percent);
+                return end != "no end";
+            },
+            std::chrono::seconds(20));
+        return end;
     }
     // The target's bytes as the client reads them.
     std::string ReadBack(unsigned int address, size_t length)
@@ -77,10 +80,8 @@ protected:
     bool BlockEnds(short handle, CAWire::Progress::EProgress& state)
     {
         unsigned short length = 0, done = 0;
-        for (int i = 0; i < 5000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(1)))
-            if (m_oClient.GetWriteBlockStatus(handle, state, length, done) == 0 && state != 1)
-                return true;
-        return false;
+        return tarvik_test::Eventually(
+            [&] { return m_oClient.GetWriteBlockStatus(handle, state, length, done) == 0 && state != 1; });
     }
 
     hexfile_test::CTempDir m_oDir;

@@ -91,26 +91,11 @@ private:
 class CHostileTest : public CProbeFixture<kTimeoutMs>
 {
 protected:
-    // One request; the time it took is added to the worst so far.
-    int Transact(const std::string& data = std::string())
+    int Transact(const std::string& data = std::string()) { return m_oClient.Transact(0x0303, data, m_pCnf); }
+    static bool WaitForState(CTarvikClient& client, int state)
     {
-        auto start = CClock::now();
-        int result = m_oClient.Transact(0x0303, data, m_pCnf);
-        m_oSlowest = std::max(m_oSlowest, CClock::now() - start);
-        return result;
+        return Eventually([&] { return client.GetConnectState() == state; });
     }
-    bool WaitForState(CTarvikClient& client, int state)
-    {
-        for (auto until = CClock::now() + std::chrono::milliseconds(kWaitMs); CClock::now() < until;)
-        {
-            if (client.GetConnectState() == state)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return false;
-    }
-
-    CClock::duration m_oSlowest{};
 };
 } // namespace
 
