@@ -67,6 +67,8 @@ TEST_F(CI2CTest, EachCommandSendsItsExactRequest)
          "A6 00 01 00 00 01 F0 55 66"},
         {"eeprom read", [&](CTarvikClientI2C& c) { return c.ReadEEProm(4, 0x3FF, 0x0008, buf, 4, n); }, 0x0112,
          "A8 00 01 00 00 00 FF 04 00"},
+        {"eeprom read 12 address bits", [&](CTarvikClientI2C& c) { return c.ReadEEProm(0, 0x1FFF, 0x000C, buf, 4, n); },
+         0x0112, "A0 00 02 00 00 0F FF 04 00"},
         {"eeprom poll", [](CTarvikClientI2C& c) { return c.WriteEEPromPollAck(0, 0x8001, 0x0010, "\x77", 1, 500); },
          0x0119, "A0 00 F4 01 02 00 00 80 01 77"},
     };
