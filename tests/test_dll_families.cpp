@@ -12,6 +12,7 @@
 #include "sim/TarvikSimDeviceFirmware.h"
 #include "sim/TarvikSimDeviceI2C.h"
 #include "sim/TarvikSimDeviceRenesas.h"
+#include "sim/TarvikSimDeviceSPI.h"
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
 #include "sim/TarvikSimDeviceTestUnit.h"
 #include "sim/TarvikSimServer.h"
@@ -21,6 +22,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -610,6 +612,8 @@ namespace
 constexpr int kPortIndex = 3;
 constexpr int kPortIndexA = 3;
 constexpr int kPortIndexB = 4;
+// SPIOpenDevice dials port 5002 whatever the index; a short time-out for the faults.
+constexpr int kSpiTimeoutMs = 1000;
 
 std::atomic<int> g_nCallbackHandle{0};
 std::atomic<int> g_nCallbackId{0};
@@ -620,9 +624,9 @@ void OnFrameSeen(unsigned int id, const char*, int, int, int handle, int, int)
     g_nCallbackId = static_cast<int>(id);
 }
 
-// The simulator with one device of every family but SPI, a second CAN gateway on the
-// same bus, at the standard ports of port indices 3 and 4 on this program's first free
-// address 127.0.47.1..40.
+// The simulator with one device of every family, a second CAN gateway on the same bus,
+// at the standard ports of port indices 3 and 4 (SPI: 5002) on this program's first free
+// address 127.0.47.1..40, and an SPI handle open on it.
 class CDllSimTest : public ::testing::Test
 {
 protected:
@@ -632,7 +636,8 @@ protected:
             {eTarvikI2C, kPortIndex},          {eTarvikRenesas, kPortIndex},        {eTarvikFirmware, kPortIndex},
             {eTarvikTestSystemCOM, kPortIndex}, {eTarvikTestSystemIO, kPortIndex},  {eTarvikTestSystemPWR, kPortIndex},
             {eTarvikTestSystemRelay, kPortIndex}, {eTarvikDIO, kPortIndex},         {eTarvikAD, kPortIndex},
-            {eTarvikCAN, kPortIndexA},          {eTarvikCAN, kPortIndexB},          {eTarvikAWire, kPortIndexA}};
+            {eTarvikCAN, kPortIndexA},          {eTarvikCAN, kPortIndexB},          {eTarvikAWire, kPortIndexA},
+            {eTarvikSPI, 0}};
         for (int last = 1; last <= 40 && !m_pServer; ++last)
         {
             auto server = std::make_unique<CTarvikSimServer>();
@@ -652,6 +657,25 @@ protected:
         }
         ASSERT_TRUE(m_pServer != nullptr);
         ASSERT_TRUE(m_pServer->Start()) << m_pServer->GetLastError();
+        ASSERT_EQ(0, SPIOpenDevice(&m_nSpi, Host(), kSpiTimeoutMs));
+    }
+    void TearDown() override { SPICloseDevice(m_nSpi); }
+
+    // One chip-select frame on the SPI handle; recv receives as many bytes as were sent.
+    int Xfer(const std::string& hex, std::string& recv)
+    {
+        std::string send = Hex(hex);
+        recv.assign(send.size(), '\0');
+        return SPIDataReq(m_nSpi, send.data(), static_cast<int>(send.size()), &recv[0], static_cast<int>(recv.size()));
+    }
+    // The SPI settings, within the time-out and a little more; a wrong rate counts as -1.
+    int GetGlobals()
+    {
+        unsigned int rate = 0;
+        auto start = std::chrono::steady_clock::now();
+        int rc = SPIGetGlobals(m_nSpi, &rate, nullptr, nullptr, nullptr);
+        EXPECT_LE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kSpiTimeoutMs + 500));
+        return rc == 0 && rate != CTarvikSimDeviceSPI::kDefaultRate ? -1 : rc;
     }
 
     template <typename TDevice> TDevice* Device(ETarvikDevice type)
@@ -662,6 +686,7 @@ protected:
 
     std::unique_ptr<CTarvikSimServer> m_pServer;
     std::string m_sHost;
+    int m_nSpi = -1;
 };
 } // namespace
 
@@ -1038,4 +1063,71 @@ TEST_F(CDllSimTest, AHexFileIsWrittenPolledToItsEndAndReadBack)
     EXPECT_EQ(2, length);
     EXPECT_EQ(255, AWireGetWriteBlockStatus(h, writeHandle, &state, nullptr, nullptr));
     EXPECT_EQ(0, AWireCloseDevice(h));
+}
+
+TEST_F(CDllSimTest, FaultsReachTheCallerAsResultCodes)
+{
+    struct SCase
+    {
+        const char* m_pName;
+        ETarvikSimFault m_eFault;
+        int m_nResult;
+    };
+    const SCase cases[] = {
+        {"bad check byte", eTarvikSimFaultBadCRC, TARVIK_ERR_CRC},
+        {"wrong command code", eTarvikSimFaultWrongCmd, TARVIK_ERR_NOT_CONFIRMED},
+        {"wrong message id", eTarvikSimFaultWrongId, TARVIK_ERR_TIMEOUT},
+        {"answered twice", eTarvikSimFaultTwice, 0},
+    };
+    for (const SCase& c : cases)
+    {
+        m_pServer->SetFault(c.m_eFault);
+        EXPECT_EQ(c.m_nResult, GetGlobals()) << c.m_pName;
+        m_pServer->ClearFaults();
+        EXPECT_EQ(0, GetGlobals()) << c.m_pName;
+    }
+}
+
+TEST_F(CDllSimTest, StalledStreamNeedsTheDeviceReopened)
+{
+    m_pServer->SetFault(eTarvikSimFaultStall);
+    const char send[] = {0x05, 0x00};
+    char recv[2] = {};
+    EXPECT_EQ(TARVIK_ERR_TIMEOUT, SPIDataReq(m_nSpi, send, 2, recv, 2));
+    m_pServer->ClearFaults();
+    // The stalled frame ends the connection within the time-out; then nothing gets through.
+    EXPECT_TRUE(Eventually([this] { return GetGlobals() == TARVIK_ERR_NOT_CONNECTED; }));
+    SPICloseDevice(m_nSpi);
+    m_nSpi = -1;
+    ASSERT_EQ(0, SPIOpenDevice(&m_nSpi, Host(), kSpiTimeoutMs));
+    EXPECT_EQ(0, GetGlobals());
+}
+
+TEST_F(CDllSimTest, EepromWrittenThroughDataReqReadsBack)
+{
+    // A write cycle of a few milliseconds makes the status polling do real work.
+    static_cast<CTarvikSimDeviceSPI*>(m_pServer->GetDevice(eTarvikSPI))->SetEepromWriteCycleMs(3);
+    std::string answer;
+    ASSERT_EQ(0, Xfer("06", answer));
+    ASSERT_EQ(0, Xfer("02 01 23 CA FE 00 12", answer));
+    // RDSR until the write-in-progress bit clears.
+    int polls = 0;
+    do
+        ASSERT_EQ(0, Xfer("05 00", answer));
+    while ((answer[1] & 0x01) != 0 && ++polls < 100000);
+    ASSERT_EQ(0, Xfer("03 01 23 00 00 00 00", answer));
+    EXPECT_EQ("FF FF FF CA FE 00 12", ToHex(answer));
+}
+
+TEST_F(CDllSimTest, UnknownSequenceOpCodeGivesItsResultText)
+{
+    const char script[] = {0x01, 0x09, 0x02};
+    short id = -1;
+    ASSERT_EQ(0, SPISequenceReq(m_nSpi, script, sizeof(script), &id));
+    char out[4] = {};
+    int rc = SPISequenceGetCnf(m_nSpi, id, out, sizeof(out));
+    EXPECT_EQ(0x0330, rc);
+    char text[64] = {};
+    SPIErrorMessage(rc, text, sizeof(text));
+    EXPECT_STREQ("SPI sequence unknown command op code", text);
 }
