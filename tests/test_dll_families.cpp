@@ -825,12 +825,9 @@ TEST_F(CDllSimTest, TestSystemUnitsSetAndReadBack)
     EXPECT_EQ(0x11FF, TSRelayGetButton(relay, 200, &pressed));
     EXPECT_EQ(0, pressed);
 
-    char path[] = "/tmp/tarvik_dll_familiesXXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    std::ofstream(path) << "station 4: flash, test, label\n";
-    EXPECT_EQ(0, TSCOMInstallConfig(com, "station4", path));
+    hexfile_test::CTempDir dir;
+    hexfile_test::WriteFile(dir.Path("station4.cfg"), "station 4: flash, test, label\n");
+    EXPECT_EQ(0, TSCOMInstallConfig(com, "station4", dir.Path("station4.cfg").c_str()));
     char name[32];
     std::memset(name, kSentinel, sizeof(name));
     EXPECT_EQ(0, TSCOMGetConfig(com, name, sizeof(name)));
@@ -841,7 +838,6 @@ TEST_F(CDllSimTest, TestSystemUnitsSetAndReadBack)
     EXPECT_EQ(1, available);
     EXPECT_NE(0u, crc);
     EXPECT_EQ(0x0D20, TSCOMSendFile(com, "/nonexistent/a.cfg", 0));
-    std::remove(path);
     for (int rc : {TSIOCloseDevice(io), TSPWRCloseDevice(pwr), TSRelayCloseDevice(relay), TSCOMCloseDevice(com)})
         EXPECT_EQ(0, rc);
 }
