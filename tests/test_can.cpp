@@ -131,14 +131,8 @@ TEST_F(CCANTest, EachCommandSendsItsExactRequest)
          0x026B, "22 50 1F 01 E8 03"},
     };
     AnswerWith(Frame({0}));
-    size_t sent = 0;
     for (const auto& c : cases)
-    {
-        NewClient();
-        EXPECT_EQ(0, std::get<1>(c)(*m_pClient)) << std::get<0>(c);
-        EXPECT_EQ(ToHex(Telegram(std::get<2>(c), 2, Hex(std::get<3>(c)))), ToHex(LastFrame(++sent)))
-            << std::get<0>(c);
-    }
+        ExpectRequest(std::get<1>(c), Telegram(std::get<2>(c), 2, Hex(std::get<3>(c))), std::get<0>(c));
 }
 
 TEST_F(CCANTest, EachCommandWritesItsOutputsByItsOwnRule)
@@ -270,13 +264,7 @@ TEST_F(CCANTest, EachCommandWritesItsOutputsByItsOwnRule)
         {"write: no answer", write(std::nullopt), std::nullopt, TARVIK_ERR_TIMEOUT, "- -"},
     };
     for (const auto& c : cases)
-    {
-        NewClient();
-        AnswerWith(std::get<2>(c));
-        int result = -1;
-        EXPECT_EQ(std::get<4>(c), std::get<1>(c)(*m_pClient, result)) << std::get<0>(c);
-        EXPECT_EQ(std::get<3>(c), result) << std::get<0>(c);
-    }
+        ExpectOutputs(std::get<1>(c), std::get<2>(c), std::get<3>(c), std::get<4>(c), std::get<0>(c));
 }
 
 // The three SDO transfers that answer a status and a value decode them alike: each value
