@@ -1,8 +1,9 @@
 // The AWire programming client against the scripted gateway: exact request frames,
 // which outputs each read writes, the progress map of block writes, and the file-write
 // thread's chunk plan, pipelining, progress and failure paths.
-#include "HexfileTestUtil.h"
+#include "support/HexfileTestUtil.h"
 #include "support/ClientFixture.h"
+#include "support/Wait.h"
 #include "support/FakeGateway.h"
 
 #include "tarvik/clients/TarvikClientAWire.h"
@@ -32,18 +33,6 @@ constexpr unsigned int kUnset = 0xDEADBEEF;
 constexpr unsigned short kUWord = 0xBEEF;
 typedef std::optional<std::string> TAnswer;
 const TAnswer kSilence;
-
-template <typename F> bool Eventually(F cond, std::chrono::milliseconds limit = std::chrono::seconds(5))
-{
-    // cond is asked once per round: some of the answers it looks at are given only once.
-    for (auto deadline = std::chrono::steady_clock::now() + limit;; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
-    {
-        if (cond())
-            return true;
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-    }
-}
 
 std::string LE16(unsigned int value)
 {
@@ -140,16 +129,6 @@ protected:
     {
         m_oGateway.SetHandler([this](const std::string& f) { return m_oProgrammer.Handle(f); });
     }
-    // An Intel HEX file of the blocks (address, bytes).
-    std::string Image(const std::vector<std::pair<unsigned int, std::string>>& blocks)
-    {
-        CTarvikHexfile hex;
-        for (const auto& block : blocks)
-            hex.AddMemoryBlock(block.first, block.second.data(), static_cast<unsigned int>(block.second.size()));
-        std::string path = m_oDir.Path("image" + std::to_string(++m_nImages) + ".hex");
-        EXPECT_EQ(0u, hex.SaveFile(path.c_str(), CTarvikHexfile::Intel));
-        return path;
-    }
     // Polls the file write until it reports its end: "step percent", and how many polls it took.
     std::string FileEnd()
     {
@@ -189,7 +168,6 @@ protected:
 
     CProgrammer m_oProgrammer;
     hexfile_test::CTempDir m_oDir;
-    int m_nImages = 0;
 };
 
 std::string Counting(size_t len, int first = 0)
@@ -226,13 +204,8 @@ TEST_F(CAWireTest, EachCommandSendsItsExactRequest)
          ToHex(Telegram(0x0EE4, 2, Hex("08 00 00 00 02 00") + "AB"))},
     };
     AnswerWith(Frame({0, 'A', 'B'}));
-    size_t sent = 0;
     for (const auto& c : cases)
-    {
-        NewClient();
-        EXPECT_EQ(0, c.first(*m_pClient)) << c.second;
-        EXPECT_EQ(c.second, ToHex(LastFrame(++sent)));
-    }
+        ExpectRequest(c.first, Hex(c.second), c.second);
     EXPECT_EQ(2, handle);
 }
 
@@ -287,13 +260,8 @@ TEST_F(CAWireTest, EachReadWritesItsOutputsByItsOwnRule)
         {read, std::string(), 0x0C0E00, "- | ------"},
     };
     for (const auto& c : cases)
-    {
-        NewClient();
-        AnswerWith(std::get<1>(c));
-        int result = -1;
-        EXPECT_EQ(std::get<3>(c), std::get<0>(c)(*m_pClient, result)) << ToHex(std::get<1>(c).value_or("none"));
-        EXPECT_EQ(std::get<2>(c), result) << ToHex(std::get<1>(c).value_or("none"));
-    }
+        ExpectOutputs(std::get<0>(c), std::get<1>(c), std::get<2>(c), std::get<3>(c),
+                      ToHex(std::get<1>(c).value_or("none")));
 }
 
 TEST_F(CAWireTest, VerifyComparesEachPieceWithTheStartOfTheData)
@@ -422,7 +390,7 @@ TEST_F(CAWireTest, AFileIsWrittenInPageAlignedChunksAndReadBack)
         size_t from = m_oGateway.GetFrames().size();
         NewClient();
         m_oProgrammer.m_nPageSize = std::get<0>(c);
-        std::string path = Image({{std::get<1>(c), Counting(std::get<2>(c))}});
+        std::string path = m_oDir.Image({{std::get<1>(c), Counting(std::get<2>(c))}});
         ASSERT_EQ(0, m_pClient->WriteFile(path));
         EXPECT_EQ("3 100", FileEnd()) << std::get<0>(c);
         EXPECT_EQ(std::get<3>(c), Requests(0x0EE0, from)) << std::get<0>(c);
@@ -437,7 +405,7 @@ TEST_F(CAWireTest, AtMostTwoChunksOfABlockAreInFlight)
     m_oProgrammer.m_bHold = true;
     UseProgrammer();
     const size_t chunks = 5, total = chunks * 32768;
-    ASSERT_EQ(0, m_pClient->WriteFile(Image({{0, Counting(total)}})));
+    ASSERT_EQ(0, m_pClient->WriteFile(m_oDir.Image({{0, Counting(total)}})));
     size_t most = 0;
     for (size_t finished = 0; finished < chunks; ++finished)
     {
@@ -463,7 +431,7 @@ TEST_F(CAWireTest, AtMostTwoChunksOfABlockAreInFlight)
 
     // A block's last chunk is followed at once by the next block's first.
     NewClient();
-    ASSERT_EQ(0, m_pClient->WriteFile(Image({{0, "one"}, {0x1000, "two"}, {0x2000, "three"}})));
+    ASSERT_EQ(0, m_pClient->WriteFile(m_oDir.Image({{0, "one"}, {0x1000, "two"}, {0x2000, "three"}})));
     EXPECT_TRUE(Eventually([&] { return m_oProgrammer.Held() == 3; }));
     while (m_oProgrammer.FinishOldest(m_oGateway))
     {
@@ -489,10 +457,10 @@ TEST_F(CAWireTest, AFileWriteEndsOnceAndAtFullPercent)
         {"missing file", m_oDir.Path("missing.hex"), [](CProgrammer&) {}, "-1 100", 0, 0, 0},
         {"empty image", m_oDir.Path("empty.hex"), [](CProgrammer&) {}, "3 100", 0, 0, 0},
         // A failed block ends the write; nothing is read back.
-        {"block fails", Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_nFailState = 2; }, "-1 100", 1, 2, 0},
-        {"verify mismatch", Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_bCorrupt = true; }, "-1 100", 2,
+        {"block fails", m_oDir.Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_nFailState = 2; }, "-1 100", 1, 2, 0},
+        {"verify mismatch", m_oDir.Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_bCorrupt = true; }, "-1 100", 2,
          2, 1},
-        {"written", Image({{0, Counting(40000)}}), [](CProgrammer&) {}, "3 100", 2, 2, 2},
+        {"written", m_oDir.Image({{0, Counting(40000)}}), [](CProgrammer&) {}, "3 100", 2, 2, 2},
     };
     UseProgrammer();
     for (const SCase& c : cases)
@@ -554,7 +522,7 @@ TEST_F(CAWireTest, AClientDestroyedDuringAFileWriteStopsItsThread)
 {
     m_oProgrammer.m_bHold = true;
     UseProgrammer();
-    ASSERT_EQ(0, m_pClient->WriteFile(Image({{0, Counting(4 * 32768)}})));
+    ASSERT_EQ(0, m_pClient->WriteFile(m_oDir.Image({{0, Counting(4 * 32768)}})));
     ASSERT_TRUE(Eventually([&] { return m_oProgrammer.Held() == 2; }));
     m_pClient.reset();
 }

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <ctime>
 #include <functional>
+#include <future>
 #include <optional>
 #include <thread>
 #include <tuple>
@@ -130,14 +131,8 @@ TEST_F(CCANTest, EachCommandSendsItsExactRequest)
          0x026B, "22 50 1F 01 E8 03"},
     };
     AnswerWith(Frame({0}));
-    size_t sent = 0;
     for (const auto& c : cases)
-    {
-        NewClient();
-        EXPECT_EQ(0, std::get<1>(c)(*m_pClient)) << std::get<0>(c);
-        EXPECT_EQ(ToHex(Telegram(std::get<2>(c), 2, Hex(std::get<3>(c)))), ToHex(LastFrame(++sent)))
-            << std::get<0>(c);
-    }
+        ExpectRequest(std::get<1>(c), Telegram(std::get<2>(c), 2, Hex(std::get<3>(c))), std::get<0>(c));
 }
 
 TEST_F(CCANTest, EachCommandWritesItsOutputsByItsOwnRule)
@@ -269,13 +264,7 @@ TEST_F(CCANTest, EachCommandWritesItsOutputsByItsOwnRule)
         {"write: no answer", write(std::nullopt), std::nullopt, TARVIK_ERR_TIMEOUT, "- -"},
     };
     for (const auto& c : cases)
-    {
-        NewClient();
-        AnswerWith(std::get<2>(c));
-        int result = -1;
-        EXPECT_EQ(std::get<4>(c), std::get<1>(c)(*m_pClient, result)) << std::get<0>(c);
-        EXPECT_EQ(std::get<3>(c), result) << std::get<0>(c);
-    }
+        ExpectOutputs(std::get<1>(c), std::get<2>(c), std::get<3>(c), std::get<4>(c), std::get<0>(c));
 }
 
 // The three SDO transfers that answer a status and a value decode them alike: each value
@@ -371,27 +360,58 @@ TEST_F(CCANTest, SDOValuesComeAsReceivedWithTheNodesAbortCode)
     EXPECT_STREQ("unknown abort code", CTarvikClientCAN::GetSDOAbortText(0x12345678));
 }
 
-// An SDO transfer waits twice its nTimeout, not once and not the client's own time-out
-// (1 s): the gateway answers after 2 s, between one and two times 1.5 s.
+// Every SDO service waits twice its device time-out, not once and not the client's own
+// time-out (1 s): the gateway answers after 1.5 device time-outs.
 TEST_F(CCANTest, SDOTransfersWaitTwiceTheDeviceTimeout)
 {
+    constexpr unsigned short kDeviceMs = 2000;
+    struct SOut
+    {
+        unsigned char s = 0, b[4] = {};
+        unsigned short n = 0;
+        unsigned int v = 0;
+        std::string d;
+        CTarvikClientCAN::SSDOValue value;
+    };
+    typedef std::function<int(CTarvikClientCAN&, SOut&)> TCall;
+    const TCall calls[] = {
+        [](CTarvikClientCAN& c, SOut& o) { return c.CANopenSendSDORead(1, 0x1000, 0, kDeviceMs, o.s, o.v); },
+        [](CTarvikClientCAN& c, SOut& o) { return c.CANopenSendSDOWrite(1, 4, 0x1000, 0, kDeviceMs, 0, o.s, o.v); },
+        [](CTarvikClientCAN& c, SOut& o)
+        { return c.CANopenSendSDOReadBlock(1, 0x1000, 0, kDeviceMs, 4, o.s, o.n, o.b); },
+        [](CTarvikClientCAN& c, SOut& o)
+        { return c.CANopenSendSDOWriteBlock(1, 0x1000, 0, kDeviceMs, 1, o.b, o.s, o.v); },
+        [](CTarvikClientCAN& c, SOut& o) { return c.CANopenSDOReadValue(1, 0x1000, 0, kDeviceMs, o.value); },
+        [](CTarvikClientCAN& c, SOut& o) { return c.CANopenSDOWriteValue(1, 4, 0x1000, 0, kDeviceMs, 0, o.value); },
+        [](CTarvikClientCAN& c, SOut& o)
+        { return c.CANopenSDOWriteBlockValue(1, 0x1000, 0, kDeviceMs, 1, o.b, o.value); },
+        [](CTarvikClientCAN& c, SOut& o)
+        { return c.CANopenSDOReadBlockData(1, 0x1000, 0, kDeviceMs, o.s, o.d, o.v); },
+    };
+    // The gateway runs each client's handler on a thread of its own: one client per
+    // service, so that every answer comes 1.5 device time-outs after its request.
     m_oGateway.SetHandler(
         [](const std::string& f)
         {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2000));
+            std::this_thread::sleep_for(std::chrono::milliseconds(kDeviceMs * 3 / 2));
             return Cnf(FrameCmd(f), FrameId(f), Hex("00 00 01"));
         });
-    unsigned char status = 0;
-    unsigned int value = 0;
-    unsigned short n = 0;
-    unsigned char buf[4];
-    EXPECT_EQ(0, m_pClient->CANopenSendSDORead(1, 0x1000, 0, 1500, status, value));
-    EXPECT_EQ(1u, value);
-    EXPECT_EQ(0, m_pClient->CANopenSendSDOReadBlock(1, 0x1000, 0, 1500, 4, status, n, buf));
-    NewClient();
-    EXPECT_EQ(TARVIK_ERR_TIMEOUT, m_pClient->CANopenSendSDOWrite(1, 4, 0x1000, 0, 50, 0, status, value));
-    // Other commands wait the client's time-out.
-    NewClient();
+    std::vector<std::future<int>> results;
+    for (const TCall& call : calls)
+        results.push_back(std::async(std::launch::async,
+                                     [this, call]
+                                     {
+                                         CTarvikClientCAN client(1000);
+                                         SOut out;
+                                         int rc = client.Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort());
+                                         return rc != 0 ? rc : call(client, out);
+                                     }));
+    for (size_t i = 0; i < results.size(); ++i)
+        EXPECT_EQ(0, results[i].get()) << "service " << i;
+    // A device time-out of 50 ms is waited 100 ms; other commands wait the client's time-out.
+    m_oGateway.SetHandler(nullptr);
+    SOut out;
+    EXPECT_EQ(TARVIK_ERR_TIMEOUT, m_pClient->CANopenSendSDOWrite(1, 4, 0x1000, 0, 50, 0, out.s, out.v));
     EXPECT_EQ(TARVIK_ERR_TIMEOUT, m_pClient->CANopenSendSYNC());
 }
 

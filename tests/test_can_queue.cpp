@@ -2,6 +2,7 @@
 // handed to callbacks, queue limits, drop rules and order, callbacks that call back in,
 // requests that complete during a flood, and destruction while a flood arrives.
 #include "support/ClientFixture.h"
+#include "support/Wait.h"
 #include "support/FakeGateway.h"
 
 #include "tarvik/clients/TarvikClientCANDll.h"
@@ -516,14 +517,29 @@ TEST_F(CCANQueueTest, NothingIsQueuedUntilAQueueSizeIsSet)
 
 TEST_F(CCANQueueTest, AFullQueueKeepsItsOldestAndCountsDown)
 {
-    m_pClient->SetMaxSizePerQueue(2);
-    Deliver(CanFrame(1, 0, "") + CanFrame(2, 0, "") + CanFrame(3, 0, ""));
-    int id = 0;
-    EXPECT_EQ(1, m_pClient->CANGetMessage(&id, nullptr, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(1, id);
-    EXPECT_EQ(0, m_pClient->CANGetMessage(&id, nullptr, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(2, id);
-    EXPECT_EQ(-1, m_pClient->CANGetMessage(&id, nullptr, nullptr, nullptr, nullptr, nullptr));
+    // Full within one read, full from an earlier read, and fed outside any read: each
+    // time the newest telegram is the one dropped.
+    CCANDll unread(100);
+    for (CCANDll* client : {m_pClient.get(), &unread})
+    {
+        client->SetMaxSizePerQueue(2);
+        if (client == &unread)
+        {
+            for (unsigned int id : {1, 2, 3, 4})
+                client->DataIndRespond(new CTarvikMsg(0x0203, 0, FrameData(CanFrame(id, 0, ""))));
+        }
+        else
+        {
+            Deliver(CanFrame(1, 0, "") + CanFrame(2, 0, "") + CanFrame(3, 0, ""));
+            Deliver(CanFrame(4, 0, ""));
+        }
+        int id = 0;
+        EXPECT_EQ(1, client->CANGetMessage(&id, nullptr, nullptr, nullptr, nullptr, nullptr));
+        EXPECT_EQ(1, id);
+        EXPECT_EQ(0, client->CANGetMessage(&id, nullptr, nullptr, nullptr, nullptr, nullptr));
+        EXPECT_EQ(2, id);
+        EXPECT_EQ(-1, client->CANGetMessage(&id, nullptr, nullptr, nullptr, nullptr, nullptr));
+    }
 }
 
 TEST_F(CCANQueueTest, SizeZeroEmptiesEveryQueueAndKeepsTheCapacities)
@@ -615,34 +631,6 @@ TEST_F(CCANQueueTest, ACallbackMayCallBackIntoTheClient)
 
 namespace
 {
-// Writes raw bytes to every client of a gateway, over and over, until destroyed; whole
-// writes, so that the stream stays in step, with a pause that lets answers in between.
-class CFlood
-{
-public:
-    CFlood(CFakeGateway& gateway, std::string raw)
-        : m_oThread(
-              [this, &gateway, raw]
-              {
-                  while (!m_bStop.load())
-                  {
-                      gateway.Send(raw);
-                      std::this_thread::sleep_for(std::chrono::microseconds(50));
-                  }
-              })
-    {
-    }
-    ~CFlood()
-    {
-        m_bStop = true;
-        m_oThread.join();
-    }
-
-private:
-    std::atomic<bool> m_bStop{false};
-    std::thread m_oThread;
-};
-
 std::string FloodOfFrames(size_t count)
 {
     std::string raw;
@@ -680,12 +668,10 @@ TEST_F(CCANQueueTest, RequestsCompleteDuringAFlood)
     auto flowing = [](const std::function<unsigned long()>& count)
     {
         const unsigned long before = count();
-        for (int i = 0; i < 5000 && count() == before; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return count() != before;
+        return Eventually([&] { return count() != before; });
     };
     {
-        CFlood flood(m_oGateway, FloodOfFrames(200));
+        CFlood flood(m_oGateway, FloodOfFrames(200), CFlood::eWhole, 50);
         ASSERT_TRUE(flowing([&] { return drained.load(); }));
         for (int i = 0; i < 50; ++i)
         {
@@ -716,7 +702,7 @@ TEST(CANQueueLifetime, DestroyedWhileAFloodFillsItsQueuesAndCallsItsCallbacks)
             client->SetCallback(&CountFrame);
         ASSERT_EQ(0, client->Connect("127.0.0.1", gateway.GetPort()));
         ASSERT_TRUE(gateway.WaitForAccepted(round + 1, 5000));
-        CFlood running(gateway, flood);
+        CFlood running(gateway, flood, CFlood::eWhole, 50);
         std::this_thread::sleep_for(std::chrono::milliseconds(3));
         client.reset();
     }

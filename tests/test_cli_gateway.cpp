@@ -1,6 +1,8 @@
 // The tarvik command-line tool as a user runs it: the built binary, its output and exit
 // code, and how it ends when a tarvik-sim process it talks to is killed or frozen.
 #include "support/CliProcess.h"
+#include "support/HexfileTestUtil.h"
+#include "support/Wait.h"
 #include "tarvik/TarvikVersion.h"
 
 #include <gtest/gtest.h>
@@ -446,42 +448,33 @@ INSTANTIATE_TEST_SUITE_P(
         SCase{{"tarvik", "--sim", "awire", "write-file", "/nonexistent/image.hex"}, 1, "", "tarvik: ..."},
         SCase{{"tarvik", "--sim", "awire", "config", "--set", "1", "2"}, 2, "", "tarvik: awire config: ..."}));
 
-// A binary image of size bytes in a temporary file, removed with the object.
-class CImageFile
+// A file of these bytes in this program's temporary directory, which goes at its end.
+std::string ImageFile(const std::string& bytes)
 {
-public:
-    explicit CImageFile(size_t size) : CImageFile(Pattern(size)) {}
-    explicit CImageFile(const std::string& bytes)
-    {
-        char path[] = "/tmp/tarvik-cli-image-XXXXXX";
-        ::close(::mkstemp(path));
-        m_sPath = path;
-        std::ofstream(m_sPath, std::ios::binary) << bytes;
-    }
-    ~CImageFile() { std::remove(m_sPath.c_str()); }
-    const std::string& Path() const { return m_sPath; }
-
-private:
-    static std::string Pattern(size_t size)
-    {
-        std::string bytes(size, '\0');
-        for (size_t i = 0; i < size; ++i)
-            bytes[i] = static_cast<char>(i * 13 / 7);
-        return bytes;
-    }
-
-    std::string m_sPath;
-};
+    static hexfile_test::CTempDir dir;
+    static int files = 0;
+    const std::string path = dir.Path("image" + std::to_string(++files) + ".bin");
+    hexfile_test::WriteFile(path, bytes);
+    return path;
+}
+// A binary image of size bytes.
+std::string ImageFile(size_t size)
+{
+    std::string bytes(size, '\0');
+    for (size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<char>(i * 13 / 7);
+    return ImageFile(bytes);
+}
 
 // A warning goes on stderr, or with --json into the one document on stdout.
 TEST(CliJson, WarningsAreInTheDocument)
 {
-    CImageFile text(std::string("no records in here\n"));
-    SRun human = RunCli({"hex", "info", text.Path()});
+    const std::string text = ImageFile(std::string("no records in here\n"));
+    SRun human = RunCli({"hex", "info", text});
     EXPECT_EQ(0, human.m_nExit) << Describe(human);
     EXPECT_TRUE(std::regex_match(human.m_sErr, std::regex("tarvik: warning: .*looks like text.*\n")))
         << Describe(human);
-    SRun json = RunCli({"--json", "hex", "info", text.Path()});
+    SRun json = RunCli({"--json", "hex", "info", text});
     EXPECT_EQ(0, json.m_nExit) << Describe(json);
     EXPECT_EQ("", json.m_sErr);
     EXPECT_TRUE(std::regex_match(json.m_sOut, std::regex(R"(\{[^\n]*"warnings":\["[^"]*looks like text[^"]*"\]\}\n)")))
@@ -490,11 +483,11 @@ TEST(CliJson, WarningsAreInTheDocument)
 
 TEST(CliAWire, WriteFileShowsProgressThenTheVerifyResult)
 {
-    CImageFile image(65536);
+    const std::string image = ImageFile(65536);
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"--sim", "awire", "write-file", image.Path()},
+        {{"--sim", "awire", "write-file", image},
          R"re(((writing|verifying) \d+%\n)+verified: 65536 bytes of .* written and read back in [0-9.]+ s\n)re"},
-        {{"--sim", "--json", "awire", "write-file", image.Path()},
+        {{"--sim", "--json", "awire", "write-file", image},
          R"re((\{"event":"progress","step":"(writing|verifying)","percent":\d+,"bytes_per_second":\d+[^\n]*\}\n)+)re"
          R"re(\{"file":".*","bytes":65536,"verified":true,"seconds":[0-9.e-]+,"simulated":true\}\n)re"},
     };
@@ -512,16 +505,13 @@ TEST(CliAWire, CtrlCStopsTheWriteAndSaysHowFarItGot)
     CProcess sim(kSim, {"--devices", "awire", "--port", "0", "--awire-rate", "20000"});
     std::smatch match;
     std::string out;
-    for (int i = 0; i < 500 && out.find('\n') == std::string::npos; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10)))
-        out = sim.Out();
+    Eventually([&] { return (out = sim.Out()).find('\n') != std::string::npos; });
     ASSERT_TRUE(std::regex_match(out, match, std::regex("Tarvik AWire listening on (127\\.0\\.0\\.1:\\d+)\n"))) << out;
-    CImageFile image(262144);
-    CProcess cli(kTarvik, {"-H", match[1], "awire", "write-file", image.Path()});
+    const std::string image = ImageFile(262144);
+    CProcess cli(kTarvik, {"-H", match[1], "awire", "write-file", image});
     // Interrupted once it has shown a second step of progress.
     auto shown = [&] { std::string o = cli.Out(); return o.find("writing", o.find("writing") + 1) != std::string::npos; };
-    for (int i = 0; i < 2000 && !shown(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    ASSERT_TRUE(shown()) << cli.Out();
+    ASSERT_TRUE(Eventually(shown)) << cli.Out();
     cli.Signal(SIGINT);
     EXPECT_EQ(1, cli.Wait(10000)) << cli.Err();
     EXPECT_TRUE(std::regex_match(cli.Err(), std::regex("tarvik: write-file: interrupted while writing at \\d+% of 262144 "

@@ -1,5 +1,5 @@
 // tarvik hex, run as a separate process in a scratch directory that holds the sample files.
-#include "HexfileTestUtil.h"
+#include "support/HexfileTestUtil.h"
 
 #include <boost/crc.hpp>
 #include <gtest/gtest.h>

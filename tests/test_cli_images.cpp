@@ -1,7 +1,7 @@
 // Damaged images against every command that reads one: each is refused with exit 1 and its
 // line named, and the gateway it was meant for receives no request at all; --lenient takes it.
 // Ctrl-C during a large fill leaves no file behind.
-#include "HexfileTestUtil.h"
+#include "support/HexfileTestUtil.h"
 #include "support/CliProcess.h"
 
 #include "sim/TarvikSimServer.h"

@@ -1,7 +1,7 @@
 // tarvik i2c, eeprom, renesas and firmware as a user runs them: each family against a
 // tarvik-sim process of its own, so that what one command writes the next one reads
 // back; and the usage errors of every command, against the embedded simulator.
-#include "HexfileTestUtil.h"
+#include "support/HexfileTestUtil.h"
 #include "support/CliProcess.h"
 
 #include <gtest/gtest.h>

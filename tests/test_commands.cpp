@@ -67,13 +67,8 @@ TEST_F(CCommandTest, EachCommandSendsItsExactRequest)
         {[](CTarvikClientSPI& c) { return c.WriteDigital(1); }, "09 00 41 03 02 00 01 00 00 00 41"},
     };
     AnswerWith(Frame({0}));
-    size_t sent = 0;
     for (const auto& c : cases)
-    {
-        NewClient();
-        EXPECT_EQ(0, c.first(*m_pClient)) << c.second;
-        EXPECT_EQ(c.second, ToHex(Frames(++sent).back()));
-    }
+        ExpectRequest(c.first, Hex(c.second), c.second);
 }
 
 TEST_F(CCommandTest, EachCommandWritesItsOutputsByItsOwnRule)

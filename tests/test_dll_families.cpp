@@ -1,12 +1,18 @@
-// The C functions of the I2C/EEPROM, Renesas, firmware, test-system, DIO and AD
-// families: each refuses unknown handles, handles of another family and bad arguments
-// without touching a client or an output, and each family works end to end against the
-// simulator through its open function.
+// The C functions of every family: each refuses unknown handles, handles of another
+// family and bad arguments without touching a client, a queue or an output; the Get
+// functions never write past the buffer length they are given; and every family works
+// end to end against the simulator through its open function.
 #include "support/FakeGateway.h"
+#include "support/HexfileTestUtil.h"
+#include "support/SdoCases.h"
+#include "support/Wait.h"
 
+#include "sim/TarvikSimCanBus.h"
+#include "sim/TarvikSimCanOpenNode.h"
 #include "sim/TarvikSimDeviceFirmware.h"
 #include "sim/TarvikSimDeviceI2C.h"
 #include "sim/TarvikSimDeviceRenesas.h"
+#include "sim/TarvikSimDeviceSPI.h"
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
 #include "sim/TarvikSimDeviceTestUnit.h"
 #include "sim/TarvikSimServer.h"
@@ -14,7 +20,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +41,7 @@ namespace
 constexpr int kUnknownHandle = 999999;
 constexpr int kTimeoutMs = 3000;
 constexpr unsigned char kSentinel = 0xEE;
+constexpr int kNothingFetched = -1;
 
 // The families, in the order of the registered fake clients.
 enum EFamily
@@ -47,6 +56,8 @@ enum EFamily
     eDIO,
     eAD,
     eSPI,
+    eCAN,
+    eAWire,
     eFamilyCount
 };
 
@@ -55,10 +66,11 @@ struct SOutputs
 {
     SOutputs() { std::memset(this, kSentinel, sizeof(*this)); }
     char buf[TARVIK_FIRMWARE_BLOCK_SIZE + 1];
-    unsigned short u16;
-    unsigned int u32[3];
-    unsigned char u8;
-    int n;
+    unsigned char u8[4];
+    unsigned short u16[4];
+    short s16;
+    unsigned int u32[TARVIK_CAN_FILTER_WORDS];
+    int n[4];
     unsigned short words[4];
     STarvikFirmwareInfo info;
 };
@@ -75,44 +87,49 @@ struct SCall
     std::function<int(int handle, SOutputs& out)> fnCall;
 };
 
+void OnFrame(unsigned int, const char*, int, int, int) {}
+void OnFrameEx(unsigned int, const char*, int, int, int, int, int) {}
+void OnSync(unsigned char, int, int, int) {}
+
 // One row per function that takes a handle, with outputs and valid arguments.
 std::vector<SCall> AllCalls()
 {
     static STarvikI2CStep step = {0xA1, 1, nullptr};
+    static const unsigned int filter[TARVIK_CAN_FILTER_WORDS] = {};
     return {
         {eI2C, "I2CSetBaudrate", [](int h, SOutputs&) { return I2CSetBaudrate(h, 400); }},
         {eI2C, "I2CGetBaudrate", [](int h, SOutputs& o) { return I2CGetBaudrate(h, &o.u32[0]); }},
         {eI2C, "I2CReset", [](int h, SOutputs&) { return I2CReset(h); }},
         {eI2C, "I2CReadDigital", [](int h, SOutputs& o) { return I2CReadDigital(h, &o.u32[0], &o.u32[1]); }},
         {eI2C, "I2CWriteDigital", [](int h, SOutputs&) { return I2CWriteDigital(h, 1); }},
-        {eI2C, "I2CRead", [](int h, SOutputs& o) { return I2CRead(h, 0xA0, o.buf, 4, &o.u16); }},
-        {eI2C, "I2CWrite", [](int h, SOutputs& o) { return I2CWrite(h, 0xA0, "\x01", 1, &o.u16); }},
+        {eI2C, "I2CRead", [](int h, SOutputs& o) { return I2CRead(h, 0xA0, o.buf, 4, &o.u16[0]); }},
+        {eI2C, "I2CWrite", [](int h, SOutputs& o) { return I2CWrite(h, 0xA0, "\x01", 1, &o.u16[0]); }},
         {eI2C, "I2CRAWStart", [](int h, SOutputs&) { return I2CRAWStart(h); }},
         {eI2C, "I2CRAWSend", [](int h, SOutputs&) { return I2CRAWSend(h, 0xA0, 0); }},
-        {eI2C, "I2CRAWGet", [](int h, SOutputs& o) { return I2CRAWGet(h, 1, &o.u8); }},
+        {eI2C, "I2CRAWGet", [](int h, SOutputs& o) { return I2CRAWGet(h, 1, &o.u8[0]); }},
         {eI2C, "I2CRAWStop", [](int h, SOutputs&) { return I2CRAWStop(h); }},
         {eI2C, "I2CWriteSequence",
-         [](int h, SOutputs& o) { return I2CWriteSequence(h, "\xA1\x00\x01\x00", 4, o.buf, 1, &o.u16, &o.u16); }},
+         [](int h, SOutputs& o) { return I2CWriteSequence(h, "\xA1\x00\x01\x00", 4, o.buf, 1, &o.u16[0], &o.u16[0]); }},
         {eI2C, "I2CWriteSequenceSteps",
          [](int h, SOutputs& o) {
              step.pBuffer = o.buf;
-             return I2CWriteSequenceSteps(h, &step, 1, &o.u16);
+             return I2CWriteSequenceSteps(h, &step, 1, &o.u16[0]);
          }},
         {eI2C, "EEPROMWrite", [](int h, SOutputs&) { return EEPROMWrite(h, 4, 0, 0x0008, "\x01", 1); }},
         {eI2C, "EEPROMWritePollAck",
          [](int h, SOutputs&) { return EEPROMWritePollAck(h, 4, 0, 0x0008, "\x01", 1, 10); }},
-        {eI2C, "EEPROMRead", [](int h, SOutputs& o) { return EEPROMRead(h, 4, 0, 0x0008, o.buf, 4, &o.u16); }},
+        {eI2C, "EEPROMRead", [](int h, SOutputs& o) { return EEPROMRead(h, 4, 0, 0x0008, o.buf, 4, &o.u16[0]); }},
         {eI2C, "I2CCloseDevice", [](int h, SOutputs&) { return I2CCloseDevice(h); }},
         {eRenesas, "RenesasInit", [](int h, SOutputs&) { return RenesasInit(h); }},
         {eRenesas, "RenesasCheckID", [](int h, SOutputs&) { return RenesasCheckID(h, "RENESAS", 7); }},
         {eRenesas, "RenesasSetBaudrate", [](int h, SOutputs&) { return RenesasSetBaudrate(h, 1); }},
-        {eRenesas, "RenesasReadPage", [](int h, SOutputs& o) { return RenesasReadPage(h, 0, o.buf, 256, &o.u16); }},
+        {eRenesas, "RenesasReadPage", [](int h, SOutputs& o) { return RenesasReadPage(h, 0, o.buf, 256, &o.u16[0]); }},
         {eRenesas, "RenesasEraseAll", [](int h, SOutputs&) { return RenesasEraseAll(h); }},
         {eRenesas, "RenesasBlockErase", [](int h, SOutputs&) { return RenesasBlockErase(h, 0); }},
         {eRenesas, "RenesasWritePage", [](int h, SOutputs&) { return RenesasWritePage(h, 0, "\x01", 1); }},
         {eRenesas, "RenesasGetVersion", [](int h, SOutputs& o) { return RenesasGetVersion(h, o.buf, 64); }},
         {eRenesas, "RenesasComplete", [](int h, SOutputs&) { return RenesasComplete(h); }},
-        {eRenesas, "RenesasVerifyCheck", [](int h, SOutputs& o) { return RenesasVerifyCheck(h, 0, 1, &o.u16); }},
+        {eRenesas, "RenesasVerifyCheck", [](int h, SOutputs& o) { return RenesasVerifyCheck(h, 0, 1, &o.u16[0]); }},
         {eRenesas, "RenesasReadDigital",
          [](int h, SOutputs& o) { return RenesasReadDigital(h, &o.u32[0], &o.u32[1]); }},
         {eRenesas, "RenesasWriteDigital", [](int h, SOutputs&) { return RenesasWriteDigital(h, 1); }},
@@ -120,15 +137,15 @@ std::vector<SCall> AllCalls()
         {eFirmware, "FirmwareRestart", [](int h, SOutputs&) { return FirmwareRestart(h); }},
         {eFirmware, "FirmwareClearFlash", [](int h, SOutputs&) { return FirmwareClearFlash(h); }},
         {eFirmware, "FirmwareReadFlash",
-         [](int h, SOutputs& o) { return FirmwareReadFlash(h, 0, o.buf, TARVIK_FIRMWARE_BLOCK_SIZE, &o.n); }},
+         [](int h, SOutputs& o) { return FirmwareReadFlash(h, 0, o.buf, TARVIK_FIRMWARE_BLOCK_SIZE, &o.n[0]); }},
         {eFirmware, "FirmwareWriteFlash",
          [](int h, SOutputs&) {
              std::string block(TARVIK_FIRMWARE_BLOCK_SIZE, '\0');
              return FirmwareWriteFlash(h, 0, block.data(), TARVIK_FIRMWARE_BLOCK_SIZE);
          }},
-        {eFirmware, "FirmwareGetEEPromInfo", [](int h, SOutputs& o) { return FirmwareGetEEPromInfo(h, &o.n); }},
+        {eFirmware, "FirmwareGetEEPromInfo", [](int h, SOutputs& o) { return FirmwareGetEEPromInfo(h, &o.n[0]); }},
         {eFirmware, "FirmwareReadEEProm",
-         [](int h, SOutputs& o) { return FirmwareReadEEProm(h, 0, o.buf, 16, &o.u16); }},
+         [](int h, SOutputs& o) { return FirmwareReadEEProm(h, 0, o.buf, 16, &o.u16[0]); }},
         {eFirmware, "FirmwareWriteEEProm", [](int h, SOutputs&) { return FirmwareWriteEEProm(h, 0, "\x01", 1); }},
         {eFirmware, "FirmwareGetInfo", [](int h, SOutputs& o) { return FirmwareGetInfo(h, &o.info); }},
         {eFirmware, "FirmwareSetInfo", [](int h, SOutputs& o) { return FirmwareSetInfo(h, &o.info); }},
@@ -136,7 +153,7 @@ std::vector<SCall> AllCalls()
         {eTSCOM, "TSCOMSetConfig", [](int h, SOutputs&) { return TSCOMSetConfig(h, "station"); }},
         {eTSCOM, "TSCOMGetConfig", [](int h, SOutputs& o) { return TSCOMGetConfig(h, o.buf, 64); }},
         {eTSCOM, "TSCOMIsConfigAvailable",
-         [](int h, SOutputs& o) { return TSCOMIsConfigAvailable(h, "station", &o.n, &o.u32[0]); }},
+         [](int h, SOutputs& o) { return TSCOMIsConfigAvailable(h, "station", &o.n[0], &o.u32[0]); }},
         {eTSCOM, "TSCOMSendFile", [](int h, SOutputs&) { return TSCOMSendFile(h, "/nonexistent/a.cfg", 0); }},
         {eTSCOM, "TSCOMInstallConfig",
          [](int h, SOutputs&) { return TSCOMInstallConfig(h, "station", "/nonexistent/a.cfg"); }},
@@ -150,7 +167,7 @@ std::vector<SCall> AllCalls()
         {eTSPWR, "TSPWRGetValue", [](int h, SOutputs& o) { return TSPWRGetValue(h, o.words, 4); }},
         {eTSPWR, "TSPWRCloseDevice", [](int h, SOutputs&) { return TSPWRCloseDevice(h); }},
         {eTSRelay, "TSRelaySetRelay", [](int h, SOutputs&) { return TSRelaySetRelay(h, 1, 1); }},
-        {eTSRelay, "TSRelayGetButton", [](int h, SOutputs& o) { return TSRelayGetButton(h, 0, &o.n); }},
+        {eTSRelay, "TSRelayGetButton", [](int h, SOutputs& o) { return TSRelayGetButton(h, 0, &o.n[0]); }},
         {eTSRelay, "TSRelaySetPower", [](int h, SOutputs& o) { return TSRelaySetPower(h, o.words, 4); }},
         {eTSRelay, "TSRelayGetPower", [](int h, SOutputs& o) { return TSRelayGetPower(h, o.words, 4); }},
         {eTSRelay, "TSRelayCloseDevice", [](int h, SOutputs&) { return TSRelayCloseDevice(h); }},
@@ -161,53 +178,181 @@ std::vector<SCall> AllCalls()
         {eAD, "ADWriteDigital", [](int h, SOutputs&) { return ADWriteDigital(h, 1); }},
         {eAD, "ADReadDigitalInput",
          [](int h, SOutputs& o) { return ADReadDigitalInput(h, &o.u32[0], &o.u32[1], &o.u32[2]); }},
-        {eAD, "ADRead", [](int h, SOutputs& o) { return ADRead(h, o.u32, 3, &o.n); }},
+        {eAD, "ADRead", [](int h, SOutputs& o) { return ADRead(h, o.u32, 3, &o.n[0]); }},
         {eAD, "ADCloseDevice", [](int h, SOutputs&) { return ADCloseDevice(h); }},
+        {eSPI, "SPIDataReq", [](int h, SOutputs& o) { return SPIDataReq(h, "\x01", 1, o.buf, 4); }},
+        {eSPI, "SPISequenceReq", [](int h, SOutputs& o) { return SPISequenceReq(h, "\x01", 1, &o.s16); }},
+        {eSPI, "SPISequenceGetCnf", [](int h, SOutputs& o) { return SPISequenceGetCnf(h, 2, o.buf, 4); }},
+        {eSPI, "SPIReadDigital", [](int h, SOutputs& o) { return SPIReadDigital(h, &o.u32[0], &o.u32[1]); }},
+        {eSPI, "SPIWriteDigital", [](int h, SOutputs&) { return SPIWriteDigital(h, 1); }},
+        {eSPI, "SPISetGlobals", [](int h, SOutputs&) { return SPISetGlobals(h, 1000000, 1, 2, 3); }},
+        {eSPI, "SPIGetGlobals",
+         [](int h, SOutputs& o) { return SPIGetGlobals(h, &o.u32[0], &o.u8[0], &o.u8[1], &o.u8[2]); }},
+        {eCAN, "CANSetConfig", [](int h, SOutputs&) { return CANSetConfig(h, 1, 0); }},
+        {eCAN, "CANGetConfig", [](int h, SOutputs& o) { return CANGetConfig(h, &o.n[0], &o.n[1]); }},
+        {eCAN, "CANSetFilter", [](int h, SOutputs&) { return CANSetFilter(h, filter, TARVIK_CAN_FILTER_WORDS); }},
+        {eCAN, "CANGetFilter", [](int h, SOutputs& o) { return CANGetFilter(h, o.u32, TARVIK_CAN_FILTER_WORDS); }},
+        {eCAN, "CANSetGlobals", [](int h, SOutputs&) { return CANSetGlobals(h, 500000, 1, 1, 0, 0, 1, 7, 0); }},
+        {eCAN, "CANGetGlobals",
+         [](int h, SOutputs& o) {
+             return CANGetGlobals(h, &o.u32[0], &o.u8[0], &o.n[0], &o.n[1], &o.n[2], &o.n[3], &o.u32[1], &o.n[0]);
+         }},
+        {eCAN, "CANSetZCardParameter", [](int h, SOutputs&) { return CANSetZCardParameter(h, 1, 2, 3); }},
+        {eCAN, "CANGetZCardParameter",
+         [](int h, SOutputs& o) { return CANGetZCardParameter(h, &o.u8[0], &o.u16[0], &o.u16[1]); }},
+        {eCAN, "CANSetTime", [](int h, SOutputs&) { return CANSetTime(h, 1000, 5); }},
+        {eCAN, "CANGetTime", [](int h, SOutputs& o) { return CANGetTime(h, &o.n[0], &o.n[1], &o.n[2]); }},
+        {eCAN, "CANGetPowerStatus",
+         [](int h, SOutputs& o) {
+             return CANGetPowerStatus(h, &o.u8[0], &o.u8[1], &o.u8[2], &o.s16, &o.u16[0], &o.u16[1], &o.n[0],
+                                      &o.u16[2], 2, &o.u8[3], 1, reinterpret_cast<unsigned char*>(o.buf), 4);
+         }},
+        {eCAN, "CANSetPowerRelais", [](int h, SOutputs&) { return CANSetPowerRelais(h, 1); }},
+        {eCAN, "CANSetActivePowerSupplies", [](int h, SOutputs&) { return CANSetActivePowerSupplies(h, 3); }},
+        {eCAN, "CANWrite", [](int h, SOutputs& o) { return CANWrite(h, 0x123, "\x01", 1, 0, &o.n[0], &o.n[1]); }},
+        {eCAN, "CANSetCyclicMessage",
+         [](int h, SOutputs&) { return CANSetCyclicMessage(h, 1, 1, 100, 0x123, "\x01", 1, 0); }},
+        {eCAN, "CANStartAlive", [](int h, SOutputs&) { return CANStartAlive(h, 3); }},
+        {eCAN, "CANSetCallback", [](int h, SOutputs&) { return CANSetCallback(h, OnFrame); }},
+        {eCAN, "CANSetCallbackEx", [](int h, SOutputs&) { return CANSetCallbackEx(h, OnFrameEx); }},
+        {eCAN, "CANSetMaxSizePerQueue", [](int h, SOutputs&) { return CANSetMaxSizePerQueue(h, 10); }},
+        {eCAN, "CANGetMessage",
+         [](int h, SOutputs& o) {
+             return CANGetMessage(h, &o.n[0], o.buf, TARVIK_CAN_FRAME_DATA, &o.u8[0], &o.n[1], &o.n[2], &o.n[3]);
+         }},
+        {eCAN, "CANopenSetConfig", [](int h, SOutputs&) { return CANopenSetConfig(h, 1); }},
+        {eCAN, "CANopenGetConfig", [](int h, SOutputs& o) { return CANopenGetConfig(h, &o.u8[0]); }},
+        {eCAN, "CANopenSetSYNCMode", [](int h, SOutputs&) { return CANopenSetSYNCMode(h, 1); }},
+        {eCAN, "CANopenSendNMT", [](int h, SOutputs&) { return CANopenSendNMT(h, 2, 1); }},
+        {eCAN, "CANopenSendSYNC", [](int h, SOutputs&) { return CANopenSendSYNC(h); }},
+        {eCAN, "CANopenSendTIME", [](int h, SOutputs&) { return CANopenSendTIME(h, 1, 2); }},
+        {eCAN, "CANopenSendPDO", [](int h, SOutputs&) { return CANopenSendPDO(h, 1, 2, "\x01", 1); }},
+        {eCAN, "CANopenSendSDORead",
+         [](int h, SOutputs& o) { return CANopenSendSDORead(h, 2, 0x1000, 0, 50, &o.u8[0], &o.u32[0]); }},
+        {eCAN, "CANopenSendSDOWrite",
+         [](int h, SOutputs& o) { return CANopenSendSDOWrite(h, 2, 4, 0x2001, 0, 50, 7, &o.u8[0], &o.u32[0]); }},
+        {eCAN, "CANopenSDOReadValue",
+         [](int h, SOutputs& o)
+         { return CANopenSDOReadValue(h, 2, 0x1000, 0, 50, &o.u8[0], &o.u32[0], &o.u8[1], &o.u32[1]); }},
+        {eCAN, "CANopenSDOWriteValue",
+         [](int h, SOutputs& o) {
+             return CANopenSDOWriteValue(h, 2, 4, 0x2001, 0, 50, 7, &o.u8[0], &o.u32[0], &o.u8[1], &o.u32[1]);
+         }},
+        {eCAN, "CANopenSendSDOReadBlock",
+         [](int h, SOutputs& o) {
+             return CANopenSendSDOReadBlock(h, 2, 0x2100, 0, 50, reinterpret_cast<unsigned char*>(o.buf), 16,
+                                            &o.u8[0], &o.u16[0]);
+         }},
+        {eCAN, "CANopenSendSDOWriteBlock",
+         [](int h, SOutputs& o) {
+             return CANopenSendSDOWriteBlock(h, 2, 0x2100, 0, 50, o.u8, 2, &o.u8[2], &o.u32[0]);
+         }},
+        {eCAN, "CANopenSetCallback",
+         [](int h, SOutputs&) { return CANopenSetCallback(h, nullptr, OnSync, nullptr, nullptr, nullptr); }},
+        {eCAN, "CANopenGetPDO",
+         [](int h, SOutputs& o) {
+             return CANopenGetPDO(h, &o.u8[0], &o.u8[1], &o.u8[2], o.buf, TARVIK_CANOPEN_PDO_DATA);
+         }},
+        {eCAN, "CANopenGetSYNC", [](int h, SOutputs& o) { return CANopenGetSYNC(h, &o.u8[0]); }},
+        {eCAN, "CANopenGetEMCY",
+         [](int h, SOutputs& o) {
+             return CANopenGetEMCY(h, &o.u8[0], &o.u16[0], &o.u8[1], reinterpret_cast<unsigned char*>(o.buf),
+                                   TARVIK_CANOPEN_EMCY_DATA);
+         }},
+        {eCAN, "CANopenGetGUARD", [](int h, SOutputs& o) { return CANopenGetGUARD(h, &o.u8[0], &o.u8[1]); }},
+        {eCAN, "CANopenGetUndefined",
+         [](int h, SOutputs& o) {
+             return CANopenGetUndefined(h, &o.n[0], &o.u8[0], &o.u8[1], &o.u8[2], o.buf,
+                                        TARVIK_CANOPEN_UNDEFINED_DATA, &o.n[1], &o.n[2]);
+         }},
+        {eCAN, "CANDeviceClose", [](int h, SOutputs&) { return CANDeviceClose(h); }},
+        {eAWire, "AWireSetConfig", [](int h, SOutputs&) { return AWireSetConfig(h, 1, 2, 256, 4, "target"); }},
+        {eAWire, "AWireGetConfig",
+         [](int h, SOutputs& o) {
+             return AWireGetConfig(h, &o.u32[0], &o.u32[1], &o.u32[2], &o.u32[3], o.buf, 64);
+         }},
+        {eAWire, "AWireRead", [](int h, SOutputs& o) { return AWireRead(h, 0, o.buf, 16, &o.u16[0]); }},
+        {eAWire, "AWireVerify", [](int h, SOutputs&) { return AWireVerify(h, 0, "\x01", 1); }},
+        {eAWire, "AWireErase", [](int h, SOutputs&) { return AWireErase(h, 0); }},
+        {eAWire, "AWireEraseUserPage", [](int h, SOutputs&) { return AWireEraseUserPage(h); }},
+        {eAWire, "AWireWriteBlock", [](int h, SOutputs& o) { return AWireWriteBlock(h, 0, "\x01", 1, &o.s16); }},
+        {eAWire, "AWireWriteUserPage",
+         [](int h, SOutputs& o) { return AWireWriteUserPage(h, 0x800000, "\x01", 1, &o.s16); }},
+        {eAWire, "AWireGetWriteBlockStatus",
+         [](int h, SOutputs& o) { return AWireGetWriteBlockStatus(h, 2, &o.n[0], &o.u16[0], &o.u16[1]); }},
+        {eAWire, "AWireWriteFile", [](int h, SOutputs&) { return AWireWriteFile(h, "/nonexistent/a.hex"); }},
+        {eAWire, "AWireGetWriteFileStatus",
+         [](int h, SOutputs& o) { return AWireGetWriteFileStatus(h, &o.n[0], &o.u8[0]); }},
+        {eAWire, "AWireCloseDevice", [](int h, SOutputs&) { return AWireCloseDevice(h); }},
     };
+}
+
+// Indications as the gateway sends them; the client takes the telegram over.
+void Indicate(CTarvikClientCANDll& can, unsigned short cmd, const std::string& payload)
+{
+    can.DataIndRespond(new CTarvikMsg(cmd, 0, std::string(payload)));
+}
+
+std::string CanFrame(unsigned int id, unsigned char flags, const std::string& data)
+{
+    return CTarvikMsg::ToChar(id) + std::string(1, static_cast<char>(flags)) + data;
+}
+
+int Register(CTarvikClient* client)
+{
+    CDevice* device = new CDevice();
+    device->m_pClient = client;
+    device->m_nDeviceType = static_cast<unsigned char>(client->GetDeviceType());
+    int handle = -1;
+    CDeviceManager::SetDevice(&handle, device);
+    return handle;
 }
 
 // One client of each family, registered but never connected: a call that reaches its
 // client is answered 0x030000, so a refusal before it is told apart.
-class CFamiliesTest : public ::testing::Test
+class CDllFamiliesTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
-        m_apClients.emplace_back(new CTarvikClientI2C(kTimeoutMs));
-        m_apClients.emplace_back(new CTarvikClientRenesas(kTimeoutMs));
-        m_apClients.emplace_back(new CTarvikClientFirmware(kTimeoutMs));
-        m_apClients.emplace_back(new CTarvikClientTestSystemCOM(kTimeoutMs));
-        m_apClients.emplace_back(new CTarvikClientTestSystemIO(kTimeoutMs));
-        m_apClients.emplace_back(new CTarvikClientTestSystemPWR(kTimeoutMs));
-        m_apClients.emplace_back(new CTarvikClientTestSystemRelay(kTimeoutMs));
-        m_apClients.emplace_back(new CTarvikClientDIO(kTimeoutMs));
-        m_apClients.emplace_back(new CTarvikClientAD(kTimeoutMs));
-        m_apClients.emplace_back(new CTarvikClientSPI(kTimeoutMs));
-        for (auto& client : m_apClients)
-            m_anHandles.push_back(Register(client.get()));
+        m_pCAN = new CTarvikClientCANDll(0, kTimeoutMs);
+        CTarvikClient* clients[] = {new CTarvikClientI2C(kTimeoutMs), new CTarvikClientRenesas(kTimeoutMs),
+                                    new CTarvikClientFirmware(kTimeoutMs), new CTarvikClientTestSystemCOM(kTimeoutMs),
+                                    new CTarvikClientTestSystemIO(kTimeoutMs), new CTarvikClientTestSystemPWR(kTimeoutMs),
+                                    new CTarvikClientTestSystemRelay(kTimeoutMs), new CTarvikClientDIO(kTimeoutMs),
+                                    new CTarvikClientAD(kTimeoutMs), new CTarvikClientSPI(kTimeoutMs), m_pCAN,
+                                    new CTarvikClientAWire(kTimeoutMs)};
+        for (CTarvikClient* client : clients)
+        {
+            m_apClients.emplace_back(client);
+            m_anHandles.push_back(Register(client));
+        }
     }
     void TearDown() override
     {
         for (int handle : m_anHandles)
             CDeviceManager::CloseDevice(handle);
     }
-
-    static int Register(CTarvikClient* client)
+    // One telegram of every kind in the CAN client's queues.
+    void FillQueues()
     {
-        CDevice* device = new CDevice();
-        device->m_pClient = client;
-        device->m_nDeviceType = static_cast<unsigned char>(client->GetDeviceType());
-        int handle = -1;
-        CDeviceManager::SetDevice(&handle, device);
-        return handle;
+        m_pCAN->SetMaxSizePerQueue(10);
+        Indicate(*m_pCAN, 0x0203, CanFrame(0x123, 0, std::string(TARVIK_CAN_FRAME_DATA, 'F')));
+        Indicate(*m_pCAN, 0x0267, "\x01\x02\x08" + std::string(8, 'P'));
+        Indicate(*m_pCAN, 0x0266, std::string("\x05\x81\x10\x01", 4) + "EEEEE");
+        Indicate(*m_pCAN, 0x026D, CanFrame(0x2AB, 0, std::string(250, 'U')));
+        Indicate(*m_pCAN, 0x0264, "\x07");
+        Indicate(*m_pCAN, 0x026C, "\x05\x7F");
     }
+    int Handle(EFamily family) const { return m_anHandles[family]; }
 
+    CTarvikClientCANDll* m_pCAN = nullptr;
     std::vector<std::unique_ptr<CTarvikClient>> m_apClients;
     std::vector<int> m_anHandles;
 };
 } // namespace
 
-TEST_F(CFamiliesTest, EveryFunctionRefusesUnknownHandlesAndOtherFamiliesWithoutWriting)
+TEST_F(CDllFamiliesTest, EveryFunctionRefusesUnknownHandlesAndOtherFamiliesWithoutWriting)
 {
     const SOutputs untouched;
     for (const SCall& call : AllCalls())
@@ -218,20 +363,32 @@ TEST_F(CFamiliesTest, EveryFunctionRefusesUnknownHandlesAndOtherFamiliesWithoutW
         {
             if (family == call.eFamily)
                 continue;
-            EXPECT_EQ(TARVIK_ERR_INVALID_DEVICE_TYPE, call.fnCall(m_anHandles[family], out))
+            EXPECT_EQ(TARVIK_ERR_INVALID_DEVICE_TYPE, call.fnCall(Handle(EFamily(family)), out))
                 << call.pName << " on a handle of family " << family;
             // A close on another family's handle leaves that handle open.
-            EXPECT_NE(nullptr, CDeviceManager::GetDevice(m_anHandles[family])) << call.pName;
+            EXPECT_NE(nullptr, CDeviceManager::GetDevice(Handle(EFamily(family)))) << call.pName;
         }
         EXPECT_TRUE(out == untouched) << call.pName << " wrote an output";
     }
+    // The codes are no counts: an empty queue answers -1, and the handle codes lie far
+    // above the largest queue.
+    SOutputs out;
+    EXPECT_EQ(kNothingFetched, CANopenGetSYNC(Handle(eCAN), &out.u8[0]));
+    EXPECT_EQ(kSentinel, out.u8[0]);
+    EXPECT_GT(TARVIK_ERR_INVALID_HANDLE, TARVIK_CAN_MAX_QUEUE_SIZE);
+    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, CANopenSendSYNC(Handle(eCAN)));
+    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, AWireErase(Handle(eAWire), 0));
 }
 
-TEST_F(CFamiliesTest, BadArgumentsAreRefusedBeforeTheClientIsAsked)
+TEST_F(CDllFamiliesTest, BadArgumentsAreRefusedBeforeTheClientIsAskedAndNothingIsTaken)
 {
+    FillQueues();
     char buf[TARVIK_FIRMWARE_BLOCK_SIZE + 1] = {};
+    unsigned char bytes[TARVIK_CANOPEN_UNDEFINED_DATA] = {};
+    unsigned int words32[TARVIK_CAN_FILTER_WORDS + 1] = {};
     unsigned short words[256] = {};
     unsigned int values[4] = {};
+    int count = 42;
     STarvikI2CStep nullStep = {0xA0, 2, nullptr};
     const std::string longName(256, 'n');
     const std::string longPath = "/tmp/" + longName;
@@ -280,36 +437,131 @@ TEST_F(CFamiliesTest, BadArgumentsAreRefusedBeforeTheClientIsAsked)
         {eAD, "values null", [&](int h) { return ADRead(h, nullptr, 4, nullptr); }},
         {eDIO, "analog count 65536", [&](int h) { return DeviceWriteAnalog(h, values, 0x10000); }},
         {eDIO, "analog values null", [&](int h) { return DeviceReadAnalog(h, nullptr, nullptr, 2, nullptr); }},
+        {eCAN, "filter of 15", [&](int h) { return CANSetFilter(h, words32, 15); }},
+        {eCAN, "filter of 17", [&](int h) { return CANSetFilter(h, words32, 17); }},
+        {eCAN, "filter null", [&](int h) { return CANSetFilter(h, nullptr, TARVIK_CAN_FILTER_WORDS); }},
+        {eCAN, "filter into 15", [&](int h) { return CANGetFilter(h, words32, 15); }},
+        {eCAN, "power capacity negative",
+         [&](int h) {
+             return CANGetPowerStatus(h, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, 0,
+                                      bytes, -1, nullptr, 0);
+         }},
+        {eCAN, "frame of 256", [&](int h) { return CANWrite(h, 1, buf, 256, 0, nullptr, nullptr); }},
+        {eCAN, "frame negative", [&](int h) { return CANWrite(h, 1, buf, -1, 0, nullptr, nullptr); }},
+        {eCAN, "frame from null", [&](int h) { return CANWrite(h, 1, nullptr, 1, 0, nullptr, nullptr); }},
+        {eCAN, "cyclic of 256", [&](int h) { return CANSetCyclicMessage(h, 1, 1, 10, 1, buf, 256, 0); }},
+        {eCAN, "queue too large",
+         [&](int h) { return CANSetMaxSizePerQueue(h, TARVIK_CAN_MAX_QUEUE_SIZE + 1ul); }},
+        {eDIO, "analog capacity negative", [&](int h) { return DeviceReadAnalog(h, nullptr, values, -1, &count); }},
+        {eCAN, "PDO of 256", [&](int h) { return CANopenSendPDO(h, 1, 2, buf, 256); }},
+        {eCAN, "SDO block into negative",
+         [&](int h) { return CANopenSendSDOReadBlock(h, 2, 1, 0, 50, bytes, -1, nullptr, nullptr); }},
+        {eCAN, "SDO block of 65536",
+         [&](int h) { return CANopenSendSDOWriteBlock(h, 2, 1, 0, 50, bytes, 0x10000, nullptr, nullptr); }},
+        {eCAN, "SDO block from null",
+         [&](int h) { return CANopenSendSDOWriteBlock(h, 2, 1, 0, 50, nullptr, 1, nullptr, nullptr); }},
+        {eCAN, "frame into 63",
+         [&](int h) { return CANGetMessage(h, nullptr, buf, 63, nullptr, nullptr, nullptr, nullptr); }},
+        {eCAN, "PDO into 7", [&](int h) { return CANopenGetPDO(h, nullptr, nullptr, nullptr, buf, 7); }},
+        {eCAN, "EMCY into 4", [&](int h) { return CANopenGetEMCY(h, nullptr, nullptr, nullptr, bytes, 4); }},
+        {eCAN, "undefined into 254",
+         [&](int h) { return CANopenGetUndefined(h, nullptr, nullptr, nullptr, nullptr, buf, 254, nullptr, nullptr); }},
+        {eAWire, "config text null", [&](int h) { return AWireSetConfig(h, 1, 2, 256, 4, nullptr); }},
+        {eAWire, "read into null", [&](int h) { return AWireRead(h, 0, nullptr, 4, nullptr); }},
+        {eAWire, "read 65536", [&](int h) { return AWireRead(h, 0, buf, 0x10000, nullptr); }},
+        {eAWire, "verify negative", [&](int h) { return AWireVerify(h, 0, buf, -1); }},
+        {eAWire, "block of 65536", [&](int h) { return AWireWriteBlock(h, 0, buf, 0x10000, nullptr); }},
+        {eAWire, "user page from null", [&](int h) { return AWireWriteUserPage(h, 0, nullptr, 1, nullptr); }},
+        {eAWire, "file name null", [&](int h) { return AWireWriteFile(h, nullptr); }},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, c.fnCall(m_anHandles[c.eFamily])) << c.pCase;
-    // The same calls with good arguments do reach the (unconnected) client.
-    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, I2CRead(m_anHandles[eI2C], 0xA0, buf, 4, nullptr));
-    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, TSIOSetValue(m_anHandles[eTSIO], words, 255));
-    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, ADRead(m_anHandles[eAD], nullptr, 0, nullptr));
+        EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, c.fnCall(Handle(c.eFamily))) << c.pCase;
+    EXPECT_EQ(42, count);
+    // The same calls with good arguments do reach the (unconnected) client; the largest
+    // queue size is taken.
+    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, I2CRead(Handle(eI2C), 0xA0, buf, 4, nullptr));
+    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, TSIOSetValue(Handle(eTSIO), words, 255));
+    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, ADRead(Handle(eAD), nullptr, 0, nullptr));
+    EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, DeviceReadAnalog(Handle(eDIO), nullptr, values, 0, nullptr));
+    EXPECT_EQ(0, CANSetMaxSizePerQueue(Handle(eCAN), TARVIK_CAN_MAX_QUEUE_SIZE));
+
+    // Every telegram is still there; each buffer of exactly the size named receives the
+    // most the client writes and nothing past it.
+    std::string frame(TARVIK_CAN_FRAME_DATA + 1, '\xEE');
+    unsigned char len = 0;
+    EXPECT_EQ(0, CANGetMessage(Handle(eCAN), nullptr, &frame[0], TARVIK_CAN_FRAME_DATA, &len, nullptr, nullptr,
+                               nullptr));
+    EXPECT_EQ(TARVIK_CAN_FRAME_DATA, len);
+    EXPECT_EQ(std::string(TARVIK_CAN_FRAME_DATA, 'F') + "\xEE", frame);
+    std::string pdo(TARVIK_CANOPEN_PDO_DATA + 1, '\xEE');
+    EXPECT_EQ(0, CANopenGetPDO(Handle(eCAN), nullptr, nullptr, &len, &pdo[0], TARVIK_CANOPEN_PDO_DATA));
+    EXPECT_EQ(std::string(8, 'P') + "\xEE", pdo);
+    unsigned char emcy[TARVIK_CANOPEN_EMCY_DATA + 1];
+    std::memset(emcy, kSentinel, sizeof(emcy));
+    unsigned short code = 0;
+    EXPECT_EQ(0, CANopenGetEMCY(Handle(eCAN), nullptr, &code, nullptr, emcy, TARVIK_CANOPEN_EMCY_DATA));
+    EXPECT_EQ(0x1081, code);
+    EXPECT_EQ("45 45 45 45 45 EE", ToHex(std::string(reinterpret_cast<char*>(emcy), sizeof(emcy))));
+    std::string undefined(TARVIK_CANOPEN_UNDEFINED_DATA + 1, '\xEE');
+    int id = 0;
+    EXPECT_EQ(0, CANopenGetUndefined(Handle(eCAN), &id, nullptr, nullptr, &len, &undefined[0],
+                                     TARVIK_CANOPEN_UNDEFINED_DATA, nullptr, nullptr));
+    EXPECT_EQ(0x2AB, id);
+    EXPECT_EQ(TARVIK_CANOPEN_PDO_DATA, len);
+    EXPECT_EQ(std::string(250, 'U') + std::string(6, '\xEE'), undefined);
+}
+
+TEST_F(CDllFamiliesTest, NullOutputsAreSkippedAndStillTakeTheTelegram)
+{
+    FillQueues();
+    Indicate(*m_pCAN, 0x0203, CanFrame(0x124, 0x81, "\x01"));
+    // A null buffer needs no length.
+    EXPECT_EQ(1, CANGetMessage(Handle(eCAN), nullptr, nullptr, 0, nullptr, nullptr, nullptr, nullptr));
+    int flags = 0;
+    EXPECT_EQ(0, CANGetMessage(Handle(eCAN), nullptr, nullptr, -5, nullptr, &flags, nullptr, nullptr));
+    EXPECT_EQ(-127, flags);
+    EXPECT_EQ(0, CANopenGetPDO(Handle(eCAN), nullptr, nullptr, nullptr, nullptr, 0));
+    EXPECT_EQ(0, CANopenGetEMCY(Handle(eCAN), nullptr, nullptr, nullptr, nullptr, 0));
+    EXPECT_EQ(0, CANopenGetUndefined(Handle(eCAN), nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr));
+    EXPECT_EQ(0, CANopenGetSYNC(Handle(eCAN), nullptr));
+    EXPECT_EQ(0, CANopenGetGUARD(Handle(eCAN), nullptr, nullptr));
+    for (auto get : {+[](int h) { return CANGetMessage(h, nullptr, nullptr, 0, nullptr, nullptr, nullptr, nullptr); },
+                     +[](int h) { return CANopenGetSYNC(h, nullptr); }})
+        EXPECT_EQ(kNothingFetched, get(Handle(eCAN)));
+    // Size 0 empties the queues.
+    FillQueues();
+    EXPECT_EQ(0, CANSetMaxSizePerQueue(Handle(eCAN), 0));
+    EXPECT_EQ(kNothingFetched, CANopenGetGUARD(Handle(eCAN), nullptr, nullptr));
 }
 
 TEST(TarvikDllFamilies, OpenFunctionsCheckThePortIndexAndReportAFailedConnect)
 {
-    typedef int (*POpen)(int*, const char*, int, int);
-    const std::pair<const char*, POpen> opens[] = {
-        {"I2C", I2COpenDevice},     {"Renesas", RenesasOpenDevice}, {"Firmware", FirmwareOpenDevice},
-        {"TSCOM", TSCOMOpenDevice}, {"TSIO", TSIOOpenDevice},       {"TSPWR", TSPWROpenDevice},
-        {"TSRelay", TSRelayOpenDevice}, {"DIO", DIOOpenDevice},     {"AD", ADOpenDevice},
+    const std::pair<const char*, std::function<int(int*, const char*, int)>> opens[] = {
+        {"I2C", [](int* h, const char* a, int i) { return I2COpenDevice(h, a, kTimeoutMs, i); }},
+        {"Renesas", [](int* h, const char* a, int i) { return RenesasOpenDevice(h, a, kTimeoutMs, i); }},
+        {"Firmware", [](int* h, const char* a, int i) { return FirmwareOpenDevice(h, a, kTimeoutMs, i); }},
+        {"TSCOM", [](int* h, const char* a, int i) { return TSCOMOpenDevice(h, a, kTimeoutMs, i); }},
+        {"TSIO", [](int* h, const char* a, int i) { return TSIOOpenDevice(h, a, kTimeoutMs, i); }},
+        {"TSPWR", [](int* h, const char* a, int i) { return TSPWROpenDevice(h, a, kTimeoutMs, i); }},
+        {"TSRelay", [](int* h, const char* a, int i) { return TSRelayOpenDevice(h, a, kTimeoutMs, i); }},
+        {"DIO", [](int* h, const char* a, int i) { return DIOOpenDevice(h, a, kTimeoutMs, i); }},
+        {"AD", [](int* h, const char* a, int i) { return ADOpenDevice(h, a, kTimeoutMs, i); }},
+        {"CAN", [](int* h, const char* a, int i) { return CANDeviceOpen(h, a, kTimeoutMs, i, 0, 0); }},
+        {"AWire", [](int* h, const char* a, int i) { return AWireOpenDevice(h, a, kTimeoutMs, i); }},
     };
     for (const auto& open : opens)
     {
         for (int portIndex : {-1, 100, 256})
         {
             int handle = 42;
-            EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, open.second(&handle, "127.0.0.1", kTimeoutMs, portIndex))
+            EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, open.second(&handle, "127.0.0.1", portIndex))
                 << open.first << " " << portIndex;
             EXPECT_EQ(42, handle) << open.first;
         }
-        EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, open.second(nullptr, "127.0.0.1", kTimeoutMs, 0)) << open.first;
+        EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, open.second(nullptr, "127.0.0.1", 0)) << open.first;
         // Nothing listens on this address: the connect is refused and no handle stays.
         int handle = 42;
-        EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, open.second(&handle, "127.0.47.254", kTimeoutMs, 99)) << open.first;
+        EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED, open.second(&handle, "127.0.47.254", 99)) << open.first;
         EXPECT_EQ(-1, handle) << open.first;
     }
     // The registry's table keeps answering the types without a row as unknown.
@@ -322,30 +574,80 @@ TEST(TarvikDllFamilies, OpenFunctionsCheckThePortIndexAndReportAFailedConnect)
     }
 }
 
+// The yes/no outputs reach the caller's int only when their truth changed: a caller's
+// 5 stays 5 for a yes, and a no the device did not send leaves the int alone.
+TEST(TarvikDllFamilies, YesNoOutputsAreRewrittenOnlyWhenTheTruthChanged)
+{
+    CFakeGateway gateway;
+    ASSERT_TRUE(gateway.Start("127.0.0.1"));
+    auto* can = new CTarvikClientCANDll(0, kTimeoutMs);
+    std::unique_ptr<CTarvikClient> owner(can);
+    ASSERT_EQ(0, can->Connect("127.0.0.1", gateway.GetPort()));
+    const int handle = Register(can);
+    const struct
+    {
+        const char* m_pAnswer;
+        int m_nConfirm, m_nFlag2;
+        const char* m_pAfter;
+    } cases[] = {
+        {"00 01 00", 5, 5, "5 0"},
+        {"00 01 01", 0, -3, "1 -3"},
+        {"00 00 00", 0, 0, "0 0"},
+        {"00 01", 0, 7, "0 7"}, // the answer carries no flags: both left alone
+    };
+    for (const auto& c : cases)
+    {
+        const std::string answer = Hex(c.m_pAnswer);
+        gateway.SetHandler([answer](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), answer); });
+        int confirm = c.m_nConfirm, flag2 = c.m_nFlag2;
+        EXPECT_EQ(0, CANGetConfig(handle, &confirm, &flag2)) << c.m_pAnswer;
+        EXPECT_EQ(c.m_pAfter, std::to_string(confirm) + " " + std::to_string(flag2)) << c.m_pAnswer;
+    }
+    CDeviceManager::CloseDevice(handle);
+}
+
 namespace
 {
-// Port index of the simulated gateways: every open dials 4999 + type + 300.
+// Port indices of the simulated gateways: every open dials 4999 + type + 300 (+ 1 for B).
 constexpr int kPortIndex = 3;
+constexpr int kPortIndexA = 3;
+constexpr int kPortIndexB = 4;
+// SPIOpenDevice dials port 5002 whatever the index; a short time-out for the faults.
+constexpr int kSpiTimeoutMs = 1000;
 
-// The simulator with one device of every family but SPI and CAN, at the standard ports
-// of port index 3 on this program's first free address 127.0.47.1..40.
-class CFamiliesSimTest : public ::testing::Test
+std::atomic<int> g_nCallbackHandle{0};
+std::atomic<int> g_nCallbackId{0};
+
+void OnFrameSeen(unsigned int id, const char*, int, int, int handle, int, int)
+{
+    g_nCallbackHandle = handle;
+    g_nCallbackId = static_cast<int>(id);
+}
+
+// The simulator with one device of every family, a second CAN gateway on the same bus,
+// at the standard ports of port indices 3 and 4 (SPI: 5002) on this program's first free
+// address 127.0.47.1..40, and an SPI handle open on it.
+class CDllSimTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
-        const ETarvikDevice types[] = {eTarvikI2C,          eTarvikRenesas,      eTarvikFirmware,
-                                       eTarvikTestSystemCOM, eTarvikTestSystemIO, eTarvikTestSystemPWR,
-                                       eTarvikTestSystemRelay, eTarvikDIO,        eTarvikAD};
+        const std::pair<ETarvikDevice, int> devices[] = {
+            {eTarvikI2C, kPortIndex},          {eTarvikRenesas, kPortIndex},        {eTarvikFirmware, kPortIndex},
+            {eTarvikTestSystemCOM, kPortIndex}, {eTarvikTestSystemIO, kPortIndex},  {eTarvikTestSystemPWR, kPortIndex},
+            {eTarvikTestSystemRelay, kPortIndex}, {eTarvikDIO, kPortIndex},         {eTarvikAD, kPortIndex},
+            {eTarvikCAN, kPortIndexA},          {eTarvikCAN, kPortIndexB},          {eTarvikAWire, kPortIndexA},
+            {eTarvikSPI, 0}};
         for (int last = 1; last <= 40 && !m_pServer; ++last)
         {
             auto server = std::make_unique<CTarvikSimServer>();
             std::string host = "127.0.47." + std::to_string(last);
             int rc = 0;
-            for (ETarvikDevice type : types)
+            for (const auto& device : devices)
                 if (rc == 0)
-                    rc = server->AddDevice(type, host, CTarvikSimServer::GetStandardPort(type, kPortIndex),
-                                           kPortIndex);
+                    rc = server->AddDevice(device.first, host,
+                                           CTarvikSimServer::GetStandardPort(device.first, device.second),
+                                           device.second);
             ASSERT_TRUE(rc == 0 || rc == EADDRINUSE) << server->GetLastError();
             if (rc == 0)
             {
@@ -355,6 +657,25 @@ protected:
         }
         ASSERT_TRUE(m_pServer != nullptr);
         ASSERT_TRUE(m_pServer->Start()) << m_pServer->GetLastError();
+        ASSERT_EQ(0, SPIOpenDevice(&m_nSpi, Host(), kSpiTimeoutMs));
+    }
+    void TearDown() override { SPICloseDevice(m_nSpi); }
+
+    // One chip-select frame on the SPI handle; recv receives as many bytes as were sent.
+    int Xfer(const std::string& hex, std::string& recv)
+    {
+        std::string send = Hex(hex);
+        recv.assign(send.size(), '\0');
+        return SPIDataReq(m_nSpi, send.data(), static_cast<int>(send.size()), &recv[0], static_cast<int>(recv.size()));
+    }
+    // The SPI settings, within the time-out and a little more; a wrong rate counts as -1.
+    int GetGlobals()
+    {
+        unsigned int rate = 0;
+        auto start = std::chrono::steady_clock::now();
+        int rc = SPIGetGlobals(m_nSpi, &rate, nullptr, nullptr, nullptr);
+        EXPECT_LE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kSpiTimeoutMs + 500));
+        return rc == 0 && rate != CTarvikSimDeviceSPI::kDefaultRate ? -1 : rc;
     }
 
     template <typename TDevice> TDevice* Device(ETarvikDevice type)
@@ -365,10 +686,11 @@ protected:
 
     std::unique_ptr<CTarvikSimServer> m_pServer;
     std::string m_sHost;
+    int m_nSpi = -1;
 };
 } // namespace
 
-TEST_F(CFamiliesSimTest, I2CAndEepromRoundTrip)
+TEST_F(CDllSimTest, I2CAndEepromRoundTrip)
 {
     int handle = -1;
     ASSERT_EQ(0, I2COpenDevice(&handle, Host(), kTimeoutMs, kPortIndex));
@@ -403,7 +725,7 @@ TEST_F(CFamiliesSimTest, I2CAndEepromRoundTrip)
     EXPECT_EQ(TARVIK_ERR_INVALID_HANDLE, I2CCloseDevice(handle));
 }
 
-TEST_F(CFamiliesSimTest, RenesasProgramsAPageAndReadsItBack)
+TEST_F(CDllSimTest, RenesasProgramsAPageAndReadsItBack)
 {
     int handle = -1;
     ASSERT_EQ(0, RenesasOpenDevice(&handle, Host(), kTimeoutMs, kPortIndex));
@@ -434,7 +756,7 @@ TEST_F(CFamiliesSimTest, RenesasProgramsAPageAndReadsItBack)
     EXPECT_EQ(0, RenesasCloseDevice(handle));
 }
 
-TEST_F(CFamiliesSimTest, FirmwareBlocksAndInformationRecord)
+TEST_F(CDllSimTest, FirmwareBlocksAndInformationRecord)
 {
     int handle = -1;
     ASSERT_EQ(0, FirmwareOpenDevice(&handle, Host(), kTimeoutMs, kPortIndex));
@@ -478,7 +800,7 @@ TEST_F(CFamiliesSimTest, FirmwareBlocksAndInformationRecord)
     EXPECT_EQ(0, FirmwareCloseDevice(handle));
 }
 
-TEST_F(CFamiliesSimTest, TestSystemUnitsSetAndReadBack)
+TEST_F(CDllSimTest, TestSystemUnitsSetAndReadBack)
 {
     int io = -1, pwr = -1, relay = -1, com = -1;
     ASSERT_EQ(0, TSIOOpenDevice(&io, Host(), kTimeoutMs, kPortIndex));
@@ -503,12 +825,9 @@ TEST_F(CFamiliesSimTest, TestSystemUnitsSetAndReadBack)
     EXPECT_EQ(0x11FF, TSRelayGetButton(relay, 200, &pressed));
     EXPECT_EQ(0, pressed);
 
-    char path[] = "/tmp/tarvik_dll_familiesXXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    std::ofstream(path) << "station 4: flash, test, label\n";
-    EXPECT_EQ(0, TSCOMInstallConfig(com, "station4", path));
+    hexfile_test::CTempDir dir;
+    hexfile_test::WriteFile(dir.Path("station4.cfg"), "station 4: flash, test, label\n");
+    EXPECT_EQ(0, TSCOMInstallConfig(com, "station4", dir.Path("station4.cfg").c_str()));
     char name[32];
     std::memset(name, kSentinel, sizeof(name));
     EXPECT_EQ(0, TSCOMGetConfig(com, name, sizeof(name)));
@@ -519,12 +838,11 @@ TEST_F(CFamiliesSimTest, TestSystemUnitsSetAndReadBack)
     EXPECT_EQ(1, available);
     EXPECT_NE(0u, crc);
     EXPECT_EQ(0x0D20, TSCOMSendFile(com, "/nonexistent/a.cfg", 0));
-    std::remove(path);
     for (int rc : {TSIOCloseDevice(io), TSPWRCloseDevice(pwr), TSRelayCloseDevice(relay), TSCOMCloseDevice(com)})
         EXPECT_EQ(0, rc);
 }
 
-TEST_F(CFamiliesSimTest, DigitalAndAnalogGateways)
+TEST_F(CDllSimTest, DigitalAndAnalogGateways)
 {
     int dio = -1, ad = -1;
     ASSERT_EQ(0, DIOOpenDevice(&dio, Host(), kTimeoutMs, kPortIndex));
@@ -559,4 +877,253 @@ TEST_F(CFamiliesSimTest, DigitalAndAnalogGateways)
     EXPECT_EQ(0xEEEEEEEEu, values[3]);
     EXPECT_EQ(0, DIOCloseDevice(dio));
     EXPECT_EQ(0, ADCloseDevice(ad));
+}
+
+TEST_F(CDllSimTest, AFrameWrittenOnOneHandleIsFetchedOnTheOther)
+{
+    int a = -1, b = -1;
+    ASSERT_EQ(0, CANDeviceOpen(&a, Host(), kTimeoutMs, kPortIndexA, 1, 0));
+    ASSERT_EQ(0, CANDeviceOpen(&b, Host(), kTimeoutMs, kPortIndexB, 0, 0));
+    EXPECT_EQ(TARVIK_ERR_INVALID_DEVICE_TYPE, AWireEraseUserPage(a));
+    int confirm = 0, flag2 = 7;
+    EXPECT_EQ(0, CANGetConfig(a, &confirm, &flag2));
+    EXPECT_EQ(1, confirm);
+    EXPECT_EQ(0, flag2);
+
+    ASSERT_EQ(0, CANSetMaxSizePerQueue(b, 10));
+    int seconds = -1, micros = -1;
+    ASSERT_EQ(0, CANWrite(a, 0x1ABCDEF0, "\xDE\xAD\xBE\xEF", 4, 0x01, &seconds, &micros));
+    EXPECT_GE(seconds, 0);
+    int id = 0, flags = -1;
+    unsigned char len = 0;
+    std::string data(TARVIK_CAN_FRAME_DATA, '\xEE');
+    ASSERT_TRUE(Eventually([&] {
+        return CANGetMessage(b, &id, &data[0], TARVIK_CAN_FRAME_DATA, &len, &flags, nullptr, nullptr) == 0;
+    }));
+    EXPECT_EQ(0x1ABCDEF0, id);
+    EXPECT_EQ(1, flags);
+    EXPECT_EQ("DE AD BE EF EE", ToHex(data.substr(0, len + 1)));
+    // A remote frame's requested length travels as that many unused data bytes.
+    ASSERT_EQ(0, CANWrite(a, 0x124, std::string(5, '\0').data(), 5, 0x02, nullptr, nullptr));
+    ASSERT_TRUE(Eventually([&] {
+        return CANGetMessage(b, &id, &data[0], TARVIK_CAN_FRAME_DATA, &len, &flags, nullptr, nullptr) == 0;
+    }));
+    EXPECT_EQ(0x124, id);
+    EXPECT_EQ(0x02, flags);
+    EXPECT_EQ(5, len);
+
+    // A 64-byte FD frame crosses whole.
+    ASSERT_EQ(0, CANWrite(a, 0x100, std::string(64, 'Z').data(), 64, 0x08, nullptr, nullptr));
+    ASSERT_TRUE(Eventually([&] {
+        return CANGetMessage(b, &id, &data[0], TARVIK_CAN_FRAME_DATA, &len, &flags, nullptr, nullptr) == 0;
+    }));
+    EXPECT_EQ(0x08, flags);
+    EXPECT_EQ(std::string(64, 'Z'), data.substr(0, len));
+
+    // The callback receives the handle that CANDeviceOpen gave.
+    ASSERT_EQ(0, CANSetCallbackEx(b, OnFrameSeen));
+    ASSERT_EQ(0, CANWrite(a, 0x321, nullptr, 0, 0, nullptr, nullptr));
+    ASSERT_TRUE(Eventually([] { return g_nCallbackId.load() == 0x321; }));
+    EXPECT_EQ(b, g_nCallbackHandle.load());
+
+    // CANopen: the master reads the vendor ID of node 2.
+    unsigned char status = 0xEE;
+    unsigned int value = 0;
+    EXPECT_EQ(0x2FE, CANopenSendSDORead(a, 2, 0x1018, 1, 500, &status, &value));
+    EXPECT_EQ(0u, value);
+    ASSERT_EQ(0, CANopenSetConfig(a, 1));
+    unsigned char mode = 0;
+    EXPECT_EQ(0, CANopenGetConfig(a, &mode));
+    EXPECT_EQ(1, mode);
+    ASSERT_EQ(0, CANopenSendSDORead(a, 2, 0x1018, 1, 500, &status, &value));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(0x54Au, value);
+
+    // The values as they came, with their size, and the node's abort code.
+    for (const SSdoCase& c : kSdoCases)
+    {
+        unsigned char size = 0xEE;
+        unsigned int abortCode = kSentinel;
+        if (c.m_nSize != 0)
+        {
+            ASSERT_EQ(0, CANopenSDOWriteValue(a, 2, c.m_nSize, c.m_nIndex, 0, 500, c.m_nValue, nullptr, nullptr,
+                                              nullptr, nullptr))
+                << c.m_pName;
+        }
+        value = kSentinel;
+        EXPECT_EQ(c.m_nSize != 0 ? 0 : 0x2FD, CANopenSDOReadValue(a, 2, c.m_nIndex, 0, 500, &status, &value, &size,
+                                                                  &abortCode))
+            << c.m_pName;
+        EXPECT_EQ(c.m_nValue, value) << c.m_pName;
+        EXPECT_EQ(c.m_nSize, size) << c.m_pName;
+        EXPECT_EQ(c.m_nAbortCode, abortCode) << c.m_pName;
+        char text[64] = "";
+        EXPECT_EQ(static_cast<int>(std::strlen(CTarvikClientCAN::GetSDOAbortText(abortCode))) + 1,
+                  CANopenSDOAbortText(abortCode, text, sizeof(text)));
+        if (c.m_nAbortCode != 0)
+        {
+            EXPECT_STREQ(c.m_pAbortText, text);
+        }
+    }
+    // The documented read keeps its signed sum beside it.
+    ASSERT_EQ(0, CANopenSendSDORead(a, 2, 0x2002, 0, 500, &status, &value));
+    EXPECT_EQ(0x7F7F7F80u, value);
+    char cut[7] = "";
+    EXPECT_EQ(22, CANopenSDOAbortText(0x06020000, cut, sizeof(cut)));
+    EXPECT_STREQ("object", cut);
+
+    // A block written and read back: the read copies from the status byte on.
+    std::string block(3000, '\0');
+    for (size_t i = 0; i < block.size(); ++i)
+        block[i] = static_cast<char>(i * 13);
+    ASSERT_EQ(0, CANopenSendSDOWriteBlock(a, 2, 0x2100, 0, 1000, reinterpret_cast<const unsigned char*>(block.data()),
+                                          static_cast<int>(block.size()), &status, &value));
+    std::string back(4096, '\xEE');
+    unsigned short blockLen = 0;
+    ASSERT_EQ(0, CANopenSendSDOReadBlock(a, 2, 0x2100, 0, 1000, reinterpret_cast<unsigned char*>(&back[0]),
+                                         static_cast<int>(back.size()), &status, &blockLen));
+    ASSERT_EQ(block.size(), blockLen);
+    EXPECT_EQ(static_cast<char>(status), back[0]);
+    EXPECT_TRUE(block.substr(0, blockLen - 1) == back.substr(1, blockLen - 1));
+    // A PDO sent on SYNC by the operational node, and an emergency, come back as indications.
+    ASSERT_EQ(0, CANSetMaxSizePerQueue(a, 10));
+    ASSERT_EQ(0, CANopenSendNMT(a, 2, 0x01));
+    ASSERT_EQ(0, CANopenSendSDOWrite(a, 2, 1, 0x2000, 0, 500, 0x42, &status, &value));
+    ASSERT_EQ(0, CANopenSendSYNC(a));
+    unsigned char p1 = 0, p2 = 0;
+    ASSERT_TRUE(Eventually([&] { return CANopenGetPDO(a, &p1, &p2, &len, &data[0], TARVIK_CANOPEN_PDO_DATA) >= 0; }));
+    EXPECT_EQ(2, p1);
+    EXPECT_EQ(0x42, static_cast<unsigned char>(data[0]));
+    ASSERT_TRUE(m_pServer->GetCanBus()->GetNode(2)->RaiseEmcy(0x1081, 0x01));
+    unsigned short code = 0;
+    unsigned char emcy[TARVIK_CANOPEN_EMCY_DATA];
+    ASSERT_TRUE(Eventually([&] { return CANopenGetEMCY(a, &p1, &code, &p2, emcy, sizeof(emcy)) >= 0; }));
+    EXPECT_EQ(0x1081, code);
+    EXPECT_EQ(0, CANDeviceClose(a));
+    EXPECT_EQ(0, CANDeviceClose(b));
+    EXPECT_EQ(TARVIK_ERR_INVALID_HANDLE, CANDeviceClose(b));
+}
+
+TEST_F(CDllSimTest, AHexFileIsWrittenPolledToItsEndAndReadBack)
+{
+    hexfile_test::CTempDir dir;
+    const std::string bytes = "\x12\x34\x56\x78\x9A\xBC\xDE\xF0 tarvik";
+    const std::string path = dir.Image({{0x100, bytes}});
+
+    int h = -1;
+    ASSERT_EQ(0, AWireOpenDevice(&h, Host(), kTimeoutMs, kPortIndexA));
+    EXPECT_EQ(TARVIK_ERR_INVALID_DEVICE_TYPE, CANopenSendSYNC(h));
+    ASSERT_EQ(0, AWireSetConfig(h, 1, 2, 256, 4, "uc3"));
+    unsigned int page = 0;
+    char text[3];
+    EXPECT_EQ(0, AWireGetConfig(h, nullptr, nullptr, &page, nullptr, text, sizeof(text)));
+    EXPECT_EQ(256u, page);
+    EXPECT_STREQ("c3", text); // too long for the buffer: the first character goes
+    ASSERT_EQ(0, AWireErase(h, 0));
+    // A damaged image (no end record) starts nothing.
+    const std::string cut = dir.Path("cut.hex");
+    std::ofstream(cut) << ":0400000001020304F2\n";
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, AWireWriteFile(h, cut.c_str()));
+    int none = 0;
+    EXPECT_EQ(255, AWireGetWriteFileStatus(h, &none, nullptr));
+    ASSERT_EQ(0, AWireWriteFile(h, path.c_str()));
+    EXPECT_EQ(0x0E21, AWireWriteFile(h, path.c_str()));
+    int step = TARVIK_AWIRE_STEP_NOT_STARTED;
+    unsigned char percent = 0;
+    ASSERT_TRUE(Eventually([&] {
+        return AWireGetWriteFileStatus(h, &step, &percent) != 0 || step == TARVIK_AWIRE_STEP_DONE ||
+               step == TARVIK_AWIRE_STEP_FAILED;
+    }));
+    EXPECT_EQ(TARVIK_AWIRE_STEP_DONE, step);
+    EXPECT_EQ(100, percent);
+    EXPECT_EQ(255, AWireGetWriteFileStatus(h, &step, &percent));
+
+    std::string back(bytes.size() + 1, '\xEE');
+    unsigned short count = 0;
+    ASSERT_EQ(0, AWireRead(h, 0x100, &back[0], static_cast<int>(bytes.size()), &count));
+    EXPECT_EQ(bytes.size(), count);
+    EXPECT_EQ(bytes + "\xEE", back);
+    EXPECT_EQ(0, AWireVerify(h, 0x100, bytes.data(), static_cast<int>(bytes.size())));
+    EXPECT_EQ(255, AWireVerify(h, 0x100, "\x12\x35", 2));
+
+    // One block by hand: its state is followed to the end, which is reported once.
+    short writeHandle = 0;
+    ASSERT_EQ(0, AWireWriteBlock(h, 0x2000, "\x01\x02", 2, &writeHandle));
+    int state = TARVIK_AWIRE_BLOCK_IN_PROGRESS;
+    unsigned short length = 0;
+    ASSERT_TRUE(Eventually([&] {
+        return AWireGetWriteBlockStatus(h, writeHandle, &state, &length, nullptr) != 0 ||
+               state != TARVIK_AWIRE_BLOCK_IN_PROGRESS;
+    }));
+    EXPECT_EQ(TARVIK_AWIRE_BLOCK_FINISHED, state);
+    EXPECT_EQ(2, length);
+    EXPECT_EQ(255, AWireGetWriteBlockStatus(h, writeHandle, &state, nullptr, nullptr));
+    EXPECT_EQ(0, AWireCloseDevice(h));
+}
+
+TEST_F(CDllSimTest, FaultsReachTheCallerAsResultCodes)
+{
+    struct SCase
+    {
+        const char* m_pName;
+        ETarvikSimFault m_eFault;
+        int m_nResult;
+    };
+    const SCase cases[] = {
+        {"bad check byte", eTarvikSimFaultBadCRC, TARVIK_ERR_CRC},
+        {"wrong command code", eTarvikSimFaultWrongCmd, TARVIK_ERR_NOT_CONFIRMED},
+        {"wrong message id", eTarvikSimFaultWrongId, TARVIK_ERR_TIMEOUT},
+        {"answered twice", eTarvikSimFaultTwice, 0},
+    };
+    for (const SCase& c : cases)
+    {
+        m_pServer->SetFault(c.m_eFault);
+        EXPECT_EQ(c.m_nResult, GetGlobals()) << c.m_pName;
+        m_pServer->ClearFaults();
+        EXPECT_EQ(0, GetGlobals()) << c.m_pName;
+    }
+}
+
+TEST_F(CDllSimTest, StalledStreamNeedsTheDeviceReopened)
+{
+    m_pServer->SetFault(eTarvikSimFaultStall);
+    const char send[] = {0x05, 0x00};
+    char recv[2] = {};
+    EXPECT_EQ(TARVIK_ERR_TIMEOUT, SPIDataReq(m_nSpi, send, 2, recv, 2));
+    m_pServer->ClearFaults();
+    // The stalled frame ends the connection within the time-out; then nothing gets through.
+    EXPECT_TRUE(Eventually([this] { return GetGlobals() == TARVIK_ERR_NOT_CONNECTED; }));
+    SPICloseDevice(m_nSpi);
+    m_nSpi = -1;
+    ASSERT_EQ(0, SPIOpenDevice(&m_nSpi, Host(), kSpiTimeoutMs));
+    EXPECT_EQ(0, GetGlobals());
+}
+
+TEST_F(CDllSimTest, EepromWrittenThroughDataReqReadsBack)
+{
+    // A write cycle of a few milliseconds makes the status polling do real work.
+    static_cast<CTarvikSimDeviceSPI*>(m_pServer->GetDevice(eTarvikSPI))->SetEepromWriteCycleMs(3);
+    std::string answer;
+    ASSERT_EQ(0, Xfer("06", answer));
+    ASSERT_EQ(0, Xfer("02 01 23 CA FE 00 12", answer));
+    // RDSR until the write-in-progress bit clears.
+    int polls = 0;
+    do
+        ASSERT_EQ(0, Xfer("05 00", answer));
+    while ((answer[1] & 0x01) != 0 && ++polls < 100000);
+    ASSERT_EQ(0, Xfer("03 01 23 00 00 00 00", answer));
+    EXPECT_EQ("FF FF FF CA FE 00 12", ToHex(answer));
+}
+
+TEST_F(CDllSimTest, UnknownSequenceOpCodeGivesItsResultText)
+{
+    const char script[] = {0x01, 0x09, 0x02};
+    short id = -1;
+    ASSERT_EQ(0, SPISequenceReq(m_nSpi, script, sizeof(script), &id));
+    char out[4] = {};
+    int rc = SPISequenceGetCnf(m_nSpi, id, out, sizeof(out));
+    EXPECT_EQ(0x0330, rc);
+    char text[64] = {};
+    SPIErrorMessage(rc, text, sizeof(text));
+    EXPECT_STREQ("SPI sequence unknown command op code", text);
 }

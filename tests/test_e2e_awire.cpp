@@ -1,8 +1,9 @@
 // The AWire client against the simulated programmer and its target: whole files written
 // and read back, progress reports at a programming rate, the gateway's failures, the
 // configuration and the user page.
-#include "HexfileTestUtil.h"
+#include "support/HexfileTestUtil.h"
 #include "support/SimFixture.h"
+#include "support/Wait.h"
 
 #include "sim/TarvikSimDeviceAWire.h"
 #include "tarvik/clients/TarvikClientAWire.h"
@@ -39,34 +40,26 @@ std::string Pattern(size_t len, unsigned int seed)
 class CAWireSimTest : public CSimFixture<CDevice, CAWire, eTarvikAWire>
 {
 protected:
-    // An Intel HEX file of the blocks (address, bytes).
-    std::string Image(const std::vector<std::pair<unsigned int, std::string>>& blocks)
-    {
-        CTarvikHexfile hex;
-        for (const auto& block : blocks)
-            hex.AddMemoryBlock(block.first, block.second.data(), static_cast<unsigned int>(block.second.size()));
-        std::string path = m_oDir.Path("image" + std::to_string(++m_nImages) + ".hex");
-        EXPECT_EQ(0u, hex.SaveFile(path.c_str(), CTarvikHexfile::Intel));
-        return path;
-    }
     // Polls the file write to its end: "step percent"; every (step, percent) seen on the way.
     std::string WaitForEnd(std::set<std::pair<int, int>>* seen = nullptr)
     {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (std::chrono::steady_clock::now() < deadline)
-        {
-            FileStep::EFileStep step = FileStep::eNotStarted;
-            unsigned char percent = 0;
-            int result = m_oClient.GetWriteFileStatus(step, percent);
-            if (result != 0)
-                return "result " + std::to_string(result);
-            if (seen != nullptr)
-                seen->insert({step, percent});
-            if (step == FileStep::eDone || step == FileStep::eFailed)
-                return std::to_string(step) + " " + std::to_string(percent);
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        return "no end";
+        std::string end = "no end";
+        tarvik_test::Eventually(
+            [&]
+            {
+                FileStep::EFileStep step = FileStep::eNotStarted;
+                unsigned char percent = 0;
+                int result = m_oClient.GetWriteFileStatus(step, percent);
+                if (seen != nullptr && result == 0)
+                    seen->insert({step, percent});
+                if (result != 0)
+                    end = "result " + std::to_string(result);
+                else if (step == FileStep::eDone || step == FileStep::eFailed)
+                    end = std::to_string(step) + " " + std::to_string(percent);
+                return end != "no end";
+            },
+            std::chrono::seconds(20));
+        return end;
     }
     // The target's bytes as the client reads them.
     std::string ReadBack(unsigned int address, size_t length)
@@ -87,14 +80,11 @@ protected:
     bool BlockEnds(short handle, CAWire::Progress::EProgress& state)
     {
         unsigned short length = 0, done = 0;
-        for (int i = 0; i < 5000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(1)))
-            if (m_oClient.GetWriteBlockStatus(handle, state, length, done) == 0 && state != 1)
-                return true;
-        return false;
+        return tarvik_test::Eventually(
+            [&] { return m_oClient.GetWriteBlockStatus(handle, state, length, done) == 0 && state != 1; });
     }
 
     hexfile_test::CTempDir m_oDir;
-    int m_nImages = 0;
 };
 } // namespace
 
@@ -102,7 +92,7 @@ TEST_F(CAWireSimTest, AnIntelHexImageIsWrittenAndReadsBackIdentical)
 {
     const std::string first = Pattern(100000, 1), second = Pattern(777, 2);
     ASSERT_EQ(0, m_oClient.Erase(0));
-    ASSERT_EQ(0, m_oClient.WriteFile(Image({{0x100, first}, {0x30000, second}})));
+    ASSERT_EQ(0, m_oClient.WriteFile(m_oDir.Image({{0x100, first}, {0x30000, second}})));
     EXPECT_EQ("3 100", WaitForEnd());
     EXPECT_EQ(first, ReadBack(0x100, first.size()));
     EXPECT_EQ(second, ReadBack(0x30000, second.size()));
@@ -115,7 +105,7 @@ TEST_F(CAWireSimTest, ProgressGrowsAsTheTargetIsProgrammed)
 {
     // 4 chunks at 1 MB/s: some 130 ms of programming, reported as it goes.
     m_pDevice->SetRate(1000000);
-    ASSERT_EQ(0, m_oClient.WriteFile(Image({{0, Pattern(4 * 32768, 3)}})));
+    ASSERT_EQ(0, m_oClient.WriteFile(m_oDir.Image({{0, Pattern(4 * 32768, 3)}})));
     std::set<std::pair<int, int>> seen;
     EXPECT_EQ("3 100", WaitForEnd(&seen));
     size_t writing = 0;

@@ -1,18 +1,17 @@
 // The Renesas programming client end to end against the simulated target: a whole
 // program-and-check cycle, and the target refusing what it does not accept.
+#include "support/SimFixture.h"
+
 #include "sim/TarvikSimDeviceRenesas.h"
 #include "sim/TarvikSimServer.h"
 #include "tarvik/clients/TarvikClientRenesas.h"
-#include "tarvik/dll/DeviceManager.h"
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 namespace
 {
-constexpr unsigned int kTimeoutMs = 2000;
 typedef CTarvikClientRenesas CRen;
 const std::string kID = "RENESAS";
 
@@ -33,74 +32,60 @@ unsigned short Sum(const std::string& bytes)
     return sum;
 }
 
-class CRenesasE2E : public ::testing::Test
+class CRenesasE2E : public tarvik_test::CSimFixture<CTarvikSimDeviceRenesas, CRen, eTarvikRenesas>
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(0, m_oServer.AddDevice(eTarvikRenesas));
-        ASSERT_TRUE(m_oServer.Start());
-        m_pModel = dynamic_cast<CTarvikSimDeviceRenesas*>(m_oServer.GetDevice(eTarvikRenesas));
-        ASSERT_NE(nullptr, m_pModel);
-        m_pClient = std::make_unique<CRen>(static_cast<int>(kTimeoutMs));
-        ASSERT_EQ(0, m_pClient->Connect("127.0.0.1", m_oServer.GetPort(eTarvikRenesas)));
-        ASSERT_EQ(0, m_pClient->Open());
-    }
-
     // Init and a matching ID: the flash is open for programming.
     void Unlock()
     {
-        ASSERT_EQ(0, m_pClient->Init());
-        ASSERT_EQ(0, m_pClient->CheckID(kID.data(), 7));
+        ASSERT_EQ(0, m_oClient.Init());
+        ASSERT_EQ(0, m_oClient.CheckID(kID.data(), 7));
     }
 
     std::string ReadPage(unsigned short page, int expected = 0)
     {
         std::string out(CRen::kPageSize, '\0');
         unsigned short received = 0;
-        EXPECT_EQ(expected, m_pClient->ReadPage(page, &out[0], static_cast<unsigned short>(out.size()), received));
+        EXPECT_EQ(expected, m_oClient.ReadPage(page, &out[0], static_cast<unsigned short>(out.size()), received));
         out.resize(received);
         return out;
     }
 
-    CTarvikSimServer m_oServer;
-    CTarvikSimDeviceRenesas* m_pModel = nullptr;
-    std::unique_ptr<CRen> m_pClient;
 };
 } // namespace
 
 TEST_F(CRenesasE2E, ProgramReadBackAndCheckACycle)
 {
     Unlock();
-    EXPECT_EQ(0, m_pClient->SetBaudrate(3));
-    EXPECT_EQ(3, m_pModel->GetBaudrate());
+    EXPECT_EQ(0, m_oClient.SetBaudrate(3));
+    EXPECT_EQ(3, m_pDevice->GetBaudrate());
     char version[64] = {};
-    EXPECT_EQ(0, m_pClient->GetVersion(version, sizeof(version) - 1));
+    EXPECT_EQ(0, m_oClient.GetVersion(version, sizeof(version) - 1));
     EXPECT_STREQ(CTarvikSimDeviceRenesas::kVersion, version);
-    EXPECT_EQ(0, m_pClient->EraseAll());
+    EXPECT_EQ(0, m_oClient.EraseAll());
 
     // Three whole pages and a short one, which the client pads with zero bytes.
     std::string image;
     for (unsigned short page = 4; page < 7; ++page)
     {
-        EXPECT_EQ(0, m_pClient->WritePage(page, Pattern(page).data(), CRen::kPageSize)) << page;
+        EXPECT_EQ(0, m_oClient.WritePage(page, Pattern(page).data(), CRen::kPageSize)) << page;
         image += Pattern(page);
     }
-    EXPECT_EQ(0, m_pClient->WritePage(7, Pattern(7).data(), 100));
+    EXPECT_EQ(0, m_oClient.WritePage(7, Pattern(7).data(), 100));
     const std::string shortPage = Pattern(7, 100) + std::string(156, '\0');
     image += shortPage;
 
     for (unsigned short page = 4; page < 7; ++page)
         EXPECT_EQ(Pattern(page), ReadPage(page)) << page;
     EXPECT_EQ(shortPage, ReadPage(7));
-    EXPECT_EQ(shortPage, m_pModel->PeekPage(7));
+    EXPECT_EQ(shortPage, m_pDevice->PeekPage(7));
     EXPECT_EQ(std::string(CRen::kPageSize, '\xFF'), ReadPage(8));
 
     unsigned short sum = 0;
-    EXPECT_EQ(0, m_pClient->VerifyCheck(4, 7, sum));
+    EXPECT_EQ(0, m_oClient.VerifyCheck(4, 7, sum));
     EXPECT_EQ(Sum(image), sum);
-    EXPECT_EQ(0, m_pClient->Complete());
-    EXPECT_FALSE(m_pModel->IsInSequence());
+    EXPECT_EQ(0, m_oClient.Complete());
+    EXPECT_FALSE(m_pDevice->IsInSequence());
 }
 
 TEST_F(CRenesasE2E, TheTargetRefusesWhatItDoesNotAccept)
@@ -108,51 +93,33 @@ TEST_F(CRenesasE2E, TheTargetRefusesWhatItDoesNotAccept)
     const std::string page = Pattern(1);
     unsigned short sum = 0xBEEF;
     // Outside a sequence the target does not answer the gateway.
-    EXPECT_EQ(CRen::eResultTimeout, m_pClient->WritePage(1, page.data(), CRen::kPageSize));
-    EXPECT_EQ(0, m_pClient->Init());
+    EXPECT_EQ(CRen::eResultTimeout, m_oClient.WritePage(1, page.data(), CRen::kPageSize));
+    EXPECT_EQ(0, m_oClient.Init());
     // Flash commands wait for a matching ID; a wrong one does not open the flash.
-    EXPECT_EQ(CRen::eResultInvalidID, m_pClient->CheckID("RENESAX", 7));
-    EXPECT_EQ(CRen::eResultInvalidID, m_pClient->EraseAll());
-    EXPECT_EQ(CRen::eResultInvalidID, m_pClient->VerifyCheck(0, 0, sum));
+    EXPECT_EQ(CRen::eResultInvalidID, m_oClient.CheckID("RENESAX", 7));
+    EXPECT_EQ(CRen::eResultInvalidID, m_oClient.EraseAll());
+    EXPECT_EQ(CRen::eResultInvalidID, m_oClient.VerifyCheck(0, 0, sum));
     EXPECT_EQ(0, sum);
-    EXPECT_EQ(0, m_pClient->CheckID(kID.data(), 7));
+    EXPECT_EQ(0, m_oClient.CheckID(kID.data(), 7));
 
     // Programming clears bits only: a page programmed twice fails and keeps the first.
-    EXPECT_EQ(0, m_pClient->WritePage(1, page.data(), CRen::kPageSize));
+    EXPECT_EQ(0, m_oClient.WritePage(1, page.data(), CRen::kPageSize));
     const std::string other(CRen::kPageSize, '\x7F');
-    EXPECT_EQ(CRen::eResultProgramFailed, m_pClient->WritePage(1, other.data(), CRen::kPageSize));
+    EXPECT_EQ(CRen::eResultProgramFailed, m_oClient.WritePage(1, other.data(), CRen::kPageSize));
     EXPECT_EQ(page, ReadPage(1));
-    EXPECT_EQ(CRen::eResultProgramFailed, m_pClient->WritePage(256, page.data(), CRen::kPageSize));
+    EXPECT_EQ(CRen::eResultProgramFailed, m_oClient.WritePage(256, page.data(), CRen::kPageSize));
     // Block 0 holds pages 0 to 15; after its erase the page takes new contents.
-    EXPECT_EQ(CRen::eResultEraseFailed, m_pClient->BlockErase(16));
-    EXPECT_EQ(0, m_pClient->BlockErase(0));
-    EXPECT_EQ(std::string(CRen::kPageSize, '\xFF'), m_pModel->PeekPage(1));
-    EXPECT_EQ(0, m_pClient->WritePage(1, other.data(), CRen::kPageSize));
+    EXPECT_EQ(CRen::eResultEraseFailed, m_oClient.BlockErase(16));
+    EXPECT_EQ(0, m_oClient.BlockErase(0));
+    EXPECT_EQ(std::string(CRen::kPageSize, '\xFF'), m_pDevice->PeekPage(1));
+    EXPECT_EQ(0, m_oClient.WritePage(1, other.data(), CRen::kPageSize));
     EXPECT_EQ(other, ReadPage(1));
     // A read the target refuses hands out what it sent: nothing.
     EXPECT_EQ("", ReadPage(256, TARVIK_ERR_COMMAND_FAILED | eTarvikRenesas << 8));
 
     // Complete locks the flash again; the contents stay over a restart.
-    EXPECT_EQ(0, m_pClient->Complete());
-    EXPECT_EQ(CRen::eResultTimeout, m_pClient->EraseAll());
-    EXPECT_EQ(0, m_pClient->Restart());
-    EXPECT_EQ(other, m_pModel->PeekPage(1));
-}
-
-TEST_F(CRenesasE2E, TheRegistryOpensARenesasGateway)
-{
-    CTarvikSimServer server;
-    // The standard port of the type, on this program's loopback net.
-    const std::string host = "127.0.59.9";
-    ASSERT_EQ(0, server.AddDevice(eTarvikRenesas, host, CTarvikSimServer::GetStandardPort(eTarvikRenesas)));
-    ASSERT_TRUE(server.Start());
-    int handle = 0;
-    ASSERT_EQ(0, CDeviceManager::OpenDevice(&handle, host.c_str(), kTimeoutMs, eTarvikRenesas, 0, 1, true));
-    CDevice* device = CDeviceManager::GetDevice(handle);
-    ASSERT_NE(nullptr, device);
-    auto* client = dynamic_cast<CRen*>(device->m_pClient);
-    ASSERT_NE(nullptr, client);
-    client->Open();
-    EXPECT_EQ(0, client->Init());
-    EXPECT_EQ(0, CDeviceManager::CloseDevice(handle));
+    EXPECT_EQ(0, m_oClient.Complete());
+    EXPECT_EQ(CRen::eResultTimeout, m_oClient.EraseAll());
+    EXPECT_EQ(0, m_oClient.Restart());
+    EXPECT_EQ(other, m_pDevice->PeekPage(1));
 }

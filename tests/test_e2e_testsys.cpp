@@ -1,5 +1,7 @@
 // The test-system units, DIO and AD gateways end to end: the library's clients against
 // the simulator's models, including files uploaded, installed and activated.
+#include "support/HexfileTestUtil.h"
+
 #include "sim/TarvikSimDeviceAD.h"
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
 #include "sim/TarvikSimDeviceTestUnit.h"
@@ -10,55 +12,16 @@
 #include "tarvik/clients/TarvikClientTestSystemIO.h"
 #include "tarvik/clients/TarvikClientTestSystemPWR.h"
 #include "tarvik/clients/TarvikClientTestSystemRelay.h"
-#include "tarvik/dll/DeviceManager.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
-#include <unistd.h>
 
 namespace
 {
 constexpr unsigned int kTimeoutMs = 2000;
-
-// A file in the temporary directory, removed with the object.
-class CTempFile
-{
-public:
-    CTempFile(const std::string& name, size_t size, unsigned int seed = 1)
-    {
-        const char* dir = std::getenv("TMPDIR");
-        m_sDir = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/tarvik-e2e-XXXXXX";
-        if (mkdtemp(&m_sDir[0]) == nullptr)
-            m_sDir.clear();
-        m_sPath = m_sDir + "/" + name;
-        std::string bytes(size, '\0');
-        for (char& byte : bytes)
-        {
-            seed = seed * 1103515245u + 12345u;
-            byte = static_cast<char>(seed >> 16);
-        }
-        std::ofstream(m_sPath, std::ios::binary) << bytes;
-    }
-    ~CTempFile()
-    {
-        std::remove(m_sPath.c_str());
-        rmdir(m_sDir.c_str());
-    }
-    const std::string& Path() const { return m_sPath; }
-    unsigned int CRC() const
-    {
-        std::ifstream in(m_sPath, std::ios::binary);
-        return CTarvikClientTestSystemCOM::GetCRC32(in);
-    }
-
-private:
-    std::string m_sDir;
-    std::string m_sPath;
-};
 
 class CTestSystemE2E : public ::testing::Test
 {
@@ -81,6 +44,25 @@ protected:
         return client;
     }
 
+    // A file of size pseudo-random bytes in the test's directory.
+    std::string File(const std::string& name, size_t size, unsigned int seed = 1)
+    {
+        std::string bytes(size, '\0');
+        for (char& byte : bytes)
+        {
+            seed = seed * 1103515245u + 12345u;
+            byte = static_cast<char>(seed >> 16);
+        }
+        hexfile_test::WriteFile(m_oDir.Path(name), bytes);
+        return m_oDir.Path(name);
+    }
+    static unsigned int CRC(const std::string& path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        return CTarvikClientTestSystemCOM::GetCRC32(in);
+    }
+
+    hexfile_test::CTempDir m_oDir;
     CTarvikSimServer m_oServer;
     CTarvikSimDeviceTestSystemCOM* m_pCom = nullptr;
 };
@@ -89,16 +71,16 @@ protected:
 TEST_F(CTestSystemE2E, ConfigurationsAreUploadedInstalledAndActivated)
 {
     auto com = Make<CTarvikClientTestSystemCOM>(eTarvikTestSystemCOM);
-    CTempFile a("a.cfg", 100000, 1), b("b.cfg", 32768, 2), empty("e.cfg", 0);
+    const std::string a = File("a.cfg", 100000, 1), b = File("b.cfg", 32768, 2), empty = File("e.cfg", 0);
     std::string active = "old";
     EXPECT_EQ(0, com->GetConfig(active));
     EXPECT_EQ("", active);
 
-    EXPECT_EQ(0, com->InstallConfig("cfgA", a.Path()));
+    EXPECT_EQ(0, com->InstallConfig("cfgA", a));
     unsigned int size = 0, crc = 0;
     ASSERT_TRUE(m_pCom->GetFile("a.cfg", size, crc));
     EXPECT_EQ(100000u, size);
-    EXPECT_EQ(a.CRC(), crc);
+    EXPECT_EQ(CRC(a), crc);
     EXPECT_EQ("a.cfg", m_pCom->GetConfigFile("cfgA"));
     EXPECT_EQ(0, com->GetConfig(active));
     EXPECT_EQ("cfgA", active);
@@ -106,18 +88,18 @@ TEST_F(CTestSystemE2E, ConfigurationsAreUploadedInstalledAndActivated)
     crc = 0;
     EXPECT_EQ(0, com->IsConfigAvailable("cfgA", there, crc));
     EXPECT_TRUE(there);
-    EXPECT_EQ(a.CRC(), crc);
+    EXPECT_EQ(CRC(a), crc);
 
     // Installed again with the same file: the unit already has it, nothing travels.
     unsigned long transfers = m_pCom->GetTransferCount();
-    EXPECT_EQ(0, com->InstallConfig("cfgA", a.Path()));
+    EXPECT_EQ(0, com->InstallConfig("cfgA", a));
     EXPECT_EQ(transfers, m_pCom->GetTransferCount());
 
     // A second configuration (exactly one chunk), an empty one, and switching.
-    EXPECT_EQ(0, com->InstallConfig("cfgB", b.Path()));
+    EXPECT_EQ(0, com->InstallConfig("cfgB", b));
     EXPECT_EQ(transfers + 1, m_pCom->GetTransferCount());
     EXPECT_EQ("cfgB", m_pCom->GetActiveConfig());
-    EXPECT_EQ(0, com->InstallConfig("cfgE", empty.Path()));
+    EXPECT_EQ(0, com->InstallConfig("cfgE", empty));
     EXPECT_EQ(0, com->SetConfig("cfgA"));
     EXPECT_EQ("cfgA", m_pCom->GetActiveConfig());
     EXPECT_EQ(0x0D23, com->SetConfig("cfgA"));
@@ -130,11 +112,11 @@ TEST_F(CTestSystemE2E, ConfigurationsAreUploadedInstalledAndActivated)
 TEST_F(CTestSystemE2E, UnitRefusesAFileWhoseCRCDiffers)
 {
     auto com = Make<CTarvikClientTestSystemCOM>(eTarvikTestSystemCOM);
-    CTempFile a("a.cfg", 70000);
-    EXPECT_EQ(0x0D22, com->SendFile(a.Path(), a.CRC() ^ 1));
+    const std::string a = File("a.cfg", 70000);
+    EXPECT_EQ(0x0D22, com->SendFile(a, CRC(a) ^ 1));
     unsigned int size = 0, crc = 0;
     EXPECT_FALSE(m_pCom->GetFile("a.cfg", size, crc));
-    EXPECT_EQ(0, com->SendFile(a.Path(), 0));
+    EXPECT_EQ(0, com->SendFile(a, 0));
     EXPECT_TRUE(m_pCom->GetFile("a.cfg", size, crc));
 }
 
@@ -217,36 +199,5 @@ TEST_F(CTestSystemE2E, DigitalAndAnalogGatewaysReadWhatIsWired)
         long level = static_cast<long>(model->GetAdcLevel(i));
         EXPECT_LE(std::labs(static_cast<long>(values[i]) - level), 2) << i;
         EXPECT_LE(values[i], 4095u) << i;
-    }
-}
-
-TEST_F(CTestSystemE2E, RegistryOpensEveryTestSystemUnit)
-{
-    const std::pair<ETarvikDevice, bool (*)(CTarvikClient*)> rows[] = {
-        {eTarvikTestSystemIO, [](CTarvikClient* c) { return dynamic_cast<CTarvikClientTestSystemIO*>(c) != nullptr; }},
-        {eTarvikTestSystemPWR, [](CTarvikClient* c) { return dynamic_cast<CTarvikClientTestSystemPWR*>(c) != nullptr; }},
-        {eTarvikTestSystemCOM, [](CTarvikClient* c) { return dynamic_cast<CTarvikClientTestSystemCOM*>(c) != nullptr; }},
-        {eTarvikTestSystemRelay,
-         [](CTarvikClient* c) { return dynamic_cast<CTarvikClientTestSystemRelay*>(c) != nullptr; }},
-    };
-    for (const auto& row : rows)
-    {
-        CTarvikSimServer server;
-        // The standard port of the type, on an address of this program's loopback net (127.0.47.x).
-        const std::string host = "127.0.47." + std::to_string(10 + static_cast<int>(row.first));
-        ASSERT_EQ(0, server.AddDevice(row.first, host, CTarvikSimServer::GetStandardPort(row.first))) << row.first;
-        ASSERT_TRUE(server.Start());
-        int handle = 0;
-        ASSERT_EQ(0, CDeviceManager::OpenDevice(&handle, host.c_str(), kTimeoutMs, static_cast<unsigned char>(row.first),
-                                                0, 1, true))
-            << row.first;
-        CDevice* device = CDeviceManager::GetDevice(handle);
-        ASSERT_NE(nullptr, device);
-        EXPECT_TRUE(row.second(device->m_pClient)) << row.first;
-        device->m_pClient->Open();
-        STarvikDeviceInfo info;
-        EXPECT_EQ(0, device->m_pClient->Info(&info)) << row.first;
-        EXPECT_EQ(static_cast<unsigned char>(row.first), info.m_abData[18]);
-        EXPECT_EQ(0, CDeviceManager::CloseDevice(handle));
     }
 }

@@ -64,21 +64,14 @@ TEST_F(CFirmwareTest, EachCommandSendsItsExactRequest)
          "00 00 00 10 01 02"},
     };
     AnswerWith(Frame({0}));
-    size_t sent = 0;
     for (const auto& c : cases)
-    {
-        NewClient();
-        EXPECT_EQ(0, std::get<1>(c)(*m_pClient)) << std::get<0>(c);
-        EXPECT_EQ(ToHex(Telegram(std::get<2>(c), 1, Hex(std::get<3>(c)))), ToHex(LastFrame(++sent)))
-            << std::get<0>(c);
-    }
+        ExpectRequest(std::get<1>(c), Telegram(std::get<2>(c), 1, Hex(std::get<3>(c))), std::get<0>(c));
     // A flash block is the block number and exactly 2048 bytes.
     std::string block(2048, '\0');
     for (size_t i = 0; i < block.size(); ++i)
         block[i] = static_cast<char>(i * 7);
-    NewClient();
-    EXPECT_EQ(0, m_pClient->WriteFlash(5, block.data()));
-    EXPECT_EQ(ToHex(Telegram(0x00E5, 1, Hex("05 00") + block)), ToHex(LastFrame(++sent)));
+    ExpectRequest([&](CTarvikClientFirmware& f) { return f.WriteFlash(5, block.data()); },
+                  Telegram(0x00E5, 1, Hex("05 00") + block), "flash block");
     EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_pClient->WriteFlash(5, nullptr));
 }
 
@@ -135,13 +128,7 @@ TEST_F(CFirmwareTest, EachCommandWritesItsOutputsByItsOwnRule)
         {"flash commands have no device byte", restart, Frame({0x02}), 0x02, ""},
     };
     for (const auto& c : cases)
-    {
-        NewClient();
-        AnswerWith(std::get<2>(c));
-        int result = -1;
-        EXPECT_EQ(std::get<4>(c), std::get<1>(c)(*m_pClient, result)) << std::get<0>(c);
-        EXPECT_EQ(std::get<3>(c), result) << std::get<0>(c);
-    }
+        ExpectOutputs(std::get<1>(c), std::get<2>(c), std::get<3>(c), std::get<4>(c), std::get<0>(c));
     m_pClient->Disconnect();
     EXPECT_EQ(TARVIK_ERR_NOT_CONNECTED | 0x100, m_pClient->WriteEEProm(0, "\x01", 1));
 }

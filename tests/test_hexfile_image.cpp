@@ -1,5 +1,5 @@
 // The image itself: blocks, byte access and hex dumps.
-#include "HexfileTestUtil.h"
+#include "support/HexfileTestUtil.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Reading memory images: Intel HEX and S-record lines, whole files, result codes and their texts,
 // and hostile input.
-#include "HexfileTestUtil.h"
+#include "support/HexfileTestUtil.h"
 
 #include <gtest/gtest.h>
 

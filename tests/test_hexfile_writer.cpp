@@ -1,5 +1,5 @@
 // Writing images: exact Intel HEX and S-record text, binary refusals, a round trip.
-#include "HexfileTestUtil.h"
+#include "support/HexfileTestUtil.h"
 
 #include <gtest/gtest.h>
 

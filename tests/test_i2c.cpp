@@ -67,18 +67,14 @@ TEST_F(CI2CTest, EachCommandSendsItsExactRequest)
          "A6 00 01 00 00 01 F0 55 66"},
         {"eeprom read", [&](CTarvikClientI2C& c) { return c.ReadEEProm(4, 0x3FF, 0x0008, buf, 4, n); }, 0x0112,
          "A8 00 01 00 00 00 FF 04 00"},
+        {"eeprom read 12 address bits", [&](CTarvikClientI2C& c) { return c.ReadEEProm(0, 0x1FFF, 0x000C, buf, 4, n); },
+         0x0112, "A0 00 02 00 00 0F FF 04 00"},
         {"eeprom poll", [](CTarvikClientI2C& c) { return c.WriteEEPromPollAck(0, 0x8001, 0x0010, "\x77", 1, 500); },
          0x0119, "A0 00 F4 01 02 00 00 80 01 77"},
     };
     AnswerWith(Frame({0}));
-    size_t sent = 0;
     for (const auto& c : cases)
-    {
-        NewClient();
-        EXPECT_EQ(0, std::get<1>(c)(*m_pClient)) << std::get<0>(c);
-        EXPECT_EQ(ToHex(Telegram(std::get<2>(c), 2, Hex(std::get<3>(c)))), ToHex(LastFrame(++sent)))
-            << std::get<0>(c);
-    }
+        ExpectRequest(std::get<1>(c), Telegram(std::get<2>(c), 2, Hex(std::get<3>(c))), std::get<0>(c));
 }
 
 TEST(I2CAddressing, EepromTypeWordGivesSlaveAddressOffsetAndAddressBytes)
@@ -108,6 +104,17 @@ TEST(I2CAddressing, EepromTypeWordGivesSlaveAddressOffsetAndAddressBytes)
         EXPECT_EQ(std::get<3>(c), CTarvikClientI2C::GetEEPROMSlaveAddress(select, offset, type));
         EXPECT_EQ(std::get<4>(c), ToHex(CTarvikClientI2C::ToOffset(offset, type)));
         EXPECT_EQ(std::get<5>(c), CTarvikClientI2C::GetAddressByteCount(type));
+    }
+    // Widths 9 to 15 take two address bytes, keep their own bits in the offset and put the
+    // bit above them into slave bit 1.
+    for (unsigned short width = 9; width <= 15; ++width)
+    {
+        const unsigned int kept = (2u << width) - 1;
+        const unsigned short type = static_cast<unsigned short>(0x0100 | width);
+        EXPECT_EQ(0xA6u, CTarvikClientI2C::GetEEPROMSlaveAddress(1, 0xFFFFFFFF, type)) << width;
+        EXPECT_EQ(ToHex(Frame({0, 0, int(kept >> 8), int(kept & 0xFF)})),
+                  ToHex(CTarvikClientI2C::ToOffset(0xFFFFFFFF, type))) << width;
+        EXPECT_EQ(2, CTarvikClientI2C::GetAddressByteCount(type)) << width;
     }
 }
 
@@ -185,13 +192,7 @@ TEST_F(CI2CTest, EachCommandWritesItsOutputsByItsOwnRule)
         {"raw get on an error", rawGet, Frame({0x20, 0x5A}), 0x0120, "EE"},
     };
     for (const auto& c : cases)
-    {
-        NewClient();
-        AnswerWith(std::get<2>(c));
-        int result = -1;
-        EXPECT_EQ(std::get<4>(c), std::get<1>(c)(*m_pClient, result)) << std::get<0>(c);
-        EXPECT_EQ(std::get<3>(c), result) << std::get<0>(c);
-    }
+        ExpectOutputs(std::get<1>(c), std::get<2>(c), std::get<3>(c), std::get<4>(c), std::get<0>(c));
 }
 
 TEST_F(CI2CTest, SetBaudrateStoresTheRateSentOnlyOnSuccess)

@@ -66,13 +66,8 @@ TEST_F(CRenesasTest, EachCommandSendsItsExactRequest)
         {[](CTarvikClientRenesas& c) { return c.WriteDigital(0x12345678); }, "09 00 41 09 02 00 78 56 34 12 42"},
     };
     AnswerWith(Frame({0}));
-    size_t sent = 0;
     for (const auto& c : cases)
-    {
-        NewClient();
-        EXPECT_EQ(0, c.first(*m_pClient)) << c.second;
-        EXPECT_EQ(c.second, ToHex(LastFrame(++sent)));
-    }
+        ExpectRequest(c.first, Hex(c.second), c.second);
 }
 
 TEST_F(CRenesasTest, WritePageSendsOneWholeZeroPaddedPage)
@@ -86,16 +81,11 @@ TEST_F(CRenesasTest, WritePageSendsOneWholeZeroPaddedPage)
         {"nothing", 0, std::string(256, '\0')},
     };
     AnswerWith(Frame({0}));
-    size_t sent = 0;
     for (const auto& c : cases)
-    {
-        NewClient();
-        EXPECT_EQ(0, m_pClient->WritePage(0x0102, long300.data(), std::get<1>(c))) << std::get<0>(c);
-        EXPECT_EQ(Telegram(0x0925, 2, Hex("02 01") + std::get<2>(c)), LastFrame(++sent)) << std::get<0>(c);
-    }
-    NewClient();
-    EXPECT_EQ(0, m_pClient->WritePage(7, nullptr, 10));
-    EXPECT_EQ(Telegram(0x0925, 2, Hex("07 00") + std::string(256, '\0')), LastFrame(++sent));
+        ExpectRequest([&](CTarvikClientRenesas& r) { return r.WritePage(0x0102, long300.data(), std::get<1>(c)); },
+                      Telegram(0x0925, 2, Hex("02 01") + std::get<2>(c)), std::get<0>(c));
+    ExpectRequest([](CTarvikClientRenesas& r) { return r.WritePage(7, nullptr, 10); },
+                  Telegram(0x0925, 2, Hex("07 00") + std::string(256, '\0')), "null page");
 }
 
 TEST_F(CRenesasTest, DeviceBytesBecomeTheClientsResultCodes)
@@ -173,12 +163,8 @@ TEST_F(CRenesasTest, EachReadWritesItsOutputsByItsOwnRule)
         {checksum, kSilence, TARVIK_ERR_TIMEOUT, "48879"},
     };
     for (const auto& c : cases)
-    {
-        AnswerWith(std::get<1>(c));
-        int result = -1;
-        EXPECT_EQ(std::get<3>(c), std::get<0>(c)(*m_pClient, result)) << ToHex(std::get<1>(c).value_or("none"));
-        EXPECT_EQ(std::get<2>(c), result) << ToHex(std::get<1>(c).value_or("none"));
-    }
+        ExpectOutputs(std::get<0>(c), std::get<1>(c), std::get<2>(c), std::get<3>(c),
+                      ToHex(std::get<1>(c).value_or("none")));
 }
 
 TEST_F(CRenesasTest, AnswersThatAreNotTheConfirmationLeaveTheOutputsAlone)

@@ -1,11 +1,13 @@
 // The runtime: the TCP connection with its receive thread and frame cutting, and events.
 #include "support/FakeGateway.h"
+#include "support/Wait.h"
 
 #include "tarvik/runtime/MolIPConnection.h"
 #include "tarvik/runtime/MolSync.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -15,6 +17,11 @@
 #include <thread>
 #include <vector>
 
+#include <arpa/inet.h>
+#include <csignal>
+#include <pthread.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -153,6 +160,58 @@ TEST_F(CConnectionTest, FramesLargerThanTheFirstBufferArriveWhole)
         expected.insert(expected.end(), {big, kSmall});
     }
     EXPECT_TRUE(expected == m_oConnection.Log(expected.size()));
+}
+
+// A signal cuts a send short once part of the frame is out: the next send must go on
+// at the first byte not sent. The peer reads nothing until then, so the send blocks
+// with the socket's buffers full.
+TEST(MolIPConnection, ASendCutShortGoesOnWhereItStopped)
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
+    int listener = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t addrLen = sizeof(addr);
+    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    ASSERT_EQ(0, listen(listener, 1));
+    ASSERT_EQ(0, getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &addrLen));
+    CRecordingConnection connection;
+    ASSERT_EQ(CMolIPBase::eResultSuccess, connection.ConnectReq("127.0.0.1", ntohs(addr.sin_port), 2000, 3,
+                                                               CMolIPBase::eProtocolTarvik, std::string(), true));
+    int peer = accept(listener, nullptr, nullptr);
+    ASSERT_GE(peer, 0);
+    // Far more than the socket buffers hold.
+    std::string sent(16 << 20, '\0');
+    for (size_t i = 0; i < sent.size(); ++i)
+        sent[i] = static_cast<char>(i ^ (i >> 8) ^ (i >> 16));
+    std::atomic<long> tid{0};
+    int result = -1;
+    std::thread sender(
+        [&]
+        {
+            tid = syscall(SYS_gettid);
+            result = connection.DataReqLong(sent.data(), sent.size(), 30000);
+        });
+    EXPECT_TRUE(Eventually([&] { return tid.load() != 0 && IsAsleep(tid.load()); }));
+    pthread_kill(sender.native_handle(), SIGUSR1);
+    std::string got;
+    std::vector<char> buf(1 << 16);
+    for (ssize_t n = 1; got.size() < sent.size() && n > 0;)
+    {
+        n = recv(peer, buf.data(), buf.size(), 0);
+        got.append(buf.data(), static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    }
+    sender.join();
+    EXPECT_EQ(CMolIPBase::eResultSuccess, result);
+    ASSERT_EQ(sent.size(), got.size());
+    EXPECT_TRUE(sent == got) << "first wrong byte at "
+                             << std::mismatch(sent.begin(), sent.end(), got.begin()).first - sent.begin();
+    close(peer);
+    close(listener);
 }
 
 TEST_F(CConnectionTest, PeerCloseIsReportedAndTheConnectionCanBeOpenedAgain)

@@ -2,6 +2,7 @@
 // bus, sequences, the byte stream, several clients, fault modes and a stop with clients
 // connected. Requests and answers are hand-written frames.
 #include "support/FakeGateway.h"
+#include "support/Wait.h"
 
 #include "sim/TarvikSimDeviceSPI.h"
 #include "sim/TarvikSimRawClient.h"
@@ -39,15 +40,6 @@ std::string Read(unsigned int address, size_t len)
 std::string Write(unsigned int address, const std::string& data)
 {
     return Hex("02") + Address(address) + data;
-}
-
-// Polls cond until it holds; the limit only ends a hang.
-template <typename F> bool Eventually(F cond)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!cond() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return cond();
 }
 
 class Sim : public ::testing::Test

@@ -3,6 +3,7 @@
 // the remembered settings, and the CANopen master with its nodes. Requests and answers
 // are hand-written; indications are read as they arrive between the answers.
 #include "support/FakeGateway.h"
+#include "support/Wait.h"
 
 #include "sim/TarvikSimCanBus.h"
 #include "sim/TarvikSimCanOpenNode.h"
@@ -46,14 +47,6 @@ unsigned int U32At(const std::string& bytes, size_t pos)
     for (size_t i = 0; i < 4 && pos + i < bytes.size(); ++i)
         value |= static_cast<unsigned int>(static_cast<unsigned char>(bytes[pos + i])) << (8 * i);
     return value;
-}
-
-template <typename F> bool Eventually(F cond)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!cond() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return cond();
 }
 
 // A raw client of one gateway that keeps the indications it meets while waiting for answers.

@@ -3,6 +3,7 @@
 // next request succeeds, or after a broken stream the connection ends on its own and
 // a Disconnect and Connect bring it back.
 #include "support/FakeGateway.h"
+#include "support/Wait.h"
 
 #include "sim/TarvikSimDeviceSPI.h"
 #include "sim/TarvikSimServer.h"
@@ -34,15 +35,6 @@ constexpr int kNotConnected = TARVIK_ERR_NOT_CONNECTED;
 // EEPROM contents the reading operations expect.
 constexpr unsigned int kMarkAddress = 0x0010;
 const std::string kMark = Hex("AB CD EF 01");
-
-// Polls cond until it holds; the limit only ends a hang.
-template <typename F> bool Eventually(F cond, std::chrono::milliseconds limit = std::chrono::seconds(5))
-{
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!cond() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return cond();
-}
 
 // Operations of the SPI client and of every client, each checking its answer: a
 // result of 0 with the wrong data counts as kWrongData.
@@ -320,82 +312,6 @@ TEST_F(CSimFaultTest, ClientBeyondTheConnectionLimitIsTurnedAway)
     second.Disconnect();
     ASSERT_EQ(0, second.Connect("127.0.0.1", m_oServer.GetPort(eTarvikSPI)));
     EXPECT_EQ(kOk, TimedCall(second, eOpGetGlobals));
-}
-
-// The flat C interface over the same faults. SPIOpenDevice dials port 5002, so the
-// simulator listens on its own loopback address, 127.0.0.71 to .79.
-class CSimFaultDllTest : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        int rc = EADDRINUSE;
-        for (int last = 71; last <= 79 && rc == EADDRINUSE; ++last)
-        {
-            m_sHost = "127.0.0." + std::to_string(last);
-            rc = m_oServer.AddDevice(eTarvikSPI, m_sHost, 5002);
-        }
-        ASSERT_EQ(0, rc) << m_oServer.GetLastError();
-        ASSERT_TRUE(m_oServer.Start());
-        ASSERT_EQ(0, SPIOpenDevice(&m_nHandle, m_sHost.c_str(), static_cast<int>(kTimeoutMs)));
-    }
-
-    void TearDown() override
-    {
-        if (m_nHandle >= 0)
-            SPICloseDevice(m_nHandle);
-    }
-
-    int GetGlobals()
-    {
-        unsigned int rate = 0;
-        auto start = std::chrono::steady_clock::now();
-        int rc = SPIGetGlobals(m_nHandle, &rate, nullptr, nullptr, nullptr);
-        EXPECT_LE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kTimeoutMs) + kSlack);
-        return rc == 0 && rate != CTarvikSimDeviceSPI::kDefaultRate ? kWrongData : rc;
-    }
-
-    CTarvikSimServer m_oServer;
-    std::string m_sHost;
-    int m_nHandle = -1;
-};
-
-TEST_F(CSimFaultDllTest, FaultsReachTheCallerAsResultCodes)
-{
-    struct SCase
-    {
-        const char* m_pName;
-        ETarvikSimFault m_eFault;
-        int m_nResult;
-    };
-    const SCase cases[] = {
-        {"bad check byte", eTarvikSimFaultBadCRC, TARVIK_ERR_CRC},
-        {"wrong command code", eTarvikSimFaultWrongCmd, TARVIK_ERR_NOT_CONFIRMED},
-        {"wrong message id", eTarvikSimFaultWrongId, kTimeout},
-        {"answered twice", eTarvikSimFaultTwice, kOk},
-    };
-    for (const SCase& c : cases)
-    {
-        m_oServer.SetFault(c.m_eFault);
-        EXPECT_EQ(c.m_nResult, GetGlobals()) << c.m_pName;
-        m_oServer.ClearFaults();
-        EXPECT_EQ(kOk, GetGlobals()) << c.m_pName;
-    }
-}
-
-TEST_F(CSimFaultDllTest, StalledStreamNeedsTheDeviceReopened)
-{
-    m_oServer.SetFault(eTarvikSimFaultStall);
-    const char send[] = {0x05, 0x00};
-    char recv[2] = {};
-    EXPECT_EQ(kTimeout, SPIDataReq(m_nHandle, send, 2, recv, 2));
-    m_oServer.ClearFaults();
-    // The stalled frame ends the connection within the time-out; then nothing gets through.
-    EXPECT_TRUE(Eventually([this] { return GetGlobals() == kNotConnected; }));
-    SPICloseDevice(m_nHandle);
-    m_nHandle = -1;
-    ASSERT_EQ(0, SPIOpenDevice(&m_nHandle, m_sHost.c_str(), static_cast<int>(kTimeoutMs)));
-    EXPECT_EQ(kOk, GetGlobals());
 }
 
 // Every device family meets the faults alike: the transport codes are the engine's,

@@ -2,6 +2,7 @@
 // the pace of the reader, and posts to a connection that has ended. The connection runs
 // on one end of a socket pair; the test reads the other end frame by frame.
 #include "support/FakeGateway.h"
+#include "support/Wait.h"
 
 #include "sim/TarvikSimConnection.h"
 #include "sim/TarvikSimDevice.h"
@@ -178,8 +179,7 @@ TEST_F(SimUnasked, PostsToAnEndedConnectionFailAndDoNotWait)
     m_nPeer = -1;
     streamer.join();
     EXPECT_TRUE(stopped);
-    for (int i = 0; i < 500 && m_oDevice.m_nDetached.load() == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(Eventually([this] { return m_oDevice.m_nDetached.load() != 0; }));
     EXPECT_EQ(1, m_oDevice.m_nDetached.load());
     EXPECT_EQ(0u, m_oDevice.GetConnectionCount());
     EXPECT_FALSE(m_oDevice.IndicateTo(connection, CTarvikMsg(kIndication, 2, "")));

@@ -2,6 +2,7 @@
 // clients against the scripted gateway: exact request frames, the file transfer and
 // install rules, CRC-32, and which outputs each decode writes or leaves alone.
 #include "support/FakeGateway.h"
+#include "support/HexfileTestUtil.h"
 
 #include "tarvik/clients/TarvikClientAD.h"
 #include "tarvik/clients/TarvikClientDIO.h"
@@ -13,13 +14,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <unistd.h>
 
 using namespace tarvik_test;
 
@@ -78,30 +76,13 @@ std::string Nums(std::initializer_list<unsigned int> values)
     return HexNumbers(values, kU);
 }
 
-// A file in the temporary directory, removed with the object.
-class CTempFile
+// A file in this program's temporary directory, which goes at the program's end.
+std::string TempFile(const std::string& name, const std::string& contents)
 {
-public:
-    CTempFile(const std::string& name, const std::string& contents)
-    {
-        const char* dir = std::getenv("TMPDIR");
-        m_sDir = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/tarvik-testsys-XXXXXX";
-        if (mkdtemp(&m_sDir[0]) == nullptr)
-            m_sDir.clear();
-        m_sPath = m_sDir + "/" + name;
-        std::ofstream(m_sPath, std::ios::binary) << contents;
-    }
-    ~CTempFile()
-    {
-        std::remove(m_sPath.c_str());
-        rmdir(m_sDir.c_str());
-    }
-    const std::string& Path() const { return m_sPath; }
-
-private:
-    std::string m_sDir;
-    std::string m_sPath;
-};
+    static hexfile_test::CTempDir dir;
+    hexfile_test::WriteFile(dir.Path(name), contents);
+    return dir.Path(name);
+}
 
 class CTestSystemTest : public ::testing::Test
 {
@@ -119,14 +100,7 @@ public:
     }
 
 protected:
-    // Answers every request with its own command code and this payload.
-    void AnswerWith(const TAnswer& payload)
-    {
-        if (!payload)
-            return m_oGateway.SetHandler(nullptr);
-        std::string data = *payload;
-        m_oGateway.SetHandler([data](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), data); });
-    }
+    void AnswerWith(const TAnswer& payload) { m_oGateway.AnswerWith(payload); }
 
     // Answers an upload as a unit would that wants `want` bytes of file data in all:
     // 0x21 until they are in, then `last`. Other requests get `other`.
@@ -170,16 +144,16 @@ TEST(TestSystemCRC, KnownVectorsAndFilesAcrossReadBlocks)
     };
     for (const auto& v : vectors)
     {
-        CTempFile file("v.bin", v.first);
-        std::ifstream in(file.Path(), std::ios::binary);
+        const std::string file = TempFile("v.bin", v.first);
+        std::ifstream in(file, std::ios::binary);
         EXPECT_EQ(v.second, CTarvikClientTestSystemCOM::GetCRC32(in)) << v.first;
     }
     // Around the 4096-byte read size: every byte counted once.
     for (size_t size : {4095u, 4096u, 4097u, 3u * 4096u, 100000u})
     {
         std::string bytes = Pattern(size);
-        CTempFile file("p.bin", bytes);
-        std::ifstream in(file.Path(), std::ios::binary);
+        const std::string file = TempFile("p.bin", bytes);
+        std::ifstream in(file, std::ios::binary);
         EXPECT_EQ(BitwiseCRC32(bytes), CTarvikClientTestSystemCOM::GetCRC32(in)) << size;
         // Left at the end, readable state: the size is where it stands.
         EXPECT_TRUE(in.good());
@@ -378,9 +352,9 @@ TEST_F(CTestSystemTest, EachDecodeWritesItsOutputsByItsOwnRule)
 
 TEST_F(CTestSystemTest, EmptyFileIsAnnouncedWithoutData)
 {
-    CTempFile file("e.cfg", "");
+    const std::string file = TempFile("e.cfg", "");
     AnswerWith(Frame({0}));
-    EXPECT_EQ(0, Make<CTarvikClientTestSystemCOM>()->SendFile(file.Path(), 0));
+    EXPECT_EQ(0, Make<CTarvikClientTestSystemCOM>()->SendFile(file, 0));
     auto frames = Frames(1);
     ASSERT_EQ(1u, frames.size());
     EXPECT_EQ("13 00 D3 0D 02 00 00 00 00 00 00 00 00 00 05 65 2E 63 66 67 F0", ToHex(frames[0]));
@@ -406,9 +380,9 @@ TEST_F(CTestSystemTest, FileTravelsInChunksWhileTheUnitAsksForMore)
     size_t seen = 0;
     for (const auto& c : cases)
     {
-        CTempFile file("d.cfg", std::get<1>(c));
+        const std::string file = TempFile("d.cfg", std::get<1>(c));
         UnitWanting(std::get<2>(c), std::get<3>(c));
-        EXPECT_EQ(std::get<4>(c), Make<CTarvikClientTestSystemCOM>()->SendFile(file.Path(), 0)) << std::get<0>(c);
+        EXPECT_EQ(std::get<4>(c), Make<CTarvikClientTestSystemCOM>()->SendFile(file, 0)) << std::get<0>(c);
         const std::vector<size_t>& sizes = std::get<5>(c);
         auto frames = Frames(seen + sizes.size());
         ASSERT_EQ(seen + sizes.size(), frames.size()) << std::get<0>(c);
@@ -440,20 +414,20 @@ TEST_F(CTestSystemTest, FileTravelsInChunksWhileTheUnitAsksForMore)
 
 TEST_F(CTestSystemTest, TransferEndsAtTheFirstFailure)
 {
-    CTempFile file("d.cfg", Pattern(3 * kChunk));
+    const std::string file = TempFile("d.cfg", Pattern(3 * kChunk));
     // A given CRC is sent as it is, not computed.
     AnswerWith(Frame({0x21}));
     auto count = std::make_shared<std::atomic<int>>(0);
     m_oGateway.SetHandler([count](const std::string& f)
                           { return ++*count == 2 ? std::string() : Cnf(FrameCmd(f), FrameId(f), Frame({0x21})); });
-    EXPECT_EQ(TARVIK_ERR_TIMEOUT, Make<CTarvikClientTestSystemCOM>()->SendFile(file.Path(), 0x01020304));
+    EXPECT_EQ(TARVIK_ERR_TIMEOUT, Make<CTarvikClientTestSystemCOM>()->SendFile(file, 0x01020304));
     auto frames = Frames(2);
     EXPECT_EQ(2u, frames.size());
     EXPECT_EQ(LE32(0x01020304), FrameData(frames[0]).substr(0, 4));
 
     // A file that cannot be opened sends nothing.
-    EXPECT_EQ(0x0D20, Make<CTarvikClientTestSystemCOM>()->SendFile(file.Path() + ".missing", 0));
-    EXPECT_EQ(0x0D20, Make<CTarvikClientTestSystemCOM>()->InstallConfig("cfgA", file.Path() + ".missing"));
+    EXPECT_EQ(0x0D20, Make<CTarvikClientTestSystemCOM>()->SendFile(file + ".missing", 0));
+    EXPECT_EQ(0x0D20, Make<CTarvikClientTestSystemCOM>()->InstallConfig("cfgA", file + ".missing"));
     EXPECT_EQ(2u, m_oGateway.GetFrames().size());
 }
 
@@ -461,7 +435,7 @@ TEST_F(CTestSystemTest, TransferEndsAtTheFirstFailure)
 
 TEST_F(CTestSystemTest, InstallSkipsAFileTheUnitHoldsAndSendsAnyOther)
 {
-    CTempFile file("d.cfg", "123456789");
+    const std::string file = TempFile("d.cfg", "123456789");
     const std::string d2 = "0A 00 D2 0D 02 00 04 63 66 67 41 FA";
     const std::string d3 = "1C 00 D3 0D 03 00 26 39 F4 CB 09 00 00 00 05 64 2E 63 66 67 31 32 33 34 35 36 37 38 39 E8";
     const std::string d5 = "14 00 D5 0D 04 00 26 39 F4 CB 04 63 66 67 41 05 64 2E 63 66 67 F6";
@@ -486,7 +460,7 @@ TEST_F(CTestSystemTest, InstallSkipsAFileTheUnitHoldsAndSendsAnyOther)
                 std::string answer = cmd == 0x0DD2 ? d2Answer : cmd == 0x0DD5 ? Frame({d5Answer}) : Frame({0});
                 return Cnf(cmd, FrameId(f), answer);
             });
-        EXPECT_EQ(std::get<3>(c), Make<CTarvikClientTestSystemCOM>()->InstallConfig("cfgA", file.Path()))
+        EXPECT_EQ(std::get<3>(c), Make<CTarvikClientTestSystemCOM>()->InstallConfig("cfgA", file))
             << std::get<0>(c);
         const auto& expected = std::get<4>(c);
         auto frames = Frames(seen + expected.size());
@@ -497,7 +471,7 @@ TEST_F(CTestSystemTest, InstallSkipsAFileTheUnitHoldsAndSendsAnyOther)
     }
     // A failed upload installs nothing.
     UnitWanting(9, 0x22, Frame({0, 0}));
-    EXPECT_EQ(0x0D22, Make<CTarvikClientTestSystemCOM>()->InstallConfig("cfgA", file.Path()));
+    EXPECT_EQ(0x0D22, Make<CTarvikClientTestSystemCOM>()->InstallConfig("cfgA", file));
     auto frames = Frames(seen + 2);
     EXPECT_EQ(seen + 2, frames.size());
     EXPECT_EQ(0x0DD3u, FrameCmd(frames.back()));

@@ -35,14 +35,7 @@ protected:
     // Open() by default; a class whose Open takes arguments says how.
     virtual void OpenClient(TClient& client) { ASSERT_EQ(0, client.Open()); }
 
-    // Answers every request with its own command code and this payload (none: no answer).
-    void AnswerWith(const std::optional<std::string>& payload)
-    {
-        if (!payload)
-            return m_oGateway.SetHandler(nullptr);
-        std::string data = *payload;
-        m_oGateway.SetHandler([data](const std::string& f) { return Cnf(FrameCmd(f), FrameId(f), data); });
-    }
+    void AnswerWith(const std::optional<std::string>& payload) { m_oGateway.AnswerWith(payload); }
 
     // Every frame received once there are count of them.
     std::vector<std::string> Frames(size_t count)
@@ -55,6 +48,27 @@ protected:
     {
         std::vector<std::string> frames = Frames(count);
         return frames.empty() ? std::string() : frames.back();
+    }
+
+    // A fresh client runs call, which succeeds and sends exactly the frame want.
+    template <class FCall> void ExpectRequest(FCall call, const std::string& want, const std::string& name)
+    {
+        NewClient();
+        const size_t before = m_oGateway.GetFrames().size();
+        EXPECT_EQ(0, call(*m_pClient)) << name;
+        EXPECT_EQ(ToHex(want), ToHex(LastFrame(before + 1))) << name;
+    }
+    // A fresh client runs call(client, result) against answer: the result, and the outputs
+    // as the text call makes of them.
+    template <class FCall>
+    void ExpectOutputs(FCall call, const std::optional<std::string>& answer, int result, const std::string& outputs,
+                       const std::string& name)
+    {
+        NewClient();
+        AnswerWith(answer);
+        int got = -1;
+        EXPECT_EQ(outputs, call(*m_pClient, got)) << name;
+        EXPECT_EQ(result, got) << name;
     }
 
     CFakeGateway m_oGateway;

@@ -96,6 +96,15 @@ void CFakeGateway::SetHandler(THandler handler)
     m_fnHandler = std::move(handler);
 }
 
+void CFakeGateway::AnswerWith(const std::optional<std::string>& payload)
+{
+    if (!payload)
+        return SetHandler(nullptr);
+    std::string data = *payload;
+    SetHandler([data](const std::string& f)
+               { return tarvik_test::Cnf(tarvik_test::FrameCmd(f), tarvik_test::FrameId(f), data); });
+}
+
 std::vector<std::string> CFakeGateway::GetFrames() const
 {
     std::lock_guard<std::mutex> lock(m_oMutex);

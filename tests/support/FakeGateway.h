@@ -15,6 +15,7 @@
 #include <functional>
 #include <initializer_list>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,6 +49,8 @@ public:
 
     // Without a handler the gateway never answers.
     void SetHandler(THandler handler);
+    // Answers every request with its own command code and this payload (none: no answer).
+    void AnswerWith(const std::optional<std::string>& payload);
     // Every frame received so far, from all clients, in arrival order.
     std::vector<std::string> GetFrames() const;
     bool WaitForFrames(size_t count, unsigned int timeoutMs) const;

@@ -65,9 +65,19 @@ public:
     CTempDir& operator=(const CTempDir&) = delete;
 
     std::string Path(const std::string& name) const { return m_sPath + "/" + name; }
+    // A new Intel HEX file in the directory holding the blocks (address, bytes).
+    std::string Image(const std::vector<std::pair<unsigned int, std::string>>& blocks)
+    {
+        CTarvikHexfile hex;
+        for (const auto& block : blocks)
+            hex.AddMemoryBlock(block.first, block.second.data(), static_cast<unsigned int>(block.second.size()));
+        std::string path = Path("image" + std::to_string(++m_nImages) + ".hex");
+        return hex.SaveFile(path.c_str(), CTarvikHexfile::Intel) == 0 ? path : std::string();
+    }
 
 private:
     std::string m_sPath;
+    int m_nImages = 0;
 };
 } // namespace hexfile_test
 
