@@ -5,7 +5,7 @@
 
 #include "tarvik/TarvikVersion.h"
 #include "tarvik/core/TarvikDeviceInfo.h"
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 #include "tarvik/core/TarvikResult.h"
 #include "tarvik/dll/TarvikDLL.h"
 #include "tarvik/dll/TarvikDllAD.h"

@@ -21,7 +21,7 @@
 #define TARVIK_CORE_TARVIKCLIENT_H
 
 #include "tarvik/core/TarvikDeviceInfo.h"
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/core/TarvikReply.h"
 #include "tarvik/core/TarvikResult.h"

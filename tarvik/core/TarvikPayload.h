@@ -4,7 +4,7 @@
 #ifndef TARVIK_CORE_TARVIKPAYLOAD_H
 #define TARVIK_CORE_TARVIKPAYLOAD_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <cstddef>
 #include <string>

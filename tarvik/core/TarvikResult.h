@@ -6,7 +6,7 @@
 #ifndef TARVIK_CORE_TARVIKRESULT_H
 #define TARVIK_CORE_TARVIKRESULT_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
 #include <string>
