@@ -161,9 +161,9 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
 {
     switch (cmd)
     {
-    case CTarvikClient::eCmdInfo: answer = data.empty() ? Answer(eResultOk, GetInfoRecord()) : Answer(eResultFailed); return true;
-    case CTarvikClient::eCmdStatus: answer = data.empty() ? Answer(eResultOk, StatusText()) : Answer(eResultFailed); return true;
-    case CTarvikClient::eCmdRestart:
+    case tarvik_protocol::common::eCmdInfo: answer = data.empty() ? Answer(eResultOk, GetInfoRecord()) : Answer(eResultFailed); return true;
+    case tarvik_protocol::common::eCmdStatus: answer = data.empty() ? Answer(eResultOk, StatusText()) : Answer(eResultFailed); return true;
+    case tarvik_protocol::common::eCmdRestart:
         if (!data.empty())
         {
             answer = Answer(eResultFailed);
@@ -172,11 +172,11 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
         RestartLocked();
         answer = Answer(eResultOk);
         return true;
-    case CTarvikClient::eCmdBaseReadDigital:
+    case tarvik_protocol::common::eCmdBaseReadDigital:
         answer = data.empty() ? Answer(eResultOk, CTarvikMsg::ToChar(m_nInputs) + CTarvikMsg::ToChar(m_nOutputs))
                               : Answer(eResultFailed);
         return true;
-    case CTarvikClient::eCmdBaseWriteDigital:
+    case tarvik_protocol::common::eCmdBaseWriteDigital:
         if (data.size() != 4)
         {
             answer = Answer(eResultFailed);
@@ -185,7 +185,7 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
         m_nOutputs = ReadLE32(data, 0);
         answer = Answer(eResultOk);
         return true;
-    case CTarvikClient::eCmdReadAnalog:
+    case tarvik_protocol::common::eCmdReadAnalog:
     {
         if (!data.empty())
         {
@@ -198,7 +198,7 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
         answer = Answer(eResultOk, values);
         return true;
     }
-    case CTarvikClient::eCmdWriteAnalog:
+    case tarvik_protocol::common::eCmdWriteAnalog:
         if (data.size() % 4 != 0 || data.size() / 4 > m_anAnalog.size())
         {
             answer = Answer(eResultFailed);

@@ -1,13 +1,13 @@
 #include "sim/TarvikSimDeviceAWire.h"
 
-#include "tarvik/clients/TarvikClientAWire.h"
+#include "tarvik/protocol/TarvikProtocolAWire.h"
 
 #include <chrono>
 
 namespace
 {
 // The device answers the command numbers its client sends.
-typedef CTarvikClientAWire CClient;
+namespace wire = tarvik_protocol::awire;
 constexpr unsigned char kOk = CTarvikSimDevice::eResultOk;
 constexpr unsigned char kFailed = CTarvikSimDevice::eResultFailed;
 // SetConfig: four values and the text's length byte.
@@ -60,13 +60,13 @@ bool CTarvikSimDeviceAWire::HandleCommand(unsigned char cmd, const std::string& 
 {
     switch (cmd)
     {
-    case CClient::eCmdSetConfig: answer = SetConfig(data); return true;
-    case CClient::eCmdGetConfig: answer = GetConfig(data); return true;
-    case CClient::eCmdWriteBlock: answer = WriteBlock(data, false); return true;
-    case CClient::eCmdErase: answer = Erase(data); return true;
-    case CClient::eCmdRead: answer = Read(data); return true;
-    case CClient::eCmdWriteUserPage: answer = WriteBlock(data, true); return true;
-    case CClient::eCmdEraseUserPage: answer = EraseUserPage(data); return true;
+    case wire::eCmdSetConfig: answer = SetConfig(data); return true;
+    case wire::eCmdGetConfig: answer = GetConfig(data); return true;
+    case wire::eCmdWriteBlock: answer = WriteBlock(data, false); return true;
+    case wire::eCmdErase: answer = Erase(data); return true;
+    case wire::eCmdRead: answer = Read(data); return true;
+    case wire::eCmdWriteUserPage: answer = WriteBlock(data, true); return true;
+    case wire::eCmdEraseUserPage: answer = EraseUserPage(data); return true;
     default: return false;
     }
 }
@@ -188,7 +188,7 @@ void CTarvikSimDeviceAWire::Report(const SJob& job, unsigned char state, size_t 
     std::string payload = CTarvikMsg::ToChar(job.m_nHandle);
     payload += static_cast<char>(state);
     payload += CTarvikMsg::ToChar(static_cast<unsigned short>(done));
-    unsigned short code = static_cast<unsigned short>(eTarvikAWire << 8 | CClient::eCmdWriteProgress);
+    unsigned short code = static_cast<unsigned short>(eTarvikAWire << 8 | wire::eCmdWriteProgress);
     // A client that has gone misses its reports, as it would with a real gateway.
     IndicateTo(job.m_nConnection, CTarvikMsg(code, 0, std::move(payload)));
 }

@@ -5,7 +5,7 @@
 namespace
 {
 // The device answers the command numbers its client sends.
-typedef CTarvikClientFirmware CClient;
+namespace wire = tarvik_protocol::firmware;
 constexpr size_t kAddressSize = 4;
 
 unsigned short U16(const std::string& data, size_t pos)
@@ -60,16 +60,16 @@ bool CTarvikSimDeviceFirmware::HandleCommand(unsigned char cmd, const std::strin
 {
     switch (cmd)
     {
-    case CClient::eCmdGetEEPromInfo:
+    case wire::eCmdGetEEPromInfo:
         answer = Answer(eResultOk, CTarvikMsg::ToChar(static_cast<unsigned short>(kEEPromPage)) +
                                        CTarvikMsg::ToChar(static_cast<unsigned int>(kEEPromSize)));
         return true;
-    case CClient::eCmdReadEEProm: answer = ReadEEProm(data); return true;
-    case CClient::eCmdWriteEEProm: answer = WriteEEProm(data); return true;
-    case CClient::eCmdClearFlash: m_sFlash.assign(m_sFlash.size(), '\xFF'); answer = Answer(eResultOk); return true;
-    case CClient::eCmdReadFlash: answer = ReadFlash(data); return true;
-    case CClient::eCmdWriteFlash: answer = WriteFlash(data); return true;
-    case CClient::eCmdRestart: answer = Answer(eResultOk); return true;
+    case wire::eCmdReadEEProm: answer = ReadEEProm(data); return true;
+    case wire::eCmdWriteEEProm: answer = WriteEEProm(data); return true;
+    case wire::eCmdClearFlash: m_sFlash.assign(m_sFlash.size(), '\xFF'); answer = Answer(eResultOk); return true;
+    case wire::eCmdReadFlash: answer = ReadFlash(data); return true;
+    case wire::eCmdWriteFlash: answer = WriteFlash(data); return true;
+    case wire::eCmdRestart: answer = Answer(eResultOk); return true;
     default: return false;
     }
 }

@@ -18,7 +18,7 @@
 #define TARVIK_SIM_TARVIKSIMDEVICEFIRMWARE_H
 
 #include "sim/TarvikSimDevice.h"
-#include "tarvik/clients/TarvikClientFirmware.h"
+#include "tarvik/protocol/TarvikProtocolFirmware.h"
 
 #include <string>
 

@@ -5,7 +5,7 @@
 namespace
 {
 // The device answers the command numbers its client sends.
-typedef CTarvikClientI2C CClient;
+namespace wire = tarvik_protocol::i2c;
 constexpr size_t kMaxAnswer = CTarvikSimDevice::kMaxData - 1;
 // Slave u16, address count u8, offset of four bytes.
 constexpr size_t kEEPromHeader = 7;
@@ -34,24 +34,24 @@ bool CTarvikSimDeviceI2C::HandleCommand(unsigned char cmd, const std::string& da
 {
     switch (cmd)
     {
-    case CClient::eCmdReset: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
-    case CClient::eCmdSetBaudrate:
+    case wire::eCmdReset: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
+    case wire::eCmdSetBaudrate:
         if (data.size() != 4)
             return answer = Answer(eResultFailed), true;
         CTarvikMsg::FromChar(m_nRate, data.data());
         answer = Answer(eResultOk);
         return true;
-    case CClient::eCmdGetBaudrate: answer = Answer(eResultOk, CTarvikMsg::ToChar(m_nRate)); return true;
-    case CClient::eCmdRead: answer = Read(data); return true;
-    case CClient::eCmdWrite: answer = Write(data); return true;
-    case CClient::eCmdReadEEProm: answer = ReadEEProm(data); return true;
-    case CClient::eCmdWriteEEProm: answer = WriteEEProm(data, false); return true;
-    case CClient::eCmdWriteEEPromPollAck: answer = WriteEEProm(data, true); return true;
-    case CClient::eCmdSequence: answer = Sequence(data); return true;
-    case CClient::eCmdRAWStart: StopBus(); m_bRawStarted = true; answer = Answer(eResultOk); return true;
-    case CClient::eCmdRAWSend: answer = RawSend(data); return true;
-    case CClient::eCmdRAWGet: answer = RawGet(data); return true;
-    case CClient::eCmdRAWStop: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
+    case wire::eCmdGetBaudrate: answer = Answer(eResultOk, CTarvikMsg::ToChar(m_nRate)); return true;
+    case wire::eCmdRead: answer = Read(data); return true;
+    case wire::eCmdWrite: answer = Write(data); return true;
+    case wire::eCmdReadEEProm: answer = ReadEEProm(data); return true;
+    case wire::eCmdWriteEEProm: answer = WriteEEProm(data, false); return true;
+    case wire::eCmdWriteEEPromPollAck: answer = WriteEEProm(data, true); return true;
+    case wire::eCmdSequence: answer = Sequence(data); return true;
+    case wire::eCmdRAWStart: StopBus(); m_bRawStarted = true; answer = Answer(eResultOk); return true;
+    case wire::eCmdRAWSend: answer = RawSend(data); return true;
+    case wire::eCmdRAWGet: answer = RawGet(data); return true;
+    case wire::eCmdRAWStop: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
     default: return false;
     }
 }

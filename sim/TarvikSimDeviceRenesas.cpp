@@ -3,7 +3,7 @@
 namespace
 {
 // The device answers the command numbers its client sends.
-typedef CTarvikClientRenesas CClient;
+namespace wire = tarvik_protocol::renesas;
 constexpr unsigned char kOk = CTarvikSimDevice::eResultOk;
 constexpr unsigned char kFailed = CTarvikSimDevice::eResultFailed;
 constexpr unsigned char kInvalidID = CTarvikSimDeviceRenesas::eResultInvalidID;
@@ -31,25 +31,25 @@ CTarvikSimDeviceRenesas::~CTarvikSimDeviceRenesas() = default;
 
 bool CTarvikSimDeviceRenesas::HandleCommand(unsigned char cmd, const std::string& data, std::string& answer)
 {
-    if (cmd < CClient::eCmdInit || cmd > CClient::eCmdBlockErase)
+    if (cmd < wire::eCmdInit || cmd > wire::eCmdBlockErase)
         return false;
     // Outside a sequence the target is not in programming mode and never answers.
-    if (cmd != CClient::eCmdInit && !m_bInSequence)
+    if (cmd != wire::eCmdInit && !m_bInSequence)
     {
         answer = Answer(eResultTimeout);
         return true;
     }
     switch (cmd)
     {
-    case CClient::eCmdInit: answer = Init(data); break;
-    case CClient::eCmdCheckID: answer = CheckID(data); break;
-    case CClient::eCmdSetBaudrate: answer = SetBaudrate(data); break;
-    case CClient::eCmdReadPage: answer = ReadPage(data); break;
-    case CClient::eCmdEraseAll: answer = EraseAll(data); break;
-    case CClient::eCmdWritePage: answer = WritePage(data); break;
-    case CClient::eCmdGetVersion: answer = data.empty() ? Answer(kOk, kVersion) : Answer(kFailed); break;
-    case CClient::eCmdComplete: answer = Complete(data); break;
-    case CClient::eCmdVerifyCheck: answer = VerifyCheck(data); break;
+    case wire::eCmdInit: answer = Init(data); break;
+    case wire::eCmdCheckID: answer = CheckID(data); break;
+    case wire::eCmdSetBaudrate: answer = SetBaudrate(data); break;
+    case wire::eCmdReadPage: answer = ReadPage(data); break;
+    case wire::eCmdEraseAll: answer = EraseAll(data); break;
+    case wire::eCmdWritePage: answer = WritePage(data); break;
+    case wire::eCmdGetVersion: answer = data.empty() ? Answer(kOk, kVersion) : Answer(kFailed); break;
+    case wire::eCmdComplete: answer = Complete(data); break;
+    case wire::eCmdVerifyCheck: answer = VerifyCheck(data); break;
     default: answer = BlockErase(data); break;
     }
     return true;

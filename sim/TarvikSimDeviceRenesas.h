@@ -24,7 +24,7 @@
 #define TARVIK_SIM_TARVIKSIMDEVICERENESAS_H
 
 #include "sim/TarvikSimDevice.h"
-#include "tarvik/clients/TarvikClientRenesas.h"
+#include "tarvik/protocol/TarvikProtocolRenesas.h"
 
 #include <string>
 

@@ -3,7 +3,7 @@
 namespace
 {
 // The unit answers the command numbers its client sends.
-typedef CTarvikClientTestSystemCOM CCom;
+namespace wire = tarvik_protocol::testsystem_com;
 // Reads a length-prefixed name at pos and moves pos past it; false when it is cut short.
 bool ReadName(const std::string& data, size_t& pos, std::string& name)
 {
@@ -36,12 +36,12 @@ bool CTarvikSimDeviceTestSystemCOM::HandleCommand(unsigned char cmd, const std::
 {
     switch (cmd)
     {
-    case CCom::eCmdSetConfig: answer = SetConfig(data); return true;
-    case CCom::eCmdGetConfig: answer = data.empty() ? Answer(eResultOk, m_sActive) : Answer(eResultFailed); return true;
-    case CCom::eCmdIsConfigAvailable: answer = IsConfigAvailable(data); return true;
-    case CCom::eCmdFileStart: answer = FileStart(data); return true;
-    case CCom::eCmdFileData: answer = FileData(data); return true;
-    case CCom::eCmdInstallConfig: answer = InstallConfig(data); return true;
+    case wire::eCmdSetConfig: answer = SetConfig(data); return true;
+    case wire::eCmdGetConfig: answer = data.empty() ? Answer(eResultOk, m_sActive) : Answer(eResultFailed); return true;
+    case wire::eCmdIsConfigAvailable: answer = IsConfigAvailable(data); return true;
+    case wire::eCmdFileStart: answer = FileStart(data); return true;
+    case wire::eCmdFileData: answer = FileData(data); return true;
+    case wire::eCmdInstallConfig: answer = InstallConfig(data); return true;
     default: return false;
     }
 }

@@ -68,13 +68,7 @@ public:
     // Command numbers of the commands that every gateway understands.
     enum ECommonCmd
     {
-        eCmdInfo = 0x09,
-        eCmdStatus = 0x0A,
-        eCmdRestart = 0x0C,
-        eCmdBaseReadDigital = 0x40,
-        eCmdBaseWriteDigital = 0x41,
-        eCmdReadAnalog = 0x42,
-        eCmdWriteAnalog = 0x43,
+        TARVIK_COMMON_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     // A stored confirmation and when it arrived.

@@ -8,6 +8,7 @@
 #define TARVIK_PROTOCOL_TARVIKPROTOCOLSPI_H
 
 #include "tarvik/protocol/TarvikProtocol.h"
+#include "tarvik/protocol/TarvikProtocolDevice.h"
 
 #define TARVIK_SPI_COMMANDS(X) \
     X(DataReq, 0x03)           \
@@ -19,7 +20,7 @@ namespace tarvik_protocol
 {
 namespace spi
 {
-constexpr unsigned char kDeviceType = 3;
+constexpr ETarvikDevice kDeviceType = eTarvikSPI;
 
 enum ECmd
 {
