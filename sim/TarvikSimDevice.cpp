@@ -1,5 +1,7 @@
 #include "sim/TarvikSimDevice.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 #include "sim/TarvikSimOutbox.h"
 
 #include <algorithm>
@@ -18,13 +20,6 @@ constexpr unsigned char kProductionMonth = 6;
 constexpr unsigned char kProductionDay = 14;
 constexpr size_t kInfoTypeByte = 18;
 constexpr size_t kInfoIndexByte = 19;
-
-unsigned int ReadLE32(const std::string& data, size_t pos)
-{
-    unsigned int value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
-}
 } // namespace
 
 CTarvikSimDevice::CTarvikSimDevice(ETarvikDevice type, unsigned int index)
@@ -182,7 +177,7 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
             answer = Answer(eResultFailed);
             return true;
         }
-        m_nOutputs = ReadLE32(data, 0);
+        m_nOutputs = CTarvikPayload(data).U32At(0);
         answer = Answer(eResultOk);
         return true;
     case tarvik_protocol::common::eCmdReadAnalog:
@@ -205,7 +200,7 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
             return true;
         }
         for (size_t i = 0; i < data.size() / 4; ++i)
-            m_anAnalog[i] = ReadLE32(data, 4 * i);
+            m_anAnalog[i] = CTarvikPayload(data).U32At(4 * i);
         answer = Answer(eResultOk);
         return true;
     default: return false;

@@ -1,5 +1,6 @@
 #include "sim/TarvikSimDeviceAWire.h"
 
+#include "tarvik/core/TarvikPayload.h"
 #include "tarvik/protocol/TarvikProtocolAWire.h"
 
 #include <chrono>
@@ -17,20 +18,6 @@ constexpr size_t kBlockHeader = 6;
 // State-1 reports of one block come at most this often.
 constexpr auto kReportPause = std::chrono::milliseconds(10);
 typedef std::chrono::steady_clock CClock;
-
-unsigned int ReadU32(const std::string& data, size_t pos)
-{
-    unsigned int value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
-}
-
-unsigned short ReadU16(const std::string& data, size_t pos)
-{
-    unsigned short value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
-}
 } // namespace
 
 CTarvikSimDeviceAWire::CTarvikSimDeviceAWire(unsigned int index, size_t flashSize, size_t pageSize, unsigned int base)
@@ -75,9 +62,9 @@ std::string CTarvikSimDeviceAWire::SetConfig(const std::string& data)
 {
     if (data.size() < kConfigHeader || data.size() != kConfigHeader + static_cast<unsigned char>(data[16]))
         return Answer(kFailed);
-    m_anConfig[0] = ReadU32(data, 0);
-    m_anConfig[1] = ReadU32(data, 4);
-    m_anConfig[2] = ReadU32(data, 12);
+    m_anConfig[0] = CTarvikPayload(data).U32At(0);
+    m_anConfig[1] = CTarvikPayload(data).U32At(4);
+    m_anConfig[2] = CTarvikPayload(data).U32At(12);
     m_sConfigText = data.substr(kConfigHeader);
     return Answer(kOk);
 }
@@ -112,11 +99,11 @@ std::string CTarvikSimDeviceAWire::Read(const std::string& data) const
 {
     if (data.size() != kBlockHeader)
         return Answer(kFailed);
-    unsigned short length = ReadU16(data, 4);
+    unsigned short length = CTarvikPayload(data).U16At(4);
     size_t offset = 0;
     if (length > kMaxData - 1)
         return Answer(kFailed);
-    if (!LocateAny(ReadU32(data, 0), length, offset))
+    if (!LocateAny(CTarvikPayload(data).U32At(0), length, offset))
         return Answer(eResultReadFailed);
     return Answer(kOk, m_sMemory.substr(offset, length));
 }
@@ -125,7 +112,7 @@ std::string CTarvikSimDeviceAWire::Erase(const std::string& data)
 {
     if (data.size() != 2)
         return Answer(kFailed);
-    if (ReadU16(data, 0) != 0)
+    if (CTarvikPayload(data).U16At(0) != 0)
         return Answer(eResultEraseBlock);
     m_sMemory.replace(0, m_nFlashSize, m_nFlashSize, '\xFF');
     return Answer(kOk);
@@ -141,9 +128,9 @@ std::string CTarvikSimDeviceAWire::EraseUserPage(const std::string& data)
 
 std::string CTarvikSimDeviceAWire::WriteBlock(const std::string& data, bool userPage)
 {
-    if (data.size() < kBlockHeader || data.size() != kBlockHeader + ReadU16(data, 4))
+    if (data.size() < kBlockHeader || data.size() != kBlockHeader + CTarvikPayload(data).U16At(4))
         return Answer(kFailed);
-    SJob job{GetRequester(), GetRequestID(), userPage, ReadU32(data, 0),
+    SJob job{GetRequester(), GetRequestID(), userPage, CTarvikPayload(data).U32At(0),
              data.substr(kBlockHeader)};
     if (m_nRate == 0 && m_dqJobs.empty() && !m_bWorking)
     {

@@ -1,5 +1,7 @@
 #include "sim/TarvikSimDeviceFirmware.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 #include <algorithm>
 
 namespace
@@ -7,13 +9,6 @@ namespace
 // The device answers the command numbers its client sends.
 namespace wire = tarvik_protocol::firmware;
 constexpr size_t kAddressSize = 4;
-
-unsigned short U16(const std::string& data, size_t pos)
-{
-    unsigned short value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
-}
 
 // The address field: four bytes, most significant first.
 size_t Address(const std::string& data)
@@ -79,7 +74,7 @@ std::string CTarvikSimDeviceFirmware::ReadEEProm(const std::string& data) const
     if (data.size() != kAddressSize + 2)
         return Answer(eResultFailed);
     size_t address = Address(data);
-    size_t len = U16(data, kAddressSize);
+    size_t len = CTarvikPayload(data).U16At(kAddressSize);
     if (address > kEEPromSize || len > kEEPromSize - address)
         return Answer(eResultEEProm);
     return Answer(eResultOk, m_sEEProm.substr(address, len));
@@ -99,16 +94,16 @@ std::string CTarvikSimDeviceFirmware::WriteEEProm(const std::string& data)
 
 std::string CTarvikSimDeviceFirmware::ReadFlash(const std::string& data) const
 {
-    if (data.size() != 2 || U16(data, 0) >= kBlockCount)
+    if (data.size() != 2 || CTarvikPayload(data).U16At(0) >= kBlockCount)
         return Answer(eResultFailed);
-    return Answer(eResultOk, data + m_sFlash.substr(U16(data, 0) * kBlockSize, kBlockSize));
+    return Answer(eResultOk, data + m_sFlash.substr(CTarvikPayload(data).U16At(0) * kBlockSize, kBlockSize));
 }
 
 std::string CTarvikSimDeviceFirmware::WriteFlash(const std::string& data)
 {
-    if (data.size() != 2 + kBlockSize || U16(data, 0) >= kBlockCount)
+    if (data.size() != 2 + kBlockSize || CTarvikPayload(data).U16At(0) >= kBlockCount)
         return Answer(eResultFailed);
-    m_sFlash.replace(U16(data, 0) * kBlockSize, kBlockSize, data, 2, kBlockSize);
+    m_sFlash.replace(CTarvikPayload(data).U16At(0) * kBlockSize, kBlockSize, data, 2, kBlockSize);
     return Answer(eResultOk);
 }
 
