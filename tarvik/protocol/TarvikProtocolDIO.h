@@ -1,4 +1,5 @@
-// Telegrams of the digital I/O gateway (device type 5), besides the common device commands.
+// Telegrams of the digital I/O gateway (device type 5): the common digital commands,
+// which its client names Read and Write.
 //
 //   0x40 Read   -> u32 inputs, u32 outputs (the common BaseReadDigital)
 //   0x41 Write  u32 outputs -> nothing (the common BaseWriteDigital)
@@ -9,8 +10,8 @@
 #include "tarvik/protocol/TarvikProtocolDevice.h"
 
 #define TARVIK_DIO_COMMANDS(X) \
-    X(Read, 0x40)  \
-    X(Write, 0x41)
+    X(Read, tarvik_protocol::common::eCmdBaseReadDigital) \
+    X(Write, tarvik_protocol::common::eCmdBaseWriteDigital)
 
 namespace tarvik_protocol
 {
