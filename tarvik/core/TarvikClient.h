@@ -25,6 +25,7 @@
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/core/TarvikReply.h"
 #include "tarvik/core/TarvikResult.h"
+#include "tarvik/protocol/TarvikProtocolDevice.h"
 #include "tarvik/runtime/MolIPConnection.h"
 #include "tarvik/runtime/MolSync.h"
 #include "tarvik/runtime/MolTime.h"
