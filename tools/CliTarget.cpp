@@ -1,6 +1,7 @@
 #include "CliTarget.h"
 
 #include "HexFile.h"
+
 #include "tarvik/hexfile/TarvikImageOps.h"
 
 #include <algorithm>

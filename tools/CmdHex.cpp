@@ -2,10 +2,10 @@
 // The commands that make new images from old ones are in CmdHexEdit.cpp.
 #include "CliFormat.h"
 #include "HexFile.h"
-#include "tarvik/hexfile/TarvikImageOps.h"
 #include "TarvikCli.h"
 
 #include "tarvik/hexfile/TarvikHexfile.h"
+#include "tarvik/hexfile/TarvikImageOps.h"
 
 #include <algorithm>
 #include <cinttypes>

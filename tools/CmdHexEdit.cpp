@@ -2,8 +2,9 @@
 // comparisons and checksums of images.
 #include "CliFormat.h"
 #include "HexFile.h"
-#include "tarvik/hexfile/TarvikImageOps.h"
 #include "TarvikCli.h"
+
+#include "tarvik/hexfile/TarvikImageOps.h"
 
 #include <algorithm>
 #include <iostream>

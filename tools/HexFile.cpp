@@ -1,9 +1,9 @@
 #include "HexFile.h"
 
 #include "CliFormat.h"
-#include "tarvik/hexfile/TarvikImageOps.h"
 
 #include "tarvik/hexfile/TarvikImageCheck.h"
+#include "tarvik/hexfile/TarvikImageOps.h"
 
 #include <cctype>
 #include <cerrno>
