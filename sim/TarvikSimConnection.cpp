@@ -1,5 +1,7 @@
 #include "sim/TarvikSimConnection.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -23,8 +25,7 @@ constexpr unsigned short kStrayIdMask = 0x3FFF;
 
 size_t FrameSize(const char* p)
 {
-    return (static_cast<unsigned char>(p[0]) | static_cast<size_t>(static_cast<unsigned char>(p[1])) << 8) +
-           kLengthField;
+    return CTarvikPayload(p, kLengthField).U16At(0) + kLengthField;
 }
 
 // SplitMix64: a good spread from a plain counter, and the same sequence on every platform.
@@ -168,10 +169,11 @@ bool CTarvikSimConnection::HandleFrame(const char* frame, size_t len)
         return true;
     // Built from its fields rather than parsed: the parser takes 16-bit sizes, and the
     // largest frames are 65537 bytes. The constructor computes the check byte.
+    const CTarvikPayload header(frame, len);
     unsigned short cmd = 0;
     short id = 0;
-    CTarvikMsg::FromChar(cmd, frame + 2);
-    CTarvikMsg::FromChar(id, frame + 4);
+    header.ReadU16(2, cmd);
+    header.ReadS16(4, id);
     CTarvikMsg req(cmd, id, std::string(frame + 6, len - CTarvikMsg::kOverhead));
     if (req.GetCRC() != static_cast<unsigned char>(frame[len - 1]))
         return true;

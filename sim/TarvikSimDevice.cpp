@@ -1,5 +1,7 @@
 #include "sim/TarvikSimDevice.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 #include "sim/TarvikSimOutbox.h"
 
 #include <algorithm>
@@ -18,13 +20,6 @@ constexpr unsigned char kProductionMonth = 6;
 constexpr unsigned char kProductionDay = 14;
 constexpr size_t kInfoTypeByte = 18;
 constexpr size_t kInfoIndexByte = 19;
-
-unsigned int ReadLE32(const std::string& data, size_t pos)
-{
-    unsigned int value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
-}
 } // namespace
 
 CTarvikSimDevice::CTarvikSimDevice(ETarvikDevice type, unsigned int index)
@@ -161,9 +156,9 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
 {
     switch (cmd)
     {
-    case CTarvikClient::eCmdInfo: answer = data.empty() ? Answer(eResultOk, GetInfoRecord()) : Answer(eResultFailed); return true;
-    case CTarvikClient::eCmdStatus: answer = data.empty() ? Answer(eResultOk, StatusText()) : Answer(eResultFailed); return true;
-    case CTarvikClient::eCmdRestart:
+    case tarvik_protocol::common::eCmdInfo: answer = data.empty() ? Answer(eResultOk, GetInfoRecord()) : Answer(eResultFailed); return true;
+    case tarvik_protocol::common::eCmdStatus: answer = data.empty() ? Answer(eResultOk, StatusText()) : Answer(eResultFailed); return true;
+    case tarvik_protocol::common::eCmdRestart:
         if (!data.empty())
         {
             answer = Answer(eResultFailed);
@@ -172,20 +167,20 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
         RestartLocked();
         answer = Answer(eResultOk);
         return true;
-    case CTarvikClient::eCmdBaseReadDigital:
+    case tarvik_protocol::common::eCmdBaseReadDigital:
         answer = data.empty() ? Answer(eResultOk, CTarvikMsg::ToChar(m_nInputs) + CTarvikMsg::ToChar(m_nOutputs))
                               : Answer(eResultFailed);
         return true;
-    case CTarvikClient::eCmdBaseWriteDigital:
+    case tarvik_protocol::common::eCmdBaseWriteDigital:
         if (data.size() != 4)
         {
             answer = Answer(eResultFailed);
             return true;
         }
-        m_nOutputs = ReadLE32(data, 0);
+        m_nOutputs = CTarvikPayload(data).U32At(0);
         answer = Answer(eResultOk);
         return true;
-    case CTarvikClient::eCmdReadAnalog:
+    case tarvik_protocol::common::eCmdReadAnalog:
     {
         if (!data.empty())
         {
@@ -198,14 +193,14 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
         answer = Answer(eResultOk, values);
         return true;
     }
-    case CTarvikClient::eCmdWriteAnalog:
+    case tarvik_protocol::common::eCmdWriteAnalog:
         if (data.size() % 4 != 0 || data.size() / 4 > m_anAnalog.size())
         {
             answer = Answer(eResultFailed);
             return true;
         }
         for (size_t i = 0; i < data.size() / 4; ++i)
-            m_anAnalog[i] = ReadLE32(data, 4 * i);
+            m_anAnalog[i] = CTarvikPayload(data).U32At(4 * i);
         answer = Answer(eResultOk);
         return true;
     default: return false;

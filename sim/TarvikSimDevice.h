@@ -28,8 +28,7 @@
 
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/core/TarvikResult.h"
-
-#include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolDevice.h"
 
 #include <chrono>
 #include <cstddef>

@@ -10,6 +10,7 @@
 #define TARVIK_SIM_TARVIKSIMDEVICEAD_H
 
 #include "sim/TarvikSimDevice.h"
+#include "tarvik/protocol/TarvikProtocolAD.h"
 
 #include <cstdint>
 #include <vector>
@@ -19,7 +20,7 @@ class CTarvikSimDeviceAD : public CTarvikSimDevice
 public:
     enum ECmd
     {
-        eCmdRead = 0x30,
+        TARVIK_AD_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     static constexpr size_t kChannels = 8;

@@ -1,13 +1,14 @@
 #include "sim/TarvikSimDeviceAWire.h"
 
-#include "tarvik/clients/TarvikClientAWire.h"
+#include "tarvik/core/TarvikPayload.h"
+#include "tarvik/protocol/TarvikProtocolAWire.h"
 
 #include <chrono>
 
 namespace
 {
 // The device answers the command numbers its client sends.
-typedef CTarvikClientAWire CClient;
+namespace wire = tarvik_protocol::awire;
 constexpr unsigned char kOk = CTarvikSimDevice::eResultOk;
 constexpr unsigned char kFailed = CTarvikSimDevice::eResultFailed;
 // SetConfig: four values and the text's length byte.
@@ -17,20 +18,6 @@ constexpr size_t kBlockHeader = 6;
 // State-1 reports of one block come at most this often.
 constexpr auto kReportPause = std::chrono::milliseconds(10);
 typedef std::chrono::steady_clock CClock;
-
-unsigned int ReadU32(const std::string& data, size_t pos)
-{
-    unsigned int value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
-}
-
-unsigned short ReadU16(const std::string& data, size_t pos)
-{
-    unsigned short value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
-}
 } // namespace
 
 CTarvikSimDeviceAWire::CTarvikSimDeviceAWire(unsigned int index, size_t flashSize, size_t pageSize, unsigned int base)
@@ -60,13 +47,13 @@ bool CTarvikSimDeviceAWire::HandleCommand(unsigned char cmd, const std::string& 
 {
     switch (cmd)
     {
-    case CClient::eCmdSetConfig: answer = SetConfig(data); return true;
-    case CClient::eCmdGetConfig: answer = GetConfig(data); return true;
-    case CClient::eCmdWriteBlock: answer = WriteBlock(data, false); return true;
-    case CClient::eCmdErase: answer = Erase(data); return true;
-    case CClient::eCmdRead: answer = Read(data); return true;
-    case CClient::eCmdWriteUserPage: answer = WriteBlock(data, true); return true;
-    case CClient::eCmdEraseUserPage: answer = EraseUserPage(data); return true;
+    case wire::eCmdSetConfig: answer = SetConfig(data); return true;
+    case wire::eCmdGetConfig: answer = GetConfig(data); return true;
+    case wire::eCmdWriteBlock: answer = WriteBlock(data, false); return true;
+    case wire::eCmdErase: answer = Erase(data); return true;
+    case wire::eCmdRead: answer = Read(data); return true;
+    case wire::eCmdWriteUserPage: answer = WriteBlock(data, true); return true;
+    case wire::eCmdEraseUserPage: answer = EraseUserPage(data); return true;
     default: return false;
     }
 }
@@ -75,9 +62,9 @@ std::string CTarvikSimDeviceAWire::SetConfig(const std::string& data)
 {
     if (data.size() < kConfigHeader || data.size() != kConfigHeader + static_cast<unsigned char>(data[16]))
         return Answer(kFailed);
-    m_anConfig[0] = ReadU32(data, 0);
-    m_anConfig[1] = ReadU32(data, 4);
-    m_anConfig[2] = ReadU32(data, 12);
+    m_anConfig[0] = CTarvikPayload(data).U32At(0);
+    m_anConfig[1] = CTarvikPayload(data).U32At(4);
+    m_anConfig[2] = CTarvikPayload(data).U32At(12);
     m_sConfigText = data.substr(kConfigHeader);
     return Answer(kOk);
 }
@@ -112,11 +99,11 @@ std::string CTarvikSimDeviceAWire::Read(const std::string& data) const
 {
     if (data.size() != kBlockHeader)
         return Answer(kFailed);
-    unsigned short length = ReadU16(data, 4);
+    unsigned short length = CTarvikPayload(data).U16At(4);
     size_t offset = 0;
     if (length > kMaxData - 1)
         return Answer(kFailed);
-    if (!LocateAny(ReadU32(data, 0), length, offset))
+    if (!LocateAny(CTarvikPayload(data).U32At(0), length, offset))
         return Answer(eResultReadFailed);
     return Answer(kOk, m_sMemory.substr(offset, length));
 }
@@ -125,7 +112,7 @@ std::string CTarvikSimDeviceAWire::Erase(const std::string& data)
 {
     if (data.size() != 2)
         return Answer(kFailed);
-    if (ReadU16(data, 0) != 0)
+    if (CTarvikPayload(data).U16At(0) != 0)
         return Answer(eResultEraseBlock);
     m_sMemory.replace(0, m_nFlashSize, m_nFlashSize, '\xFF');
     return Answer(kOk);
@@ -141,9 +128,9 @@ std::string CTarvikSimDeviceAWire::EraseUserPage(const std::string& data)
 
 std::string CTarvikSimDeviceAWire::WriteBlock(const std::string& data, bool userPage)
 {
-    if (data.size() < kBlockHeader || data.size() != kBlockHeader + ReadU16(data, 4))
+    if (data.size() < kBlockHeader || data.size() != kBlockHeader + CTarvikPayload(data).U16At(4))
         return Answer(kFailed);
-    SJob job{GetRequester(), GetRequestID(), userPage, ReadU32(data, 0),
+    SJob job{GetRequester(), GetRequestID(), userPage, CTarvikPayload(data).U32At(0),
              data.substr(kBlockHeader)};
     if (m_nRate == 0 && m_dqJobs.empty() && !m_bWorking)
     {
@@ -188,7 +175,7 @@ void CTarvikSimDeviceAWire::Report(const SJob& job, unsigned char state, size_t 
     std::string payload = CTarvikMsg::ToChar(job.m_nHandle);
     payload += static_cast<char>(state);
     payload += CTarvikMsg::ToChar(static_cast<unsigned short>(done));
-    unsigned short code = static_cast<unsigned short>(eTarvikAWire << 8 | CClient::eCmdWriteProgress);
+    unsigned short code = static_cast<unsigned short>(eTarvikAWire << 8 | wire::eCmdWriteProgress);
     // A client that has gone misses its reports, as it would with a real gateway.
     IndicateTo(job.m_nConnection, CTarvikMsg(code, 0, std::move(payload)));
 }

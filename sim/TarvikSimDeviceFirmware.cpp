@@ -1,19 +1,14 @@
 #include "sim/TarvikSimDeviceFirmware.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 #include <algorithm>
 
 namespace
 {
 // The device answers the command numbers its client sends.
-typedef CTarvikClientFirmware CClient;
+namespace wire = tarvik_protocol::firmware;
 constexpr size_t kAddressSize = 4;
-
-unsigned short U16(const std::string& data, size_t pos)
-{
-    unsigned short value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
-}
 
 // The address field: four bytes, most significant first.
 size_t Address(const std::string& data)
@@ -60,16 +55,16 @@ bool CTarvikSimDeviceFirmware::HandleCommand(unsigned char cmd, const std::strin
 {
     switch (cmd)
     {
-    case CClient::eCmdGetEEPromInfo:
+    case wire::eCmdGetEEPromInfo:
         answer = Answer(eResultOk, CTarvikMsg::ToChar(static_cast<unsigned short>(kEEPromPage)) +
                                        CTarvikMsg::ToChar(static_cast<unsigned int>(kEEPromSize)));
         return true;
-    case CClient::eCmdReadEEProm: answer = ReadEEProm(data); return true;
-    case CClient::eCmdWriteEEProm: answer = WriteEEProm(data); return true;
-    case CClient::eCmdClearFlash: m_sFlash.assign(m_sFlash.size(), '\xFF'); answer = Answer(eResultOk); return true;
-    case CClient::eCmdReadFlash: answer = ReadFlash(data); return true;
-    case CClient::eCmdWriteFlash: answer = WriteFlash(data); return true;
-    case CClient::eCmdRestart: answer = Answer(eResultOk); return true;
+    case wire::eCmdReadEEProm: answer = ReadEEProm(data); return true;
+    case wire::eCmdWriteEEProm: answer = WriteEEProm(data); return true;
+    case wire::eCmdClearFlash: m_sFlash.assign(m_sFlash.size(), '\xFF'); answer = Answer(eResultOk); return true;
+    case wire::eCmdReadFlash: answer = ReadFlash(data); return true;
+    case wire::eCmdWriteFlash: answer = WriteFlash(data); return true;
+    case wire::eCmdRestart: answer = Answer(eResultOk); return true;
     default: return false;
     }
 }
@@ -79,7 +74,7 @@ std::string CTarvikSimDeviceFirmware::ReadEEProm(const std::string& data) const
     if (data.size() != kAddressSize + 2)
         return Answer(eResultFailed);
     size_t address = Address(data);
-    size_t len = U16(data, kAddressSize);
+    size_t len = CTarvikPayload(data).U16At(kAddressSize);
     if (address > kEEPromSize || len > kEEPromSize - address)
         return Answer(eResultEEProm);
     return Answer(eResultOk, m_sEEProm.substr(address, len));
@@ -99,16 +94,16 @@ std::string CTarvikSimDeviceFirmware::WriteEEProm(const std::string& data)
 
 std::string CTarvikSimDeviceFirmware::ReadFlash(const std::string& data) const
 {
-    if (data.size() != 2 || U16(data, 0) >= kBlockCount)
+    if (data.size() != 2 || CTarvikPayload(data).U16At(0) >= kBlockCount)
         return Answer(eResultFailed);
-    return Answer(eResultOk, data + m_sFlash.substr(U16(data, 0) * kBlockSize, kBlockSize));
+    return Answer(eResultOk, data + m_sFlash.substr(CTarvikPayload(data).U16At(0) * kBlockSize, kBlockSize));
 }
 
 std::string CTarvikSimDeviceFirmware::WriteFlash(const std::string& data)
 {
-    if (data.size() != 2 + kBlockSize || U16(data, 0) >= kBlockCount)
+    if (data.size() != 2 + kBlockSize || CTarvikPayload(data).U16At(0) >= kBlockCount)
         return Answer(eResultFailed);
-    m_sFlash.replace(U16(data, 0) * kBlockSize, kBlockSize, data, 2, kBlockSize);
+    m_sFlash.replace(CTarvikPayload(data).U16At(0) * kBlockSize, kBlockSize, data, 2, kBlockSize);
     return Answer(eResultOk);
 }
 

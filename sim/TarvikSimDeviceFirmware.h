@@ -18,7 +18,7 @@
 #define TARVIK_SIM_TARVIKSIMDEVICEFIRMWARE_H
 
 #include "sim/TarvikSimDevice.h"
-#include "tarvik/clients/TarvikClientFirmware.h"
+#include "tarvik/protocol/TarvikProtocolFirmware.h"
 
 #include <string>
 
@@ -30,7 +30,7 @@ public:
         eResultEEProm = 0x02,
     };
 
-    static constexpr size_t kBlockSize = 2048;
+    static constexpr size_t kBlockSize = tarvik_protocol::firmware::kFlashBlockSize;
     static constexpr size_t kBlockCount = 64;
     static constexpr size_t kEEPromSize = 256;
     static constexpr size_t kEEPromPage = 16;

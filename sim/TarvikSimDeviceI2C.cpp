@@ -1,23 +1,18 @@
 #include "sim/TarvikSimDeviceI2C.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 #include <thread>
 
 namespace
 {
 // The device answers the command numbers its client sends.
-typedef CTarvikClientI2C CClient;
+namespace wire = tarvik_protocol::i2c;
 constexpr size_t kMaxAnswer = CTarvikSimDevice::kMaxData - 1;
 // Slave u16, address count u8, offset of four bytes.
 constexpr size_t kEEPromHeader = 7;
 constexpr size_t kPollHeader = 9;
 constexpr unsigned char kStopAfter = 0x01;
-
-unsigned short U16(const std::string& data, size_t pos)
-{
-    unsigned short value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
-}
 } // namespace
 
 CTarvikSimDeviceI2C::CTarvikSimDeviceI2C(unsigned int index)
@@ -34,24 +29,24 @@ bool CTarvikSimDeviceI2C::HandleCommand(unsigned char cmd, const std::string& da
 {
     switch (cmd)
     {
-    case CClient::eCmdReset: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
-    case CClient::eCmdSetBaudrate:
+    case wire::eCmdReset: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
+    case wire::eCmdSetBaudrate:
         if (data.size() != 4)
             return answer = Answer(eResultFailed), true;
-        CTarvikMsg::FromChar(m_nRate, data.data());
+        m_nRate = CTarvikPayload(data).U32At(0);
         answer = Answer(eResultOk);
         return true;
-    case CClient::eCmdGetBaudrate: answer = Answer(eResultOk, CTarvikMsg::ToChar(m_nRate)); return true;
-    case CClient::eCmdRead: answer = Read(data); return true;
-    case CClient::eCmdWrite: answer = Write(data); return true;
-    case CClient::eCmdReadEEProm: answer = ReadEEProm(data); return true;
-    case CClient::eCmdWriteEEProm: answer = WriteEEProm(data, false); return true;
-    case CClient::eCmdWriteEEPromPollAck: answer = WriteEEProm(data, true); return true;
-    case CClient::eCmdSequence: answer = Sequence(data); return true;
-    case CClient::eCmdRAWStart: StopBus(); m_bRawStarted = true; answer = Answer(eResultOk); return true;
-    case CClient::eCmdRAWSend: answer = RawSend(data); return true;
-    case CClient::eCmdRAWGet: answer = RawGet(data); return true;
-    case CClient::eCmdRAWStop: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
+    case wire::eCmdGetBaudrate: answer = Answer(eResultOk, CTarvikMsg::ToChar(m_nRate)); return true;
+    case wire::eCmdRead: answer = Read(data); return true;
+    case wire::eCmdWrite: answer = Write(data); return true;
+    case wire::eCmdReadEEProm: answer = ReadEEProm(data); return true;
+    case wire::eCmdWriteEEProm: answer = WriteEEProm(data, false); return true;
+    case wire::eCmdWriteEEPromPollAck: answer = WriteEEProm(data, true); return true;
+    case wire::eCmdSequence: answer = Sequence(data); return true;
+    case wire::eCmdRAWStart: StopBus(); m_bRawStarted = true; answer = Answer(eResultOk); return true;
+    case wire::eCmdRAWSend: answer = RawSend(data); return true;
+    case wire::eCmdRAWGet: answer = RawGet(data); return true;
+    case wire::eCmdRAWStop: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
     default: return false;
     }
 }
@@ -74,13 +69,13 @@ void CTarvikSimDeviceI2C::StopBus()
 
 std::string CTarvikSimDeviceI2C::Read(const std::string& data)
 {
-    if (data.size() != 4 || U16(data, 2) > kMaxAnswer)
+    if (data.size() != 4 || CTarvikPayload(data).U16At(2) > kMaxAnswer)
         return Answer(eResultFailed);
-    CTarvikSimEeprom24* chip = Start(static_cast<unsigned char>(U16(data, 0) | 1));
+    CTarvikSimEeprom24* chip = Start(static_cast<unsigned char>(CTarvikPayload(data).U16At(0) | 1));
     if (chip == nullptr)
         return Answer(eResultNack);
     std::string bytes;
-    for (unsigned short i = U16(data, 2); i > 0; --i)
+    for (unsigned short i = CTarvikPayload(data).U16At(2); i > 0; --i)
         bytes += static_cast<char>(chip->Read());
     StopBus();
     return Answer(eResultOk, bytes);
@@ -90,7 +85,7 @@ std::string CTarvikSimDeviceI2C::Write(const std::string& data)
 {
     if (data.size() < 2)
         return Answer(eResultFailed);
-    CTarvikSimEeprom24* chip = Start(static_cast<unsigned char>(U16(data, 0) & 0xFE));
+    CTarvikSimEeprom24* chip = Start(static_cast<unsigned char>(CTarvikPayload(data).U16At(0) & 0xFE));
     if (chip == nullptr)
         return Answer(eResultNack, CTarvikMsg::ToChar(static_cast<unsigned short>(0)));
     unsigned short acked = 0;
@@ -115,9 +110,9 @@ bool CTarvikSimDeviceI2C::AddressEEProm(unsigned char slave, unsigned char count
 
 std::string CTarvikSimDeviceI2C::ReadEEProm(const std::string& data)
 {
-    if (data.size() != kEEPromHeader + 2 || U16(data, kEEPromHeader) > kMaxAnswer)
+    if (data.size() != kEEPromHeader + 2 || CTarvikPayload(data).U16At(kEEPromHeader) > kMaxAnswer)
         return Answer(eResultFailed);
-    unsigned char slave = static_cast<unsigned char>(U16(data, 0));
+    unsigned char slave = static_cast<unsigned char>(CTarvikPayload(data).U16At(0));
     if (!AddressEEProm(slave, static_cast<unsigned char>(data[2]), data.data() + 3))
         return StopBus(), Answer(eResultNack);
     // Repeated start in read form; the chip keeps the address just set.
@@ -125,7 +120,7 @@ std::string CTarvikSimDeviceI2C::ReadEEProm(const std::string& data)
     if (!chip->Start(static_cast<unsigned char>(slave | 1)))
         return StopBus(), Answer(eResultNack);
     std::string bytes;
-    for (unsigned short i = U16(data, kEEPromHeader); i > 0; --i)
+    for (unsigned short i = CTarvikPayload(data).U16At(kEEPromHeader); i > 0; --i)
         bytes += static_cast<char>(chip->Read());
     StopBus();
     return Answer(eResultOk, bytes);
@@ -136,14 +131,14 @@ std::string CTarvikSimDeviceI2C::WriteEEProm(const std::string& data, bool poll)
     size_t header = poll ? kPollHeader : kEEPromHeader;
     if (data.size() < header)
         return Answer(eResultFailed);
-    unsigned char slave = static_cast<unsigned char>(U16(data, 0));
+    unsigned char slave = static_cast<unsigned char>(CTarvikPayload(data).U16At(0));
     size_t count = poll ? 4 : 2;
     if (!AddressEEProm(slave, static_cast<unsigned char>(data[count]), data.data() + count + 1))
         return StopBus(), Answer(eResultNack);
     for (size_t i = header; i < data.size(); ++i)
         m_pActive->Write(static_cast<unsigned char>(data[i]));
     StopBus();
-    if (poll && !PollAck(slave, U16(data, 2)))
+    if (poll && !PollAck(slave, CTarvikPayload(data).U16At(2)))
         return Answer(eResultPollTimeout);
     return Answer(eResultOk);
 }
@@ -173,8 +168,8 @@ std::string CTarvikSimDeviceI2C::Sequence(const std::string& data)
     {
         if (data.size() - pos < 4)
             return Answer(eResultFailed);
-        unsigned char address = static_cast<unsigned char>(U16(data, pos));
-        unsigned short len = U16(data, pos + 2);
+        unsigned char address = static_cast<unsigned char>(CTarvikPayload(data).U16At(pos));
+        unsigned short len = CTarvikPayload(data).U16At(pos + 2);
         pos += 4;
         bool reading = (address & 1) != 0;
         if ((!reading && data.size() - pos < len) || (reading && read.size() + len > kMaxAnswer - 2))

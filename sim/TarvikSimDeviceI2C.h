@@ -27,7 +27,7 @@
 #define TARVIK_SIM_TARVIKSIMDEVICEI2C_H
 
 #include "sim/TarvikSimDevice.h"
-#include "tarvik/clients/TarvikClientI2C.h"
+#include "tarvik/protocol/TarvikProtocolI2C.h"
 #include "sim/TarvikSimEeprom24.h"
 
 #include <vector>

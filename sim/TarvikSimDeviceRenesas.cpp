@@ -1,21 +1,16 @@
 #include "sim/TarvikSimDeviceRenesas.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 namespace
 {
 // The device answers the command numbers its client sends.
-typedef CTarvikClientRenesas CClient;
+namespace wire = tarvik_protocol::renesas;
 constexpr unsigned char kOk = CTarvikSimDevice::eResultOk;
 constexpr unsigned char kFailed = CTarvikSimDevice::eResultFailed;
 constexpr unsigned char kInvalidID = CTarvikSimDeviceRenesas::eResultInvalidID;
 constexpr size_t kFlashSize = CTarvikSimDeviceRenesas::kPageSize * CTarvikSimDeviceRenesas::kPageCount;
 constexpr size_t kBlockCount = CTarvikSimDeviceRenesas::kPageCount / CTarvikSimDeviceRenesas::kPagesPerBlock;
-
-unsigned short ReadU16(const std::string& data, size_t pos)
-{
-    unsigned short value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
-}
 } // namespace
 
 const char* const CTarvikSimDeviceRenesas::kDefaultID = "RENESAS";
@@ -31,25 +26,25 @@ CTarvikSimDeviceRenesas::~CTarvikSimDeviceRenesas() = default;
 
 bool CTarvikSimDeviceRenesas::HandleCommand(unsigned char cmd, const std::string& data, std::string& answer)
 {
-    if (cmd < CClient::eCmdInit || cmd > CClient::eCmdBlockErase)
+    if (cmd < wire::eCmdInit || cmd > wire::eCmdBlockErase)
         return false;
     // Outside a sequence the target is not in programming mode and never answers.
-    if (cmd != CClient::eCmdInit && !m_bInSequence)
+    if (cmd != wire::eCmdInit && !m_bInSequence)
     {
         answer = Answer(eResultTimeout);
         return true;
     }
     switch (cmd)
     {
-    case CClient::eCmdInit: answer = Init(data); break;
-    case CClient::eCmdCheckID: answer = CheckID(data); break;
-    case CClient::eCmdSetBaudrate: answer = SetBaudrate(data); break;
-    case CClient::eCmdReadPage: answer = ReadPage(data); break;
-    case CClient::eCmdEraseAll: answer = EraseAll(data); break;
-    case CClient::eCmdWritePage: answer = WritePage(data); break;
-    case CClient::eCmdGetVersion: answer = data.empty() ? Answer(kOk, kVersion) : Answer(kFailed); break;
-    case CClient::eCmdComplete: answer = Complete(data); break;
-    case CClient::eCmdVerifyCheck: answer = VerifyCheck(data); break;
+    case wire::eCmdInit: answer = Init(data); break;
+    case wire::eCmdCheckID: answer = CheckID(data); break;
+    case wire::eCmdSetBaudrate: answer = SetBaudrate(data); break;
+    case wire::eCmdReadPage: answer = ReadPage(data); break;
+    case wire::eCmdEraseAll: answer = EraseAll(data); break;
+    case wire::eCmdWritePage: answer = WritePage(data); break;
+    case wire::eCmdGetVersion: answer = data.empty() ? Answer(kOk, kVersion) : Answer(kFailed); break;
+    case wire::eCmdComplete: answer = Complete(data); break;
+    case wire::eCmdVerifyCheck: answer = VerifyCheck(data); break;
     default: answer = BlockErase(data); break;
     }
     return true;
@@ -89,9 +84,9 @@ std::string CTarvikSimDeviceRenesas::ReadPage(const std::string& data) const
 {
     if (Locked() != kOk)
         return Answer(Locked());
-    if (data.size() != 2 || ReadU16(data, 0) >= kPageCount)
+    if (data.size() != 2 || CTarvikPayload(data).U16At(0) >= kPageCount)
         return Answer(kFailed);
-    return Answer(kOk, m_sFlash.substr(ReadU16(data, 0) * kPageSize, kPageSize));
+    return Answer(kOk, m_sFlash.substr(CTarvikPayload(data).U16At(0) * kPageSize, kPageSize));
 }
 
 std::string CTarvikSimDeviceRenesas::EraseAll(const std::string& data)
@@ -110,7 +105,7 @@ std::string CTarvikSimDeviceRenesas::WritePage(const std::string& data)
         return Answer(Locked());
     if (data.size() != 2 + kPageSize)
         return Answer(kFailed);
-    unsigned short page = ReadU16(data, 0);
+    unsigned short page = CTarvikPayload(data).U16At(0);
     if (page >= kPageCount)
         return Answer(eResultProgramFailed);
     size_t base = page * kPageSize;
@@ -128,8 +123,8 @@ std::string CTarvikSimDeviceRenesas::VerifyCheck(const std::string& data) const
         return Answer(Locked());
     if (data.size() != 4)
         return Answer(kFailed);
-    unsigned short first = ReadU16(data, 0);
-    unsigned short last = ReadU16(data, 2);
+    unsigned short first = CTarvikPayload(data).U16At(0);
+    unsigned short last = CTarvikPayload(data).U16At(2);
     if (first > last || last >= kPageCount)
         return Answer(kFailed);
     unsigned short sum = 0;
@@ -144,7 +139,7 @@ std::string CTarvikSimDeviceRenesas::BlockErase(const std::string& data)
         return Answer(Locked());
     if (data.size() != 2)
         return Answer(kFailed);
-    unsigned short block = ReadU16(data, 0);
+    unsigned short block = CTarvikPayload(data).U16At(0);
     if (block >= kBlockCount)
         return Answer(eResultEraseFailed);
     size_t blockSize = kPagesPerBlock * kPageSize;

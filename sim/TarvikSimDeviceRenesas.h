@@ -24,7 +24,7 @@
 #define TARVIK_SIM_TARVIKSIMDEVICERENESAS_H
 
 #include "sim/TarvikSimDevice.h"
-#include "tarvik/clients/TarvikClientRenesas.h"
+#include "tarvik/protocol/TarvikProtocolRenesas.h"
 
 #include <string>
 
@@ -39,10 +39,10 @@ public:
         eResultProgramFailed = 0x23,
     };
 
-    static constexpr size_t kPageSize = 256;
+    static constexpr size_t kPageSize = tarvik_protocol::renesas::kPageSize;
     static constexpr size_t kPageCount = 256;
     static constexpr size_t kPagesPerBlock = 16;
-    static constexpr size_t kIDSize = 7;
+    static constexpr size_t kIDSize = tarvik_protocol::renesas::kIDSize;
     // The target's ID at start: "RENESAS".
     static const char* const kDefaultID;
     static const char* const kVersion;

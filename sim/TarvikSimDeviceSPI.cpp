@@ -1,5 +1,7 @@
 #include "sim/TarvikSimDeviceSPI.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 #include "sim/TarvikSimSpiSequence.h"
 
 namespace
@@ -49,10 +51,11 @@ std::string CTarvikSimDeviceSPI::SetGlobals(const std::string& data)
 {
     if (data.size() != kGlobalsSize)
         return Answer(eTarvikSimSpiInconsistent);
-    CTarvikMsg::FromChar(m_nRate, data.data());
-    m_nSetting1 = static_cast<unsigned char>(data[4]);
-    m_nSetting2 = static_cast<unsigned char>(data[5]);
-    m_nSetting3 = static_cast<unsigned char>(data[6]);
+    const CTarvikPayload globals(data);
+    m_nRate = globals.U32At(0);
+    m_nSetting1 = globals.At(4);
+    m_nSetting2 = globals.At(5);
+    m_nSetting3 = globals.At(6);
     return Answer(eTarvikSimSpiOk);
 }
 

@@ -15,16 +15,14 @@
 
 #include "sim/TarvikSimDevice.h"
 #include "sim/TarvikSimEeprom25.h"
+#include "tarvik/protocol/TarvikProtocolSPI.h"
 
 class CTarvikSimDeviceSPI : public CTarvikSimDevice
 {
 public:
     enum ESpiCommand
     {
-        eCmdDataReq = 0x03,
-        eCmdSetGlobals = 0x07,
-        eCmdGetGlobals = 0x08,
-        eCmdSequence = 0x14,
+        TARVIK_SPI_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     static constexpr unsigned int kDefaultRate = 1000000;

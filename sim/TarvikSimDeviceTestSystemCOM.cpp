@@ -1,9 +1,11 @@
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 namespace
 {
 // The unit answers the command numbers its client sends.
-typedef CTarvikClientTestSystemCOM CCom;
+namespace wire = tarvik_protocol::testsystem_com;
 // Reads a length-prefixed name at pos and moves pos past it; false when it is cut short.
 bool ReadName(const std::string& data, size_t& pos, std::string& name)
 {
@@ -15,13 +17,6 @@ bool ReadName(const std::string& data, size_t& pos, std::string& name)
     name = data.substr(pos + 1, len);
     pos += 1 + len;
     return true;
-}
-
-unsigned int ReadU32(const std::string& data, size_t pos)
-{
-    unsigned int value = 0;
-    CTarvikMsg::FromChar(value, data.data() + pos);
-    return value;
 }
 } // namespace
 
@@ -36,12 +31,12 @@ bool CTarvikSimDeviceTestSystemCOM::HandleCommand(unsigned char cmd, const std::
 {
     switch (cmd)
     {
-    case CCom::eCmdSetConfig: answer = SetConfig(data); return true;
-    case CCom::eCmdGetConfig: answer = data.empty() ? Answer(eResultOk, m_sActive) : Answer(eResultFailed); return true;
-    case CCom::eCmdIsConfigAvailable: answer = IsConfigAvailable(data); return true;
-    case CCom::eCmdFileStart: answer = FileStart(data); return true;
-    case CCom::eCmdFileData: answer = FileData(data); return true;
-    case CCom::eCmdInstallConfig: answer = InstallConfig(data); return true;
+    case wire::eCmdSetConfig: answer = SetConfig(data); return true;
+    case wire::eCmdGetConfig: answer = data.empty() ? Answer(eResultOk, m_sActive) : Answer(eResultFailed); return true;
+    case wire::eCmdIsConfigAvailable: answer = IsConfigAvailable(data); return true;
+    case wire::eCmdFileStart: answer = FileStart(data); return true;
+    case wire::eCmdFileData: answer = FileData(data); return true;
+    case wire::eCmdInstallConfig: answer = InstallConfig(data); return true;
     default: return false;
     }
 }
@@ -87,8 +82,8 @@ std::string CTarvikSimDeviceTestSystemCOM::FileStart(const std::string& data)
     ++m_nTransfers;
     m_oTransfer.m_bActive = true;
     m_oTransfer.m_sName = name;
-    m_oTransfer.m_nCRC = ReadU32(data, 0);
-    m_oTransfer.m_nSize = ReadU32(data, 4);
+    m_oTransfer.m_nCRC = CTarvikPayload(data).U32At(0);
+    m_oTransfer.m_nSize = CTarvikPayload(data).U32At(4);
     return Accept(data.data() + pos, data.size() - pos);
 }
 
@@ -124,7 +119,7 @@ std::string CTarvikSimDeviceTestSystemCOM::InstallConfig(const std::string& data
     auto stored = m_aoFiles.find(file);
     if (stored == m_aoFiles.end())
         return Answer(eResultFileOpen);
-    if (stored->second.m_nCRC != ReadU32(data, 0))
+    if (stored->second.m_nCRC != CTarvikPayload(data).U32At(0))
         return Answer(eResultCRCMismatch);
     m_asConfigs[config] = file;
     m_sActive = config;

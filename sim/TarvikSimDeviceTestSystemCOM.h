@@ -21,7 +21,7 @@
 #define TARVIK_SIM_TARVIKSIMDEVICETESTSYSTEMCOM_H
 
 #include "sim/TarvikSimDevice.h"
-#include "tarvik/clients/TarvikClientTestSystemCOM.h"
+#include "tarvik/protocol/TarvikProtocolTestSystemCOM.h"
 
 #include <boost/crc.hpp>
 

@@ -1,5 +1,7 @@
 #include "sim/TarvikSimDeviceTestUnit.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 #include <algorithm>
 
 CTarvikSimDeviceTestUnit::SLayout CTarvikSimDeviceTestUnit::DefaultLayout(ETarvikDevice type)
@@ -57,8 +59,9 @@ std::string CTarvikSimDeviceTestUnit::SetWords(std::vector<unsigned short>& word
 {
     if (data.size() % 2 != 0 || data.size() / 2 > words.size())
         return Answer(eResultFailed);
+    const CTarvikPayload values(data);
     for (size_t i = 0; i < data.size() / 2; ++i)
-        CTarvikMsg::FromChar(words[i], data.data() + 2 * i);
+        words[i] = values.U16At(2 * i);
     return Answer(eResultOk);
 }
 

@@ -17,6 +17,9 @@
 #define TARVIK_SIM_TARVIKSIMDEVICETESTUNIT_H
 
 #include "sim/TarvikSimDevice.h"
+#include "tarvik/protocol/TarvikProtocolTestSystemIO.h"
+#include "tarvik/protocol/TarvikProtocolTestSystemPWR.h"
+#include "tarvik/protocol/TarvikProtocolTestSystemRelay.h"
 
 #include <string>
 #include <vector>
@@ -24,15 +27,21 @@
 class CTarvikSimDeviceTestUnit : public CTarvikSimDevice
 {
 public:
+    // The three units share one numbering: the IO unit's commands and the relay unit's own.
     enum ECmd
     {
-        eCmdSetValue = 0x10,
-        eCmdGetValue = 0x11,
-        eCmdSetRelay = 0x12,
-        eCmdGetButton = 0x13,
-        eCmdSetPower = 0x20,
-        eCmdGetPower = 0x21,
+        eCmdSetValue = tarvik_protocol::testsystem_io::eCmdSetValue,
+        eCmdGetValue = tarvik_protocol::testsystem_io::eCmdGetValue,
+        eCmdSetRelay = tarvik_protocol::testsystem_relay::eCmdSetRelay,
+        eCmdGetButton = tarvik_protocol::testsystem_relay::eCmdGetButton,
+        eCmdSetPower = tarvik_protocol::testsystem_io::eCmdSetPower,
+        eCmdGetPower = tarvik_protocol::testsystem_io::eCmdGetPower,
     };
+    static_assert(static_cast<int>(tarvik_protocol::testsystem_pwr::eCmdSetValue) == eCmdSetValue &&
+                      static_cast<int>(tarvik_protocol::testsystem_pwr::eCmdGetValue) == eCmdGetValue &&
+                      static_cast<int>(tarvik_protocol::testsystem_relay::eCmdSetPower) == eCmdSetPower &&
+                      static_cast<int>(tarvik_protocol::testsystem_relay::eCmdGetPower) == eCmdGetPower,
+                  "the test-system units share one command numbering");
 
     // How many of each a unit has; 0: the unit lacks the commands.
     struct SLayout

@@ -2,6 +2,7 @@
 // Exit codes: 0 stopped by a signal, --help, --version; 1 a device could not listen;
 // 2 unusable arguments.
 #include "sim/TarvikSimRunner.h"
+#include "tarvik/core/TarvikVersionText.h"
 
 #include <cstdio>
 #include <iostream>
@@ -27,7 +28,7 @@ int Run(int argc, char** argv)
     CLI::App app{"Tarvik gateway simulator: answers as gateway devices on TCP until SIGINT or SIGTERM.\n"
                  "Device type t listens on port 4999 + t + 100 * index.",
                  kProgram};
-    app.set_version_flag("--version", CTarvikSimRunner::VersionText(kProgram));
+    app.set_version_flag("--version", TarvikVersionText(kProgram));
     STarvikSimOptions options;
     CTarvikSimRunner::AddOptions(app, options);
     try

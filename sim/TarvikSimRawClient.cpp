@@ -1,5 +1,7 @@
 #include "sim/TarvikSimRawClient.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 #include <cerrno>
 #include <chrono>
 #include <netdb.h>
@@ -131,9 +133,7 @@ std::string CTarvikSimRawClient::ReceiveFrame(unsigned int timeoutMs)
 {
     if (m_nSocket < 0 || !Fill(2, timeoutMs))
         return std::string();
-    size_t size = (static_cast<unsigned char>(m_sPending[0]) |
-                   static_cast<size_t>(static_cast<unsigned char>(m_sPending[1])) << 8) +
-                  2;
+    size_t size = CTarvikPayload(m_sPending).U16At(0) + size_t(2);
     if (!Fill(size, timeoutMs))
         return std::string();
     std::string frame = m_sPending.substr(0, size);

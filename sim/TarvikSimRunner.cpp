@@ -4,9 +4,6 @@
 #include "sim/TarvikSimRegistry.h"
 #include "sim/TarvikSimServer.h"
 
-#include "tarvik/TarvikVersion.h"
-#include "tarvik/dll/TarvikDLL.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <csignal>
@@ -157,11 +154,6 @@ bool ParseNodeIds(const std::string& text, std::vector<unsigned char>& ids, std:
     return true;
 }
 } // namespace
-
-std::string CTarvikSimRunner::VersionText(const std::string& program)
-{
-    return program + " " TARVIK_VERSION_STRING " (" + gsDLLVersionString + ")";
-}
 
 std::string CTarvikSimRunner::JoinNames()
 {

@@ -45,9 +45,6 @@ public:
         eExitUsage = 2,  // unknown device, --port with several devices
     };
 
-    // "<program> 1.3.18 (Tarvik SPI DLL V1.3-2.18)": the package version with the
-    // C interface's version text; tarvik-sim and tarvik print it for --version.
-    static std::string VersionText(const std::string& program);
     // The short names of every model, comma-separated.
     static std::string JoinNames();
     // Adds -H/--host, -d/--devices, -i/--index, -p/--port, --can-nodes and the fault options to app.

@@ -1,5 +1,7 @@
 #include "sim/TarvikSimSpiSequence.h"
 
+#include "tarvik/core/TarvikPayload.h"
+
 #include <chrono>
 #include <thread>
 
@@ -7,12 +9,6 @@ namespace
 {
 // Pause between two tries of a POLL, so that polling does not spin a core.
 constexpr auto kPollInterval = std::chrono::microseconds(50);
-
-unsigned int ReadLE16(const std::string& text, size_t pos)
-{
-    return static_cast<unsigned char>(text[pos]) | static_cast<unsigned int>(static_cast<unsigned char>(text[pos + 1]))
-                                                       << 8;
-}
 } // namespace
 
 unsigned char CTarvikSimSpiSequence::Parse(const std::string& script, size_t maxOutput)
@@ -37,7 +33,7 @@ unsigned char CTarvikSimSpiSequence::Parse(const std::string& script, size_t max
         case eOpRead:
             if (left < 2)
                 return eTarvikSimSpiInconsistent;
-            step.nCount = ReadLE16(script, pos);
+            step.nCount = CTarvikPayload(script).U16At(pos);
             pos += 2;
             if (step.eOp != eOpRead)
             {
@@ -56,7 +52,7 @@ unsigned char CTarvikSimSpiSequence::Parse(const std::string& script, size_t max
         case eOpDelay:
             if (left < 2)
                 return eTarvikSimSpiInconsistent;
-            step.nCount = ReadLE16(script, pos);
+            step.nCount = CTarvikPayload(script).U16At(pos);
             pos += 2;
             waitUs += step.nCount;
             break;
@@ -66,7 +62,7 @@ unsigned char CTarvikSimSpiSequence::Parse(const std::string& script, size_t max
             step.nCmd = static_cast<unsigned char>(script[pos]);
             step.nMask = static_cast<unsigned char>(script[pos + 1]);
             step.nValue = static_cast<unsigned char>(script[pos + 2]);
-            step.nTimeoutMs = ReadLE16(script, pos + 3);
+            step.nTimeoutMs = CTarvikPayload(script).U16At(pos + 3);
             pos += 5;
             waitUs += step.nTimeoutMs * 1000ul;
             break;

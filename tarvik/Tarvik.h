@@ -5,7 +5,7 @@
 
 #include "tarvik/TarvikVersion.h"
 #include "tarvik/core/TarvikDeviceInfo.h"
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 #include "tarvik/core/TarvikResult.h"
 #include "tarvik/dll/TarvikDLL.h"
 #include "tarvik/dll/TarvikDllAD.h"
@@ -36,6 +36,7 @@
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/core/TarvikPayload.h"
 #include "tarvik/core/TarvikReply.h"
+#include "tarvik/core/TarvikVersionText.h"
 #include "tarvik/dll/DeviceManager.h"
 #include "tarvik/runtime/MolFile.h"
 #include "tarvik/runtime/MolIPConnection.h"
@@ -44,6 +45,7 @@
 #include "tarvik/runtime/MolTime.h"
 #include "tarvik/hexfile/TarvikHexfile.h"
 #include "tarvik/hexfile/TarvikImageCheck.h"
+#include "tarvik/hexfile/TarvikImageOps.h"
 #endif
 
 #endif

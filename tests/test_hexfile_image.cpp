@@ -30,6 +30,8 @@ TEST(Image, GetAndSetDataByte)
 {
     CTarvikHexfile image;
     image.AddMemoryBlock(0x100, "abcd", 4);
+    EXPECT_EQ(0u, image.m_nMinAddr); // adding a block moves only the highest address
+    EXPECT_EQ(0x103u, image.m_nMaxAddr);
     image.SetDataByte(0x101, 'B'); // inside a block: changed in place
     image.SetDataByte(0x104, 'e'); // just past it: a block of its own
     EXPECT_EQ((Blocks{{0x100, "aBcd"}, {0x104, "e"}}), ImageBlocks(image));

@@ -3,6 +3,7 @@
 #include "support/FakeGateway.h"
 
 #include "tarvik/core/TarvikMsg.h"
+#include "tarvik/core/TarvikPayload.h"
 
 #include <gtest/gtest.h>
 
@@ -90,4 +91,26 @@ TEST(TarvikMsg, CheckByteIsThePlainXorForEveryPayloadSize)
                 expected ^= static_cast<unsigned char>(block[offset + i]);
             ASSERT_EQ(expected, CTarvikMsg::XorBytes(block.data() + offset, len)) << offset << " " << len;
         }
+}
+
+TEST(TarvikPayload, WordsAtAnOffsetAreLittleEndianAndZeroWhenCutShort)
+{
+    const std::string bytes("\x11\x22\x33\x44\x55", 5);
+    const CTarvikPayload payload(bytes);
+    struct SRow
+    {
+        size_t m_nPos;
+        unsigned short m_nU16;
+        unsigned int m_nU32;
+    };
+    const SRow rows[] = {
+        {0, 0x2211, 0x44332211u}, {1, 0x3322, 0x55443322u}, {2, 0x4433, 0}, {3, 0x5544, 0}, {4, 0, 0}, {5, 0, 0},
+        {static_cast<size_t>(-1), 0, 0},
+    };
+    for (const SRow& row : rows)
+    {
+        EXPECT_EQ(row.m_nU16, payload.U16At(row.m_nPos)) << row.m_nPos;
+        EXPECT_EQ(row.m_nU32, payload.U32At(row.m_nPos)) << row.m_nPos;
+    }
+    EXPECT_EQ(0u, CTarvikPayload(nullptr, 4).U32At(0));
 }

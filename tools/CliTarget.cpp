@@ -1,7 +1,8 @@
 #include "CliTarget.h"
 
 #include "HexFile.h"
-#include "HexImage.h"
+
+#include "tarvik/hexfile/TarvikImageOps.h"
 
 #include <algorithm>
 #include <cctype>
@@ -32,7 +33,7 @@ std::vector<SCliSpan> CliLoadTarget(const std::string& file, bool lenient)
     options.m_sFormat = FormatOf(file);
     HexLoad(image, file, options);
     std::vector<SCliSpan> spans;
-    for (const SHexBlock* block : HexSortedBlocks(image))
+    for (const CTarvikHexfile::SMemoryBlock* block : CTarvikImageOps::SortedBlocks(image))
     {
         std::string bytes(block->m_pData, static_cast<size_t>(block->m_nLength));
         if (!spans.empty() && spans.back().m_nAddress + spans.back().m_sBytes.size() == block->m_nStartAddress)
@@ -61,7 +62,7 @@ void CliSaveTarget(const std::string& file, uint64_t address, const std::string&
     std::string format = FormatOf(file);
     CTarvikHexfile image;
     // Raw bytes start at address 0 of the file, whatever the target's address.
-    image.AddMemoryBlock(new SHexBlock(format == "bin" ? 0 : address, bytes.data(), bytes.size()));
+    image.AddMemoryBlock(new CTarvikHexfile::SMemoryBlock(format == "bin" ? 0 : address, bytes.data(), bytes.size()));
     HexSave(image, file, format);
 }
 

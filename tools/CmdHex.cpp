@@ -2,10 +2,10 @@
 // The commands that make new images from old ones are in CmdHexEdit.cpp.
 #include "CliFormat.h"
 #include "HexFile.h"
-#include "HexImage.h"
 #include "TarvikCli.h"
 
 #include "tarvik/hexfile/TarvikHexfile.h"
+#include "tarvik/hexfile/TarvikImageOps.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -45,7 +45,7 @@ struct SSpan
 std::vector<SSpan> DataSpans(const CTarvikHexfile& image, uint64_t first, uint64_t last)
 {
     std::vector<SSpan> spans;
-    for (const SHexBlock* block : HexSortedBlocks(image))
+    for (const CTarvikHexfile::SMemoryBlock* block : CTarvikImageOps::SortedBlocks(image))
     {
         const uint64_t start = std::max(block->m_nStartAddress, first);
         const uint64_t end = std::min(block->m_nStartAddress + block->m_nLength - 1, last);
@@ -69,9 +69,9 @@ void PrintInfoJson(const std::string& file, const CTarvikHexfile& image)
 {
     uint64_t lowest = 0;
     uint64_t highest = 0;
-    const bool known = HexBounds(image, lowest, highest);
+    const bool known = CTarvikImageOps::Bounds(image, lowest, highest);
     TCliJson list = TCliJson::array();
-    for (const SHexBlock* block : HexSortedBlocks(image))
+    for (const CTarvikHexfile::SMemoryBlock* block : CTarvikImageOps::SortedBlocks(image))
         list.push_back(BlockJson(block->m_nStartAddress, block->m_nLength));
     TCliJson json = {{"file", file},
                      {"format", HexFormatName(image.m_eType)},
@@ -79,7 +79,7 @@ void PrintInfoJson(const std::string& file, const CTarvikHexfile& image)
                      {"total", image.GetTotalBytes()},
                      {"min", AddressJson(known, lowest)},
                      {"max", AddressJson(known, highest)},
-                     {"crc32", HexDataCrc(image)}};
+                     {"crc32", CTarvikImageOps::DataCrc(image)}};
     std::cout << CliJsonLine(json) << "\n";
 }
 
@@ -89,20 +89,20 @@ void RunInfo(const SHexOptions& options, const SCliGlobals& globals)
     HexLoad(image, options.m_sFile, options.m_oLoad);
     if (globals.m_bJson)
         return PrintInfoJson(options.m_sFile, image);
-    const auto blocks = HexSortedBlocks(image);
+    const auto blocks = CTarvikImageOps::SortedBlocks(image);
     uint64_t lowest = 0;
     uint64_t highest = 0;
-    const bool known = HexBounds(image, lowest, highest);
+    const bool known = CTarvikImageOps::Bounds(image, lowest, highest);
     std::cout << "file:   " << options.m_sFile << "\n"
               << "format: " << HexFormatName(image.m_eType) << "\n"
               << "blocks: " << blocks.size() << "\n";
-    for (const SHexBlock* block : blocks)
+    for (const CTarvikHexfile::SMemoryBlock* block : blocks)
         std::cout << "  start " << CliHex(block->m_nStartAddress, 8) << "  end "
                   << CliHex(block->m_nStartAddress + block->m_nLength - 1, 8) << "  size " << block->m_nLength << "\n";
     std::cout << "total:  " << image.GetTotalBytes() << " bytes\n"
               << "min:    " << (known ? CliHex(lowest, 8) : "-") << "\n"
               << "max:    " << (known ? CliHex(highest, 8) : "-") << "\n"
-              << "crc32:  " << CliHex(HexDataCrc(image), 8) << "\n";
+              << "crc32:  " << CliHex(CTarvikImageOps::DataCrc(image), 8) << "\n";
 }
 
 void RunConvert(const SHexOptions& options)
@@ -192,7 +192,7 @@ void RunDump(const SHexOptions& options, const SCliGlobals& globals)
     HexLoad(image, options.m_sFile, options.m_oLoad);
     uint64_t lowest = 0;
     uint64_t highest = 0;
-    const bool known = HexBounds(image, lowest, highest);
+    const bool known = CTarvikImageOps::Bounds(image, lowest, highest);
     const uint64_t from = options.m_sFrom.empty() ? 0 : CliParseNumber(options.m_sFrom, 0xFFFFFFFFul, "--from");
     const uint64_t to = options.m_sTo.empty() ? highest : CliParseNumber(options.m_sTo, 0xFFFFFFFFul, "--to");
     if (!options.m_sTo.empty() && from > to)

@@ -2,8 +2,9 @@
 // comparisons and checksums of images.
 #include "CliFormat.h"
 #include "HexFile.h"
-#include "HexImage.h"
 #include "TarvikCli.h"
+
+#include "tarvik/hexfile/TarvikImageOps.h"
 
 #include <algorithm>
 #include <iostream>
@@ -60,7 +61,7 @@ void Save(CTarvikHexfile& image, const SEditOptions& options, const CTarvikHexfi
 // --from and --to; without them, the image's own lowest and highest address.
 void ParseRange(const SEditOptions& options, const CTarvikHexfile& image, uint64_t& first, uint64_t& last)
 {
-    if (!HexBounds(image, first, last))
+    if (!CTarvikImageOps::Bounds(image, first, last))
         first = last = 0;
     if (!options.m_sFrom.empty())
         first = CliParseNumber(options.m_sFrom, kMaxAddress, "--from");
@@ -91,13 +92,13 @@ void RunMerge(const SEditOptions& options)
         for (size_t j = 0; options.m_bNoOverlap && j < i; ++j)
         {
             uint64_t address = 0;
-            if (HexFirstOverlap(*images[j], *images[i], address))
+            if (CTarvikImageOps::FirstOverlap(*images[j], *images[i], address))
                 CliFail(options.m_asFiles[i] + " overlaps " + options.m_asFiles[j] + " at " + CliHex(address, 8));
         }
         list.push_back(images[i].get());
     }
     CTarvikHexfile merged;
-    HexMerge(list, merged);
+    CTarvikImageOps::Merge(list, merged);
     Save(merged, options, *images.front());
 }
 
@@ -108,7 +109,7 @@ void RunCrop(const SEditOptions& options)
     uint64_t last = 0;
     ParseRange(options, *image, first, last);
     CTarvikHexfile cropped;
-    HexCrop(*image, first, last, cropped);
+    CTarvikImageOps::Crop(*image, first, last, cropped);
     Save(cropped, options, *image);
 }
 
@@ -119,7 +120,7 @@ void RunFill(const SEditOptions& options)
     uint64_t last = 0;
     ParseRange(options, *image, first, last);
     CTarvikHexfile filled;
-    HexFill(*image, first, last, ParseByte(options.m_sByte, "--byte"), filled);
+    CTarvikImageOps::Fill(*image, first, last, ParseByte(options.m_sByte, "--byte"), filled);
     Save(filled, options, *image);
 }
 
@@ -129,7 +130,7 @@ void RunOffset(const SEditOptions& options)
     const auto image = LoadOne(options);
     uint64_t lowest = 0;
     uint64_t highest = 0;
-    if (HexBounds(*image, lowest, highest))
+    if (CTarvikImageOps::Bounds(*image, lowest, highest))
     {
         if (delta < 0 && lowest < static_cast<uint64_t>(-delta))
             CliFail("moving by " + options.m_sDelta + " puts the data at " + CliHex(lowest, 8) + " below address 0");
@@ -138,7 +139,7 @@ void RunOffset(const SEditOptions& options)
                     CliHex(kMaxAddress, 8));
     }
     CTarvikHexfile moved;
-    HexOffset(*image, delta, moved);
+    CTarvikImageOps::Offset(*image, delta, moved);
     Save(moved, options, *image);
 }
 
@@ -152,12 +153,12 @@ TCliJson ByteJson(int byte)
     return byte < 0 ? TCliJson(nullptr) : TCliJson(byte);
 }
 
-void PrintCompare(const SCliGlobals& globals, uint64_t count, const std::vector<SHexDifference>& first)
+void PrintCompare(const SCliGlobals& globals, uint64_t count, const std::vector<CTarvikImageOps::SDifference>& first)
 {
     if (globals.m_bJson)
     {
         TCliJson list = TCliJson::array();
-        for (const SHexDifference& difference : first)
+        for (const CTarvikImageOps::SDifference& difference : first)
             list.push_back({{"address", difference.m_nAddress},
                             {"a", ByteJson(difference.m_nByteA)},
                             {"b", ByteJson(difference.m_nByteB)}});
@@ -170,7 +171,7 @@ void PrintCompare(const SCliGlobals& globals, uint64_t count, const std::vector<
         return;
     }
     std::cout << "address     A  B\n";
-    for (const SHexDifference& difference : first)
+    for (const CTarvikImageOps::SDifference& difference : first)
         std::cout << CliHex(difference.m_nAddress, 8) << "  " << ByteText(difference.m_nByteA) << " "
                   << ByteText(difference.m_nByteB) << "\n";
     std::cout << count << (count == 1 ? " byte differs" : " bytes differ") << "\n";
@@ -179,8 +180,8 @@ void PrintCompare(const SCliGlobals& globals, uint64_t count, const std::vector<
 void RunCmp(const SEditOptions& options, const SCliGlobals& globals)
 {
     const TImages images = LoadAll(options);
-    std::vector<SHexDifference> first;
-    const uint64_t count = HexCompare(*images[0], *images[1], options.m_nMaxDifferences, first);
+    std::vector<CTarvikImageOps::SDifference> first;
+    const uint64_t count = CTarvikImageOps::Compare(*images[0], *images[1], options.m_nMaxDifferences, first);
     PrintCompare(globals, count, first);
     if (count > 0)
         CliFail("", eCliExitFailure); // the differences are the report
@@ -193,7 +194,7 @@ void RunCrc(const SEditOptions& options, const SCliGlobals& globals)
     uint64_t last = 0;
     ParseRange(options, *image, first, last);
     const unsigned char fill = ParseByte(options.m_sByte, "--fill");
-    const uint32_t crc = HexRangeCrc(*image, first, last, fill);
+    const uint32_t crc = CTarvikImageOps::RangeCrc(*image, first, last, fill);
     const TCliJson json = {{"file", options.m_sFile}, {"from", first}, {"to", last}, {"fill", fill}, {"crc32", crc}};
     CliPrint(globals, CliHex(crc, 8), json);
 }

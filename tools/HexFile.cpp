@@ -1,9 +1,9 @@
 #include "HexFile.h"
 
 #include "CliFormat.h"
-#include "HexImage.h"
 
 #include "tarvik/hexfile/TarvikImageCheck.h"
+#include "tarvik/hexfile/TarvikImageOps.h"
 
 #include <cctype>
 #include <cerrno>
@@ -450,7 +450,7 @@ mode_t ModeFor(const std::string& file)
 // The binary writer takes one block from address 0 only; say why before trying.
 void CheckBinaryOutput(const CTarvikHexfile& image)
 {
-    const auto blocks = HexSortedBlocks(image);
+    const auto blocks = CTarvikImageOps::SortedBlocks(image);
     if (blocks.size() <= 1 && (blocks.empty() || blocks.front()->m_nStartAddress == 0))
         return;
     CliFail("binary output needs the data in one block from address 0; this image has " +
@@ -504,7 +504,7 @@ void HexSave(CTarvikHexfile& image, const std::string& file, const std::string& 
     {
         // The library writes data records only; a reader needs the end to know the file is whole.
         std::ofstream out(temp.Path(), std::ios::binary | std::ios::app);
-        out << HexEndRecord(image) << "\n";
+        out << CTarvikImageOps::EndRecord(image) << "\n";
         if (!out.flush())
             CliFail("cannot write " + file + ": " + std::strerror(errno));
     }

@@ -6,7 +6,7 @@
 #include "CliFormat.h"
 #include "TarvikCli.h"
 
-#include "sim/TarvikSimRunner.h"
+#include "tarvik/core/TarvikVersionText.h"
 
 #include <ios>
 #include <exception>
@@ -171,7 +171,7 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     // Global options may also follow the command: "tarvik spi xfer 9F+3 --trace".
     app.fallthrough();
-    app.set_version_flag("--version", CTarvikSimRunner::VersionText(kProgram));
+    app.set_version_flag("--version", TarvikVersionText(kProgram));
     SCliGlobals globals;
     AddGlobalOptions(app, globals);
 

@@ -4,7 +4,7 @@
 
 #include "tarvik/hexfile/TarvikHexfile.h"
 #include "tarvik/hexfile/TarvikImageCheck.h"
-#include "tools/HexImage.h"
+#include "tarvik/hexfile/TarvikImageOps.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -84,7 +84,7 @@ void Save(CHex& image, const std::string& path, const std::string& format)
     {
         // The library writes data records only; a reader needs the end to know the file is whole.
         std::FILE* file = std::fopen(path.c_str(), "ab");
-        const std::string end = HexEndRecord(image) + "\n";
+        const std::string end = CTarvikImageOps::EndRecord(image) + "\n";
         const bool written = file != nullptr && std::fwrite(end.data(), 1, end.size(), file) == end.size();
         if (file == nullptr || std::fclose(file) != 0 || !written)
             RaiseOSError("cannot save " + path + ": " + std::strerror(errno));
@@ -94,8 +94,8 @@ void Save(CHex& image, const std::string& path, const std::string& format)
         return;
     uint64_t lowest = 0, highest = 0;
     // A binary file holds one block at address 0: the library refuses anything else.
-    const bool refused = type == CHex::Binary && HexBounds(image, lowest, highest) &&
-                         (lowest != 0 || HexSortedBlocks(image).size() > 1);
+    const bool refused = type == CHex::Binary && CTarvikImageOps::Bounds(image, lowest, highest) &&
+                         (lowest != 0 || CTarvikImageOps::SortedBlocks(image).size() > 1);
     if (refused)
         throw py::value_error(Message(image, "a binary file holds one block at address 0"));
     RaiseOSError(Message(image, "cannot save " + path));
@@ -104,7 +104,7 @@ void Save(CHex& image, const std::string& path, const std::string& format)
 py::list Blocks(const CHex& image)
 {
     py::list out;
-    for (const SHexBlock* block : HexSortedBlocks(image))
+    for (const CTarvikHexfile::SMemoryBlock* block : CTarvikImageOps::SortedBlocks(image))
         out.append(py::make_tuple(block->m_nStartAddress,
                                   py::bytes(block->m_pData, static_cast<size_t>(block->m_nLength))));
     return out;
@@ -132,7 +132,7 @@ std::string Dump(const CHex& image, unsigned int width)
     uint64_t lowest = 0, highest = 0;
     if (width == 0 || width > 256)
         throw py::value_error("bytes_per_line is 1..256");
-    if (!HexBounds(image, lowest, highest))
+    if (!CTarvikImageOps::Bounds(image, lowest, highest))
         return std::string();
     const uint64_t start = lowest - lowest % width;
     const uint64_t lines = (highest - start) / width + 1;
@@ -156,16 +156,16 @@ std::unique_ptr<CHex> Merge(const std::vector<CHex*>& images)
 {
     std::vector<const CHex*> in(images.begin(), images.end());
     auto out = std::make_unique<CHex>();
-    HexMerge(in, *out);
+    CTarvikImageOps::Merge(in, *out);
     return out;
 }
 
 py::tuple Compare(const CHex& a, const CHex& b, size_t keep)
 {
-    std::vector<SHexDifference> first;
-    const uint64_t count = HexCompare(a, b, keep, first);
+    std::vector<CTarvikImageOps::SDifference> first;
+    const uint64_t count = CTarvikImageOps::Compare(a, b, keep, first);
     py::list differences;
-    for (const SHexDifference& d : first)
+    for (const CTarvikImageOps::SDifference& d : first)
         differences.append(py::make_tuple(d.m_nAddress, d.m_nByteA, d.m_nByteB));
     return py::make_tuple(count, differences);
 }
@@ -177,7 +177,7 @@ void BindEdits(py::class_<CHex>& cls)
            [](const CHex& image, uint64_t first, uint64_t last) {
                CheckRange(first, last);
                auto out = std::make_unique<CHex>();
-               HexCrop(image, first, last, *out);
+               CTarvikImageOps::Crop(image, first, last, *out);
                return out;
            },
            "first"_a, "last"_a, "A new image with the bytes from first to last.")
@@ -186,7 +186,7 @@ void BindEdits(py::class_<CHex>& cls)
             [](const CHex& image, uint64_t first, uint64_t last, unsigned char byte) {
                 CheckRange(first, last);
                 auto out = std::make_unique<CHex>();
-                HexFill(image, first, last, byte, *out);
+                CTarvikImageOps::Fill(image, first, last, byte, *out);
                 return out;
             },
             "first"_a, "last"_a, "byte"_a = 0xFF,
@@ -195,21 +195,21 @@ void BindEdits(py::class_<CHex>& cls)
             "offset",
             [](const CHex& image, int64_t delta) {
                 uint64_t lowest = 0, highest = 0;
-                if (HexBounds(image, lowest, highest) &&
+                if (CTarvikImageOps::Bounds(image, lowest, highest) &&
                     (static_cast<int64_t>(lowest) + delta < 0 ||
                      static_cast<int64_t>(highest) + delta > static_cast<int64_t>(CHex::m_nMaxAddressSupported)))
                     throw py::value_error("the image would leave the address range");
                 auto out = std::make_unique<CHex>();
-                HexOffset(image, delta, *out);
+                CTarvikImageOps::Offset(image, delta, *out);
                 return out;
             },
             "delta"_a, "A new image moved by delta.")
         .def_static("merge", &Merge, "images"_a, "A new image of the images' bytes; where they overlap, the later wins.")
-        .def("crc32", [](const CHex& image) { return HexDataCrc(image); },
+        .def("crc32", [](const CHex& image) { return CTarvikImageOps::DataCrc(image); },
              "CRC-32 of the bytes in address order; gaps add nothing.")
         .def("range_crc32", [](const CHex& image, uint64_t first, uint64_t last, unsigned char fill) {
                  CheckRange(first, last);
-                 return HexRangeCrc(image, first, last, fill);
+                 return CTarvikImageOps::RangeCrc(image, first, last, fill);
              },
              "first"_a, "last"_a, "fill"_a = 0xFF, "CRC-32 of every address from first to last, gaps as fill.")
         .def("compare", &Compare, "other"_a, "keep"_a = 16,
@@ -228,7 +228,7 @@ void BindImage(py::class_<CHex>& cls)
             "bounds",
             [](const CHex& image) -> py::object {
                 uint64_t lowest = 0, highest = 0;
-                if (!HexBounds(image, lowest, highest))
+                if (!CTarvikImageOps::Bounds(image, lowest, highest))
                     return py::none();
                 return py::make_tuple(lowest, highest);
             },

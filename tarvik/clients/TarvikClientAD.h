@@ -4,6 +4,7 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTAD_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolAD.h"
 
 #include <vector>
 
@@ -12,7 +13,7 @@ class TARVIK_API CTarvikClientAD : public CTarvikClient
 public:
     enum ECmd
     {
-        eCmdRead = 0x30,
+        TARVIK_AD_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     explicit CTarvikClientAD(int timeoutMs);

@@ -174,16 +174,17 @@ bool CTarvikClientAWire::DataIndRespond(CTarvikMsg* msg)
     const std::string& data = msg->GetData();
     if (msg->GetCmdCode() != MakeCmdCode(eCmdWriteProgress) || data.size() < kProgressSize)
         return false;
+    const CTarvikPayload payload(data);
     short handle = 0;
     unsigned short done = 0;
-    CTarvikMsg::FromChar(handle, data.data());
-    CTarvikMsg::FromChar(done, data.data() + 3);
+    payload.ReadS16(0, handle);
+    payload.ReadU16(3, done);
     {
         CMolLock lock(m_oProgressMutex);
         auto it = m_mapWriteBlockProgress.find(handle);
         if (it == m_mapWriteBlockProgress.end())
             return false;
-        it->second.m_eState = static_cast<Progress::EProgress>(static_cast<unsigned char>(data[2]));
+        it->second.m_eState = static_cast<Progress::EProgress>(payload.At(2));
         it->second.m_nDone = done;
     }
     {

@@ -18,6 +18,7 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTAWIRE_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolAWire.h"
 #include "tarvik/hexfile/TarvikHexfile.h"
 #include "tarvik/runtime/MolSync.h"
 
@@ -34,14 +35,7 @@ class TARVIK_API CTarvikClientAWire : public CTarvikClient
 public:
     enum ECmd
     {
-        eCmdSetConfig = 0x05,
-        eCmdGetConfig = 0x06,
-        eCmdWriteBlock = 0xE0,
-        eCmdWriteProgress = 0xE1, // indication: the progress of one block write
-        eCmdErase = 0xE2,
-        eCmdRead = 0xE3,
-        eCmdWriteUserPage = 0xE4,
-        eCmdEraseUserPage = 0xE5,
+        TARVIK_AWIRE_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     // Result codes of this device (device byte | 14 << 8). All but eResultBusy come
@@ -112,7 +106,7 @@ public:
 
     // Largest chunk that the file write sends in one block write, and the largest
     // piece it compares in one read.
-    static constexpr unsigned int kMaxChunk = 32768;
+    static constexpr unsigned int kMaxChunk = tarvik_protocol::awire::kMaxChunk;
 
     // Writes a memory-image file in the background, then compares it with a read-back.
     // Owned by the client: WriteFile creates and starts it, GetWriteFileStatus deletes it

@@ -40,7 +40,7 @@ constexpr int kEEPromResultBit = 0x100;
 unsigned int GetWord(const std::string& image, size_t pos)
 {
     unsigned int value = 0;
-    CTarvikMsg::FromChar(value, image.data() + pos);
+    CTarvikPayload(image).ReadU32(pos, value);
     return value;
 }
 
@@ -146,9 +146,10 @@ int CTarvikClientFirmware::GetEEPromInfo(int& nInfo)
     int result = Request(eCmdGetEEPromInfo, nullptr, 0, reply);
     if (reply.Transport() == 0)
     {
+        // A shorter answer fills the low bytes; the rest stay 0.
         char bytes[4] = {};
         reply.CopyTo(3, bytes, sizeof(bytes));
-        CTarvikMsg::FromChar(nInfo, bytes);
+        CTarvikPayload(bytes, sizeof(bytes)).ReadS32(0, nInfo);
     }
     return result;
 }

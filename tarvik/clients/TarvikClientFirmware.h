@@ -10,6 +10,7 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTFIRMWARE_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolFirmware.h"
 
 #include <string>
 
@@ -18,19 +19,13 @@ class TARVIK_API CTarvikClientFirmware : public CTarvikClient
 public:
     enum ECmd
     {
-        eCmdGetEEPromInfo = 0xE0,
-        eCmdReadEEProm = 0xE1,
-        eCmdWriteEEProm = 0xE2,
-        eCmdClearFlash = 0xE3,
-        eCmdReadFlash = 0xE4,
-        eCmdWriteFlash = 0xE5,
-        eCmdRestart = 0xE7,
+        TARVIK_FIRMWARE_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
-    static constexpr unsigned int kFlashBlockSize = 2048;
-    static constexpr unsigned int kInfoImageSize = 256;
+    static constexpr unsigned int kFlashBlockSize = tarvik_protocol::firmware::kFlashBlockSize;
+    static constexpr unsigned int kInfoImageSize = tarvik_protocol::firmware::kInfoImageSize;
     // The EEPROM address field keeps the low 16 bits of an address.
-    static constexpr unsigned int kAddressFormat = 16;
+    static constexpr unsigned int kAddressFormat = tarvik_protocol::firmware::kAddressFormat;
 
     // The extended device information kept in the information EEPROM.
     struct TARVIK_API STarvikDeviceInfoEx

@@ -11,15 +11,6 @@ constexpr unsigned int kRate400kHz = 400;
 // Result byte and error position lead the answers of writes and sequences.
 constexpr size_t kErrorPosEnd = 3;
 
-bool ReadU16(const CTarvikReply& reply, size_t pos, unsigned short& value)
-{
-    char bytes[2];
-    if (reply.CopyTo(pos, bytes, sizeof(bytes)) != sizeof(bytes))
-        return false;
-    CTarvikMsg::FromChar(value, bytes);
-    return true;
-}
-
 // 2^bits as a mask base, saturating: an over-wide type word masks nothing away.
 unsigned long long Pow2(unsigned int bits)
 {
@@ -113,7 +104,7 @@ int CTarvikClientI2C::Write(unsigned short nSlaveAddress, const char* pBuffer, u
     CTarvikReply reply;
     int result = Request(eCmdWrite, std::move(payload), reply);
     if (reply.Transport() == 0)
-        ReadU16(reply, 1, nErrorPos);
+        reply.Payload().ReadU16(1, nErrorPos);
     return result;
 }
 
@@ -158,7 +149,7 @@ int CTarvikClientI2C::WriteSequence(const char* pSequence, unsigned short nSeque
     int result = Request(eCmdSequence, std::move(payload), reply, nullptr, kErrorPosEnd + nReadBufferLen);
     if (reply.Transport() == 0)
     {
-        ReadU16(reply, 1, nErrorPos);
+        reply.Payload().ReadU16(1, nErrorPos);
         nReceived = static_cast<unsigned short>(reply.CopyTo(kErrorPosEnd, pReadBuffer, nReadBufferLen));
     }
     return result;

@@ -14,6 +14,7 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTI2C_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolI2C.h"
 
 #include <string>
 
@@ -22,22 +23,10 @@ class TARVIK_API CTarvikClientI2C : public CTarvikClient
 public:
     enum ECmd
     {
-        eCmdReset = 0x04,
-        eCmdSetBaudrate = 0x07,
-        eCmdGetBaudrate = 0x08,
-        eCmdRead = 0x10,
-        eCmdWrite = 0x11,
-        eCmdReadEEProm = 0x12,
-        eCmdWriteEEProm = 0x13,
-        eCmdSequence = 0x14,
-        eCmdRAWStart = 0x15,
-        eCmdRAWSend = 0x16,
-        eCmdRAWGet = 0x17,
-        eCmdRAWStop = 0x18,
-        eCmdWriteEEPromPollAck = 0x19,
+        TARVIK_I2C_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
-    static constexpr unsigned int kDefaultBaudrate = 100000;
+    static constexpr unsigned int kDefaultBaudrate = tarvik_protocol::i2c::kDefaultBaudrate;
 
     // One step of a command sequence: the I2C address byte (bit 0 set: read from the
     // slave), the number of bytes, and the caller's buffer (source or destination).

@@ -104,9 +104,7 @@ int CTarvikClientRenesas::VerifyCheck(unsigned short nFirst, unsigned short nSec
         return result;
     // Any confirmation clears the sum; one that carries it sets it, also with an error result.
     nChecksum = 0;
-    char sum[2];
-    if (reply.CopyTo(1, sum, sizeof sum) == sizeof sum)
-        CTarvikMsg::FromChar(nChecksum, sum);
+    reply.Payload().ReadU16(1, nChecksum);
     return result;
 }
 

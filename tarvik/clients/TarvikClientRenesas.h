@@ -8,6 +8,7 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTRENESAS_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolRenesas.h"
 
 #include <cstddef>
 
@@ -16,16 +17,7 @@ class TARVIK_API CTarvikClientRenesas : public CTarvikClient
 public:
     enum ECmd
     {
-        eCmdInit = 0x20,
-        eCmdCheckID = 0x21,
-        eCmdSetBaudrate = 0x22,
-        eCmdReadPage = 0x23,
-        eCmdEraseAll = 0x24,
-        eCmdWritePage = 0x25,
-        eCmdGetVersion = 0x26,
-        eCmdComplete = 0x27,
-        eCmdVerifyCheck = 0x28,
-        eCmdBlockErase = 0x29,
+        TARVIK_RENESAS_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     // Result codes of the gateway (device byte | 9 << 8).
@@ -38,9 +30,9 @@ public:
     };
 
     // A flash page; WritePage always sends exactly this many bytes.
-    static constexpr size_t kPageSize = 256;
+    static constexpr size_t kPageSize = tarvik_protocol::renesas::kPageSize;
     // CheckID always sends this many ID bytes.
-    static constexpr size_t kIDSize = 7;
+    static constexpr size_t kIDSize = tarvik_protocol::renesas::kIDSize;
 
     explicit CTarvikClientRenesas(int timeoutMs);
     // Stops the connection first (see CTarvikClient::StopConnection).

@@ -4,6 +4,7 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTSPI_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolSPI.h"
 
 #include <string>
 
@@ -21,10 +22,7 @@ class TARVIK_API CTarvikClientSPI : public CTarvikClient
 public:
     enum ECmd
     {
-        eCmdDataReq = 0x03,
-        eCmdSetGlobals = 0x07,
-        eCmdGetGlobals = 0x08,
-        eCmdSequence = 0x14,
+        TARVIK_SPI_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     explicit CTarvikClientSPI(int timeoutMs);

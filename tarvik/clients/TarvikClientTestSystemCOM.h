@@ -9,6 +9,7 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTTESTSYSTEMCOM_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolTestSystemCOM.h"
 
 #include <cstddef>
 #include <fstream>
@@ -19,12 +20,7 @@ class TARVIK_API CTarvikClientTestSystemCOM : public CTarvikClient
 public:
     enum ECmd
     {
-        eCmdSetConfig = 0x05,
-        eCmdGetConfig = 0x06,
-        eCmdIsConfigAvailable = 0xD2,
-        eCmdFileStart = 0xD3,
-        eCmdFileData = 0xD4,
-        eCmdInstallConfig = 0xD5,
+        TARVIK_TESTSYSTEM_COM_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     // Result codes of the unit (device byte | 13 << 8).
@@ -39,11 +35,11 @@ public:
     };
 
     // Device byte with which the unit asks for the next chunk of a file.
-    static constexpr unsigned char kMoreData = 0x21;
+    static constexpr unsigned char kMoreData = tarvik_protocol::testsystem_com::kMoreData;
     // A file travels in chunks of this size, one request each.
-    static constexpr size_t kChunkSize = 32768;
+    static constexpr size_t kChunkSize = tarvik_protocol::testsystem_com::kChunkSize;
     // The CRC is computed reading the file in pieces of this size.
-    static constexpr size_t kCRCBlockSize = 4096;
+    static constexpr size_t kCRCBlockSize = tarvik_protocol::testsystem_com::kCRCBlockSize;
 
     explicit CTarvikClientTestSystemCOM(int timeoutMs);
     // Stops the connection first (see CTarvikClient::StopConnection).

@@ -5,16 +5,14 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTTESTSYSTEMIO_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolTestSystemIO.h"
 
 class TARVIK_API CTarvikClientTestSystemIO : public CTarvikClient
 {
 public:
     enum ECmd
     {
-        eCmdSetValue = 0x10,
-        eCmdGetValue = 0x11,
-        eCmdSetPower = 0x20,
-        eCmdGetPower = 0x21,
+        TARVIK_TESTSYSTEM_IO_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     explicit CTarvikClientTestSystemIO(int timeoutMs);

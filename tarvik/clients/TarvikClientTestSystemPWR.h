@@ -4,14 +4,14 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTTESTSYSTEMPWR_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolTestSystemPWR.h"
 
 class TARVIK_API CTarvikClientTestSystemPWR : public CTarvikClient
 {
 public:
     enum ECmd
     {
-        eCmdSetValue = 0x10,
-        eCmdGetValue = 0x11,
+        TARVIK_TESTSYSTEM_PWR_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     explicit CTarvikClientTestSystemPWR(int timeoutMs);

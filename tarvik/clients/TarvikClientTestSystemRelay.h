@@ -4,16 +4,14 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTTESTSYSTEMRELAY_H
 
 #include "tarvik/core/TarvikClient.h"
+#include "tarvik/protocol/TarvikProtocolTestSystemRelay.h"
 
 class TARVIK_API CTarvikClientTestSystemRelay : public CTarvikClient
 {
 public:
     enum ECmd
     {
-        eCmdSetRelay = 0x12,
-        eCmdGetButton = 0x13,
-        eCmdSetPower = 0x20,
-        eCmdGetPower = 0x21,
+        TARVIK_TESTSYSTEM_RELAY_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     explicit CTarvikClientTestSystemRelay(int timeoutMs);

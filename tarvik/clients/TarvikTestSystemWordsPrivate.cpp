@@ -19,7 +19,9 @@ void DecodeWords(const CTarvikReply& reply, unsigned short* words, unsigned char
         return;
     // The unit is not asked how many words it has: the caller knows its configuration.
     // A shorter answer fills only the words it carries.
-    for (size_t i = 0; i < count && 3 + 2 * i <= reply.Size(); ++i)
-        CTarvikMsg::FromChar(words[i], reply.Data() + 1 + 2 * i);
+    const CTarvikPayload payload = reply.Payload();
+    for (size_t i = 0; i < count; ++i)
+        if (!payload.ReadU16(1 + 2 * i, words[i]))
+            break;
 }
 } // namespace tarvik_detail

@@ -21,10 +21,11 @@
 #define TARVIK_CORE_TARVIKCLIENT_H
 
 #include "tarvik/core/TarvikDeviceInfo.h"
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/core/TarvikReply.h"
 #include "tarvik/core/TarvikResult.h"
+#include "tarvik/protocol/TarvikProtocolDevice.h"
 #include "tarvik/runtime/MolIPConnection.h"
 #include "tarvik/runtime/MolSync.h"
 #include "tarvik/runtime/MolTime.h"
@@ -68,13 +69,7 @@ public:
     // Command numbers of the commands that every gateway understands.
     enum ECommonCmd
     {
-        eCmdInfo = 0x09,
-        eCmdStatus = 0x0A,
-        eCmdRestart = 0x0C,
-        eCmdBaseReadDigital = 0x40,
-        eCmdBaseWriteDigital = 0x41,
-        eCmdReadAnalog = 0x42,
-        eCmdWriteAnalog = 0x43,
+        TARVIK_COMMON_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     // A stored confirmation and when it arrived.

@@ -1,12 +1,7 @@
-/* Export macro of libtarvik.so: the library is built with hidden visibility,
- * so only what carries TARVIK_API is part of its interface. */
+/* Older include path of the export macro; the macro lives on the runtime floor now. */
 #ifndef TARVIK_CORE_TARVIKEXPORT_H
 #define TARVIK_CORE_TARVIKEXPORT_H
 
-#if defined(__GNUC__) || defined(__clang__)
-#define TARVIK_API __attribute__((visibility("default")))
-#else
-#define TARVIK_API
-#endif
+#include "tarvik/runtime/TarvikExport.h"
 
 #endif

@@ -6,7 +6,7 @@
 #ifndef TARVIK_CORE_TARVIKMSG_H
 #define TARVIK_CORE_TARVIKMSG_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -44,6 +44,20 @@ bool CTarvikPayload::ReadS32(size_t pos, int& value) const
     return true;
 }
 
+unsigned short CTarvikPayload::U16At(size_t pos) const
+{
+    unsigned short value = 0;
+    ReadU16(pos, value);
+    return value;
+}
+
+unsigned int CTarvikPayload::U32At(size_t pos) const
+{
+    unsigned int value = 0;
+    ReadU32(pos, value);
+    return value;
+}
+
 size_t CTarvikPayload::CopyTo(size_t pos, void* out, size_t max) const
 {
     if (out == nullptr || pos >= m_nSize)

@@ -4,7 +4,7 @@
 #ifndef TARVIK_CORE_TARVIKPAYLOAD_H
 #define TARVIK_CORE_TARVIKPAYLOAD_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <cstddef>
 #include <string>
@@ -19,6 +19,10 @@ public:
     const char* Data() const { return m_pData; }
     // Byte pos, 0 past the end (for fields whose absence the caller has ruled out).
     unsigned char At(size_t pos) const { return pos < m_nSize ? static_cast<unsigned char>(m_pData[pos]) : 0; }
+    // Little-endian u16 and u32 at pos, 0 when they are not all there (likewise for
+    // fields whose length the caller has checked).
+    unsigned short U16At(size_t pos) const;
+    unsigned int U32At(size_t pos) const;
 
     // Readers return false and leave value untouched when the bytes are not all there.
     bool ReadU8(size_t pos, unsigned char& value) const;

@@ -1,7 +1,5 @@
 #include "tarvik/core/TarvikReply.h"
 
-#include <cstring>
-
 CTarvikReply::CTarvikReply() : m_nTransport(0), m_nResult(0) {}
 
 CTarvikReply::~CTarvikReply() = default;
@@ -25,28 +23,17 @@ const char* CTarvikReply::Data() const
 
 bool CTarvikReply::ReadU8(size_t pos, unsigned char& value) const
 {
-    if (pos >= Size())
-        return false;
-    value = static_cast<unsigned char>(Data()[pos]);
-    return true;
+    return Payload().ReadU8(pos, value);
 }
 
 bool CTarvikReply::ReadU32(size_t pos, unsigned int& value) const
 {
-    if (pos > Size() || Size() - pos < 4)
-        return false;
-    CTarvikMsg::FromChar(value, Data() + pos);
-    return true;
+    return Payload().ReadU32(pos, value);
 }
 
 size_t CTarvikReply::CopyTo(size_t pos, void* out, size_t max) const
 {
-    if (out == nullptr || pos >= Size())
-        return 0;
-    size_t count = Size() - pos < max ? Size() - pos : max;
-    if (count > 0)
-        std::memcpy(out, Data() + pos, count);
-    return count;
+    return Payload().CopyTo(pos, out, max);
 }
 
 std::string CTarvikReply::Substr(size_t pos) const

@@ -6,31 +6,13 @@
 #ifndef TARVIK_CORE_TARVIKRESULT_H
 #define TARVIK_CORE_TARVIKRESULT_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/protocol/TarvikProtocolDevice.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
 #include <string>
 #endif
 
-/* Device type numbers; the number is also bits 8..14 of every command code. */
-enum ETarvikDevice
-{
-    eTarvikFirmware = 0,
-    eTarvikI2C = 1,
-    eTarvikCAN = 2,
-    eTarvikSPI = 3,
-    eTarvikRS232 = 4,
-    eTarvikDIO = 5,
-    eTarvikAudio = 6,
-    eTarvikAD = 7,
-    eTarvikUniversalProgrammer = 8,
-    eTarvikRenesas = 9,
-    eTarvikTestSystemIO = 11,
-    eTarvikTestSystemPWR = 12,
-    eTarvikTestSystemCOM = 13,
-    eTarvikAWire = 14,
-    eTarvikTestSystemRelay = 17
-};
 
 /* Result codes of the transport and the library (bits 16..23). */
 #define TARVIK_OK 0x000000

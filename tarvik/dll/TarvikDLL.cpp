@@ -1,10 +1,11 @@
 #include "tarvik/dll/TarvikDLL.h"
 
+#include "tarvik/core/TarvikVersionText.h"
 #include "tarvik/dll/TarvikDllPrivate.h"
 
 #include <cstring>
 
-const char* gsDLLVersionString = "Tarvik SPI DLL V1.3-2.18";
+const char* gsDLLVersionString = TARVIK_DLL_VERSION_TEXT;
 
 int DLLInfo(char* buf, int size)
 {

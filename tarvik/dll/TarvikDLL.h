@@ -8,7 +8,7 @@
 #define TARVIK_DLL_TARVIKDLL_H
 
 #include "tarvik/core/TarvikDeviceInfo.h"
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
 extern "C" {

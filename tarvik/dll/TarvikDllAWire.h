@@ -17,7 +17,7 @@
 #ifndef TARVIK_DLL_TARVIKDLLAWIRE_H
 #define TARVIK_DLL_TARVIKDLLAWIRE_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -10,7 +10,7 @@
 #ifndef TARVIK_DLL_TARVIKDLLFIRMWARE_H
 #define TARVIK_DLL_TARVIKDLLFIRMWARE_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
 extern "C" {

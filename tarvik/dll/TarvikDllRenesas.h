@@ -11,7 +11,7 @@
 #ifndef TARVIK_DLL_TARVIKDLLRENESAS_H
 #define TARVIK_DLL_TARVIKDLLRENESAS_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
 extern "C" {

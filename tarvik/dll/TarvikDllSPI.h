@@ -5,7 +5,7 @@
 #ifndef TARVIK_DLL_TARVIKDLLSPI_H
 #define TARVIK_DLL_TARVIKDLLSPI_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -7,7 +7,7 @@
 #ifndef TARVIK_HEXFILE_TARVIKHEXFILE_H
 #define TARVIK_HEXFILE_TARVIKHEXFILE_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <cstdint>
 #include <istream>

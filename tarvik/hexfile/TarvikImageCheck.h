@@ -16,7 +16,7 @@
 #ifndef TARVIK_HEXFILE_TARVIKIMAGECHECK_H
 #define TARVIK_HEXFILE_TARVIKIMAGECHECK_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 #include "tarvik/hexfile/TarvikHexfile.h"
 
 #include <cstdint>

@@ -4,7 +4,7 @@
 #ifndef TARVIK_RUNTIME_MOLFRAMECUTTER_H
 #define TARVIK_RUNTIME_MOLFRAMECUTTER_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <cstddef>
 #include <vector>

@@ -2,7 +2,7 @@
 #ifndef TARVIK_RUNTIME_MOLSTRING_H
 #define TARVIK_RUNTIME_MOLSTRING_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <sstream>
 #include <string>

@@ -2,7 +2,7 @@
 #ifndef TARVIK_RUNTIME_MOLSYNC_H
 #define TARVIK_RUNTIME_MOLSYNC_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <atomic>
 #include <condition_variable>

@@ -2,7 +2,7 @@
 #ifndef TARVIK_RUNTIME_MOLTIME_H
 #define TARVIK_RUNTIME_MOLTIME_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <cstdint>
 #include <string>

@@ -12,6 +12,26 @@ cmake --install "$BUILD" --prefix "$WORK/prefix" >/dev/null
 test -f "$WORK/prefix/include/tarvik/Tarvik.h"
 test -f "$WORK/prefix/include/tarvik/dll/TarvikDllSPI.h"
 test ! -e "$WORK/prefix/include/tarvik/dll/TarvikDllPrivate.h"
+for internal in clients/TarvikTestSystemWordsPrivate.h hexfile/TarvikHexLineReader.h hexfile/TarvikHexOutBuffer.h; do
+    test ! -e "$WORK/prefix/include/tarvik/$internal"
+done
+
+# Every installed header includes only installed headers and compiles on its own.
+INC="$WORK/prefix/include"
+while IFS= read -r header; do
+    name=${header#"$INC/"}
+    for inc in $(sed -n 's/^#include "\(tarvik\/[^"]*\)".*/\1/p' "$header"); do
+        if [ ! -f "$INC/$inc" ]; then
+            echo "$name includes $inc, which is not installed" >&2
+            exit 1
+        fi
+    done
+    if ! echo "#include \"$name\"" | ${CXX:-c++} -std=c++17 -Wall -Wextra -Werror -fsyntax-only -I"$INC" -x c++ -; then
+        echo "$name does not compile on its own" >&2
+        exit 1
+    fi
+done < <(find "$INC/tarvik" -name '*.h' | sort)
+
 grep -q "define TARVIK_VERSION_STRING \"$(sed -n 's/^project(tarvik VERSION \([0-9.]*\).*/\1/p' "$SRC/CMakeLists.txt")\"" \
     "$WORK/prefix/include/tarvik/TarvikVersion.h"
 

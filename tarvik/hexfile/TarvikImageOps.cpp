@@ -1,4 +1,4 @@
-#include "HexImage.h"
+#include "tarvik/hexfile/TarvikImageOps.h"
 
 #include <boost/crc.hpp>
 
@@ -7,6 +7,8 @@
 
 namespace
 {
+typedef CTarvikHexfile::SMemoryBlock SHexBlock;
+
 // Fill bytes go into the CRC in pieces of this size.
 constexpr size_t kFillChunk = 1 << 16;
 
@@ -46,7 +48,7 @@ void AddFill(boost::crc_32_type& crc, uint64_t count, unsigned char fill)
 class CBlockCursor
 {
 public:
-    explicit CBlockCursor(const CTarvikHexfile& image) : m_aBlocks(HexSortedBlocks(image)) {}
+    explicit CBlockCursor(const CTarvikHexfile& image) : m_aBlocks(CTarvikImageOps::SortedBlocks(image)) {}
 
     // The block that holds address, or null; end receives the next address at which that changes.
     const SHexBlock* At(uint64_t address, uint64_t& end)
@@ -55,7 +57,7 @@ public:
             ++m_nIndex;
         if (m_nIndex == m_aBlocks.size())
         {
-            end = kHexAddressEnd;
+            end = CTarvikImageOps::kAddressEnd;
             return nullptr;
         }
         const SHexBlock* block = m_aBlocks[m_nIndex];
@@ -79,7 +81,7 @@ int ByteAt(const SHexBlock* block, uint64_t address)
 }
 } // namespace
 
-std::vector<const SHexBlock*> HexSortedBlocks(const CTarvikHexfile& image)
+std::vector<const CTarvikImageOps::SMemoryBlock*> CTarvikImageOps::SortedBlocks(const CTarvikHexfile& image)
 {
     std::vector<const SHexBlock*> blocks;
     for (const SHexBlock* block : image.GetMemoryBlocks())
@@ -90,18 +92,18 @@ std::vector<const SHexBlock*> HexSortedBlocks(const CTarvikHexfile& image)
     return blocks;
 }
 
-std::string HexEndRecord(const CTarvikHexfile& image)
+std::string CTarvikImageOps::EndRecord(const CTarvikHexfile& image)
 {
     uint64_t lowest = 0;
     uint64_t highest = 0;
-    if (!HexBounds(image, lowest, highest) || highest <= 0xFFFF)
+    if (!Bounds(image, lowest, highest) || highest <= 0xFFFF)
         return "S9030000FC";
     return highest <= 0xFFFFFF ? "S804000000FB" : "S70500000000FA";
 }
 
-bool HexBounds(const CTarvikHexfile& image, uint64_t& lowest, uint64_t& highest)
+bool CTarvikImageOps::Bounds(const CTarvikHexfile& image, uint64_t& lowest, uint64_t& highest)
 {
-    const auto blocks = HexSortedBlocks(image);
+    const auto blocks = SortedBlocks(image);
     if (blocks.empty())
         return false;
     lowest = blocks.front()->m_nStartAddress;
@@ -111,20 +113,20 @@ bool HexBounds(const CTarvikHexfile& image, uint64_t& lowest, uint64_t& highest)
     return true;
 }
 
-uint32_t HexDataCrc(const CTarvikHexfile& image)
+uint32_t CTarvikImageOps::DataCrc(const CTarvikHexfile& image)
 {
     boost::crc_32_type crc;
-    for (const SHexBlock* block : HexSortedBlocks(image))
+    for (const SHexBlock* block : SortedBlocks(image))
         crc.process_bytes(block->m_pData, block->m_nLength);
     return crc.checksum();
 }
 
-uint32_t HexRangeCrc(const CTarvikHexfile& image, uint64_t first, uint64_t last, unsigned char fill)
+uint32_t CTarvikImageOps::RangeCrc(const CTarvikHexfile& image, uint64_t first, uint64_t last, unsigned char fill)
 {
     boost::crc_32_type crc;
     const uint64_t stop = last + 1;
     uint64_t next = first;
-    for (const SHexBlock* block : HexSortedBlocks(image))
+    for (const SHexBlock* block : SortedBlocks(image))
     {
         const uint64_t start = std::max(block->m_nStartAddress, next);
         const uint64_t end = std::min(BlockEnd(*block), stop);
@@ -138,10 +140,10 @@ uint32_t HexRangeCrc(const CTarvikHexfile& image, uint64_t first, uint64_t last,
     return crc.checksum();
 }
 
-bool HexFirstOverlap(const CTarvikHexfile& a, const CTarvikHexfile& b, uint64_t& address)
+bool CTarvikImageOps::FirstOverlap(const CTarvikHexfile& a, const CTarvikHexfile& b, uint64_t& address)
 {
-    const auto blocksA = HexSortedBlocks(a);
-    const auto blocksB = HexSortedBlocks(b);
+    const auto blocksA = SortedBlocks(a);
+    const auto blocksB = SortedBlocks(b);
     // Both lists are sorted and free of overlaps, so the first common range met is the lowest.
     for (size_t i = 0, j = 0; i < blocksA.size() && j < blocksB.size();)
     {
@@ -158,7 +160,7 @@ bool HexFirstOverlap(const CTarvikHexfile& a, const CTarvikHexfile& b, uint64_t&
     return false;
 }
 
-void HexMerge(const std::vector<const CTarvikHexfile*>& images, CTarvikHexfile& out)
+void CTarvikImageOps::Merge(const std::vector<const CTarvikHexfile*>& images, CTarvikHexfile& out)
 {
     // The byte map keeps the last value written to an address and joins what touches.
     CTarvikHexfile::CByteMap map;
@@ -167,9 +169,9 @@ void HexMerge(const std::vector<const CTarvikHexfile*>& images, CTarvikHexfile& 
     TakeMap(map, out);
 }
 
-void HexCrop(const CTarvikHexfile& image, uint64_t first, uint64_t last, CTarvikHexfile& out)
+void CTarvikImageOps::Crop(const CTarvikHexfile& image, uint64_t first, uint64_t last, CTarvikHexfile& out)
 {
-    for (const SHexBlock* block : HexSortedBlocks(image))
+    for (const SHexBlock* block : SortedBlocks(image))
     {
         const uint64_t start = std::max(block->m_nStartAddress, first);
         const uint64_t end = std::min(BlockEnd(*block), last + 1);
@@ -179,7 +181,7 @@ void HexCrop(const CTarvikHexfile& image, uint64_t first, uint64_t last, CTarvik
     out.RecalcMinMax();
 }
 
-void HexFill(const CTarvikHexfile& image, uint64_t first, uint64_t last, unsigned char fill, CTarvikHexfile& out)
+void CTarvikImageOps::Fill(const CTarvikHexfile& image, uint64_t first, uint64_t last, unsigned char fill, CTarvikHexfile& out)
 {
     CTarvikHexfile::CByteMap map;
     PutImage(image, map);
@@ -194,19 +196,19 @@ void HexFill(const CTarvikHexfile& image, uint64_t first, uint64_t last, unsigne
     TakeMap(map, out);
 }
 
-void HexOffset(const CTarvikHexfile& image, int64_t delta, CTarvikHexfile& out)
+void CTarvikImageOps::Offset(const CTarvikHexfile& image, int64_t delta, CTarvikHexfile& out)
 {
-    for (const SHexBlock* block : HexSortedBlocks(image))
+    for (const SHexBlock* block : SortedBlocks(image))
         AddPiece(out, block->m_nStartAddress + static_cast<uint64_t>(delta), *block, 0, block->m_nLength);
     out.RecalcMinMax();
 }
 
-uint64_t HexCompare(const CTarvikHexfile& a, const CTarvikHexfile& b, size_t keep, std::vector<SHexDifference>& first)
+uint64_t CTarvikImageOps::Compare(const CTarvikHexfile& a, const CTarvikHexfile& b, size_t keep, std::vector<SDifference>& first)
 {
     CBlockCursor cursorA(a);
     CBlockCursor cursorB(b);
     uint64_t count = 0;
-    for (uint64_t address = 0, endA = 0, endB = 0; address < kHexAddressEnd; address = std::min(endA, endB))
+    for (uint64_t address = 0, endA = 0, endB = 0; address < kAddressEnd; address = std::min(endA, endB))
     {
         const SHexBlock* blockA = cursorA.At(address, endA);
         const SHexBlock* blockB = cursorB.At(address, endB);
