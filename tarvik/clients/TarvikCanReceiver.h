@@ -12,7 +12,7 @@
 #ifndef TARVIK_CLIENTS_TARVIKCANRECEIVER_H
 #define TARVIK_CLIENTS_TARVIKCANRECEIVER_H
 
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 class TARVIK_API ITarvikCanReceiver
 {

@@ -22,7 +22,7 @@ public:
     // 0x0200 | number, a confirmation 0x8200 | number.
     enum ECmd
     {
-        TARVIK_CAN_COMMANDS(TARVIK_CAN_COMMAND_ENUMERATOR)
+        TARVIK_CAN_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
     };
 
     // Flag bit of a received frame: its last 8 data bytes are a time stamp.

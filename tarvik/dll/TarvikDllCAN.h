@@ -26,7 +26,7 @@
 #define TARVIK_DLL_TARVIKDLLCAN_H
 
 #include "tarvik/clients/TarvikCANCallbacks.h"
-#include "tarvik/core/TarvikExport.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
 extern "C" {

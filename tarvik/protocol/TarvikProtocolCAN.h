@@ -9,9 +9,11 @@
 //   0x6C CANopenGUARD indication only: a node guarding state
 //   0x6D CANopenUndefined indication only: a frame of no CANopen kind, in the frame layout
 //
-// Header only, std headers only.
 #ifndef TARVIK_PROTOCOL_TARVIKPROTOCOLCAN_H
 #define TARVIK_PROTOCOL_TARVIKPROTOCOLCAN_H
+
+#include "tarvik/protocol/TarvikProtocol.h"
+#include "tarvik/protocol/TarvikProtocolDevice.h"
 
 #include <cstddef>
 
@@ -48,19 +50,18 @@
     X(CANopenGUARD, 0x6C)            \
     X(CANopenUndefined, 0x6D)
 
-// X(Name, number) -> the enumerator eCmdName = number,
-#define TARVIK_CAN_COMMAND_ENUMERATOR(name, number) eCmd##name = number,
-
 namespace tarvik_protocol
 {
 namespace can
 {
-constexpr unsigned char kDeviceType = 2;
+constexpr ETarvikDevice kDeviceType = eTarvikCAN;
 
 enum ECmd
 {
-    TARVIK_CAN_COMMANDS(TARVIK_CAN_COMMAND_ENUMERATOR)
+    TARVIK_CAN_COMMANDS(TARVIK_PROTOCOL_ENUMERATOR)
 };
+
+constexpr SCommandName kCommands[] = {TARVIK_CAN_COMMANDS(TARVIK_PROTOCOL_TABLE_ROW)};
 
 // The command code of a request (an indication carries the same code).
 constexpr unsigned short CmdCode(unsigned char number)
