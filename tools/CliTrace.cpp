@@ -4,7 +4,7 @@
 #include "CliFormat.h"
 #include "CliSession.h"
 
-#include "tarvik/clients/TarvikClientSPI.h"
+#include "tarvik/protocol/TarvikProtocolTable.h"
 
 #include <ctime>
 #include <iostream>
@@ -15,38 +15,13 @@ namespace
 // Longer data fields are cut: a trace line stays one readable line.
 constexpr size_t kMaxTracedBytes = 64;
 
-struct SCmdName
-{
-    int m_nDeviceType; // -1: every device
-    unsigned char m_nCmd;
-    const char* m_pName;
-};
-
-const SCmdName kCmdNames[] = {
-    {-1, CTarvikClient::eCmdInfo, "Info"},
-    {-1, CTarvikClient::eCmdStatus, "Status"},
-    {-1, CTarvikClient::eCmdRestart, "Restart"},
-    {-1, CTarvikClient::eCmdBaseReadDigital, "BaseReadDigital"},
-    {-1, CTarvikClient::eCmdBaseWriteDigital, "BaseWriteDigital"},
-    {-1, CTarvikClient::eCmdReadAnalog, "ReadAnalog"},
-    {-1, CTarvikClient::eCmdWriteAnalog, "WriteAnalog"},
-    {eTarvikSPI, CTarvikClientSPI::eCmdDataReq, "DataReq"},
-    {eTarvikSPI, CTarvikClientSPI::eCmdSetGlobals, "SetGlobals"},
-    {eTarvikSPI, CTarvikClientSPI::eCmdGetGlobals, "GetGlobals"},
-    {eTarvikSPI, CTarvikClientSPI::eCmdSequence, "Sequence"},
-};
-
 // The sink runs on the calling thread and on the receive thread.
 std::mutex gTraceMutex;
 
 std::string CmdName(unsigned short code)
 {
-    int type = (code >> 8) & 0x7F;
-    unsigned char cmd = static_cast<unsigned char>(code & 0xFF);
-    for (const SCmdName& entry : kCmdNames)
-        if (entry.m_nCmd == cmd && (entry.m_nDeviceType < 0 || entry.m_nDeviceType == type))
-            return entry.m_pName;
-    return "cmd" + CliHex(cmd, 2);
+    const char* name = tarvik_protocol::CommandName(code);
+    return name != nullptr ? name : "cmd" + CliHex(code & 0xFF, 2);
 }
 
 std::string TimeOfDay(int64_t timeUs)
