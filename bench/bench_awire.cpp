@@ -90,8 +90,8 @@ bool RoundTrips(unsigned short port, double& write, double& read)
     CTarvikSimRawClient raw;
     if (!raw.Connect("127.0.0.1", port))
         return false;
-    std::string block = CTarvikMsg::ToChar(0u) + CTarvikMsg::ToChar(static_cast<unsigned short>(kChunk)) +
-                        std::string(kChunk, '\xFF');
+    std::string block =
+        CTarvikMsg::ToChar(0u) + CTarvikMsg::ToChar(static_cast<unsigned short>(kChunk)) + std::string(kChunk, '\xFF');
     std::string request = CTarvikMsg::ToChar(0u) + CTarvikMsg::ToChar(static_cast<unsigned short>(kChunk));
     std::vector<double> writes, reads;
     for (int i = 0; i < kRoundTrips; ++i)

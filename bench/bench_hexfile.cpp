@@ -146,7 +146,6 @@ int Load(const char* path, int runs)
     return 0;
 }
 
-
 // One load in this process: the rise of the peak resident size over the size before the load,
 // and what the heap still holds afterwards (the blocks of the image).
 int Memory(const char* path)
@@ -168,8 +167,7 @@ int Memory(const char* path)
     std::printf("tarvik memory %s: file %.0f KiB, %llu bytes in %zu blocks, load %.4f s, peak RSS %ld KiB, "
                 "+%ld KiB by the load (%.1fx the file), heap held after the load %.0f KiB\n",
                 path, fileKib, static_cast<unsigned long long>(image.GetTotalBytes()), image.GetMemoryBlocks().size(),
-                seconds, peak + before, peak, peak / fileKib,
-                held / 1024.0);
+                seconds, peak + before, peak, peak / fileKib, held / 1024.0);
     std::printf("peak_kib %ld\n", peak);
     return 0;
 }
@@ -240,8 +238,9 @@ int main(int argc, char** argv)
         return Load(argv[2], argc == 4 ? std::atoi(argv[3]) : 5);
     if (argc == 3 && std::strcmp(argv[1], "memory") == 0)
         return Memory(argv[2]);
-    std::fprintf(stderr, "usage: %s [gen intel|srec FILE MIB | gen sparse|dense FILE KIB | load FILE [RUNS] | "
-                         "memory FILE]\n",
+    std::fprintf(stderr,
+                 "usage: %s [gen intel|srec FILE MIB | gen sparse|dense FILE KIB | load FILE [RUNS] | "
+                 "memory FILE]\n",
                  argv[0]);
     return 2;
 }

@@ -13,8 +13,8 @@
 //   bench_sendfile memory MIB
 // The speed run ends with "ratio sendfile/raw: X" (best runs), the memory run with
 // "peak_kib K" for scripts.
-#include "BenchUtil.h"
 #include "BenchStatus.h"
+#include "BenchUtil.h"
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
 #include "sim/TarvikSimRawClient.h"
 #include "sim/TarvikSimServer.h"
@@ -90,7 +90,8 @@ int RawUpload(CTarvikSimRawClient& raw, const std::string& path, unsigned int cr
     unsigned int size = static_cast<unsigned int>(file.tellg());
     file.seekg(0);
     std::string name = CTarvikClientTestSystemCOM::GetFileName(path);
-    std::string data = CTarvikMsg::ToChar(crc) + CTarvikMsg::ToChar(size) + std::string(1, static_cast<char>(name.size())) + name;
+    std::string data =
+        CTarvikMsg::ToChar(crc) + CTarvikMsg::ToChar(size) + std::string(1, static_cast<char>(name.size())) + name;
     unsigned short cmd = 0x0DD3;
     short id = 2;
     for (;;)
@@ -153,7 +154,6 @@ int Speed(unsigned long mib, int runs)
     std::printf("ratio sendfile/raw: %.2f\n", bestRaw / bestLib);
     return 0;
 }
-
 
 // One upload with CRC in this process (client and simulated unit), and its peak RSS.
 int Memory(unsigned long mib)

@@ -34,7 +34,6 @@ constexpr long kWarmUpRounds = 20000;
 constexpr auto kSettleLimit = std::chrono::seconds(5);
 constexpr auto kSettlePoll = std::chrono::milliseconds(50);
 
-
 // Each client has a socket and a receive thread: take every descriptor allowed.
 void RaiseFileLimit()
 {
@@ -137,14 +136,12 @@ long RunWave(const SScale& scale, int wave)
     threads.reserve(static_cast<size_t>(scale.m_nThreads));
     start = std::chrono::steady_clock::now();
     for (int t = 0; t < scale.m_nThreads; ++t)
-        threads.emplace_back(
-            [&, t]
-            {
-                for (int r = 0; r < scale.m_nRequests; ++r)
-                    for (int c = t; c < scale.m_nClients; c += scale.m_nThreads)
-                        if (!GetGlobalsOnce(*clients[c]))
-                            ++failed;
-            });
+        threads.emplace_back([&, t] {
+            for (int r = 0; r < scale.m_nRequests; ++r)
+                for (int c = t; c < scale.m_nClients; c += scale.m_nThreads)
+                    if (!GetGlobalsOnce(*clients[c]))
+                        ++failed;
+        });
     for (auto& thread : threads)
         thread.join();
     double served = Seconds(start);

@@ -45,8 +45,8 @@ static int PageRoundTrip(int handle)
     unsigned short received = 0;
 
     printf("chip at slave address 0x%02X\n", EEPROMGetSlaveAddress(CHIP_SELECT, PAGE_OFFSET, CHIP_TYPE));
-    if (Check("EEPROM write", EEPROMWritePollAck(handle, CHIP_SELECT, PAGE_OFFSET, CHIP_TYPE, page, PAGE_SIZE,
-                                                 POLL_MS)))
+    if (Check("EEPROM write",
+              EEPROMWritePollAck(handle, CHIP_SELECT, PAGE_OFFSET, CHIP_TYPE, page, PAGE_SIZE, POLL_MS)))
         return 1;
     memset(back, 0, sizeof(back));
     if (Check("EEPROM read", EEPROMRead(handle, CHIP_SELECT, PAGE_OFFSET, CHIP_TYPE, back, PAGE_SIZE, &received)))

@@ -36,8 +36,7 @@ std::vector<unsigned char> CTarvikSimCanBus::DefaultNodeIds()
 
 int64_t CTarvikSimCanBus::NowUs()
 {
-    return std::chrono::duration_cast<std::chrono::microseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();
 }
 
@@ -176,8 +175,8 @@ void CTarvikSimCanBus::SetTimer(CTarvikSimCanStation* owner, unsigned int key, u
         std::lock_guard<std::mutex> lock(m_oMutex);
         STimer timer{owner, key, Clock::now() + std::chrono::milliseconds(firstMs),
                      std::chrono::milliseconds(periodMs)};
-        auto it = std::find_if(m_aoTimers.begin(), m_aoTimers.end(), [owner, key](const STimer& t)
-                               { return t.m_pOwner == owner && t.m_nKey == key; });
+        auto it = std::find_if(m_aoTimers.begin(), m_aoTimers.end(),
+                               [owner, key](const STimer& t) { return t.m_pOwner == owner && t.m_nKey == key; });
         if (it != m_aoTimers.end())
             *it = timer;
         else
@@ -189,8 +188,8 @@ void CTarvikSimCanBus::SetTimer(CTarvikSimCanStation* owner, unsigned int key, u
 void CTarvikSimCanBus::KillTimer(CTarvikSimCanStation* owner, unsigned int key)
 {
     std::lock_guard<std::mutex> lock(m_oMutex);
-    m_aoTimers.erase(std::remove_if(m_aoTimers.begin(), m_aoTimers.end(), [owner, key](const STimer& t)
-                                    { return t.m_pOwner == owner && t.m_nKey == key; }),
+    m_aoTimers.erase(std::remove_if(m_aoTimers.begin(), m_aoTimers.end(),
+                                    [owner, key](const STimer& t) { return t.m_pOwner == owner && t.m_nKey == key; }),
                      m_aoTimers.end());
 }
 

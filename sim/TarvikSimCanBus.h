@@ -76,8 +76,7 @@ public:
 
     // Calls owner->OnTimer(key) after firstMs, then every periodMs (0: once). Replaces a
     // timer of the same owner and key.
-    void SetTimer(CTarvikSimCanStation* owner, unsigned int key, unsigned int firstMs,
-                  unsigned int periodMs) override;
+    void SetTimer(CTarvikSimCanStation* owner, unsigned int key, unsigned int firstMs, unsigned int periodMs) override;
     void KillTimer(CTarvikSimCanStation* owner, unsigned int key) override;
 
     // Wall-clock microseconds since 1970.

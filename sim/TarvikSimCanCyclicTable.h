@@ -19,8 +19,8 @@ public:
     enum ESet
     {
         eSetDone,
-        eSetMalformed,    // no such entry, a frame head missing, interval 0
-        eSetNotSendable,  // a frame the controller cannot send
+        eSetMalformed,   // no such entry, a frame head missing, interval 0
+        eSetNotSendable, // a frame the controller cannot send
     };
 
     CTarvikSimCanCyclicTable(CTarvikSimCanBus& bus, CTarvikSimCanStation& owner);

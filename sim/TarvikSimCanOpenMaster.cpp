@@ -60,8 +60,7 @@ CTarvikSimCanOpenMaster::SAnswer Result(unsigned char result, std::string data =
 }
 } // namespace
 
-CTarvikSimCanOpenMaster::CTarvikSimCanOpenMaster(CTarvikSimCanBus& bus, CTarvikSimCanStation& owner,
-                                                 CGateway& gateway)
+CTarvikSimCanOpenMaster::CTarvikSimCanOpenMaster(CTarvikSimCanBus& bus, CTarvikSimCanStation& owner, CGateway& gateway)
     : m_oBus(bus), m_oOwner(owner), m_oGateway(gateway), m_nMode(0), m_nSyncPeriod(0)
 {
 }
@@ -87,35 +86,19 @@ bool CTarvikSimCanOpenMaster::HandleCommand(unsigned char cmd, const std::string
     }
     switch (cmd)
     {
-    case can::eCmdCANopenSetSYNCMode:
-        answer = SetSyncMode(data);
-        break;
-    case can::eCmdCANopenSendNMT:
-        answer = Nmt(data);
-        break;
+    case can::eCmdCANopenSetSYNCMode: answer = SetSyncMode(data); break;
+    case can::eCmdCANopenSendNMT: answer = Nmt(data); break;
     case can::eCmdCANopenSYNC:
         answer = data.empty()
                      ? Result(m_oGateway.Send(STarvikSimCanFrame{CTarvikSimCanOpenNode::kCobSync, 0, {}, 0, {}}))
                      : Result(kFailed);
         break;
-    case can::eCmdCANopenSendTIME:
-        answer = Time(data);
-        break;
-    case can::eCmdCANopenPDO:
-        answer = Pdo(data);
-        break;
-    case can::eCmdCANopenSDORead:
-        answer = SdoRead(data, false);
-        break;
-    case can::eCmdCANopenSDOWrite:
-        answer = SdoWrite(data);
-        break;
-    case can::eCmdCANopenSDOReadBlock:
-        answer = SdoRead(data, true);
-        break;
-    default:
-        answer = SdoWriteBlock(data);
-        break;
+    case can::eCmdCANopenSendTIME: answer = Time(data); break;
+    case can::eCmdCANopenPDO: answer = Pdo(data); break;
+    case can::eCmdCANopenSDORead: answer = SdoRead(data, false); break;
+    case can::eCmdCANopenSDOWrite: answer = SdoWrite(data); break;
+    case can::eCmdCANopenSDOReadBlock: answer = SdoRead(data, true); break;
+    default: answer = SdoWriteBlock(data); break;
     }
     return true;
 }

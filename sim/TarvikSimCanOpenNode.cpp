@@ -48,8 +48,9 @@ CTarvikSimCanOpenNode::CTarvikSimCanOpenNode(unsigned char id, CTarvikSimCanPort
 
 void CTarvikSimCanOpenNode::BuildDictionary()
 {
-    auto add = [this](unsigned short index, unsigned char sub, size_t size, bool writable, std::string value)
-    { m_aoEntries.push_back(SEntry{index, sub, size, writable, value, value}); };
+    auto add = [this](unsigned short index, unsigned char sub, size_t size, bool writable, std::string value) {
+        m_aoEntries.push_back(SEntry{index, sub, size, writable, value, value});
+    };
     add(0x1000, 0, 4, false, CTarvikMsg::ToChar(kDeviceType));
     add(kIndexErrorRegister, 0, 1, false, U8(0));
     add(kIndexHeartbeat, 0, 2, true, CTarvikMsg::ToChar(static_cast<unsigned short>(0)));
@@ -95,7 +96,8 @@ const CTarvikSimCanOpenNode::SEntry* CTarvikSimCanOpenNode::Find(unsigned short 
 
 bool CTarvikSimCanOpenNode::HasIndex(unsigned short index) const
 {
-    return std::any_of(m_aoEntries.begin(), m_aoEntries.end(), [index](const SEntry& e) { return e.m_nIndex == index; });
+    return std::any_of(m_aoEntries.begin(), m_aoEntries.end(),
+                       [index](const SEntry& e) { return e.m_nIndex == index; });
 }
 
 unsigned int CTarvikSimCanOpenNode::SdoRead(unsigned short index, unsigned char sub, std::string& value) const
@@ -210,7 +212,8 @@ void CTarvikSimCanOpenNode::OnFrame(const STarvikSimCanFrame& frame)
         if (!m_bPowered)
             return;
         const std::string& data = frame.m_sData;
-        if (frame.m_nId == kCobNmt && data.size() == 2 && (data[1] == 0 || static_cast<unsigned char>(data[1]) == m_nId))
+        if (frame.m_nId == kCobNmt && data.size() == 2 &&
+            (data[1] == 0 || static_cast<unsigned char>(data[1]) == m_nId))
             OnNmt(static_cast<unsigned char>(data[0]), out);
         else if (frame.m_nId == kCobSync && m_eState == eStateOperational)
             out.push_back(STarvikSimCanFrame{static_cast<unsigned int>(kCobTpdo1 + m_nId), 0, PdoData(), 0, {}});
@@ -224,21 +227,11 @@ void CTarvikSimCanOpenNode::OnNmt(unsigned char command, Frames& out)
 {
     switch (command)
     {
-    case eNmtStart:
-        SetState(eStateOperational, out);
-        break;
-    case eNmtStop:
-        SetState(eStateStopped, out);
-        break;
-    case eNmtPreOperational:
-        SetState(eStatePreOperational, out);
-        break;
-    case eNmtResetNode:
-        Reset(true, out);
-        break;
-    case eNmtResetCommunication:
-        Reset(false, out);
-        break;
+    case eNmtStart: SetState(eStateOperational, out); break;
+    case eNmtStop: SetState(eStateStopped, out); break;
+    case eNmtPreOperational: SetState(eStatePreOperational, out); break;
+    case eNmtResetNode: Reset(true, out); break;
+    case eNmtResetCommunication: Reset(false, out); break;
     default: break;
     }
 }

@@ -26,7 +26,6 @@
 #include <string>
 #include <vector>
 
-
 class CTarvikSimCanOpenNode : public CTarvikSimCanStation
 {
 public:

@@ -34,7 +34,7 @@ namespace
 {
 thread_local unsigned long t_nRequester = 0;
 thread_local short t_nRequestID = 0;
-}
+} // namespace
 
 short CTarvikSimDevice::GetRequestID()
 {
@@ -64,9 +64,9 @@ void CTarvikSimDevice::Detach(unsigned long connection)
 {
     {
         std::lock_guard<std::mutex> lock(m_oOutletMutex);
-        auto it = std::find_if(m_aoOutlets.begin(), m_aoOutlets.end(),
-                               [connection](const std::shared_ptr<CTarvikSimOutbox>& box)
-                               { return box->GetId() == connection; });
+        auto it = std::find_if(
+            m_aoOutlets.begin(), m_aoOutlets.end(),
+            [connection](const std::shared_ptr<CTarvikSimOutbox>& box) { return box->GetId() == connection; });
         if (it == m_aoOutlets.end())
             return;
         m_aoOutlets.erase(it);
@@ -80,13 +80,9 @@ size_t CTarvikSimDevice::GetConnectionCount() const
     return m_aoOutlets.size();
 }
 
-void CTarvikSimDevice::OnAttach(unsigned long)
-{
-}
+void CTarvikSimDevice::OnAttach(unsigned long) {}
 
-void CTarvikSimDevice::OnDetach(unsigned long)
-{
-}
+void CTarvikSimDevice::OnDetach(unsigned long) {}
 
 bool CTarvikSimDevice::Indicate(const CTarvikMsg& msg)
 {
@@ -156,8 +152,12 @@ bool CTarvikSimDevice::HandleCommonCommand(unsigned char cmd, const std::string&
 {
     switch (cmd)
     {
-    case tarvik_protocol::common::eCmdInfo: answer = data.empty() ? Answer(eResultOk, GetInfoRecord()) : Answer(eResultFailed); return true;
-    case tarvik_protocol::common::eCmdStatus: answer = data.empty() ? Answer(eResultOk, StatusText()) : Answer(eResultFailed); return true;
+    case tarvik_protocol::common::eCmdInfo:
+        answer = data.empty() ? Answer(eResultOk, GetInfoRecord()) : Answer(eResultFailed);
+        return true;
+    case tarvik_protocol::common::eCmdStatus:
+        answer = data.empty() ? Answer(eResultOk, StatusText()) : Answer(eResultFailed);
+        return true;
     case tarvik_protocol::common::eCmdRestart:
         if (!data.empty())
         {

@@ -74,8 +74,7 @@ std::string CTarvikSimDeviceAWire::GetConfig(const std::string& data) const
     if (!data.empty())
         return Answer(kFailed);
     std::string config = CTarvikMsg::ToChar(m_anConfig[0]) + CTarvikMsg::ToChar(m_anConfig[1]) +
-                         CTarvikMsg::ToChar(static_cast<unsigned int>(m_nPageSize)) +
-                         CTarvikMsg::ToChar(m_anConfig[2]);
+                         CTarvikMsg::ToChar(static_cast<unsigned int>(m_nPageSize)) + CTarvikMsg::ToChar(m_anConfig[2]);
     config += static_cast<char>(m_sConfigText.size());
     return Answer(kOk, config + m_sConfigText);
 }
@@ -130,8 +129,7 @@ std::string CTarvikSimDeviceAWire::WriteBlock(const std::string& data, bool user
 {
     if (data.size() < kBlockHeader || data.size() != kBlockHeader + CTarvikPayload(data).U16At(4))
         return Answer(kFailed);
-    SJob job{GetRequester(), GetRequestID(), userPage, CTarvikPayload(data).U32At(0),
-             data.substr(kBlockHeader)};
+    SJob job{GetRequester(), GetRequestID(), userPage, CTarvikPayload(data).U32At(0), data.substr(kBlockHeader)};
     if (m_nRate == 0 && m_dqJobs.empty() && !m_bWorking)
     {
         // No delay: programmed now, reported right behind the confirmation.

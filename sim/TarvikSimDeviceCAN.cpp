@@ -40,7 +40,8 @@ unsigned int LE32(const std::string& data, size_t pos)
 
 std::string Stamp(int64_t us)
 {
-    return CTarvikMsg::ToChar(static_cast<int>(us / kUsPerSecond)) + CTarvikMsg::ToChar(static_cast<int>(us % kUsPerSecond));
+    return CTarvikMsg::ToChar(static_cast<int>(us / kUsPerSecond)) +
+           CTarvikMsg::ToChar(static_cast<int>(us % kUsPerSecond));
 }
 
 std::string DefaultGlobals()
@@ -156,34 +157,24 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
 {
     switch (cmd)
     {
-    case can::eCmdFrame:
-        answer = OnWrite(data);
-        return true;
-    case can::eCmdSetConfig:
-        answer = OnSetConfig(data);
-        return true;
+    case can::eCmdFrame: answer = OnWrite(data); return true;
+    case can::eCmdSetConfig: answer = OnSetConfig(data); return true;
     case can::eCmdGetConfig:
     {
         const SClient& client = m_aoClients[GetRequester()];
-        answer = data.empty() ? Answer(eResultOk, U8(client.m_bConfirm) + U8(client.m_bTimeStamps))
-                              : Answer(eResultFailed);
+        answer =
+            data.empty() ? Answer(eResultOk, U8(client.m_bConfirm) + U8(client.m_bTimeStamps)) : Answer(eResultFailed);
         return true;
     }
-    case can::eCmdSetGlobals:
-        answer = OnSetGlobals(data);
-        return true;
+    case can::eCmdSetGlobals: answer = OnSetGlobals(data); return true;
     case can::eCmdGetGlobals:
         answer = data.empty() ? Answer(eResultOk, m_sGlobals) : Answer(eResultFailed);
         return true;
-    case can::eCmdSetTime:
-        answer = OnSetTime(data);
-        return true;
+    case can::eCmdSetTime: answer = OnSetTime(data); return true;
     case can::eCmdGetTime:
         answer = data.empty() ? Answer(eResultOk, U8(m_bTimeValid) + Stamp(ClockUs())) : Answer(eResultFailed);
         return true;
-    case can::eCmdSetFilter:
-        answer = OnSetFilter(data);
-        return true;
+    case can::eCmdSetFilter: answer = OnSetFilter(data); return true;
     case can::eCmdGetFilter:
     {
         std::string words;
@@ -192,12 +183,8 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
         answer = data.empty() ? Answer(eResultOk, words) : Answer(eResultFailed);
         return true;
     }
-    case can::eCmdGetPowerStatus:
-        answer = data.empty() ? OnGetPowerStatus() : Answer(eResultFailed);
-        return true;
-    case can::eCmdSetPowerRelais:
-        answer = OnSetPowerRelais(data);
-        return true;
+    case can::eCmdGetPowerStatus: answer = data.empty() ? OnGetPowerStatus() : Answer(eResultFailed); return true;
+    case can::eCmdSetPowerRelais: answer = OnSetPowerRelais(data); return true;
     case can::eCmdSetActivePowerSupplies:
         if (data.size() != 4)
             answer = Answer(eResultFailed);
@@ -207,17 +194,12 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
             answer = Answer(eResultOk);
         }
         return true;
-    case can::eCmdSetCyclicMessage:
-        answer = OnSetCyclic(data);
-        return true;
-    case can::eCmdSetZCardParameter:
-        answer = OnSetZCard(data);
-        return true;
+    case can::eCmdSetCyclicMessage: answer = OnSetCyclic(data); return true;
+    case can::eCmdSetZCardParameter: answer = OnSetZCard(data); return true;
     case can::eCmdGetZCardParameter:
         answer = data.empty() ? Answer(eResultOk, m_sZCard) : Answer(eResultFailed);
         return true;
-    default:
-        return false;
+    default: return false;
     }
 }
 
@@ -321,12 +303,9 @@ std::string CTarvikSimDeviceCAN::OnSetCyclic(const std::string& data)
 {
     switch (m_oCyclic.Set(data))
     {
-    case CTarvikSimCanCyclicTable::eSetDone:
-        return Answer(eResultOk);
-    case CTarvikSimCanCyclicTable::eSetNotSendable:
-        return Answer(eResultTransmitError);
-    default:
-        return Answer(eResultFailed);
+    case CTarvikSimCanCyclicTable::eSetDone: return Answer(eResultOk);
+    case CTarvikSimCanCyclicTable::eSetNotSendable: return Answer(eResultTransmitError);
+    default: return Answer(eResultFailed);
     }
 }
 

@@ -39,8 +39,7 @@ std::string FactoryImage()
 } // namespace
 
 CTarvikSimDeviceFirmware::CTarvikSimDeviceFirmware(unsigned int index)
-    : CTarvikSimDevice(eTarvikFirmware, index), m_sEEProm(FactoryImage()),
-      m_sFlash(kBlockSize * kBlockCount, '\xFF')
+    : CTarvikSimDevice(eTarvikFirmware, index), m_sEEProm(FactoryImage()), m_sFlash(kBlockSize * kBlockCount, '\xFF')
 {
 }
 
@@ -61,7 +60,10 @@ bool CTarvikSimDeviceFirmware::HandleCommand(unsigned char cmd, const std::strin
         return true;
     case wire::eCmdReadEEProm: answer = ReadEEProm(data); return true;
     case wire::eCmdWriteEEProm: answer = WriteEEProm(data); return true;
-    case wire::eCmdClearFlash: m_sFlash.assign(m_sFlash.size(), '\xFF'); answer = Answer(eResultOk); return true;
+    case wire::eCmdClearFlash:
+        m_sFlash.assign(m_sFlash.size(), '\xFF');
+        answer = Answer(eResultOk);
+        return true;
     case wire::eCmdReadFlash: answer = ReadFlash(data); return true;
     case wire::eCmdWriteFlash: answer = WriteFlash(data); return true;
     case wire::eCmdRestart: answer = Answer(eResultOk); return true;

@@ -29,7 +29,11 @@ bool CTarvikSimDeviceI2C::HandleCommand(unsigned char cmd, const std::string& da
 {
     switch (cmd)
     {
-    case wire::eCmdReset: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
+    case wire::eCmdReset:
+        StopBus();
+        m_bRawStarted = false;
+        answer = Answer(eResultOk);
+        return true;
     case wire::eCmdSetBaudrate:
         if (data.size() != 4)
             return answer = Answer(eResultFailed), true;
@@ -43,10 +47,18 @@ bool CTarvikSimDeviceI2C::HandleCommand(unsigned char cmd, const std::string& da
     case wire::eCmdWriteEEProm: answer = WriteEEProm(data, false); return true;
     case wire::eCmdWriteEEPromPollAck: answer = WriteEEProm(data, true); return true;
     case wire::eCmdSequence: answer = Sequence(data); return true;
-    case wire::eCmdRAWStart: StopBus(); m_bRawStarted = true; answer = Answer(eResultOk); return true;
+    case wire::eCmdRAWStart:
+        StopBus();
+        m_bRawStarted = true;
+        answer = Answer(eResultOk);
+        return true;
     case wire::eCmdRAWSend: answer = RawSend(data); return true;
     case wire::eCmdRAWGet: answer = RawGet(data); return true;
-    case wire::eCmdRAWStop: StopBus(); m_bRawStarted = false; answer = Answer(eResultOk); return true;
+    case wire::eCmdRAWStop:
+        StopBus();
+        m_bRawStarted = false;
+        answer = Answer(eResultOk);
+        return true;
     default: return false;
     }
 }
@@ -92,7 +104,8 @@ std::string CTarvikSimDeviceI2C::Write(const std::string& data)
     for (size_t i = 2; i < data.size() && chip->Write(static_cast<unsigned char>(data[i])); ++i)
         ++acked;
     StopBus();
-    unsigned char result = acked == data.size() - 2 ? static_cast<unsigned char>(eResultOk) : static_cast<unsigned char>(eResultNack);
+    unsigned char result =
+        acked == data.size() - 2 ? static_cast<unsigned char>(eResultOk) : static_cast<unsigned char>(eResultNack);
     return Answer(result, CTarvikMsg::ToChar(acked));
 }
 

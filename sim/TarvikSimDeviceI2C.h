@@ -27,8 +27,8 @@
 #define TARVIK_SIM_TARVIKSIMDEVICEI2C_H
 
 #include "sim/TarvikSimDevice.h"
-#include "tarvik/protocol/TarvikProtocolI2C.h"
 #include "sim/TarvikSimEeprom24.h"
+#include "tarvik/protocol/TarvikProtocolI2C.h"
 
 #include <vector>
 

@@ -17,8 +17,8 @@ const char* const CTarvikSimDeviceRenesas::kDefaultID = "RENESAS";
 const char* const CTarvikSimDeviceRenesas::kVersion = "Tarvik Renesas target V1.04";
 
 CTarvikSimDeviceRenesas::CTarvikSimDeviceRenesas(unsigned int index)
-    : CTarvikSimDevice(eTarvikRenesas, index), m_sID(kDefaultID), m_sFlash(kFlashSize, '\xFF'),
-      m_bInSequence(false), m_bIDChecked(false), m_nBaudrate(0)
+    : CTarvikSimDevice(eTarvikRenesas, index), m_sID(kDefaultID), m_sFlash(kFlashSize, '\xFF'), m_bInSequence(false),
+      m_bIDChecked(false), m_nBaudrate(0)
 {
 }
 

@@ -162,8 +162,8 @@ unsigned long CTarvikSimDeviceTestSystemCOM::GetTransferCount() const
     return m_nTransfers;
 }
 
-void CTarvikSimDeviceTestSystemCOM::PresetConfig(const std::string& config, const std::string& file,
-                                                 unsigned int size, unsigned int crc)
+void CTarvikSimDeviceTestSystemCOM::PresetConfig(const std::string& config, const std::string& file, unsigned int size,
+                                                 unsigned int crc)
 {
     std::lock_guard<std::mutex> lock(m_oMutex);
     m_aoFiles[file] = SFile{size, crc};

@@ -3,9 +3,9 @@
 #include "sim/TarvikSimDeviceAD.h"
 #include "sim/TarvikSimDeviceAWire.h"
 #include "sim/TarvikSimDeviceCAN.h"
-#include "sim/TarvikSimDeviceRenesas.h"
 #include "sim/TarvikSimDeviceFirmware.h"
 #include "sim/TarvikSimDeviceI2C.h"
+#include "sim/TarvikSimDeviceRenesas.h"
 #include "sim/TarvikSimDeviceSPI.h"
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
 #include "sim/TarvikSimDeviceTestUnit.h"
@@ -22,43 +22,60 @@ struct SModel
 // An explicit table rather than self-registering objects: the linker drops unreferenced
 // objects of a static library, and with them their registration.
 const SModel kModels[] = {
-    {eTarvikI2C, "i2c", [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> { return std::make_unique<CTarvikSimDeviceI2C>(index); }},
-    {eTarvikFirmware, "firmware", [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> { return std::make_unique<CTarvikSimDeviceFirmware>(index); }},
+    {eTarvikI2C, "i2c",
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceI2C>(index);
+     }},
+    {eTarvikFirmware, "firmware",
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceFirmware>(index);
+     }},
     {eTarvikCAN, "can",
-     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>& bus) -> std::unique_ptr<CTarvikSimDevice>
-     { return std::make_unique<CTarvikSimDeviceCAN>(index, bus); }},
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>& bus) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceCAN>(index, bus);
+     }},
     {eTarvikSPI, "spi",
-     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
-     { return std::make_unique<CTarvikSimDeviceSPI>(index); }},
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceSPI>(index);
+     }},
     // The digital gateway is the base device: its inputs are set from outside.
     {eTarvikDIO, "dio",
-     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) { return std::make_unique<CTarvikSimDevice>(eTarvikDIO, index); }},
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) {
+         return std::make_unique<CTarvikSimDevice>(eTarvikDIO, index);
+     }},
     {eTarvikAD, "ad",
-     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
-     { return std::make_unique<CTarvikSimDeviceAD>(index); }},
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceAD>(index);
+     }},
     {eTarvikRenesas, "renesas",
-     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
-     { return std::make_unique<CTarvikSimDeviceRenesas>(index); }},
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceRenesas>(index);
+     }},
     {eTarvikTestSystemIO, "tsio",
-     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
-     { return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemIO, index); }},
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemIO, index);
+     }},
     {eTarvikTestSystemPWR, "tspwr",
-     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
-     { return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemPWR, index); }},
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemPWR, index);
+     }},
     {eTarvikTestSystemCOM, "tscom",
-     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
-     { return std::make_unique<CTarvikSimDeviceTestSystemCOM>(index); }},
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceTestSystemCOM>(index);
+     }},
     {eTarvikAWire, "awire",
-     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
-     { return std::make_unique<CTarvikSimDeviceAWire>(index); }},
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceAWire>(index);
+     }},
     {eTarvikTestSystemRelay, "tsrelay",
-     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice>
-     { return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemRelay, index); }},
+     [](unsigned int index, const std::shared_ptr<CTarvikSimCanBus>&) -> std::unique_ptr<CTarvikSimDevice> {
+         return std::make_unique<CTarvikSimDeviceTestUnit>(eTarvikTestSystemRelay, index);
+     }},
 };
 } // namespace
 
 std::unique_ptr<CTarvikSimDevice> CTarvikSimRegistry::Create(ETarvikDevice type, unsigned int index,
-                                                              const std::shared_ptr<CTarvikSimCanBus>& canBus)
+                                                             const std::shared_ptr<CTarvikSimCanBus>& canBus)
 {
     for (const SModel& model : kModels)
         if (model.eType == type)

@@ -5,8 +5,8 @@
 #include "sim/TarvikSimServer.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <csignal>
+#include <cstdlib>
 #include <map>
 #include <sstream>
 #include <vector>
@@ -173,11 +173,12 @@ void CTarvikSimRunner::AddOptions(CLI::App& app, STarvikSimOptions& options)
                    "Devices to emulate, comma-separated (" + JoinNames() +
                        "); NAME:N emulates N of a kind at port indices index..index+N-1")
         ->capture_default_str();
-    app.add_option("-i,--index", options.m_nIndex, "Port index")->capture_default_str()->check(CLI::Range(0u, kMaxIndex));
+    app.add_option("-i,--index", options.m_nIndex, "Port index")
+        ->capture_default_str()
+        ->check(CLI::Range(0u, kMaxIndex));
     app.add_option("-p,--port", options.m_nPort, "Port, only with one device; 0 takes any free port")
         ->check(CLI::Range(0, 65535));
-    app.add_option("--awire-rate", options.m_nAWireRate,
-                   "Bytes per second that the AWire target programs (0: at once)")
+    app.add_option("--awire-rate", options.m_nAWireRate, "Bytes per second that the AWire target programs (0: at once)")
         ->capture_default_str();
     app.add_option("--can-nodes", options.m_sCanNodes,
                    "CANopen node ids on the CAN gateways' bus, comma-separated; empty for none")

@@ -82,7 +82,10 @@ int OpenListener(const std::string& host, unsigned short port, std::string& erro
 } // namespace
 
 CTarvikSimServer::CTarvikSimServer()
-    : m_anCanNodeIds(CTarvikSimCanBus::DefaultNodeIds()), m_nWakeFd(-1), m_bRunning(false), m_bStopped(false), m_nRefused(0) {}
+    : m_anCanNodeIds(CTarvikSimCanBus::DefaultNodeIds()), m_nWakeFd(-1), m_bRunning(false), m_bStopped(false),
+      m_nRefused(0)
+{
+}
 
 CTarvikSimServer::~CTarvikSimServer()
 {

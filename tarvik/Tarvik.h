@@ -5,7 +5,6 @@
 
 #include "tarvik/TarvikVersion.h"
 #include "tarvik/core/TarvikDeviceInfo.h"
-#include "tarvik/runtime/TarvikExport.h"
 #include "tarvik/core/TarvikResult.h"
 #include "tarvik/dll/TarvikDLL.h"
 #include "tarvik/dll/TarvikDllAD.h"
@@ -17,16 +16,17 @@
 #include "tarvik/dll/TarvikDllRenesas.h"
 #include "tarvik/dll/TarvikDllSPI.h"
 #include "tarvik/dll/TarvikDllTestSystem.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
 #include "tarvik/clients/TarvikClientAD.h"
+#include "tarvik/clients/TarvikClientAWire.h"
 #include "tarvik/clients/TarvikClientCAN.h"
 #include "tarvik/clients/TarvikClientCANDll.h"
-#include "tarvik/clients/TarvikClientAWire.h"
 #include "tarvik/clients/TarvikClientDIO.h"
-#include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientFirmware.h"
 #include "tarvik/clients/TarvikClientI2C.h"
+#include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"
@@ -38,14 +38,14 @@
 #include "tarvik/core/TarvikReply.h"
 #include "tarvik/core/TarvikVersionText.h"
 #include "tarvik/dll/DeviceManager.h"
+#include "tarvik/hexfile/TarvikHexfile.h"
+#include "tarvik/hexfile/TarvikImageCheck.h"
+#include "tarvik/hexfile/TarvikImageOps.h"
 #include "tarvik/runtime/MolFile.h"
 #include "tarvik/runtime/MolIPConnection.h"
 #include "tarvik/runtime/MolString.h"
 #include "tarvik/runtime/MolSync.h"
 #include "tarvik/runtime/MolTime.h"
-#include "tarvik/hexfile/TarvikHexfile.h"
-#include "tarvik/hexfile/TarvikImageCheck.h"
-#include "tarvik/hexfile/TarvikImageOps.h"
 #endif
 
 #endif

@@ -29,8 +29,8 @@ unsigned char CliCanFlagsOf(const SCliCanFrame& frame)
     if (frame.m_bRemote)
         flags |= can::kFlagRemote;
     if (frame.m_bFD)
-        flags |= static_cast<unsigned char>(can::kFlagFD | (frame.m_nFDFlags & can::kFDNibbleMask)
-                                                               << can::kFlagFDShift);
+        flags |=
+            static_cast<unsigned char>(can::kFlagFD | (frame.m_nFDFlags & can::kFDNibbleMask) << can::kFlagFDShift);
     return flags;
 }
 

@@ -176,8 +176,7 @@ std::string CliJsonLine(const TCliJson& json)
 {
     SCliReport& report = Report();
     std::lock_guard<std::mutex> lock(report.m_oLock);
-    if (!json.is_object() ||
-        (!report.m_bSimulated && report.m_asWarnings.empty() && report.m_asProblems.empty()))
+    if (!json.is_object() || (!report.m_bSimulated && report.m_asWarnings.empty() && report.m_asProblems.empty()))
         return json.dump(-1, ' ', false, TCliJson::error_handler_t::replace);
     TCliJson whole = json;
     if (report.m_bSimulated)

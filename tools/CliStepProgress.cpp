@@ -24,7 +24,9 @@ std::string RateText(double rate)
 } // namespace
 
 CCliStepProgress::CCliStepProgress(const SCliGlobals& globals, uint64_t totalBytes)
-    : m_eMode(globals.m_bJson ? eModeJson : isatty(STDOUT_FILENO) == 1 ? eModeBar : eModeLines),
+    : m_eMode(globals.m_bJson              ? eModeJson
+              : isatty(STDOUT_FILENO) == 1 ? eModeBar
+                                           : eModeLines),
       m_nTotal(totalBytes), m_nPercent(-1), m_nLastLine(-1), m_bDrawn(false),
       m_oStepStart(std::chrono::steady_clock::now()), m_oLastSeen(m_oStepStart)
 {
@@ -80,7 +82,9 @@ void CCliStepProgress::Show()
     long left = SecondsLeft(rate);
     if (m_eMode == eModeJson)
     {
-        TCliJson json{{"event", "progress"}, {"step", m_sStep}, {"percent", m_nPercent},
+        TCliJson json{{"event", "progress"},
+                      {"step", m_sStep},
+                      {"percent", m_nPercent},
                       {"bytes_per_second", static_cast<uint64_t>(rate)}};
         if (left >= 0)
             json["seconds_left"] = left;
@@ -98,10 +102,11 @@ void CCliStepProgress::Show()
         std::string bar(kWidth, '-');
         bar.replace(0, static_cast<size_t>(m_nPercent * kWidth / 100), static_cast<size_t>(m_nPercent * kWidth / 100),
                     '#');
-        std::string leftText = left < 0 ? "-:--" : std::to_string(left / 60) + ":" + (left % 60 < 10 ? "0" : "") +
-                                                       std::to_string(left % 60);
-        std::printf("\r%-9s [%s] %3d%%  %s  %s left ", m_sStep.c_str(), bar.c_str(), m_nPercent,
-                    RateText(rate).c_str(), leftText.c_str());
+        std::string leftText =
+            left < 0 ? "-:--"
+                     : std::to_string(left / 60) + ":" + (left % 60 < 10 ? "0" : "") + std::to_string(left % 60);
+        std::printf("\r%-9s [%s] %3d%%  %s  %s left ", m_sStep.c_str(), bar.c_str(), m_nPercent, RateText(rate).c_str(),
+                    leftText.c_str());
         m_bDrawn = true;
     }
     std::fflush(stdout);

@@ -102,7 +102,6 @@ void RunErase(const SCliGlobals& globals, const SAWireOptions& options)
     CliPrint(globals, "flash erased", TCliJson{{"erased", "flash"}, {"value", value}});
 }
 
-
 const char* StepName(FileStep::EFileStep step)
 {
     switch (step)
@@ -164,8 +163,8 @@ std::string FailureText(const CTarvikClientAWire::SFileFailure& failure, const s
     case FileFailure::eWriteRequest:
         return "a block write" + at + " could not be sent (result " + CliCode(failure.m_nResult) + ")";
     case FileFailure::eBlockFailed:
-        return "the gateway reported a failed block write" + at + " (state " + std::to_string(failure.m_nResult) +
-               ")" + erase;
+        return "the gateway reported a failed block write" + at + " (state " + std::to_string(failure.m_nResult) + ")" +
+               erase;
     case FileFailure::eVerifyRead:
         return "reading back" + at + " for the comparison failed (result " + CliCode(failure.m_nResult) + ")";
     case FileFailure::eVerifyMismatch: return "the target differs from " + file + " in the piece" + at + erase;

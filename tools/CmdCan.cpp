@@ -316,7 +316,8 @@ void RunCyclic(const SCliGlobals& globals, const SCanOptions& options)
     CCliCan can(globals);
     can.Check(can.Client().SetCyclicMessage(static_cast<unsigned char>(options.m_nIndex), !options.m_bOff,
                                             options.m_nInterval, static_cast<int>(frame.m_nId),
-                                            reinterpret_cast<const char*>(frame.m_aData), frame.m_nLen, CliCanFlagsOf(frame)),
+                                            reinterpret_cast<const char*>(frame.m_aData), frame.m_nLen,
+                                            CliCanFlagsOf(frame)),
               "set cyclic message");
     std::string state = options.m_bOff ? "off" : "every " + std::to_string(options.m_nInterval) + " ms";
     CliPrint(globals, "cyclic " + std::to_string(options.m_nIndex) + ": " + CliCanFrameText(frame) + " " + state,

@@ -377,8 +377,7 @@ void RegisterCanOpenCommands(CLI::App& app, SCliGlobals& globals)
     cmd->add_option("DATA", options->m_sData, "Data bytes in hex")->required();
     cmd->callback([g, options] { RunPdo(*g, *options); });
 
-    auto address = [&](CLI::App* c)
-    {
+    auto address = [&](CLI::App* c) {
         c->add_option("NODE", options->m_nNode, "Node id")->required()->check(CLI::Range(1u, 127u));
         c->add_option("INDEX", options->m_sIndex, "Object index, e.g. 0x1018")->required();
         c->add_option("SUB", options->m_nSub, "Subindex")->required()->check(CLI::Range(0u, 255u));

@@ -256,10 +256,12 @@ void RegisterDeviceCommands(CLI::App& app, SCliGlobals& globals)
     CLI::App* info = AddDeviceCommand(app, "info", "Show the device's information record, decoded", *options);
     info->add_flag("--raw", options->m_bRaw, "Show the record's 20 bytes as well");
     info->callback([g, options] { RunInfo(*g, *options); });
-    AddDeviceCommand(app, "status", "Show the device's status text", *options)
-        ->callback([g, options] { RunStatus(*g, *options); });
-    AddDeviceCommand(app, "restart", "Restart the device", *options)
-        ->callback([g, options] { RunRestart(*g, *options); });
+    AddDeviceCommand(app, "status", "Show the device's status text", *options)->callback([g, options] {
+        RunStatus(*g, *options);
+    });
+    AddDeviceCommand(app, "restart", "Restart the device", *options)->callback([g, options] {
+        RunRestart(*g, *options);
+    });
 
     CLI::App* digital = AddDeviceCommand(app, "digital", "Read (and set) the base board's digital I/O", *options);
     digital->add_option("--set", options->m_sSetDigital, "Set the outputs first (hex, e.g. 0xFF)");

@@ -159,15 +159,15 @@ void RunWrite(const SCliGlobals& globals, const SEepromOptions& options)
             auto select = static_cast<unsigned short>(options.m_nSelect);
             int result = options.m_nPollMs == 0
                              ? client.WriteEEProm(select, static_cast<unsigned int>(address), chip.m_nType, data, count)
-                             : client.WriteEEPromPollAck(select, static_cast<unsigned int>(address), chip.m_nType,
-                                                         data, count, static_cast<unsigned short>(options.m_nPollMs));
+                             : client.WriteEEPromPollAck(select, static_cast<unsigned int>(address), chip.m_nType, data,
+                                                         count, static_cast<unsigned short>(options.m_nPollMs));
             session.Check(result, "write at " + CliHex(address, 4));
             done += count;
             if (progress)
                 progress->Add(count);
         }
-        text += (text.empty() ? "" : "\n") + ("wrote " + std::to_string(span.m_sBytes.size()) + " bytes at " +
-                                              CliHex(start, 4));
+        text += (text.empty() ? "" : "\n") +
+                ("wrote " + std::to_string(span.m_sBytes.size()) + " bytes at " + CliHex(start, 4));
         list.push_back({{"address", start}, {"length", span.m_sBytes.size()}});
     }
     progress.reset();

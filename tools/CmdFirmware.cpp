@@ -36,12 +36,12 @@ std::string WordsText(const unsigned int* words, size_t count)
 
 std::string InfoText(const SInfo& info, int eeprom)
 {
-    return "software " + info.GetSWVersionString() + "\nhardware " + info.GetHWVersionString() +
-           "\nlayout   " + std::to_string(info.nLayoutVersion) + "\ntag      " + CliHex(info.nImageTag, 8) +
-           "\nfield3   " + CliHex(info.nField3, 8) + "\nfield4   " + CliHex(info.nField4, 8) + "\nfield5   " +
-           CliHex(info.nField5, 4) + "\nfield6   " + CliHex(info.nField6, 2) + "\nvariant  " +
-           CliHex(info.nSWVariant, 2) + "\nfield8   " + WordsText(info.aField8, 4) + "\nfield9   " +
-           CliHex(info.nField9, 2) + "\neeprom   " + CliHex(static_cast<unsigned int>(eeprom), 8);
+    return "software " + info.GetSWVersionString() + "\nhardware " + info.GetHWVersionString() + "\nlayout   " +
+           std::to_string(info.nLayoutVersion) + "\ntag      " + CliHex(info.nImageTag, 8) + "\nfield3   " +
+           CliHex(info.nField3, 8) + "\nfield4   " + CliHex(info.nField4, 8) + "\nfield5   " + CliHex(info.nField5, 4) +
+           "\nfield6   " + CliHex(info.nField6, 2) + "\nvariant  " + CliHex(info.nSWVariant, 2) + "\nfield8   " +
+           WordsText(info.aField8, 4) + "\nfield9   " + CliHex(info.nField9, 2) + "\neeprom   " +
+           CliHex(static_cast<unsigned int>(eeprom), 8);
 }
 
 TCliJson InfoJson(const SInfo& info, int eeprom)
@@ -107,7 +107,8 @@ void RunRead(const SCliGlobals& globals, const SFirmwareOptions& options)
 void RunWrite(const SCliGlobals& globals, const SFirmwareOptions& options)
 {
     // Bytes of a block that the file does not hold are written erased.
-    std::map<uint64_t, std::string> blocks = CliTargetPages(CliLoadTarget(options.m_sFile, options.m_bLenient), kBlockSize, '\xFF');
+    std::map<uint64_t, std::string> blocks =
+        CliTargetPages(CliLoadTarget(options.m_sFile, options.m_bLenient), kBlockSize, '\xFF');
     if (blocks.rbegin()->first > kMaxBlock)
         CliFail(options.m_sFile + ": data above block " + std::to_string(kMaxBlock), eCliExitUsage);
     CCliSession session(globals);
@@ -153,7 +154,9 @@ void RegisterFirmwareCommands(CLI::App& app, SCliGlobals& globals)
     });
 
     CLI::App* cmd = fw->add_subcommand("read", "Read flash blocks (2048 bytes); prints a hex dump or writes FILE");
-    cmd->add_option("--block", options->m_nBlock, "First block")->capture_default_str()->check(CLI::Range(0ul, kMaxBlock));
+    cmd->add_option("--block", options->m_nBlock, "First block")
+        ->capture_default_str()
+        ->check(CLI::Range(0ul, kMaxBlock));
     cmd->add_option("--count", options->m_nCount, "Number of blocks")
         ->capture_default_str()
         ->check(CLI::Range(1ul, kMaxBlock + 1));

@@ -115,7 +115,8 @@ void RunConvert(const SHexOptions& options)
         CliFail("convert: name the output with -o FILE (- for standard output)", eCliExitUsage);
     const std::string format = HexOutputFormat(output, options.m_sFormat, "");
     if (format.empty())
-        CliFail("convert: the name " + output + " does not say the output format; choose one with -O intel, srec or bin",
+        CliFail("convert: the name " + output +
+                    " does not say the output format; choose one with -O intel, srec or bin",
                 eCliExitUsage);
     HexLoad(image, options.m_sFile, options.m_oLoad);
     HexSave(image, output, format);

@@ -55,7 +55,8 @@ std::unique_ptr<CTarvikHexfile> LoadOne(const SEditOptions& options)
 
 void Save(CTarvikHexfile& image, const SEditOptions& options, const CTarvikHexfile& first)
 {
-    HexSave(image, options.m_sOutput, HexOutputFormat(options.m_sOutput, options.m_sFormat, HexFormatName(first.m_eType)));
+    HexSave(image, options.m_sOutput,
+            HexOutputFormat(options.m_sOutput, options.m_sFormat, HexFormatName(first.m_eType)));
 }
 
 // --from and --to; without them, the image's own lowest and highest address.

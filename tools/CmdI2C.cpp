@@ -155,9 +155,9 @@ void RunSeq(const SCliGlobals& globals, const SI2COptions& options)
     std::string read(total, '\0');
     unsigned short received = 0;
     unsigned short position = 0xFFFF;
-    int result = client.WriteSequence(sequence.data(), static_cast<unsigned short>(sequence.size()),
-                                      read.empty() ? nullptr : &read[0], static_cast<unsigned short>(total), received,
-                                      position);
+    int result =
+        client.WriteSequence(sequence.data(), static_cast<unsigned short>(sequence.size()),
+                             read.empty() ? nullptr : &read[0], static_cast<unsigned short>(total), received, position);
     CheckTransfer(session, result, "sequence", position != 0xFFFF, position);
     read.resize(received);
     // The bytes of the read steps follow each other in the answer.
@@ -176,7 +176,9 @@ void RunSeq(const SCliGlobals& globals, const SI2COptions& options)
     TCliJson json = {{"steps", steps.size()}, {"reads", reads}};
     if (position != 0xFFFF)
         json["position"] = position;
-    CliPrint(globals, text.empty() ? "done: " + std::to_string(steps.size()) + (steps.size() == 1 ? " step" : " steps") : text, json);
+    CliPrint(globals,
+             text.empty() ? "done: " + std::to_string(steps.size()) + (steps.size() == 1 ? " step" : " steps") : text,
+             json);
 }
 } // namespace
 

@@ -140,7 +140,8 @@ void RunErase(const SCliGlobals& globals, const SRenesasOptions& options)
 void RunProgram(const SCliGlobals& globals, const SRenesasOptions& options)
 {
     // Bytes of a page that the file does not hold stay erased.
-    std::map<uint64_t, std::string> pages = CliTargetPages(CliLoadTarget(options.m_sFile, options.m_bLenient), kPageSize, '\xFF');
+    std::map<uint64_t, std::string> pages =
+        CliTargetPages(CliLoadTarget(options.m_sFile, options.m_bLenient), kPageSize, '\xFF');
     if (pages.rbegin()->first > kMaxPage)
         CliFail(options.m_sFile + ": data above page " + std::to_string(kMaxPage), eCliExitUsage);
     CRenesasRun run(globals, options);
@@ -238,8 +239,7 @@ void RegisterRenesasCommands(CLI::App& app, SCliGlobals& globals)
         ->check(CLI::Range(0, 255));
 
     CLI::App* cmd = nullptr;
-    auto add = [renesas, &cmd](const char* name, const char* help)
-    {
+    auto add = [renesas, &cmd](const char* name, const char* help) {
         cmd = renesas->add_subcommand(name, help);
         cmd->footer("--id and --rate (see tarvik renesas --help) may also follow the command.");
     };

@@ -138,8 +138,7 @@ void RunAvailable(const SCliGlobals& globals, const STestSysOptions& options)
     bool available = false;
     unsigned int crc = 0;
     CliCheck(client.IsConfigAvailable(options.m_sName, available, crc), "available");
-    CliPrint(globals,
-             options.m_sName + (available ? ": available, CRC " + CliHex(crc, 8) : ": not available"),
+    CliPrint(globals, options.m_sName + (available ? ": available, CRC " + CliHex(crc, 8) : ": not available"),
              available ? TCliJson{{"config", options.m_sName}, {"available", true}, {"crc", crc}}
                        : TCliJson{{"config", options.m_sName}, {"available", false}});
 }
@@ -147,13 +146,13 @@ void RunAvailable(const SCliGlobals& globals, const STestSysOptions& options)
 // get N / set W... of one unit's word bank; make runs one operation on a fresh client.
 template <class TClient>
 void AddWordCommands(CLI::App* parent, const char* name, const char* help, SCliGlobals* g,
-                     const std::shared_ptr<STestSysOptions>& options, int (TClient::*get)(unsigned short*, unsigned char),
+                     const std::shared_ptr<STestSysOptions>& options,
+                     int (TClient::*get)(unsigned short*, unsigned char),
                      int (TClient::*set)(unsigned short*, unsigned char))
 {
     CLI::App* unit = parent->add_subcommand(name, help);
     unit->require_subcommand(1);
-    auto run = [g](auto op, const std::function<void(const TWordOp&)>& body)
-    {
+    auto run = [g](auto op, const std::function<void(const TWordOp&)>& body) {
         CCliSession session(*g);
         TClient client(static_cast<int>(g->m_nTimeoutMs));
         session.Open(client);
@@ -165,7 +164,8 @@ void AddWordCommands(CLI::App* parent, const char* name, const char* help, SCliG
     cmd->callback([=] { run(get, [&](const TWordOp& op) { RunGetWords(*g, op, options->m_nCount, what + " get"); }); });
     cmd = unit->add_subcommand("set", "Write words W... (from word 0 on)");
     cmd->add_option("W", options->m_asWords, "Words, decimal or 0x hex")->required();
-    cmd->callback([=] { run(set, [&](const TWordOp& op) { RunSetWords(*g, op, options->m_asWords, what + " set"); }); });
+    cmd->callback(
+        [=] { run(set, [&](const TWordOp& op) { RunSetWords(*g, op, options->m_asWords, what + " set"); }); });
 }
 
 void RunRelay(const SCliGlobals& globals, const STestSysOptions& options)
@@ -208,9 +208,8 @@ void RunDioRead(const SCliGlobals& globals)
 
 void RunDioWrite(const SCliGlobals& globals, const STestSysOptions& options)
 {
-    unsigned int outputs = static_cast<unsigned int>(
-        CliParseNumber(options.m_sHex.compare(0, 2, "0x") == 0 ? options.m_sHex : "0x" + options.m_sHex, 0xFFFFFFFFul,
-                       "outputs"));
+    unsigned int outputs = static_cast<unsigned int>(CliParseNumber(
+        options.m_sHex.compare(0, 2, "0x") == 0 ? options.m_sHex : "0x" + options.m_sHex, 0xFFFFFFFFul, "outputs"));
     CCliSession session(globals);
     CTarvikClientDIO client(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(client);

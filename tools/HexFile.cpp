@@ -7,6 +7,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,7 +15,6 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
-#include <csignal>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -195,7 +195,8 @@ public:
             CliOpenRead(probe, file, std::ios::binary);
             return;
         }
-        m_pCopy.reset(new CTempFile(TempDirectory(), "tarvik-stdin", "cannot keep standard input in " + TempDirectory()));
+        m_pCopy.reset(
+            new CTempFile(TempDirectory(), "tarvik-stdin", "cannot keep standard input in " + TempDirectory()));
         m_sPath = m_pCopy->Path();
         m_sDisplay = "<stdin>";
         std::ofstream out(m_sPath, std::ios::binary | std::ios::trunc);
@@ -417,8 +418,8 @@ void ReportProblems(const CTarvikImageCheck& check, const std::string& display, 
     if (options.m_bLenient)
         return Warn(display + ": " + Plural(count, "problem", "problems") + " taken as they are (--lenient)");
     CliFail(display + ": " + Plural(count, "problem", "problems") + "; nothing was done (--lenient takes the file as " +
-            (check.GetType() == CTarvikHexfile::Binary ? "it is)" : "it is, " + options.m_sFormatOption +
-                                                                         " bin as raw bytes)"));
+            (check.GetType() == CTarvikHexfile::Binary ? "it is)"
+                                                       : "it is, " + options.m_sFormatOption + " bin as raw bytes)"));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -541,8 +542,9 @@ std::string HexOutputFormat(const std::string& file, const std::string& given, c
 void HexAddLoadOptions(CLI::App* command, SHexLoadOptions& options, const std::string& note)
 {
     command->footer((note.empty() ? "" : note + "\n\n") + kInputHelp);
-    command->add_option("-I,-i,--input-format", options.m_sFormat,
-                        "Read the input as intel, srec or bin instead of deciding from its contents")
+    command
+        ->add_option("-I,-i,--input-format", options.m_sFormat,
+                     "Read the input as intel, srec or bin instead of deciding from its contents")
         ->check(CLI::IsMember({"intel", "srec", "bin"}));
     command->add_flag("--lenient,--ignore-checksum", options.m_bLenient,
                       "Take a damaged image as it is: its problems become warnings");

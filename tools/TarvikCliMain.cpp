@@ -8,8 +8,8 @@
 
 #include "tarvik/core/TarvikVersionText.h"
 
-#include <ios>
 #include <exception>
+#include <ios>
 #include <iostream>
 #include <new>
 #include <system_error>

@@ -13,8 +13,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <set>
 #include <mutex>
+#include <set>
 #include <vector>
 
 using namespace pybind11::literals;
@@ -22,7 +22,7 @@ using namespace pybind11::literals;
 namespace
 {
 
-constexpr int kMaxBuffer = 255;   // CANopenGetUndefined copies up to 255 bytes
+constexpr int kMaxBuffer = 255; // CANopenGetUndefined copies up to 255 bytes
 // The gateway's device results of the CANopen services.
 constexpr int kResultNodeSilent = 0x0002FC;
 constexpr int kResultAborted = 0x0002FD;
@@ -208,8 +208,7 @@ private:
 };
 
 // Polls one queue until it yields or the deadline passes, with the GIL released.
-template <class Fetch>
-bool WaitFor(CPyCAN& can, std::optional<double> timeout, Fetch fetch)
+template <class Fetch> bool WaitFor(CPyCAN& can, std::optional<double> timeout, Fetch fetch)
 {
     py::gil_scoped_release release;
     return can.WaitFor(Deadline(timeout), fetch);
@@ -265,8 +264,7 @@ py::object GetUndefined(CPyCAN& can, std::optional<double> timeout)
     int id = 0, sec = 0, usec = 0;
     unsigned char p1 = 0, p2 = 0, len = 0;
     char buffer[kMaxBuffer];
-    if (!WaitFor(can, timeout,
-                 [&] { return can.C().CANopenGetUndefined(&id, &p1, &p2, &len, buffer, &sec, &usec); }))
+    if (!WaitFor(can, timeout, [&] { return can.C().CANopenGetUndefined(&id, &p1, &p2, &len, buffer, &sec, &usec); }))
         return py::none();
     return py::make_tuple(id, py::bytes(buffer, len), sec, usec);
 }
@@ -347,16 +345,15 @@ py::dict GetPowerStatus(CPyCAN& can)
                     "status2"_a = status2, "status3"_a = status3, "status_bit"_a = bit);
 }
 
-template <CTarvikClientCANDll::EQueue Kind>
-void SetOn(CPyCAN& can, py::object fn)
+template <CTarvikClientCANDll::EQueue Kind> void SetOn(CPyCAN& can, py::object fn)
 {
     can.SetCallback(Kind, std::move(fn));
 }
 
 py::dict DropCounts(CPyCAN& can)
 {
-    static const char* const kNames[CTarvikClientCANDll::eQueueCount] = {"pdo", "sync", "emcy", "guard",
-                                                                         "undefined", "can"};
+    static const char* const kNames[CTarvikClientCANDll::eQueueCount] = {"pdo",   "sync",      "emcy",
+                                                                         "guard", "undefined", "can"};
     py::dict all;
     for (int i = 0; i < CTarvikClientCANDll::eQueueCount; ++i)
     {
@@ -373,8 +370,7 @@ CTarvikClientCAN::SSDOValue SDORead(CPyCAN& can, unsigned char node, unsigned sh
                                     unsigned short timeoutMs)
 {
     CTarvikClientCAN::SSDOValue sdo{};
-    CanOpenCall([&] { return can.C().CANopenSDOReadValue(node, index, sub, timeoutMs, sdo); }, node,
-                &sdo.nAbortCode);
+    CanOpenCall([&] { return can.C().CANopenSDOReadValue(node, index, sub, timeoutMs, sdo); }, node, &sdo.nAbortCode);
     return sdo;
 }
 
@@ -383,7 +379,8 @@ CTarvikClientCAN::SSDOValue SDORead(CPyCAN& can, unsigned char node, unsigned sh
 void PyTarvikBindCAN(py::module_& module)
 {
     using Release = py::call_guard<py::gil_scoped_release>;
-    py::class_<CPyCAN> cls(module, "CAN", R"(A CAN gateway: frames, configuration, cyclic messages, CANopen master services.
+    py::class_<CPyCAN> cls(module, "CAN",
+                           R"(A CAN gateway: frames, configuration, cyclic messages, CANopen master services.
 
 Received telegrams go to a callback (on_frame, on_pdo, ...) or, with set_queue_size(n) > 0,
 into receive queues read by get_message(), get_pdo(), ...; without either they are dropped.)");
@@ -441,8 +438,8 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                unsigned int optionValue, bool o2) {
                 PyTarvikCall([&] { return can.C().SetGlobals(baud, setting, f1, f2, f3, o1, optionValue, o2); });
             },
-            "baudrate"_a, "setting"_a = 0, "flag1"_a = false, "flag2"_a = false, "flag3"_a = false,
-            "option1"_a = false, "option_value"_a = 0, "option2"_a = false, "Sets the bit rate and bus settings.")
+            "baudrate"_a, "setting"_a = 0, "flag1"_a = false, "flag2"_a = false, "flag3"_a = false, "option1"_a = false,
+            "option_value"_a = 0, "option2"_a = false, "Sets the bit rate and bus settings.")
         .def("get_globals", &GetGlobals, "The bit rate and bus settings as a dict.")
         .def(
             "set_time",
@@ -574,8 +571,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                 const CTarvikClientCAN::SSDOValue sdo = SDORead(can, node, index, sub, timeoutMs);
                 return py::make_tuple(sdo.nValue, sdo.nSize);
             },
-            "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000,
-            "As sdo_read: (value, number of bytes received).")
+            "node"_a, "index"_a, "subindex"_a, "timeout_ms"_a = 1000, "As sdo_read: (value, number of bytes received).")
         .def(
             "sdo_write",
             [](CPyCAN& can, unsigned char node, unsigned short index, unsigned char sub, unsigned int data,
@@ -597,7 +593,9 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                 unsigned int abortCode = 0;
                 std::string data;
                 CanOpenCall(
-                    [&] { return can.C().CANopenSDOReadBlockData(node, index, sub, timeoutMs, status, data, abortCode); },
+                    [&] {
+                        return can.C().CANopenSDOReadBlockData(node, index, sub, timeoutMs, status, data, abortCode);
+                    },
                     node, &abortCode);
                 return py::bytes(data);
             },
@@ -613,10 +611,9 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                 CTarvikClientCAN::SSDOValue sdo{};
                 CanOpenCall(
                     [&] {
-                        return can.C().CANopenSDOWriteBlockValue(node, index, sub, timeoutMs,
-                                                                 static_cast<unsigned short>(buffer.size()),
-                                                                 reinterpret_cast<const unsigned char*>(buffer.data()),
-                                                                 sdo);
+                        return can.C().CANopenSDOWriteBlockValue(
+                            node, index, sub, timeoutMs, static_cast<unsigned short>(buffer.size()),
+                            reinterpret_cast<const unsigned char*>(buffer.data()), sdo);
                     },
                     node, &sdo.nAbortCode);
             },

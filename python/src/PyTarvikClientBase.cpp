@@ -42,8 +42,8 @@ void PyTarvikRaise(int code, const std::string& message)
 
 void PyTarvikRaiseSdoAbort(int code, unsigned int abortCode, const std::string& abortText, int node)
 {
-    Raise(s_pSdoAbortError, py::reinterpret_borrow<py::object>(s_pSdoAbortError)(
-                                code, CTarvikClient::GetErrorMsg(code), abortCode, abortText, node));
+    Raise(s_pSdoAbortError, py::reinterpret_borrow<py::object>(s_pSdoAbortError)(code, CTarvikClient::GetErrorMsg(code),
+                                                                                 abortCode, abortText, node));
 }
 
 std::string_view PyTarvikBytes(const py::bytes& data, size_t maxLen)
@@ -102,7 +102,7 @@ class SdoAbortError(TarvikError):
     py::object cls = scope["TarvikError"];
     cls.attr("__module__") = "tarvik";
     s_pTarvikError = cls.ptr();
-    Py_INCREF(s_pTarvikError);   // lives as long as the process: raised from any thread
+    Py_INCREF(s_pTarvikError); // lives as long as the process: raised from any thread
     module.attr("TarvikError") = cls;
     py::object abortCls = scope["SdoAbortError"];
     abortCls.attr("__module__") = "tarvik";

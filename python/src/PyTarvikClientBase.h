@@ -29,8 +29,7 @@ void PyTarvikCheckReleased(int code);
 void PyTarvikBindErrors(py::module_& module);
 
 // Runs fn (returning a result code) with the GIL released and raises its failure.
-template <class Fn>
-void PyTarvikCall(Fn fn)
+template <class Fn> void PyTarvikCall(Fn fn)
 {
     int result;
     {
@@ -49,8 +48,7 @@ unsigned short PyTarvikLength(long long length, size_t maxLen = 65535);
 class CPyClientBase
 {
 public:
-    CPyClientBase(std::unique_ptr<CTarvikClient> client, std::string host, int portIndex,
-                  std::optional<int> port);
+    CPyClientBase(std::unique_ptr<CTarvikClient> client, std::string host, int portIndex, std::optional<int> port);
     // Stops the connection with the GIL released, so a callback waiting for it can finish.
     virtual ~CPyClientBase();
     CPyClientBase(const CPyClientBase&) = delete;
@@ -82,8 +80,7 @@ private:
 };
 
 // A client class of the family T: the typed client behind the common base.
-template <class T>
-class CPyClient : public CPyClientBase
+template <class T> class CPyClient : public CPyClientBase
 {
 public:
     CPyClient(const std::string& host, int portIndex, unsigned int timeoutMs, std::optional<int> port)
@@ -94,8 +91,7 @@ public:
 };
 
 // Binds the constructor and the common operations of a client class.
-template <class W, class Cls>
-void PyTarvikBindBase(Cls& cls)
+template <class W, class Cls> void PyTarvikBindBase(Cls& cls)
 {
     using namespace pybind11::literals;
     using Release = py::call_guard<py::gil_scoped_release>;
@@ -111,8 +107,7 @@ void PyTarvikBindBase(Cls& cls)
         .def("status", &W::Status, "The device's status text.")
         // Through the typed client: the firmware client's Restart is a command of its own.
         .def(
-            "restart", [](W& client) { PyTarvikCall([&] { return client.C().Restart(); }); },
-            "Restarts the device.")
+            "restart", [](W& client) { PyTarvikCall([&] { return client.C().Restart(); }); }, "Restarts the device.")
         .def_property_readonly("connected", &W::IsConnected)
         .def_property_readonly("host", &W::GetHost)
         .def_property_readonly("port_index", &W::GetPortIndex)

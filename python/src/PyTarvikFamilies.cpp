@@ -43,9 +43,8 @@ py::bytes Transfer(CPySPI& w, const py::bytes& data, std::optional<long long> re
     const std::string_view send = PyTarvikBytes(data, kMaxSPI);
     const unsigned short length = PyTarvikLength(recvLen ? *recvLen : static_cast<long long>(send.size()), kMaxSPI);
     std::string recv(length, '\0');
-    PyTarvikCall([&] {
-        return w.C().DataReq(send.data(), static_cast<unsigned short>(send.size()), recv.data(), length);
-    });
+    PyTarvikCall(
+        [&] { return w.C().DataReq(send.data(), static_cast<unsigned short>(send.size()), recv.data(), length); });
     return py::bytes(recv);
 }
 
@@ -92,7 +91,8 @@ void BindSPI(py::module_& module)
             [](CPySPI& w, const py::bytes& sequence) {
                 const std::string_view seq = PyTarvikBytes(sequence);
                 short id = 0;
-                PyTarvikCall([&] { return w.C().SequenceReq(seq.data(), static_cast<unsigned short>(seq.size()), &id); });
+                PyTarvikCall(
+                    [&] { return w.C().SequenceReq(seq.data(), static_cast<unsigned short>(seq.size()), &id); });
                 return id;
             },
             "sequence"_a, "Starts a sequence without waiting; returns the id for sequence_result().")
@@ -100,9 +100,8 @@ void BindSPI(py::module_& module)
             "sequence_result",
             [](CPySPI& w, short id, long long outLen) {
                 std::string out(PyTarvikLength(outLen), '\0');
-                PyTarvikCall([&] {
-                    return w.C().SequenceGetCnf(id, out.data(), static_cast<unsigned short>(out.size()));
-                });
+                PyTarvikCall(
+                    [&] { return w.C().SequenceGetCnf(id, out.data(), static_cast<unsigned short>(out.size())); });
                 return py::bytes(out);
             },
             "id"_a, "out_len"_a, "Waits for the answer of a started sequence: out_len bytes after its result byte.")
@@ -148,7 +147,8 @@ py::list I2CSequence(CPyI2C& w, const py::list& steps)
     std::vector<CTarvikClientI2C::I2CCommand> commands;
     commands.reserve(owned.size());
     for (SI2CStep& step : owned)
-        commands.push_back({step.m_nCommand, static_cast<unsigned short>(step.m_sBuffer.size()), step.m_sBuffer.data()});
+        commands.push_back(
+            {step.m_nCommand, static_cast<unsigned short>(step.m_sBuffer.size()), step.m_sBuffer.data()});
     unsigned short errorPos = 0;
     int result;
     {
@@ -166,9 +166,8 @@ py::list I2CSequence(CPyI2C& w, const py::list& steps)
 void BindI2CBus(py::class_<CPyI2C>& i2c)
 {
     i2c.def(
-           "set_baudrate",
-           [](CPyI2C& w, unsigned int rate) { PyTarvikCall([&] { return w.C().SetBaudrate(rate); }); }, "rate"_a,
-           "Sets the bus rate: 100 and 400 are kHz, any other value bits per second.")
+           "set_baudrate", [](CPyI2C& w, unsigned int rate) { PyTarvikCall([&] { return w.C().SetBaudrate(rate); }); },
+           "rate"_a, "Sets the bus rate: 100 and 400 are kHz, any other value bits per second.")
         .def(
             "get_baudrate",
             [](CPyI2C& w) {
@@ -180,7 +179,8 @@ void BindI2CBus(py::class_<CPyI2C>& i2c)
         .def_property_readonly(
             "current_baudrate", [](CPyI2C& w) { return w.C().GetCurrentBaudrate(); },
             "The rate last set or read (100000 after construction).")
-        .def("reset", [](CPyI2C& w) { PyTarvikCall([&] { return w.C().Reset(); }); }, "Resets the bus master.")
+        .def(
+            "reset", [](CPyI2C& w) { PyTarvikCall([&] { return w.C().Reset(); }); }, "Resets the bus master.")
         .def(
             "read",
             [](CPyI2C& w, unsigned short slave, long long length) {
@@ -205,8 +205,9 @@ void BindI2CBus(py::class_<CPyI2C>& i2c)
                 PyTarvikCheck(result, py::dict("error_pos"_a = errorPos));
             },
             "slave"_a, "data"_a, "Writes data to a slave. A failure's TarvikError carries error_pos.")
-        .def("raw_start", [](CPyI2C& w) { PyTarvikCall([&] { return w.C().RAWStart(); }); },
-             "Enters the bit-level mode (start condition).")
+        .def(
+            "raw_start", [](CPyI2C& w) { PyTarvikCall([&] { return w.C().RAWStart(); }); },
+            "Enters the bit-level mode (start condition).")
         .def(
             "raw_send",
             [](CPyI2C& w, unsigned char byte, unsigned char flags) {
@@ -221,8 +222,9 @@ void BindI2CBus(py::class_<CPyI2C>& i2c)
                 return byte;
             },
             "flags"_a = 0, "Receives one byte in the bit-level mode.")
-        .def("raw_stop", [](CPyI2C& w) { PyTarvikCall([&] { return w.C().RAWStop(); }); },
-             "Leaves the bit-level mode (stop condition).")
+        .def(
+            "raw_stop", [](CPyI2C& w) { PyTarvikCall([&] { return w.C().RAWStop(); }); },
+            "Leaves the bit-level mode (stop condition).")
         .def(
             "write_sequence",
             [](CPyI2C& w, const py::bytes& sequence, long long readLen) {
@@ -254,8 +256,9 @@ void BindI2CEEProm(py::class_<CPyI2C>& i2c)
                const std::string_view buffer = PyTarvikBytes(data);
                const auto length = static_cast<unsigned short>(buffer.size());
                PyTarvikCall([&] {
-                   return pollTime ? w.C().WriteEEPromPollAck(deviceSelect, offset, type, buffer.data(), length, *pollTime)
-                                   : w.C().WriteEEProm(deviceSelect, offset, type, buffer.data(), length);
+                   return pollTime
+                              ? w.C().WriteEEPromPollAck(deviceSelect, offset, type, buffer.data(), length, *pollTime)
+                              : w.C().WriteEEProm(deviceSelect, offset, type, buffer.data(), length);
                });
            },
            "device_select"_a, "offset"_a, "eeprom_type"_a, "data"_a, "poll_time"_a = py::none(),
@@ -275,8 +278,11 @@ void BindI2CEEProm(py::class_<CPyI2C>& i2c)
             "device_select"_a, "offset"_a, "eeprom_type"_a, "length"_a, "Reads length bytes at offset.")
         .def_static(
             "to_offset",
-            [](unsigned int offset, unsigned short type) { return py::bytes(CTarvikClientI2C::ToOffset(offset, type)); },
-            "offset"_a, "eeprom_type"_a, "The offset masked to the chip's address bits, four bytes, most significant first.")
+            [](unsigned int offset, unsigned short type) {
+                return py::bytes(CTarvikClientI2C::ToOffset(offset, type));
+            },
+            "offset"_a, "eeprom_type"_a,
+            "The offset masked to the chip's address bits, four bytes, most significant first.")
         .def_static("eeprom_slave_address", &CTarvikClientI2C::GetEEPROMSlaveAddress, "device_select"_a, "offset"_a,
                     "eeprom_type"_a, "The chip's slave address (write form) for a memory offset.")
         .def_static("address_byte_count", &CTarvikClientI2C::GetAddressByteCount, "eeprom_type"_a,

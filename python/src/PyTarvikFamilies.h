@@ -21,8 +21,7 @@ void PyTarvikBindHexfile(py::module_& module);
 void PyTarvikHexLoad(CTarvikHexfile& image, const std::string& path, const std::string& format, bool lenient);
 
 // The digital word pair that several families share.
-template <class W, class Cls>
-void PyTarvikBindDigital(Cls& cls)
+template <class W, class Cls> void PyTarvikBindDigital(Cls& cls)
 {
     cls.def(
            "read_digital",

@@ -36,14 +36,10 @@ const char* FormatName(CHex::EType type)
 {
     switch (type)
     {
-    case CHex::Intel:
-        return "intel";
-    case CHex::Motorola:
-        return "motorola";
-    case CHex::Binary:
-        return "binary";
-    default:
-        return "detect";
+    case CHex::Intel: return "intel";
+    case CHex::Motorola: return "motorola";
+    case CHex::Binary: return "binary";
+    default: return "detect";
     }
 }
 
@@ -105,8 +101,8 @@ py::list Blocks(const CHex& image)
 {
     py::list out;
     for (const CTarvikHexfile::SMemoryBlock* block : CTarvikImageOps::SortedBlocks(image))
-        out.append(py::make_tuple(block->m_nStartAddress,
-                                  py::bytes(block->m_pData, static_cast<size_t>(block->m_nLength))));
+        out.append(
+            py::make_tuple(block->m_nStartAddress, py::bytes(block->m_pData, static_cast<size_t>(block->m_nLength))));
     return out;
 }
 
@@ -204,16 +200,21 @@ void BindEdits(py::class_<CHex>& cls)
                 return out;
             },
             "delta"_a, "A new image moved by delta.")
-        .def_static("merge", &Merge, "images"_a, "A new image of the images' bytes; where they overlap, the later wins.")
-        .def("crc32", [](const CHex& image) { return CTarvikImageOps::DataCrc(image); },
-             "CRC-32 of the bytes in address order; gaps add nothing.")
-        .def("range_crc32", [](const CHex& image, uint64_t first, uint64_t last, unsigned char fill) {
-                 CheckRange(first, last);
-                 return CTarvikImageOps::RangeCrc(image, first, last, fill);
-             },
-             "first"_a, "last"_a, "fill"_a = 0xFF, "CRC-32 of every address from first to last, gaps as fill.")
+        .def_static("merge", &Merge, "images"_a,
+                    "A new image of the images' bytes; where they overlap, the later wins.")
+        .def(
+            "crc32", [](const CHex& image) { return CTarvikImageOps::DataCrc(image); },
+            "CRC-32 of the bytes in address order; gaps add nothing.")
+        .def(
+            "range_crc32",
+            [](const CHex& image, uint64_t first, uint64_t last, unsigned char fill) {
+                CheckRange(first, last);
+                return CTarvikImageOps::RangeCrc(image, first, last, fill);
+            },
+            "first"_a, "last"_a, "fill"_a = 0xFF, "CRC-32 of every address from first to last, gaps as fill.")
         .def("compare", &Compare, "other"_a, "keep"_a = 16,
-             "(count, [(address, byte_a, byte_b), ...]) of the addresses where the images differ; a missing byte is -1.");
+             "(count, [(address, byte_a, byte_b), ...]) of the addresses where the images differ; a missing byte is "
+             "-1.");
 }
 
 void BindImage(py::class_<CHex>& cls)
@@ -235,9 +236,7 @@ void BindImage(py::class_<CHex>& cls)
             "(lowest, highest) address that holds a byte, or None for an empty image.")
         .def(
             "__getitem__",
-            [](const CHex& image, uint64_t address) {
-                return static_cast<unsigned char>(image.GetDataByte(address));
-            },
+            [](const CHex& image, uint64_t address) { return static_cast<unsigned char>(image.GetDataByte(address)); },
             "address"_a, "The byte at address; 0 where no block holds one.")
         .def(
             "__setitem__",
@@ -274,7 +273,8 @@ void PyTarvikBindHexfile(py::module_& module)
              "OSError on failure.")
         .def_property_readonly("filename", &CHex::GetFilename, "The file last loaded or saved.")
         .def_property_readonly(
-            "format", [](const CHex& image) { return FormatName(image.m_eType); }, "The format of the file last loaded.");
+            "format", [](const CHex& image) { return FormatName(image.m_eType); },
+            "The format of the file last loaded.");
     BindImage(cls);
     BindEdits(cls);
 }

@@ -37,12 +37,12 @@ void BindRenesasPages(py::class_<CPyRenesas>& cls)
             "write_page",
             [](CPyRenesas& w, unsigned short page, const py::bytes& data) {
                 const std::string_view buffer = PyTarvikBytes(data);
-                PyTarvikCall([&] {
-                    return w.C().WritePage(page, buffer.data(), static_cast<unsigned short>(buffer.size()));
-                });
+                PyTarvikCall(
+                    [&] { return w.C().WritePage(page, buffer.data(), static_cast<unsigned short>(buffer.size())); });
             },
             "page"_a, "data"_a, "Programs one 256-byte page: shorter data is padded with 0x00, longer cut.")
-        .def("erase_all", [](CPyRenesas& w) { PyTarvikCall([&] { return w.C().EraseAll(); }); }, "Erases the flash.")
+        .def(
+            "erase_all", [](CPyRenesas& w) { PyTarvikCall([&] { return w.C().EraseAll(); }); }, "Erases the flash.")
         .def(
             "block_erase",
             [](CPyRenesas& w, unsigned short block) { PyTarvikCall([&] { return w.C().BlockErase(block); }); },
@@ -63,8 +63,9 @@ void BindRenesas(py::module_& module)
                                "A gateway that programs a Renesas microcontroller's flash: init(), check_id(), "
                                "pages, complete().");
     PyTarvikBindBase<CPyRenesas>(cls);
-    cls.def("init", [](CPyRenesas& w) { PyTarvikCall([&] { return w.C().Init(); }); },
-            "Starts a programming sequence on the target.")
+    cls.def(
+           "init", [](CPyRenesas& w) { PyTarvikCall([&] { return w.C().Init(); }); },
+           "Starts a programming sequence on the target.")
         .def(
             "check_id",
             [](CPyRenesas& w, const py::bytes& id) {
@@ -74,8 +75,8 @@ void BindRenesas(py::module_& module)
             "id"_a, "Sends the first 7 ID bytes (missing ones as their 1-based positions); 0x0921 when wrong.")
         .def(
             "set_baudrate",
-            [](CPyRenesas& w, unsigned char code) { PyTarvikCall([&] { return w.C().SetBaudrate(code); }); },
-            "code"_a, "Sets the target's rate (a code the gateway interprets).")
+            [](CPyRenesas& w, unsigned char code) { PyTarvikCall([&] { return w.C().SetBaudrate(code); }); }, "code"_a,
+            "Sets the target's rate (a code the gateway interprets).")
         .def(
             "get_version",
             [](CPyRenesas& w) {
@@ -84,8 +85,9 @@ void BindRenesas(py::module_& module)
                 return std::string(buffer, strnlen(buffer, sizeof(buffer)));
             },
             "The gateway's version text.")
-        .def("complete", [](CPyRenesas& w) { PyTarvikCall([&] { return w.C().Complete(); }); },
-             "Ends the programming sequence.");
+        .def(
+            "complete", [](CPyRenesas& w) { PyTarvikCall([&] { return w.C().Complete(); }); },
+            "Ends the programming sequence.");
     BindRenesasPages(cls);
     PyTarvikBindDigital<CPyRenesas>(cls);
 }
@@ -94,8 +96,8 @@ py::dict InfoToDict(const SInfoEx& info)
 {
     py::dict out("sw_version"_a = info.nSWVersion, "hw_version"_a = info.nHWVersion, "field3"_a = info.nField3,
                  "field4"_a = info.nField4, "field5"_a = info.nField5, "field6"_a = info.nField6,
-                 "sw_variant"_a = info.nSWVariant, "field9"_a = info.nField9,
-                 "layout_version"_a = info.nLayoutVersion, "image_tag"_a = info.nImageTag);
+                 "sw_variant"_a = info.nSWVariant, "field9"_a = info.nField9, "layout_version"_a = info.nLayoutVersion,
+                 "image_tag"_a = info.nImageTag);
     out["field8"] = py::make_tuple(info.aField8[0], info.aField8[1], info.aField8[2], info.aField8[3]);
     out["sw_version_string"] = info.GetSWVersionString();
     out["hw_version_string"] = info.GetHWVersionString();
@@ -146,7 +148,8 @@ void BindFirmwareEEProm(py::class_<CPyFirmware>& cls)
                 std::string buffer(PyTarvikLength(length), '\0');
                 unsigned short received = 0;
                 PyTarvikCall([&] {
-                    return w.C().ReadEEProm(address, buffer.data(), static_cast<unsigned short>(buffer.size()), received);
+                    return w.C().ReadEEProm(address, buffer.data(), static_cast<unsigned short>(buffer.size()),
+                                            received);
                 });
                 return py::bytes(buffer.data(), std::min<size_t>(received, buffer.size()));
             },
@@ -174,8 +177,7 @@ void BindFirmwareEEProm(py::class_<CPyFirmware>& cls)
                 SInfoEx info = InfoFromDict(fields);
                 PyTarvikCall([&] { return w.C().SetInfo(info); });
             },
-            "info"_a,
-            "Rewrites the information image (layout 2, fixed header words); fields absent from info are 0.");
+            "info"_a, "Rewrites the information image (layout 2, fixed header words); fields absent from info are 0.");
 }
 
 void BindFirmware(py::module_& module)
@@ -185,8 +187,9 @@ void BindFirmware(py::module_& module)
                                 "in 2048-byte blocks and the information EEPROM.");
     PyTarvikBindBase<CPyFirmware>(cls);
     cls.attr("BLOCK_SIZE") = CTarvikClientFirmware::kFlashBlockSize;
-    cls.def("clear_flash", [](CPyFirmware& w) { PyTarvikCall([&] { return w.C().ClearFlash(); }); },
-             "Erases the firmware flash.")
+    cls.def(
+           "clear_flash", [](CPyFirmware& w) { PyTarvikCall([&] { return w.C().ClearFlash(); }); },
+           "Erases the firmware flash.")
         .def(
             "read_flash",
             [](CPyFirmware& w, unsigned short block) {
@@ -276,15 +279,12 @@ void BindAWireBlocks(py::class_<CPyAWire>& cls)
 
 void BindAWire(py::module_& module)
 {
-    py::class_<CPyAWire> cls(module, "AWire",
-                             "A gateway that programs a microcontroller through its aWire interface.");
+    py::class_<CPyAWire> cls(module, "AWire", "A gateway that programs a microcontroller through its aWire interface.");
     PyTarvikBindBase<CPyAWire>(cls);
     cls.def(
            "set_config",
            [](CPyAWire& w, unsigned int v1, unsigned int v2, unsigned int pageSize, unsigned int v4,
-              const std::string& text) {
-               PyTarvikCall([&] { return w.C().SetConfig(v1, v2, pageSize, v4, text); });
-           },
+              const std::string& text) { PyTarvikCall([&] { return w.C().SetConfig(v1, v2, pageSize, v4, text); }); },
            "value1"_a, "value2"_a, "page_size"_a, "value4"_a, "text"_a = "",
            "Configures the programmer; page_size is the target's write granularity.")
         .def(
@@ -297,7 +297,8 @@ void BindAWire(py::module_& module)
             },
             "(value1, value2, page_size, value4, text as bytes).")
         .def_property_readonly(
-            "page_size", [](CPyAWire& w) { return w.C().GetPageSize(); }, "The page size as last set or read; 0 until then.")
+            "page_size", [](CPyAWire& w) { return w.C().GetPageSize(); },
+            "The page size as last set or read; 0 until then.")
         .def(
             "read",
             [](CPyAWire& w, unsigned int address, long long length) {
@@ -327,8 +328,9 @@ void BindAWire(py::module_& module)
         .def(
             "erase", [](CPyAWire& w, unsigned short value) { PyTarvikCall([&] { return w.C().Erase(value); }); },
             "value"_a = 0, "Erases the target.")
-        .def("erase_user_page", [](CPyAWire& w) { PyTarvikCall([&] { return w.C().EraseUserPage(); }); },
-             "Erases the user page.");
+        .def(
+            "erase_user_page", [](CPyAWire& w) { PyTarvikCall([&] { return w.C().EraseUserPage(); }); },
+            "Erases the user page.");
     BindAWireBlocks(cls);
 }
 

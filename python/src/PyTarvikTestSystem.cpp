@@ -21,12 +21,10 @@ using CPyPWR = CPyClient<CTarvikClientTestSystemPWR>;
 using CPyRelay = CPyClient<CTarvikClientTestSystemRelay>;
 
 // A word operation of a unit: (words, count).
-template <class T>
-using WordOp = int (T::*)(unsigned short*, unsigned char);
+template <class T> using WordOp = int (T::*)(unsigned short*, unsigned char);
 
 // set_xxx(words): at most 255 words travel in one request.
-template <class W, class T>
-auto SetWords(WordOp<T> method)
+template <class W, class T> auto SetWords(WordOp<T> method)
 {
     return [method](W& w, std::vector<unsigned short> words) {
         if (words.size() > 255)
@@ -36,8 +34,7 @@ auto SetWords(WordOp<T> method)
 }
 
 // get_xxx(count): the words the unit answered, zero where its answer held fewer.
-template <class W, class T>
-auto GetWords(WordOp<T> method)
+template <class W, class T> auto GetWords(WordOp<T> method)
 {
     return [method](W& w, unsigned char count) {
         std::vector<unsigned short> words(count, 0);
@@ -47,8 +44,7 @@ auto GetWords(WordOp<T> method)
 }
 
 // The power channels that the IO and the relay unit share.
-template <class W, class T, class Cls>
-void BindPower(Cls& cls)
+template <class W, class T, class Cls> void BindPower(Cls& cls)
 {
     cls.def("set_power", SetWords<W, T>(&T::SetPower), "words"_a, "Sets the power channels' words.")
         .def("get_power", GetWords<W, T>(&T::GetPower), "count"_a, "count words of the power channels.");

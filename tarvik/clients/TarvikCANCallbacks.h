@@ -14,14 +14,12 @@ typedef void (*PCANopenPDOCallback)(unsigned char, unsigned char, unsigned char,
 typedef void (*PCANopenSYNCCallback)(unsigned char, int, int, int);
 /* EMCY: node, error code (its low byte widened with its sign), error register, 5 bytes
  * of manufacturer data, handle, 0, 0. */
-typedef void (*PCANopenEMCYCallback)(unsigned char, unsigned short, unsigned char, const unsigned char*, int, int,
-                                     int);
+typedef void (*PCANopenEMCYCallback)(unsigned char, unsigned short, unsigned char, const unsigned char*, int, int, int);
 /* Node guarding: node, state, handle, 0, 0. */
 typedef void (*PCANopenGUARDCallback)(unsigned char, unsigned char, int, int, int);
 /* A telegram of no known kind: identifier, its two low bytes, length, data, handle,
  * seconds, microseconds. */
-typedef void (*PCANopenUndefinedCallback)(int, unsigned char, unsigned char, unsigned char, const char*, int, int,
-                                          int);
+typedef void (*PCANopenUndefinedCallback)(int, unsigned char, unsigned char, unsigned char, const char*, int, int, int);
 
 /* A received frame for a callback set with its own context: user as given when it was
  * set, then identifier, data, length, flags (0..255), seconds, microseconds (0, 0

@@ -24,8 +24,8 @@ std::string AddressAndLength(unsigned int address, unsigned short length)
 } // namespace
 
 CTarvikClientAWire::CTarvikClientAWire(int timeoutMs)
-    : CTarvikClient(eTarvikAWire, static_cast<unsigned int>(timeoutMs)), m_nReports(0), m_pWriteFileThread(nullptr), m_nPageSize(0),
-      m_oLastFailure{FileFailure::eNone, 0, 0}
+    : CTarvikClient(eTarvikAWire, static_cast<unsigned int>(timeoutMs)), m_nReports(0), m_pWriteFileThread(nullptr),
+      m_nPageSize(0), m_oLastFailure{FileFailure::eNone, 0, 0}
 {
 }
 
@@ -131,8 +131,7 @@ int CTarvikClientAWire::WriteUserPage(unsigned int address, unsigned short lengt
     return WriteUserPageInternal(address, length, data, handle);
 }
 
-int CTarvikClientAWire::WriteBlockInternal(unsigned int address, unsigned short length, const char* data,
-                                           short& handle)
+int CTarvikClientAWire::WriteBlockInternal(unsigned int address, unsigned short length, const char* data, short& handle)
 {
     return SendBlock(eCmdWriteBlock, address, length, data, handle);
 }
@@ -305,8 +304,8 @@ int CTarvikClientAWire::StartFileWrite(const std::string* filename, const CTarvi
 
 CTarvikClientAWire::CWriteFileThread::CWriteFileThread(CTarvikClientAWire& client, const std::string& filename)
     : CMolThread(0), m_rClient(client), m_eStep(FileStep::eNotStarted), m_nTotalBytes(0), m_nBytesWritten(0),
-      m_nBlockProgress(0), m_nBytesVerified(0), m_nSeenReports(0), m_eFailure(FileFailure::eNone),
-      m_nFailureResult(0), m_nFailureAddress(0)
+      m_nBlockProgress(0), m_nBytesVerified(0), m_nSeenReports(0), m_eFailure(FileFailure::eNone), m_nFailureResult(0),
+      m_nFailureAddress(0)
 {
     if (m_Hexfile.LoadFile(filename.c_str(), CTarvikHexfile::Detect) != 0)
     {
@@ -318,13 +317,13 @@ CTarvikClientAWire::CWriteFileThread::CWriteFileThread(CTarvikClientAWire& clien
 
 CTarvikClientAWire::CWriteFileThread::CWriteFileThread(CTarvikClientAWire& client, const CTarvikHexfile& image)
     : CMolThread(0), m_rClient(client), m_eStep(FileStep::eNotStarted), m_nTotalBytes(0), m_nBytesWritten(0),
-      m_nBlockProgress(0), m_nBytesVerified(0), m_nSeenReports(0), m_eFailure(FileFailure::eNone),
-      m_nFailureResult(0), m_nFailureAddress(0)
+      m_nBlockProgress(0), m_nBytesVerified(0), m_nSeenReports(0), m_eFailure(FileFailure::eNone), m_nFailureResult(0),
+      m_nFailureAddress(0)
 {
     const size_t before = m_Hexfile.GetMemoryBlocks().size();
     for (const CTarvikHexfile::SMemoryBlock* block : image.GetMemoryBlocks())
-        m_Hexfile.AddMemoryBlock(new CTarvikHexfile::SMemoryBlock(block->m_nStartAddress, block->m_pData,
-                                                                  block->m_nLength));
+        m_Hexfile.AddMemoryBlock(
+            new CTarvikHexfile::SMemoryBlock(block->m_nStartAddress, block->m_pData, block->m_nLength));
     // AddMemoryBlock drops a block it has no room to keep.
     if (m_Hexfile.GetMemoryBlocks().size() - before != image.GetMemoryBlocks().size())
     {
@@ -410,9 +409,8 @@ bool CTarvikClientAWire::CWriteFileThread::WriteImageBlock(const CTarvikHexfile:
         if (length > remaining)
             length = remaining;
         short handle = 0;
-        const int result =
-            m_rClient.WriteBlockInternal(static_cast<unsigned int>(address), static_cast<unsigned short>(length), data,
-                                         handle);
+        const int result = m_rClient.WriteBlockInternal(static_cast<unsigned int>(address),
+                                                        static_cast<unsigned short>(length), data, handle);
         if (result != 0)
         {
             Fail(FileFailure::eWriteRequest, result, address);

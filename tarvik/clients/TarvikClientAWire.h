@@ -18,8 +18,8 @@
 #define TARVIK_CLIENTS_TARVIKCLIENTAWIRE_H
 
 #include "tarvik/core/TarvikClient.h"
-#include "tarvik/protocol/TarvikProtocolAWire.h"
 #include "tarvik/hexfile/TarvikHexfile.h"
+#include "tarvik/protocol/TarvikProtocolAWire.h"
 #include "tarvik/runtime/MolSync.h"
 
 #include <atomic>
@@ -42,13 +42,13 @@ public:
     // from the gateway; eResultBusy is the client's own refusal while a file write exists.
     enum EResult
     {
-        eResultFileOpen = 0x000E20,        // "File could not be opened"
-        eResultBusy = 0x000E21,            // "A transfer currently is in progress"
-        eResultInitFailed = 0x000E22,      // "SetConfig failed to initialize target"
-        eResultSizeFailed = 0x000E23,      // "SetConfig failed to read Flash or Page size"
-        eResultEraseBlock = 0x000E24,      // "EraseBlock not supported"
-        eResultEraseFailed = 0x000E25,     // "Failed to erase target"
-        eResultReadFailed = 0x000E26,      // "Failed to read data from target"
+        eResultFileOpen = 0x000E20,    // "File could not be opened"
+        eResultBusy = 0x000E21,        // "A transfer currently is in progress"
+        eResultInitFailed = 0x000E22,  // "SetConfig failed to initialize target"
+        eResultSizeFailed = 0x000E23,  // "SetConfig failed to read Flash or Page size"
+        eResultEraseBlock = 0x000E24,  // "EraseBlock not supported"
+        eResultEraseFailed = 0x000E25, // "Failed to erase target"
+        eResultReadFailed = 0x000E26,  // "Failed to read data from target"
         // Unknown write handle, no file write, verify mismatch, thread not started.
         eResultUnknown = 255,
     };
@@ -93,8 +93,8 @@ public:
     struct SFileFailure
     {
         FileFailure::EFileFailure m_eCause;
-        int m_nResult;        // result code or block state, as the cause says
-        uint64_t m_nAddress;  // start of the block or piece that failed
+        int m_nResult;       // result code or block state, as the cause says
+        uint64_t m_nAddress; // start of the block or piece that failed
     };
 
     struct SWriteBlockProgress
@@ -204,8 +204,7 @@ public:
     int WriteUserPage(unsigned int address, unsigned short length, const char* data, short& handle);
     // The state of a block write; 255 for an unknown handle. A finished block (state 0)
     // is reported once and then forgotten.
-    int GetWriteBlockStatus(short handle, Progress::EProgress& state, unsigned short& length,
-                            unsigned short& done);
+    int GetWriteBlockStatus(short handle, Progress::EProgress& state, unsigned short& length, unsigned short& done);
     // The file write's step and percentage; 255 when none exists. The end (3 done, -1
     // failed, both at 100 %) is reported once; the file write is then gone.
     int GetWriteFileStatus(FileStep::EFileStep& step, unsigned char& percent);

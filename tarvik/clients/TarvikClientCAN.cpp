@@ -140,8 +140,8 @@ int CTarvikClientCAN::GetFilter(SConfigFilter& filter)
     return result;
 }
 
-int CTarvikClientCAN::SetGlobals(unsigned int nBaudrate, unsigned char nSetting, bool bFlag1, bool bFlag2,
-                                 bool bFlag3, bool bOption1, unsigned int nOptionValue, bool bOption2)
+int CTarvikClientCAN::SetGlobals(unsigned int nBaudrate, unsigned char nSetting, bool bFlag1, bool bFlag2, bool bFlag3,
+                                 bool bOption1, unsigned int nOptionValue, bool bOption2)
 {
     // The setting leads on the wire, ahead of the baud rate.
     std::string payload(1, static_cast<char>(nSetting));
@@ -239,9 +239,9 @@ int CTarvikClientCAN::GetTime(bool& bTimeValid, timeval& tv)
 
 int CTarvikClientCAN::GetPowerStatus(unsigned char nMaxValues, unsigned char& nValueCount, unsigned char nMaxStates1,
                                      unsigned char& nStateCount1, unsigned char nMaxStates2,
-                                     unsigned char& nStateCount2, short& nStatusValue1,
-                                     unsigned short& nStatusValue2, unsigned short& nStatusValue3,
-                                     bool& bStatusBit, unsigned short* pnValues, bool* pbStates1, bool* pbStates2)
+                                     unsigned char& nStateCount2, short& nStatusValue1, unsigned short& nStatusValue2,
+                                     unsigned short& nStatusValue3, bool& bStatusBit, unsigned short* pnValues,
+                                     bool* pbStates1, bool* pbStates2)
 {
     CTarvikReply reply;
     int result = Request(eCmdGetPowerStatus, nullptr, 0, reply);
@@ -426,8 +426,7 @@ int CTarvikClientCAN::SDOTransfer(unsigned char cmd, std::string&& payload, unsi
 int CTarvikClientCAN::CANopenSendSDORead(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
                                          unsigned short nTimeout, unsigned char& nStatus, unsigned int& nValue)
 {
-    return SDOTransfer(eCmdCANopenSDORead, SDOAddress(nNode, nIndex, nSubIndex, nTimeout), nTimeout, nStatus,
-                       nValue);
+    return SDOTransfer(eCmdCANopenSDORead, SDOAddress(nNode, nIndex, nSubIndex, nTimeout), nTimeout, nStatus, nValue);
 }
 
 int CTarvikClientCAN::CANopenSendSDOWrite(unsigned char nNode, unsigned char nDataSize, unsigned short nIndex,
@@ -474,8 +473,7 @@ int CTarvikClientCAN::CANopenSendSDOWriteBlock(unsigned char nNode, unsigned sho
 
 // ---------------------------------------------------------------- SDO values as received
 
-int CTarvikClientCAN::SDORequest(unsigned char cmd, std::string&& payload, unsigned short nTimeout,
-                                 CTarvikReply& reply)
+int CTarvikClientCAN::SDORequest(unsigned char cmd, std::string&& payload, unsigned short nTimeout, CTarvikReply& reply)
 {
     // The device may take nTimeout for the transfer: the library waits twice as long.
     const unsigned int waitMs = 2u * nTimeout;
@@ -550,8 +548,7 @@ int CTarvikClientCAN::CANopenSDOReadBlockData(unsigned char nNode, unsigned shor
 {
     data.clear();
     CTarvikReply reply;
-    int result =
-        SDORequest(eCmdCANopenSDOReadBlock, SDOAddress(nNode, nIndex, nSubIndex, nTimeout), nTimeout, reply);
+    int result = SDORequest(eCmdCANopenSDOReadBlock, SDOAddress(nNode, nIndex, nSubIndex, nTimeout), nTimeout, reply);
     nAbortCode = SDOAbortCode(result, reply.Payload());
     if (result != 0)
         return result;

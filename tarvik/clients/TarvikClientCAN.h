@@ -43,10 +43,10 @@ public:
     // An SDO transfer as the device answered it (the ...Value services below).
     struct SSDOValue
     {
-        unsigned char nStatus;    // the answer's status byte
-        unsigned char nSize;      // number of value bytes received, 0..4
-        unsigned int nValue;      // those bytes as an unsigned little-endian number
-        unsigned int nAbortCode;  // the node's SDO abort code; 0 when the answer carried none
+        unsigned char nStatus;   // the answer's status byte
+        unsigned char nSize;     // number of value bytes received, 0..4
+        unsigned int nValue;     // those bytes as an unsigned little-endian number
+        unsigned int nAbortCode; // the node's SDO abort code; 0 when the answer carried none
     };
 
     explicit CTarvikClientCAN(int timeoutMs);
@@ -69,8 +69,8 @@ public:
     int GetConfig(bool& bSendDataConfirm, bool& bConfigFlag2);
     int SetFilter(const SConfigFilter& filter);
     int GetFilter(SConfigFilter& filter);
-    int SetGlobals(unsigned int nBaudrate, unsigned char nSetting, bool bFlag1, bool bFlag2, bool bFlag3,
-                   bool bOption1, unsigned int nOptionValue, bool bOption2);
+    int SetGlobals(unsigned int nBaudrate, unsigned char nSetting, bool bFlag1, bool bFlag2, bool bFlag3, bool bOption1,
+                   unsigned int nOptionValue, bool bOption2);
     // Read in stages by the answer's length: setting and baud rate first (then the other
     // outputs are cleared), then each further field as far as the answer goes.
     int GetGlobals(unsigned int& nBaudrate, unsigned char& nSetting, bool& bFlag1, bool& bFlag2, bool& bFlag3,
@@ -117,8 +117,8 @@ public:
     // The SDO services wait twice nTimeout (the device's own limit) for the answer.
     // nValue: the answer's value bytes, each taken as signed and summed at its place, so
     // a byte of 0x80 or more borrows from those above it (the device's encoding).
-    int CANopenSendSDORead(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex,
-                           unsigned short nTimeout, unsigned char& nStatus, unsigned int& nValue);
+    int CANopenSendSDORead(unsigned char nNode, unsigned short nIndex, unsigned char nSubIndex, unsigned short nTimeout,
+                           unsigned char& nStatus, unsigned int& nValue);
     int CANopenSendSDOWrite(unsigned char nNode, unsigned char nDataSize, unsigned short nIndex,
                             unsigned char nSubIndex, unsigned short nTimeout, unsigned int nData,
                             unsigned char& nStatus, unsigned int& nValue);

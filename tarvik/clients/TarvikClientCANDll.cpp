@@ -409,18 +409,15 @@ bool CTarvikClientCANDll::CallCANopen(const CTarvikMsg& msg, EQueue queue)
     return ToReceiver([&](ITarvikCanReceiver& receiver) {
         switch (queue)
         {
-        case eQueuePDO:
-            return receiver.OnPDO(data.At(0), data.At(1), data.At(2), data.Data() + can::kPDOHead);
-        case eQueueSYNC:
-            return receiver.OnSYNC(data.At(0));
+        case eQueuePDO: return receiver.OnPDO(data.At(0), data.At(1), data.At(2), data.Data() + can::kPDOHead);
+        case eQueueSYNC: return receiver.OnSYNC(data.At(0));
         case eQueueEMCY:
         {
             unsigned short code = 0;
             data.ReadU16(can::kEMCYCodeOffset, code);
             return receiver.OnEMCY(data.At(0), code, data.At(can::kEMCYRegisterOffset), extra);
         }
-        default:
-            return receiver.OnGUARD(data.At(0), data.At(1));
+        default: return receiver.OnGUARD(data.At(0), data.At(1));
         }
     });
 }
@@ -502,7 +499,8 @@ int CTarvikClientCANDll::CANopenGetPDO(unsigned char* p1, unsigned char* p2, uns
     if (!m_aoQueues[eQueuePDO].PopFront(msg))
         return -1;
     const CTarvikPayload data(msg.GetData());
-    unsigned char len = data.At(can::kPDOLengthOffset) < kMaxPDOData ? data.At(can::kPDOLengthOffset) : static_cast<unsigned char>(kMaxPDOData);
+    unsigned char len = data.At(can::kPDOLengthOffset) < kMaxPDOData ? data.At(can::kPDOLengthOffset)
+                                                                     : static_cast<unsigned char>(kMaxPDOData);
     Put(p1, data.At(0));
     Put(p2, data.At(1));
     Put(pnLen, len);
@@ -547,8 +545,7 @@ int CTarvikClientCANDll::CANopenGetGUARD(unsigned char* pnNode, unsigned char* p
 }
 
 int CTarvikClientCANDll::CANopenGetUndefined(int* pnIdentifier, unsigned char* p1, unsigned char* p2,
-                                             unsigned char* pnLen, char* pcBuffer, int* pnSeconds,
-                                             int* pnMicroseconds)
+                                             unsigned char* pnLen, char* pcBuffer, int* pnSeconds, int* pnMicroseconds)
 {
     CTarvikMsg msg;
     if (!m_aoQueues[eQueueUndefined].PopFront(msg))

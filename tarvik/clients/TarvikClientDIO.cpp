@@ -1,8 +1,6 @@
 #include "tarvik/clients/TarvikClientDIO.h"
 
-CTarvikClientDIO::CTarvikClientDIO(int timeoutMs) : CTarvikClient(eTarvikDIO, static_cast<unsigned int>(timeoutMs))
-{
-}
+CTarvikClientDIO::CTarvikClientDIO(int timeoutMs) : CTarvikClient(eTarvikDIO, static_cast<unsigned int>(timeoutMs)) {}
 
 CTarvikClientDIO::~CTarvikClientDIO()
 {

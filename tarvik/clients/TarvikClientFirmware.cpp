@@ -124,8 +124,8 @@ int CTarvikClientFirmware::ReadFlash(unsigned short nBlock, char* pBuffer, unsig
     // taken unsigned); only the bytes that are there are copied.
     reply.CopyTo(kFlashDataPos, pBuffer, kFlashBlockSize);
     size_t size = reply.Size();
-    nReceived = size >= kFlashDataPos && size - kFlashDataPos < kFlashBlockSize ? size - kFlashDataPos
-                                                                                : kFlashBlockSize;
+    nReceived =
+        size >= kFlashDataPos && size - kFlashDataPos < kFlashBlockSize ? size - kFlashDataPos : kFlashBlockSize;
     return result;
 }
 

@@ -30,8 +30,8 @@ public:
     // The extended device information kept in the information EEPROM.
     struct TARVIK_API STarvikDeviceInfoEx
     {
-        unsigned int nSWVersion;  // bits 16-23 major, 8-15 minor, 0-7 release
-        unsigned int nHWVersion;  // bits 16-23, 8-15, 0-7 revision letter; 0xAABBCCDD special variant
+        unsigned int nSWVersion; // bits 16-23 major, 8-15 minor, 0-7 release
+        unsigned int nHWVersion; // bits 16-23, 8-15, 0-7 revision letter; 0xAABBCCDD special variant
         unsigned int nField3;
         unsigned int nField4;
         unsigned short nField5;

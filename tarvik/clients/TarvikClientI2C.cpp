@@ -138,8 +138,7 @@ int CTarvikClientI2C::RAWStop()
 }
 
 int CTarvikClientI2C::WriteSequence(const char* pSequence, unsigned short nSequenceLen, char* pReadBuffer,
-                                    unsigned short nReadBufferLen, unsigned short& nReceived,
-                                    unsigned short& nErrorPos)
+                                    unsigned short nReadBufferLen, unsigned short& nReceived, unsigned short& nErrorPos)
 {
     if (pSequence == nullptr && nSequenceLen > 0)
         return TARVIK_ERR_INVALID_PARAMETER;
@@ -204,9 +203,8 @@ int CTarvikClientI2C::WriteEEProm(unsigned short nDeviceSelect, unsigned int nOf
     return Request(eCmdWriteEEProm, std::move(payload), reply);
 }
 
-int CTarvikClientI2C::WriteEEPromPollAck(unsigned short nDeviceSelect, unsigned int nOffset,
-                                         unsigned short nEEPROMType, const char* pBuffer, unsigned short nBufferLen,
-                                         unsigned short nPollTime)
+int CTarvikClientI2C::WriteEEPromPollAck(unsigned short nDeviceSelect, unsigned int nOffset, unsigned short nEEPROMType,
+                                         const char* pBuffer, unsigned short nBufferLen, unsigned short nPollTime)
 {
     if (pBuffer == nullptr && nBufferLen > 0)
         return TARVIK_ERR_INVALID_PARAMETER;

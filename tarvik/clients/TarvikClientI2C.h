@@ -57,8 +57,7 @@ public:
     // nReceived is 0 first; any answer (also one reporting an error) fills pBuffer.
     int Read(unsigned short nSlaveAddress, char* pBuffer, unsigned short nBufferLen, unsigned short& nReceived);
     // nErrorPos takes the device's error position when the answer carries one.
-    int Write(unsigned short nSlaveAddress, const char* pBuffer, unsigned short nBufferLen,
-              unsigned short& nErrorPos);
+    int Write(unsigned short nSlaveAddress, const char* pBuffer, unsigned short nBufferLen, unsigned short& nErrorPos);
 
     int RAWStart();
     int RAWSend(unsigned char nByte, unsigned char nFlags);
@@ -74,8 +73,8 @@ public:
     int WriteSequence(I2CCommand* pCommands, unsigned short nCount, unsigned short& nErrorPos);
 
     // The whole buffer goes in one request: the caller keeps a write inside one page.
-    int WriteEEProm(unsigned short nDeviceSelect, unsigned int nOffset, unsigned short nEEPROMType,
-                    const char* pBuffer, unsigned short nBufferLen);
+    int WriteEEProm(unsigned short nDeviceSelect, unsigned int nOffset, unsigned short nEEPROMType, const char* pBuffer,
+                    unsigned short nBufferLen);
     // The same, then the device polls the chip until it acknowledges (0x0125 when it gave up).
     int WriteEEPromPollAck(unsigned short nDeviceSelect, unsigned int nOffset, unsigned short nEEPROMType,
                            const char* pBuffer, unsigned short nBufferLen, unsigned short nPollTime);

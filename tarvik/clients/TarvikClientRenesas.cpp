@@ -98,8 +98,8 @@ int CTarvikClientRenesas::Complete()
 int CTarvikClientRenesas::VerifyCheck(unsigned short nFirst, unsigned short nSecond, unsigned short& nChecksum)
 {
     CTarvikReply reply;
-    int result = Request(eCmdVerifyCheck, CTarvikMsg::ToChar(nFirst) + CTarvikMsg::ToChar(nSecond), reply,
-                         nullptr, kChecksumAnswer);
+    int result = Request(eCmdVerifyCheck, CTarvikMsg::ToChar(nFirst) + CTarvikMsg::ToChar(nSecond), reply, nullptr,
+                         kChecksumAnswer);
     if (reply.Transport() != 0)
         return result;
     // Any confirmation clears the sum; one that carries it sets it, also with an error result.

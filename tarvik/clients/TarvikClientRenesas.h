@@ -23,9 +23,9 @@ public:
     // Result codes of the gateway (device byte | 9 << 8).
     enum EResult
     {
-        eResultTimeout = 0x000920,      // "Renesas timeout"
-        eResultInvalidID = 0x000921,    // "Renesas invalid ID"
-        eResultEraseFailed = 0x000922,  // "Renesas failed erase the flash"
+        eResultTimeout = 0x000920,       // "Renesas timeout"
+        eResultInvalidID = 0x000921,     // "Renesas invalid ID"
+        eResultEraseFailed = 0x000922,   // "Renesas failed erase the flash"
         eResultProgramFailed = 0x000923, // "Renesas program the page failed"
     };
 

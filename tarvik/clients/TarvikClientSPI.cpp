@@ -101,8 +101,7 @@ std::string CTarvikClientSPI::ToOffset(unsigned int offset, EOffsetFormat format
     return out;
 }
 
-unsigned int CTarvikClientSPI::GetEEPROMSlaveAddress(unsigned short subAddress, unsigned int offset,
-                                                     unsigned int flags)
+unsigned int CTarvikClientSPI::GetEEPROMSlaveAddress(unsigned short subAddress, unsigned int offset, unsigned int flags)
 {
     unsigned int bits = flags & 0xFF;
     if (bits > 16)
@@ -119,7 +118,7 @@ unsigned int CTarvikClientSPI::GetEEPROMSlaveAddress(unsigned short subAddress, 
     // The extra offset bits above the word address land in bits 1.. of the slave address.
     unsigned long long mask = (1ull << (bits + extra)) - (1ull << bits);
     unsigned long long high = offset & mask;
-    unsigned int shifted = bits > 0 ? static_cast<unsigned int>(high >> (bits - 1))
-                                    : static_cast<unsigned int>(high << 1);
+    unsigned int shifted =
+        bits > 0 ? static_cast<unsigned int>(high >> (bits - 1)) : static_cast<unsigned int>(high << 1);
     return base | shifted;
 }

@@ -26,12 +26,12 @@ public:
     // Result codes of the unit (device byte | 13 << 8).
     enum EResult
     {
-        eResultFileOpen = 0x000D20,         // "File could not be opened"
+        eResultFileOpen = 0x000D20,           // "File could not be opened"
         eResultTransferIncomplete = 0x000D21, // "File transfer did not complete successfully"
-        eResultCRCMismatch = 0x000D22,      // "File CRC mismatch"
-        eResultAlreadyActive = 0x000D23,    // "Requested configuration is already active"
-        eResultStopFailed = 0x000D24,       // "Could not stop configuration"
-        eResultStartFailed = 0x000D25,      // "Could not start configuration"
+        eResultCRCMismatch = 0x000D22,        // "File CRC mismatch"
+        eResultAlreadyActive = 0x000D23,      // "Requested configuration is already active"
+        eResultStopFailed = 0x000D24,         // "Could not stop configuration"
+        eResultStartFailed = 0x000D25,        // "Could not start configuration"
     };
 
     // Device byte with which the unit asks for the next chunk of a file.

@@ -29,8 +29,7 @@ size_t PendingCost(const CTarvikMsg* msg)
 
 int64_t WallClockMicroSeconds()
 {
-    return std::chrono::duration_cast<std::chrono::microseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();
 }
 } // namespace
@@ -87,8 +86,7 @@ bool CTarvikClient::CConnection::IsConnectMsgAccepted(const std::string&)
 
 CTarvikClient::CTarvikClient(ETarvikDevice type, unsigned int timeout)
     : m_nTimeout(timeout), m_nPendingBytes(0), m_nNextMsgID(0), m_nDeviceType(type), m_bDerived(false),
-      m_bTracing(false),
-      m_pTraceSink(nullptr), m_pTraceUser(nullptr), m_nTraceCalls(0)
+      m_bTracing(false), m_pTraceSink(nullptr), m_pTraceUser(nullptr), m_nTraceCalls(0)
 {
     m_oConnection.SetParentClass(this);
 }
@@ -416,8 +414,7 @@ short CTarvikClient::NextMsgID()
 int CTarvikClient::Request(unsigned char cmd, const char* data, size_t len, CTarvikReply& reply,
                            const unsigned int* waitMs, size_t answerLen)
 {
-    return Request(cmd, std::string(data != nullptr ? data : "", data != nullptr ? len : 0), reply, waitMs,
-                   answerLen);
+    return Request(cmd, std::string(data != nullptr ? data : "", data != nullptr ? len : 0), reply, waitMs, answerLen);
 }
 
 int CTarvikClient::Request(unsigned char cmd, std::string&& payload, CTarvikReply& reply, const unsigned int* waitMs,

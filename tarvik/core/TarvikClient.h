@@ -21,7 +21,6 @@
 #define TARVIK_CORE_TARVIKCLIENT_H
 
 #include "tarvik/core/TarvikDeviceInfo.h"
-#include "tarvik/runtime/TarvikExport.h"
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/core/TarvikReply.h"
 #include "tarvik/core/TarvikResult.h"
@@ -29,6 +28,7 @@
 #include "tarvik/runtime/MolIPConnection.h"
 #include "tarvik/runtime/MolSync.h"
 #include "tarvik/runtime/MolTime.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -48,14 +48,14 @@ struct STarvikTrace
         eDisconnected = 3, // the connection ended (peer close, error or local disconnect)
     };
     EKind m_eKind;
-    int64_t m_nTimeUs;        // wall-clock time, microseconds since 1970
-    int m_nDeviceType;        // the client's device type
+    int64_t m_nTimeUs; // wall-clock time, microseconds since 1970
+    int m_nDeviceType; // the client's device type
     unsigned short m_nCmdCode;
     short m_nMsgID;
-    const char* m_pData;      // payload; valid only during the call
+    const char* m_pData; // payload; valid only during the call
     size_t m_nDataLen;
-    bool m_bValid;            // length field agrees with the frame size
-    bool m_bCRCValid;         // stored check byte equals the computed one
+    bool m_bValid;    // length field agrees with the frame size
+    bool m_bCRCValid; // stored check byte equals the computed one
 };
 
 // Called on the calling thread (sent) or the receive thread (received, connected,

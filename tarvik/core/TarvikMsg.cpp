@@ -42,11 +42,8 @@ CTarvikMsg::CTarvikMsg(unsigned short cmd, short id, const char* data, unsigned 
 }
 
 CTarvikMsg::CTarvikMsg(unsigned short cmd, short id, std::string&& data)
-    : m_sData(std::move(data)),
-      m_nLength(static_cast<unsigned short>(m_sData.size() + 5)),
-      m_nCmdCode(cmd),
-      m_nMsgID(id),
-      m_nCRC(0)
+    : m_sData(std::move(data)), m_nLength(static_cast<unsigned short>(m_sData.size() + 5)), m_nCmdCode(cmd),
+      m_nMsgID(id), m_nCRC(0)
 {
     m_nCRC = ComputeCRC();
 }
@@ -141,15 +138,51 @@ size_t CTarvikMsg::GetMessageData(char* out) const
     return m_sData.size() + kOverhead;
 }
 
-std::string CTarvikMsg::ToChar(short value) { return EncodeLE(value); }
-std::string CTarvikMsg::ToChar(unsigned short value) { return EncodeLE(value); }
-std::string CTarvikMsg::ToChar(int value) { return EncodeLE(value); }
-std::string CTarvikMsg::ToChar(unsigned int value) { return EncodeLE(value); }
-std::string CTarvikMsg::ToChar(long value) { return EncodeLE(static_cast<int64_t>(value)); }
-std::string CTarvikMsg::ToChar(unsigned long value) { return EncodeLE(static_cast<uint64_t>(value)); }
-void CTarvikMsg::FromChar(short& value, const char* p) { DecodeLE(value, p); }
-void CTarvikMsg::FromChar(unsigned short& value, const char* p) { DecodeLE(value, p); }
-void CTarvikMsg::FromChar(int& value, const char* p) { DecodeLE(value, p); }
-void CTarvikMsg::FromChar(unsigned int& value, const char* p) { DecodeLE(value, p); }
-void CTarvikMsg::FromChar(long& value, const char* p) { DecodeLE(value, p); }
-void CTarvikMsg::FromChar(unsigned long& value, const char* p) { DecodeLE(value, p); }
+std::string CTarvikMsg::ToChar(short value)
+{
+    return EncodeLE(value);
+}
+std::string CTarvikMsg::ToChar(unsigned short value)
+{
+    return EncodeLE(value);
+}
+std::string CTarvikMsg::ToChar(int value)
+{
+    return EncodeLE(value);
+}
+std::string CTarvikMsg::ToChar(unsigned int value)
+{
+    return EncodeLE(value);
+}
+std::string CTarvikMsg::ToChar(long value)
+{
+    return EncodeLE(static_cast<int64_t>(value));
+}
+std::string CTarvikMsg::ToChar(unsigned long value)
+{
+    return EncodeLE(static_cast<uint64_t>(value));
+}
+void CTarvikMsg::FromChar(short& value, const char* p)
+{
+    DecodeLE(value, p);
+}
+void CTarvikMsg::FromChar(unsigned short& value, const char* p)
+{
+    DecodeLE(value, p);
+}
+void CTarvikMsg::FromChar(int& value, const char* p)
+{
+    DecodeLE(value, p);
+}
+void CTarvikMsg::FromChar(unsigned int& value, const char* p)
+{
+    DecodeLE(value, p);
+}
+void CTarvikMsg::FromChar(long& value, const char* p)
+{
+    DecodeLE(value, p);
+}
+void CTarvikMsg::FromChar(unsigned long& value, const char* p)
+{
+    DecodeLE(value, p);
+}

@@ -65,9 +65,10 @@ const SErrorText kErrorTexts[] = {
 };
 
 const char* const kDeviceNames[] = {
-    nullptr,        "Tarvik I2C",   "Tarvik CAN", "Tarvik SPI",
-    "Tarvik RS232", "Tarvik DIO",   "Tarvik Audio", "Tarvik AD",
-    "Tarvik Universal Programmer", "Tarvik Renesas",
+    nullptr,          "Tarvik I2C",   "Tarvik CAN",
+    "Tarvik SPI",     "Tarvik RS232", "Tarvik DIO",
+    "Tarvik Audio",   "Tarvik AD",    "Tarvik Universal Programmer",
+    "Tarvik Renesas",
 };
 } // namespace
 

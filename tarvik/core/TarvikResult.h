@@ -13,7 +13,6 @@
 #include <string>
 #endif
 
-
 /* Result codes of the transport and the library (bits 16..23). */
 #define TARVIK_OK 0x000000
 #define TARVIK_ERR_SOCKET 0x020000
@@ -42,11 +41,20 @@ TARVIK_API std::string TarvikDeviceName(int type);
 // type 0), plus 100 per port index.
 TARVIK_API unsigned short TarvikDevicePort(int type, int portIndex = 0);
 // Transport or library part (bits 16..23) of a result code.
-inline int TarvikErrorTransport(int code) { return (code >> 16) & 0xFF; }
+inline int TarvikErrorTransport(int code)
+{
+    return (code >> 16) & 0xFF;
+}
 // Device type part (bits 8..15) of a result code.
-inline int TarvikErrorDeviceType(int code) { return (code >> 8) & 0xFF; }
+inline int TarvikErrorDeviceType(int code)
+{
+    return (code >> 8) & 0xFF;
+}
 // Device result byte (bits 0..7) of a result code.
-inline int TarvikErrorDeviceByte(int code) { return code & 0xFF; }
+inline int TarvikErrorDeviceByte(int code)
+{
+    return code & 0xFF;
+}
 #endif
 
 #endif

@@ -1,9 +1,9 @@
 #include "tarvik/dll/DeviceManager.h"
 
-#include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/clients/TarvikClientAWire.h"
-#include "tarvik/clients/TarvikClientRenesas.h"
+#include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/clients/TarvikClientI2C.h"
+#include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"

@@ -58,8 +58,8 @@ private:
     static CTarvikClient* CreateClient(unsigned char type, int handle, int timeoutMs);
     // Builds the owning entry under the drawn *handle, connects and registers it;
     // on failure *handle = -1 and the entry with its client is deleted.
-    static int ConnectOwned(int* handle, const char* host, std::unique_ptr<CTarvikClient> client,
-                            unsigned char type, unsigned char portIndex, unsigned char protocol, bool flag);
+    static int ConnectOwned(int* handle, const char* host, std::unique_ptr<CTarvikClient> client, unsigned char type,
+                            unsigned char portIndex, unsigned char protocol, bool flag);
 
     static std::map<int, CDevice*> m_aoHandleMap;
     static CMolMutex m_oMutexHandleMap;

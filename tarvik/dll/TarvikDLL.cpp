@@ -70,8 +70,8 @@ int DeviceReadDigital(int handle, unsigned int* inputs, unsigned int* outputs)
 
 int DeviceWriteDigital(int handle, unsigned int outputs)
 {
-    return tarvik_dll::WithClient<CTarvikClient>(handle,
-                                                 [&](CTarvikClient& client) { return client.BaseWriteDigital(outputs); });
+    return tarvik_dll::WithClient<CTarvikClient>(
+        handle, [&](CTarvikClient& client) { return client.BaseWriteDigital(outputs); });
 }
 
 int DeviceReadAnalog(int handle, unsigned int* first, unsigned int* values, int capacity, int* count)

@@ -68,8 +68,8 @@ int AWireSetConfig(int handle, unsigned int value1, unsigned int value2, unsigne
     });
 }
 
-int AWireGetConfig(int handle, unsigned int* value1, unsigned int* value2, unsigned int* pageSize,
-                   unsigned int* value4, char* buf, int size)
+int AWireGetConfig(int handle, unsigned int* value1, unsigned int* value2, unsigned int* pageSize, unsigned int* value4,
+                   char* buf, int size)
 {
     return WithClient<CTarvikClientAWire>(handle, [&](CTarvikClientAWire& awire) {
         COut<unsigned int> v1(value1), v2(value2), page(pageSize), v4(value4);
@@ -122,8 +122,7 @@ int AWireWriteUserPage(int handle, unsigned int address, const char* data, int l
     return Write(handle, &CTarvikClientAWire::WriteUserPage, address, data, len, writeHandle);
 }
 
-int AWireGetWriteBlockStatus(int handle, short writeHandle, int* state, unsigned short* length,
-                             unsigned short* done)
+int AWireGetWriteBlockStatus(int handle, short writeHandle, int* state, unsigned short* length, unsigned short* done)
 {
     return WithClient<CTarvikClientAWire>(handle, [&](CTarvikClientAWire& awire) {
         COut<int> st(state);

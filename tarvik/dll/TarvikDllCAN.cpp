@@ -21,7 +21,8 @@ static_assert(TARVIK_CAN_FRAME_DATA == CTarvikClientCANDll::kMaxFrameData, "fram
 static_assert(TARVIK_CANOPEN_PDO_DATA == CTarvikClientCANDll::kMaxPDOData, "PDO buffer size");
 static_assert(TARVIK_CAN_FILTER_WORDS == sizeof(CTarvikClientCAN::SConfigFilter::nFilter) / sizeof(unsigned int),
               "filter words");
-static_assert(TARVIK_CAN_QUEUE_CAN == CTarvikClientCANDll::eQueueCAN && TARVIK_CAN_QUEUE_PDO == CTarvikClientCANDll::eQueuePDO &&
+static_assert(TARVIK_CAN_QUEUE_CAN == CTarvikClientCANDll::eQueueCAN &&
+                  TARVIK_CAN_QUEUE_PDO == CTarvikClientCANDll::eQueuePDO &&
                   TARVIK_CAN_QUEUE_SYNC == CTarvikClientCANDll::eQueueSYNC &&
                   TARVIK_CAN_QUEUE_EMCY == CTarvikClientCANDll::eQueueEMCY &&
                   TARVIK_CAN_QUEUE_GUARD == CTarvikClientCANDll::eQueueGUARD &&
@@ -43,7 +44,10 @@ template <bool bConfirm, bool bFlag2> int PrepareCAN(CTarvikClient& client)
 class CBoolOut
 {
 public:
-    explicit CBoolOut(int* target) : m_pTarget(target), m_bBefore(target != nullptr && *target != 0), m_bValue(m_bBefore) {}
+    explicit CBoolOut(int* target)
+        : m_pTarget(target), m_bBefore(target != nullptr && *target != 0), m_bValue(m_bBefore)
+    {
+    }
     ~CBoolOut()
     {
         if (m_pTarget != nullptr && m_bValue != m_bBefore)
@@ -130,7 +134,7 @@ void PutSDOValue(const CTarvikClientCAN::SSDOValue& sdo, unsigned char* status, 
 int CANDeviceOpen(int* handle, const char* host, int timeoutMs, int portIndex, int sendDataConfirm, int configFlag2)
 {
     static const tarvik_dll::PPrepare prepares[2][2] = {{PrepareCAN<false, false>, PrepareCAN<false, true>},
-                                                       {PrepareCAN<true, false>, PrepareCAN<true, true>}};
+                                                        {PrepareCAN<true, false>, PrepareCAN<true, true>}};
     try
     {
         return tarvik_dll::OpenByTable(handle, host, timeoutMs, eTarvikCAN, portIndex,
@@ -249,8 +253,8 @@ int CANGetTime(int handle, int* timeValid, int* seconds, int* microseconds)
 }
 
 int CANGetPowerStatus(int handle, unsigned char* valueCount, unsigned char* stateCount1, unsigned char* stateCount2,
-                      short* statusValue1, unsigned short* statusValue2, unsigned short* statusValue3,
-                      int* statusBit, unsigned short* values, int maxValues, unsigned char* states1, int maxStates1,
+                      short* statusValue1, unsigned short* statusValue2, unsigned short* statusValue3, int* statusBit,
+                      unsigned short* values, int maxValues, unsigned char* states1, int maxStates1,
                       unsigned char* states2, int maxStates2)
 {
     return WithClient<CTarvikClientCAN>(handle, [&](CTarvikClientCAN& can) {
@@ -400,8 +404,8 @@ int CANopenSendSYNC(int handle)
 
 int CANopenSendTIME(int handle, unsigned short days, unsigned int milliseconds)
 {
-    return WithClient<CTarvikClientCAN>(
-        handle, [&](CTarvikClientCAN& can) { return can.CANopenSendTIME(days, milliseconds); });
+    return WithClient<CTarvikClientCAN>(handle,
+                                        [&](CTarvikClientCAN& can) { return can.CANopenSendTIME(days, milliseconds); });
 }
 
 int CANopenSendPDO(int handle, unsigned char selector1, unsigned char selector2, const char* data, int len)

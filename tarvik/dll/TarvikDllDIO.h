@@ -8,17 +8,18 @@
 #include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
-extern "C" {
+extern "C"
+{
 #endif
 
-/* 0x920000 for a portIndex outside 0..99 (*handle untouched); on any other failure
- * *handle is -1. */
-TARVIK_API int DIOOpenDevice(int* handle, const char* host, int timeoutMs, int portIndex);
-TARVIK_API int DIOCloseDevice(int handle);
-/* Both words are written only from an answer that carries both, then even when the
- * device reports an error; a shorter answer gives 0 and leaves them alone. */
-TARVIK_API int DIORead(int handle, unsigned int* inputs, unsigned int* outputs);
-TARVIK_API int DIOWrite(int handle, unsigned int outputs);
+    /* 0x920000 for a portIndex outside 0..99 (*handle untouched); on any other failure
+     * *handle is -1. */
+    TARVIK_API int DIOOpenDevice(int* handle, const char* host, int timeoutMs, int portIndex);
+    TARVIK_API int DIOCloseDevice(int handle);
+    /* Both words are written only from an answer that carries both, then even when the
+     * device reports an error; a shorter answer gives 0 and leaves them alone. */
+    TARVIK_API int DIORead(int handle, unsigned int* inputs, unsigned int* outputs);
+    TARVIK_API int DIOWrite(int handle, unsigned int outputs);
 
 #ifdef __cplusplus
 }

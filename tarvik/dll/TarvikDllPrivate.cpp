@@ -59,13 +59,12 @@ int OpenByTable(int* handle, const char* host, int timeoutMs, unsigned char type
     return Prepare(handle, prepare);
 }
 
-int OpenOwned(int* handle, const char* host, std::unique_ptr<CTarvikClient> client, int portIndex,
-              PPrepare prepare)
+int OpenOwned(int* handle, const char* host, std::unique_ptr<CTarvikClient> client, int portIndex, PPrepare prepare)
 {
     if (!IsPortIndex(portIndex))
         return TARVIK_ERR_INVALID_PARAMETER;
-    int result = CDeviceManager::OpenOwnedDevice(handle, host, std::move(client),
-                                                 static_cast<unsigned char>(portIndex), kProtocol, kConnectFlag);
+    int result = CDeviceManager::OpenOwnedDevice(handle, host, std::move(client), static_cast<unsigned char>(portIndex),
+                                                 kProtocol, kConnectFlag);
     if (result != 0)
         return result;
     return Prepare(handle, prepare);

@@ -14,40 +14,42 @@
 #include "tarvik/runtime/TarvikExport.h"
 
 #ifdef __cplusplus
-extern "C" {
+extern "C"
+{
 #endif
 
 /* Bytes of a flash page. */
 #define TARVIK_RENESAS_PAGE_SIZE 256
 
-/* 0x920000 for a portIndex outside 0..99 (*handle untouched); on any other failure
- * *handle is -1. */
-TARVIK_API int RenesasOpenDevice(int* handle, const char* host, int timeoutMs, int portIndex);
-TARVIK_API int RenesasCloseDevice(int handle);
-/* Starts a programming sequence on the target. */
-TARVIK_API int RenesasInit(int handle);
-/* Sends 7 ID bytes: the first min(len, 7) of id, then the position numbers k + 1. */
-TARVIK_API int RenesasCheckID(int handle, const char* id, int len);
-/* A rate code that the gateway interprets. */
-TARVIK_API int RenesasSetBaudrate(int handle, unsigned char rateCode);
-/* *received is 0 first, then the page bytes copied into buf (at most len); any answer
- * fills buf, also one that reports an error. */
-TARVIK_API int RenesasReadPage(int handle, unsigned short page, char* buf, int len, unsigned short* received);
-TARVIK_API int RenesasEraseAll(int handle);
-TARVIK_API int RenesasBlockErase(int handle, unsigned short block);
-/* Programs one whole page: fewer than 256 bytes are padded with 0x00 (not the erased
- * value 0xFF). 0x920000 for more than 256 bytes, which the page cannot take. */
-TARVIK_API int RenesasWritePage(int handle, unsigned short page, const char* data, int len);
-/* Copies the gateway's version text into buf as DLLInfo does (at most size bytes with
- * the terminating zero); on a failed request buf is left alone. */
-TARVIK_API int RenesasGetVersion(int handle, char* buf, int size);
-/* Ends the programming sequence. */
-TARVIK_API int RenesasComplete(int handle);
-/* The checksum over a range (first, second) that the gateway interprets. Any answer
- * sets *checksum: to the sum when it carries one, else to 0. */
-TARVIK_API int RenesasVerifyCheck(int handle, unsigned short first, unsigned short second, unsigned short* checksum);
-TARVIK_API int RenesasReadDigital(int handle, unsigned int* inputs, unsigned int* outputs);
-TARVIK_API int RenesasWriteDigital(int handle, unsigned int outputs);
+    /* 0x920000 for a portIndex outside 0..99 (*handle untouched); on any other failure
+     * *handle is -1. */
+    TARVIK_API int RenesasOpenDevice(int* handle, const char* host, int timeoutMs, int portIndex);
+    TARVIK_API int RenesasCloseDevice(int handle);
+    /* Starts a programming sequence on the target. */
+    TARVIK_API int RenesasInit(int handle);
+    /* Sends 7 ID bytes: the first min(len, 7) of id, then the position numbers k + 1. */
+    TARVIK_API int RenesasCheckID(int handle, const char* id, int len);
+    /* A rate code that the gateway interprets. */
+    TARVIK_API int RenesasSetBaudrate(int handle, unsigned char rateCode);
+    /* *received is 0 first, then the page bytes copied into buf (at most len); any answer
+     * fills buf, also one that reports an error. */
+    TARVIK_API int RenesasReadPage(int handle, unsigned short page, char* buf, int len, unsigned short* received);
+    TARVIK_API int RenesasEraseAll(int handle);
+    TARVIK_API int RenesasBlockErase(int handle, unsigned short block);
+    /* Programs one whole page: fewer than 256 bytes are padded with 0x00 (not the erased
+     * value 0xFF). 0x920000 for more than 256 bytes, which the page cannot take. */
+    TARVIK_API int RenesasWritePage(int handle, unsigned short page, const char* data, int len);
+    /* Copies the gateway's version text into buf as DLLInfo does (at most size bytes with
+     * the terminating zero); on a failed request buf is left alone. */
+    TARVIK_API int RenesasGetVersion(int handle, char* buf, int size);
+    /* Ends the programming sequence. */
+    TARVIK_API int RenesasComplete(int handle);
+    /* The checksum over a range (first, second) that the gateway interprets. Any answer
+     * sets *checksum: to the sum when it carries one, else to 0. */
+    TARVIK_API int RenesasVerifyCheck(int handle, unsigned short first, unsigned short second,
+                                      unsigned short* checksum);
+    TARVIK_API int RenesasReadDigital(int handle, unsigned int* inputs, unsigned int* outputs);
+    TARVIK_API int RenesasWriteDigital(int handle, unsigned int outputs);
 
 #ifdef __cplusplus
 }

@@ -44,9 +44,8 @@ int SPICloseDevice(int handle)
 
 int SPIDataReq(int handle, const char* send, int sendLen, char* recv, int recvLen)
 {
-    return WithClient<CTarvikClientSPI>(handle, [&](CTarvikClientSPI& spi) {
-        return spi.DataReq(send, Cut16(sendLen), recv, Cut16(recvLen));
-    });
+    return WithClient<CTarvikClientSPI>(
+        handle, [&](CTarvikClientSPI& spi) { return spi.DataReq(send, Cut16(sendLen), recv, Cut16(recvLen)); });
 }
 
 int SPISequenceReq(int handle, const char* seq, int len, short* id)

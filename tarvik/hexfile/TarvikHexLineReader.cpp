@@ -51,8 +51,8 @@ void CTarvikHexLineReader::Fill()
     }
     while (m_nEnd < kLineBufferSize && !m_bSourceEnd)
     {
-        std::streamsize got = m_pSource->sgetn(m_vecBuffer.data() + m_nEnd,
-                                               static_cast<std::streamsize>(m_vecBuffer.size() - m_nEnd));
+        std::streamsize got =
+            m_pSource->sgetn(m_vecBuffer.data() + m_nEnd, static_cast<std::streamsize>(m_vecBuffer.size() - m_nEnd));
         if (got <= 0)
             m_bSourceEnd = true;
         else

@@ -313,7 +313,8 @@ CTarvikHexfile::EType DetectType(const std::string& text)
         const size_t first = line.find_first_not_of(" \t\r\f\v");
         if (first != std::string::npos && line[0] != ';' && line[0] != '#')
             return !IsRecordLine(line, 0) ? CTarvikHexfile::Binary
-                                          : line[0] == ':' ? CTarvikHexfile::Intel : CTarvikHexfile::Motorola;
+                   : line[0] == ':'       ? CTarvikHexfile::Intel
+                                          : CTarvikHexfile::Motorola;
         pos = end + 1;
     }
     return CTarvikHexfile::Binary;

@@ -16,8 +16,8 @@
 #ifndef TARVIK_HEXFILE_TARVIKIMAGECHECK_H
 #define TARVIK_HEXFILE_TARVIKIMAGECHECK_H
 
-#include "tarvik/runtime/TarvikExport.h"
 #include "tarvik/hexfile/TarvikHexfile.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <cstdint>
 #include <istream>

@@ -181,7 +181,8 @@ void CTarvikImageOps::Crop(const CTarvikHexfile& image, uint64_t first, uint64_t
     out.RecalcMinMax();
 }
 
-void CTarvikImageOps::Fill(const CTarvikHexfile& image, uint64_t first, uint64_t last, unsigned char fill, CTarvikHexfile& out)
+void CTarvikImageOps::Fill(const CTarvikHexfile& image, uint64_t first, uint64_t last, unsigned char fill,
+                           CTarvikHexfile& out)
 {
     CTarvikHexfile::CByteMap map;
     PutImage(image, map);
@@ -203,7 +204,8 @@ void CTarvikImageOps::Offset(const CTarvikHexfile& image, int64_t delta, CTarvik
     out.RecalcMinMax();
 }
 
-uint64_t CTarvikImageOps::Compare(const CTarvikHexfile& a, const CTarvikHexfile& b, size_t keep, std::vector<SDifference>& first)
+uint64_t CTarvikImageOps::Compare(const CTarvikHexfile& a, const CTarvikHexfile& b, size_t keep,
+                                  std::vector<SDifference>& first)
 {
     CBlockCursor cursorA(a);
     CBlockCursor cursorB(b);

@@ -7,8 +7,7 @@
 #include "tarvik/protocol/TarvikProtocol.h"
 #include "tarvik/protocol/TarvikProtocolDevice.h"
 
-#define TARVIK_AD_COMMANDS(X) \
-    X(Read, 0x30)
+#define TARVIK_AD_COMMANDS(X) X(Read, 0x30)
 
 namespace tarvik_protocol
 {

@@ -10,14 +10,14 @@
 #include "tarvik/protocol/TarvikProtocol.h"
 #include "tarvik/protocol/TarvikProtocolDevice.h"
 
-#define TARVIK_AWIRE_COMMANDS(X) \
-    X(SetConfig, 0x05)     \
-    X(GetConfig, 0x06)     \
-    X(WriteBlock, 0xE0)    \
-    X(WriteProgress, 0xE1) \
-    X(Erase, 0xE2)         \
-    X(Read, 0xE3)          \
-    X(WriteUserPage, 0xE4) \
+#define TARVIK_AWIRE_COMMANDS(X)                                                                                       \
+    X(SetConfig, 0x05)                                                                                                 \
+    X(GetConfig, 0x06)                                                                                                 \
+    X(WriteBlock, 0xE0)                                                                                                \
+    X(WriteProgress, 0xE1)                                                                                             \
+    X(Erase, 0xE2)                                                                                                     \
+    X(Read, 0xE3)                                                                                                      \
+    X(WriteUserPage, 0xE4)                                                                                             \
     X(EraseUserPage, 0xE5)
 
 namespace tarvik_protocol

@@ -19,35 +19,35 @@
 
 // Every command of the CAN gateway once: X(Name, number); the command code is
 // 0x0200 | number, its confirmation 0x8200 | number.
-#define TARVIK_CAN_COMMANDS(X)       \
-    X(Frame, 0x03)                   \
-    X(SetConfig, 0x05)               \
-    X(GetConfig, 0x06)               \
-    X(SetGlobals, 0x07)              \
-    X(GetGlobals, 0x08)              \
-    X(SetTime, 0x0B)                 \
-    X(GetTime, 0x0E)                 \
-    X(SetFilter, 0x20)               \
-    X(GetFilter, 0x21)               \
-    X(GetPowerStatus, 0x22)          \
-    X(SetPowerRelais, 0x23)          \
-    X(SetActivePowerSupplies, 0x24)  \
-    X(SetCyclicMessage, 0x25)        \
-    X(SetZCardParameter, 0x51)       \
-    X(GetZCardParameter, 0x52)       \
-    X(CANopenSetConfig, 0x60)        \
-    X(CANopenGetConfig, 0x61)        \
-    X(CANopenSetSYNCMode, 0x62)      \
-    X(CANopenSendNMT, 0x63)          \
-    X(CANopenSYNC, 0x64)             \
-    X(CANopenSendTIME, 0x65)         \
-    X(CANopenEMCY, 0x66)             \
-    X(CANopenPDO, 0x67)              \
-    X(CANopenSDORead, 0x68)          \
-    X(CANopenSDOWrite, 0x69)         \
-    X(CANopenSDOReadBlock, 0x6A)     \
-    X(CANopenSDOWriteBlock, 0x6B)    \
-    X(CANopenGUARD, 0x6C)            \
+#define TARVIK_CAN_COMMANDS(X)                                                                                         \
+    X(Frame, 0x03)                                                                                                     \
+    X(SetConfig, 0x05)                                                                                                 \
+    X(GetConfig, 0x06)                                                                                                 \
+    X(SetGlobals, 0x07)                                                                                                \
+    X(GetGlobals, 0x08)                                                                                                \
+    X(SetTime, 0x0B)                                                                                                   \
+    X(GetTime, 0x0E)                                                                                                   \
+    X(SetFilter, 0x20)                                                                                                 \
+    X(GetFilter, 0x21)                                                                                                 \
+    X(GetPowerStatus, 0x22)                                                                                            \
+    X(SetPowerRelais, 0x23)                                                                                            \
+    X(SetActivePowerSupplies, 0x24)                                                                                    \
+    X(SetCyclicMessage, 0x25)                                                                                          \
+    X(SetZCardParameter, 0x51)                                                                                         \
+    X(GetZCardParameter, 0x52)                                                                                         \
+    X(CANopenSetConfig, 0x60)                                                                                          \
+    X(CANopenGetConfig, 0x61)                                                                                          \
+    X(CANopenSetSYNCMode, 0x62)                                                                                        \
+    X(CANopenSendNMT, 0x63)                                                                                            \
+    X(CANopenSYNC, 0x64)                                                                                               \
+    X(CANopenSendTIME, 0x65)                                                                                           \
+    X(CANopenEMCY, 0x66)                                                                                               \
+    X(CANopenPDO, 0x67)                                                                                                \
+    X(CANopenSDORead, 0x68)                                                                                            \
+    X(CANopenSDOWrite, 0x69)                                                                                           \
+    X(CANopenSDOReadBlock, 0x6A)                                                                                       \
+    X(CANopenSDOWriteBlock, 0x6B)                                                                                      \
+    X(CANopenGUARD, 0x6C)                                                                                              \
     X(CANopenUndefined, 0x6D)
 
 namespace tarvik_protocol
@@ -79,11 +79,11 @@ constexpr unsigned char kFlagFDShift = 4;      // the FD nibble (bit rate switch
 constexpr unsigned char kFDNibbleMask = 0x03;
 
 // Frame layout (0x203 both ways, 0x26D): identifier, flags, data [, time stamp].
-constexpr size_t kFrameIdOffset = 0;    // signed 32-bit
+constexpr size_t kFrameIdOffset = 0; // signed 32-bit
 constexpr size_t kFrameFlagsOffset = 4;
 constexpr size_t kFrameDataOffset = 5;
 constexpr size_t kFrameHead = 5;
-constexpr size_t kTimeStampSize = 8;    // seconds, microseconds: signed 32-bit each
+constexpr size_t kTimeStampSize = 8; // seconds, microseconds: signed 32-bit each
 constexpr size_t kMaxClassicData = 8;
 constexpr size_t kMaxFDData = 64;
 

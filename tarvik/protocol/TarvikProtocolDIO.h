@@ -9,8 +9,8 @@
 #include "tarvik/protocol/TarvikProtocol.h"
 #include "tarvik/protocol/TarvikProtocolDevice.h"
 
-#define TARVIK_DIO_COMMANDS(X) \
-    X(Read, tarvik_protocol::common::eCmdBaseReadDigital) \
+#define TARVIK_DIO_COMMANDS(X)                                                                                         \
+    X(Read, tarvik_protocol::common::eCmdBaseReadDigital)                                                              \
     X(Write, tarvik_protocol::common::eCmdBaseWriteDigital)
 
 namespace tarvik_protocol

@@ -37,13 +37,13 @@ enum ETarvikDevice
 #ifdef __cplusplus
 #include "tarvik/protocol/TarvikProtocol.h"
 
-#define TARVIK_COMMON_COMMANDS(X) \
-    X(Info, 0x09)                 \
-    X(Status, 0x0A)               \
-    X(Restart, 0x0C)              \
-    X(BaseReadDigital, 0x40)      \
-    X(BaseWriteDigital, 0x41)     \
-    X(ReadAnalog, 0x42)           \
+#define TARVIK_COMMON_COMMANDS(X)                                                                                      \
+    X(Info, 0x09)                                                                                                      \
+    X(Status, 0x0A)                                                                                                    \
+    X(Restart, 0x0C)                                                                                                   \
+    X(BaseReadDigital, 0x40)                                                                                           \
+    X(BaseWriteDigital, 0x41)                                                                                          \
+    X(ReadAnalog, 0x42)                                                                                                \
     X(WriteAnalog, 0x43)
 
 namespace tarvik_protocol

@@ -9,13 +9,13 @@
 #include "tarvik/protocol/TarvikProtocol.h"
 #include "tarvik/protocol/TarvikProtocolDevice.h"
 
-#define TARVIK_FIRMWARE_COMMANDS(X) \
-    X(GetEEPromInfo, 0xE0) \
-    X(ReadEEProm, 0xE1)    \
-    X(WriteEEProm, 0xE2)   \
-    X(ClearFlash, 0xE3)    \
-    X(ReadFlash, 0xE4)     \
-    X(WriteFlash, 0xE5)    \
+#define TARVIK_FIRMWARE_COMMANDS(X)                                                                                    \
+    X(GetEEPromInfo, 0xE0)                                                                                             \
+    X(ReadEEProm, 0xE1)                                                                                                \
+    X(WriteEEProm, 0xE2)                                                                                               \
+    X(ClearFlash, 0xE3)                                                                                                \
+    X(ReadFlash, 0xE4)                                                                                                 \
+    X(WriteFlash, 0xE5)                                                                                                \
     X(Restart, 0xE7)
 
 namespace tarvik_protocol

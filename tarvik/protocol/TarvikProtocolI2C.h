@@ -11,19 +11,19 @@
 #include "tarvik/protocol/TarvikProtocol.h"
 #include "tarvik/protocol/TarvikProtocolDevice.h"
 
-#define TARVIK_I2C_COMMANDS(X) \
-    X(Reset, 0x04)              \
-    X(SetBaudrate, 0x07)        \
-    X(GetBaudrate, 0x08)        \
-    X(Read, 0x10)               \
-    X(Write, 0x11)              \
-    X(ReadEEProm, 0x12)         \
-    X(WriteEEProm, 0x13)        \
-    X(Sequence, 0x14)           \
-    X(RAWStart, 0x15)           \
-    X(RAWSend, 0x16)            \
-    X(RAWGet, 0x17)             \
-    X(RAWStop, 0x18)            \
+#define TARVIK_I2C_COMMANDS(X)                                                                                         \
+    X(Reset, 0x04)                                                                                                     \
+    X(SetBaudrate, 0x07)                                                                                               \
+    X(GetBaudrate, 0x08)                                                                                               \
+    X(Read, 0x10)                                                                                                      \
+    X(Write, 0x11)                                                                                                     \
+    X(ReadEEProm, 0x12)                                                                                                \
+    X(WriteEEProm, 0x13)                                                                                               \
+    X(Sequence, 0x14)                                                                                                  \
+    X(RAWStart, 0x15)                                                                                                  \
+    X(RAWSend, 0x16)                                                                                                   \
+    X(RAWGet, 0x17)                                                                                                    \
+    X(RAWStop, 0x18)                                                                                                   \
     X(WriteEEPromPollAck, 0x19)
 
 namespace tarvik_protocol

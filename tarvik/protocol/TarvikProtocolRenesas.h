@@ -9,16 +9,16 @@
 
 #include <cstddef>
 
-#define TARVIK_RENESAS_COMMANDS(X) \
-    X(Init, 0x20)        \
-    X(CheckID, 0x21)     \
-    X(SetBaudrate, 0x22) \
-    X(ReadPage, 0x23)    \
-    X(EraseAll, 0x24)    \
-    X(WritePage, 0x25)   \
-    X(GetVersion, 0x26)  \
-    X(Complete, 0x27)    \
-    X(VerifyCheck, 0x28) \
+#define TARVIK_RENESAS_COMMANDS(X)                                                                                     \
+    X(Init, 0x20)                                                                                                      \
+    X(CheckID, 0x21)                                                                                                   \
+    X(SetBaudrate, 0x22)                                                                                               \
+    X(ReadPage, 0x23)                                                                                                  \
+    X(EraseAll, 0x24)                                                                                                  \
+    X(WritePage, 0x25)                                                                                                 \
+    X(GetVersion, 0x26)                                                                                                \
+    X(Complete, 0x27)                                                                                                  \
+    X(VerifyCheck, 0x28)                                                                                               \
     X(BlockErase, 0x29)
 
 namespace tarvik_protocol

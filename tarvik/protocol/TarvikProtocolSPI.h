@@ -10,10 +10,10 @@
 #include "tarvik/protocol/TarvikProtocol.h"
 #include "tarvik/protocol/TarvikProtocolDevice.h"
 
-#define TARVIK_SPI_COMMANDS(X) \
-    X(DataReq, 0x03)           \
-    X(SetGlobals, 0x07)        \
-    X(GetGlobals, 0x08)        \
+#define TARVIK_SPI_COMMANDS(X)                                                                                         \
+    X(DataReq, 0x03)                                                                                                   \
+    X(SetGlobals, 0x07)                                                                                                \
+    X(GetGlobals, 0x08)                                                                                                \
     X(Sequence, 0x14)
 
 namespace tarvik_protocol

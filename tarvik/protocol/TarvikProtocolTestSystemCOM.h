@@ -13,12 +13,12 @@
 
 #include <cstddef>
 
-#define TARVIK_TESTSYSTEM_COM_COMMANDS(X) \
-    X(SetConfig, 0x05)         \
-    X(GetConfig, 0x06)         \
-    X(IsConfigAvailable, 0xD2) \
-    X(FileStart, 0xD3)         \
-    X(FileData, 0xD4)          \
+#define TARVIK_TESTSYSTEM_COM_COMMANDS(X)                                                                              \
+    X(SetConfig, 0x05)                                                                                                 \
+    X(GetConfig, 0x06)                                                                                                 \
+    X(IsConfigAvailable, 0xD2)                                                                                         \
+    X(FileStart, 0xD3)                                                                                                 \
+    X(FileData, 0xD4)                                                                                                  \
     X(InstallConfig, 0xD5)
 
 namespace tarvik_protocol

@@ -8,10 +8,10 @@
 #include "tarvik/protocol/TarvikProtocol.h"
 #include "tarvik/protocol/TarvikProtocolDevice.h"
 
-#define TARVIK_TESTSYSTEM_IO_COMMANDS(X) \
-    X(SetValue, 0x10) \
-    X(GetValue, 0x11) \
-    X(SetPower, 0x20) \
+#define TARVIK_TESTSYSTEM_IO_COMMANDS(X)                                                                               \
+    X(SetValue, 0x10)                                                                                                  \
+    X(GetValue, 0x11)                                                                                                  \
+    X(SetPower, 0x20)                                                                                                  \
     X(GetPower, 0x21)
 
 namespace tarvik_protocol

@@ -7,8 +7,8 @@
 #include "tarvik/protocol/TarvikProtocol.h"
 #include "tarvik/protocol/TarvikProtocolDevice.h"
 
-#define TARVIK_TESTSYSTEM_PWR_COMMANDS(X) \
-    X(SetValue, 0x10) \
+#define TARVIK_TESTSYSTEM_PWR_COMMANDS(X)                                                                              \
+    X(SetValue, 0x10)                                                                                                  \
     X(GetValue, 0x11)
 
 namespace tarvik_protocol

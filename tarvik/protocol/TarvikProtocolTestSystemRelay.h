@@ -9,10 +9,10 @@
 #include "tarvik/protocol/TarvikProtocol.h"
 #include "tarvik/protocol/TarvikProtocolDevice.h"
 
-#define TARVIK_TESTSYSTEM_RELAY_COMMANDS(X) \
-    X(SetRelay, 0x12)  \
-    X(GetButton, 0x13) \
-    X(SetPower, 0x20)  \
+#define TARVIK_TESTSYSTEM_RELAY_COMMANDS(X)                                                                            \
+    X(SetRelay, 0x12)                                                                                                  \
+    X(GetButton, 0x13)                                                                                                 \
+    X(SetPower, 0x20)                                                                                                  \
     X(GetPower, 0x21)
 
 namespace tarvik_protocol

@@ -4,8 +4,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <future>
 #include <fcntl.h>
+#include <future>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -64,7 +64,8 @@ int FinishConnect(int fd, int64_t deadlineUs)
 CMolIPBase::~CMolIPBase() = default;
 
 CMolIPConnection::CMolIPConnection()
-    : m_nState(eStateIdle), m_nSocket(-1), m_bInBatch(false), m_nSendTimeoutMs(0), m_nFrameTimeoutMs(kMinFrameTimeoutMs), m_nAliveMs(0)
+    : m_nState(eStateIdle), m_nSocket(-1), m_bInBatch(false), m_nSendTimeoutMs(0),
+      m_nFrameTimeoutMs(kMinFrameTimeoutMs), m_nAliveMs(0)
 {
 }
 
@@ -106,7 +107,7 @@ int CMolIPConnection::OpenSocket(const char* host, unsigned short port, unsigned
             result = FinishConnect(fd, deadlineUs);
         else
             result = (errno == ECONNREFUSED || errno == ENETUNREACH || errno == EHOSTUNREACH) ? eResultNotConnected
-                                                                                             : eResultSocketError;
+                                                                                              : eResultSocketError;
         if (result == eResultSuccess)
         {
             SetBlocking(fd);
@@ -221,7 +222,8 @@ int CMolIPConnection::DataReqLong(const char* data, size_t len, unsigned int tim
         return eResultNotConnected;
     if (timeoutMs != m_nSendTimeoutMs)
     {
-        struct timeval tv = {static_cast<time_t>(timeoutMs / 1000), static_cast<suseconds_t>((timeoutMs % 1000) * 1000)};
+        struct timeval tv = {static_cast<time_t>(timeoutMs / 1000),
+                             static_cast<suseconds_t>((timeoutMs % 1000) * 1000)};
         setsockopt(m_nSocket, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
         m_nSendTimeoutMs = timeoutMs;
     }
@@ -236,7 +238,7 @@ int CMolIPConnection::DataReqLong(const char* data, size_t len, unsigned int tim
         }
         if (n < 0 && errno == EINTR)
             continue;
-        int result = (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) ? eResultTimeout
+        int result = (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))           ? eResultTimeout
                      : (errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN) ? eResultNotConnected
                                                                                     : eResultSocketError;
         // Part of a frame is out: the peer would take the next frame's bytes as its rest.

@@ -2,8 +2,8 @@
 #ifndef TARVIK_RUNTIME_MOLIPCONNECTION_H
 #define TARVIK_RUNTIME_MOLIPCONNECTION_H
 
-#include "tarvik/runtime/TarvikExport.h"
 #include "tarvik/runtime/MolFrameCutter.h"
+#include "tarvik/runtime/TarvikExport.h"
 
 #include <atomic>
 #include <cstdint>

@@ -50,8 +50,7 @@ bool CMolEvent::TrySpin(unsigned long generation)
     const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(kSpinUs);
     do
     {
-        if (m_bSignalled.load(std::memory_order_acquire) ||
-            m_nGeneration.load(std::memory_order_acquire) != generation)
+        if (m_bSignalled.load(std::memory_order_acquire) || m_nGeneration.load(std::memory_order_acquire) != generation)
         {
             std::lock_guard<std::mutex> lock(m_oMutex);
             m_bSignalled = false;

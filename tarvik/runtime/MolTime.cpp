@@ -20,8 +20,7 @@ int64_t SpanNs(int64_t d, int64_t h, int64_t m, int64_t s, int64_t ms, int64_t u
 
 int64_t NowNs()
 {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();
 }
 
@@ -166,7 +165,6 @@ CMolLocalTime& CMolLocalTime::operator+=(const CMolTimeDiff& diff)
 
 int64_t MolMonotonicMicroSeconds()
 {
-    return std::chrono::duration_cast<std::chrono::microseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
