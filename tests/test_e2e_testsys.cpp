@@ -45,13 +45,7 @@ protected:
     // A file of size pseudo-random bytes in the test's directory.
     std::string File(const std::string& name, size_t size, unsigned int seed = 1)
     {
-        std::string bytes(size, '\0');
-        for (char& byte : bytes)
-        {
-            seed = seed * 1103515245u + 12345u;
-            byte = static_cast<char>(seed >> 16);
-        }
-        hexfile_test::WriteFile(m_oDir.Path(name), bytes);
+        hexfile_test::WriteFile(m_oDir.Path(name), hexfile_test::Pattern(size, seed));
         return m_oDir.Path(name);
     }
     static unsigned int CRC(const std::string& path)
