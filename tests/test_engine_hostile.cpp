@@ -107,26 +107,37 @@ TEST(HostileLifetime, EveryClientClassIsDestroyedSafelyWhileTelegramsArrive)
     const unsigned long lateBefore = CTarvikClient::GetLateStopCount();
     const std::string flood = FloodTelegrams(64, 24) + CANIndications(32);
     // A client connected to a gateway that floods it, destroyed by end() in the middle.
-    auto underFlood = [&](CFakeGateway& gateway, size_t accepted, const std::function<void()>& end)
+    // Whole writes keep the stream in step, so that the queues fill.
+    auto underFlood = [&](CFakeGateway& gateway, size_t accepted, const std::function<void()>& end,
+                          CFlood::EWrite write = CFlood::eCut)
     {
         ASSERT_TRUE(gateway.WaitForAccepted(accepted, kWaitMs)) << accepted;
-        CFlood running(gateway, flood);
+        CFlood running(gateway, flood, write);
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
         end();
     };
-    // An application's own class with members its overrides use, and the CAN client of the
-    // object layer, which the registry does not create.
+    // An application's own class with members its overrides use, the CAN client of the
+    // object layer, which the registry does not create, and the queueing CAN client with
+    // small and large queues, its frames queued or handed to a callback.
     CFakeGateway gateway;
     ASSERT_TRUE(gateway.Start("127.0.0.1"));
-    for (int round = 0; round < 21; ++round)
+    for (int round = 0; round < 31; ++round)
     {
         std::unique_ptr<CTarvikClient> client;
         if (round < 20)
             client = std::make_unique<CKeepingClient>(kTimeoutMs);
-        else
+        else if (round == 20)
             client = std::make_unique<CTarvikClientCAN>(kTimeoutMs);
+        else
+        {
+            auto can = std::make_unique<CTarvikClientCANDll>(0, kTimeoutMs);
+            can->SetMaxSizePerQueue(round % 2 == 0 ? 10 : 100000);
+            if (round % 3 == 0)
+                can->SetCallback(&CountCANFrame);
+            client = std::move(can);
+        }
         ASSERT_EQ(0, client->Connect("127.0.0.1", gateway.GetPort()));
-        underFlood(gateway, round + 1, [&] { client.reset(); });
+        underFlood(gateway, round + 1, [&] { client.reset(); }, round > 20 ? CFlood::eWhole : CFlood::eCut);
     }
     // Every class the registry creates, by device type, the DIO and AD classes, and the base class itself.
     for (int type = 0; type <= 17; ++type)
