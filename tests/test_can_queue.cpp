@@ -689,25 +689,6 @@ TEST_F(CCANQueueTest, RequestsCompleteDuringAFlood)
     consumer.join();
 }
 
-TEST(CANQueueLifetime, DestroyedWhileAFloodFillsItsQueuesAndCallsItsCallbacks)
-{
-    CFakeGateway gateway;
-    ASSERT_TRUE(gateway.Start("127.0.0.1"));
-    const std::string flood = FloodOfFrames(64) + Telegram(0x0264, 0, Hex("01")) + Telegram(0x026C, 0, Hex("01 02"));
-    for (int round = 0; round < 10; ++round)
-    {
-        auto client = std::make_unique<CCANDll>(100);
-        client->SetMaxSizePerQueue(round % 2 == 0 ? 10 : 100000);
-        if (round % 3 == 0)
-            client->SetCallback(&CountFrame);
-        ASSERT_EQ(0, client->Connect("127.0.0.1", gateway.GetPort()));
-        ASSERT_TRUE(gateway.WaitForAccepted(round + 1, 5000));
-        CFlood running(gateway, flood, CFlood::eWhole, 50);
-        std::this_thread::sleep_for(std::chrono::milliseconds(3));
-        client.reset();
-    }
-}
-
 namespace
 {
 std::atomic<int> g_nHandleSeen{0};

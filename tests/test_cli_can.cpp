@@ -3,7 +3,10 @@
 // prints from the other in candump's layouts, "can play" replays a captured log, and
 // can-utils' log2asc reads the log as written.
 #include "support/CliProcess.h"
+#include "support/HexfileTestUtil.h"
 #include "support/SdoCases.h"
+#include "support/SimFixture.h"
+#include "support/Wait.h"
 
 #include "sim/TarvikSimServer.h"
 
@@ -20,19 +23,10 @@ namespace
 {
 using namespace tarvik_test;
 
-class CliCan : public ::testing::Test
+class CliCan : public CSimServerFixture
 {
 protected:
-    void SetUp() override
-    {
-        for (unsigned int index : {0u, 1u})
-            ASSERT_EQ(0, m_oServer.AddDevice(eTarvikCAN, "127.0.0.1", 0, index));
-        ASSERT_TRUE(m_oServer.Start());
-        char dir[] = "/tmp/tarvik-cli-can-XXXXXX";
-        ASSERT_NE(nullptr, ::mkdtemp(dir));
-        m_sDir = dir;
-    }
-    void TearDown() override { std::system(("rm -rf " + m_sDir).c_str()); }
+    void SetUp() override { ASSERT_NO_FATAL_FAILURE(StartSim({{eTarvikCAN, 0}, {eTarvikCAN, 1}})); }
 
     // tarvik's arguments for gateway index, then the command's own.
     std::vector<std::string> Args(unsigned int index, std::vector<std::string> command) const
@@ -55,19 +49,17 @@ protected:
         size_t before = gateway->GetConnectionCount();
         auto dump = std::make_unique<CCliProcess>(kCliTarvik, Args(1, command));
         // The dump sets its callback before it connects: connected means listening.
-        for (int i = 0; i < 4000 && gateway->GetConnectionCount() == before; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        Eventually([&] { return gateway->GetConnectionCount() != before; }, std::chrono::seconds(20));
         return dump;
     }
 
-    CTarvikSimServer m_oServer;
-    std::string m_sDir;
+    hexfile_test::CTempDir m_oDir;
 };
 } // namespace
 
 TEST_F(CliCan, SentFramesAreDumpedAndTheLogReplays)
 {
-    const std::string log = m_sDir + "/bus.log";
+    const std::string log = m_oDir.Path("bus.log");
     auto dump = StartDump({"-n", "3", "-L", "-o", log});
     SCliRun send = Run(0, {"can", "send", "123#DEADBEEF", "12345678#R5", "7FF##1AABB"});
     ASSERT_EQ(0, send.m_nExit) << CliDescribe(send);
@@ -102,7 +94,7 @@ TEST_F(CliCan, SentFramesAreDumpedAndTheLogReplays)
 
 TEST_F(CliCan, ADumpStoppedWithCtrlCEndsCleanly)
 {
-    const std::string log = m_sDir + "/some.log";
+    const std::string log = m_oDir.Path("some.log");
     auto dump = StartDump({"-L", "-o", log});
     ASSERT_EQ(0, Run(0, {"can", "send", "321#01"}).m_nExit);
     for (int i = 0; i < 2000 && CliReadFile(log).empty(); ++i)

@@ -27,31 +27,12 @@ using CProcess = CCliProcess;
 using SRun = SCliRun;
 const std::string kTarvik = kCliTarvik;
 const std::string kSim = kCliSim;
-
-SRun RunProgram(const std::string& program, const std::vector<std::string>& args)
-{
-    return CliRunProgram(program, args);
-}
+const auto& Describe = CliDescribe;
+const auto& StartsWithLines = CliStartsWithLines;
 
 SRun RunCli(const std::vector<std::string>& args)
 {
-    return RunProgram(kTarvik, args);
-}
-
-std::string Describe(const SRun& run)
-{
-    return CliDescribe(run);
-}
-
-bool StartsWithLines(const std::string& text, const std::string& expected)
-{
-    return CliStartsWithLines(text, expected);
-}
-
-void Replace(std::string& text, const std::string& from, const std::string& to)
-{
-    for (size_t pos = text.find(from); pos != std::string::npos; pos = text.find(from, pos + to.size()))
-        text.replace(pos, from.size(), to);
+    return CliRunProgram(kTarvik, args);
 }
 
 // A tarvik-sim process serving an SPI gateway on a free port of 127.0.0.1.
@@ -94,7 +75,7 @@ protected:
     static void Fill(std::string& text)
     {
         if (text.find("{silent}") != std::string::npos)
-            Replace(text, "{silent}", SilentAddress());
+            CliReplace(text, "{silent}", SilentAddress());
     }
 
     static std::unique_ptr<CSimProcess> s_pSilent;
@@ -111,10 +92,8 @@ TEST_P(CliInvocation, ExitsWithItsCodeAndFirstLines)
     for (std::string& arg : args)
         Fill(arg);
     ASSERT_TRUE(!s_pSilent || !SilentAddress().empty()) << "tarvik-sim did not start";
-    SRun run = RunProgram(c.m_asArgs.front() == "tarvik-sim" ? kSim : kTarvik, args);
-    EXPECT_EQ(c.m_nExit, run.m_nExit) << Describe(run);
-    EXPECT_TRUE(StartsWithLines(run.m_sOut, c.m_sOut)) << "expected stdout:\n" << c.m_sOut << "\n" << Describe(run);
-    EXPECT_TRUE(StartsWithLines(run.m_sErr, c.m_sErr)) << "expected stderr:\n" << c.m_sErr << "\n" << Describe(run);
+    SRun run = CliRunProgram(c.m_asArgs.front() == "tarvik-sim" ? kSim : kTarvik, args);
+    CliExpectRun(run, c.m_nExit, c.m_sOut, c.m_sErr, "");
 }
 
 // With --sim each command runs against a simulator inside the process, and says so.

@@ -127,12 +127,6 @@ const SStep kUsage[] = {
     {"firmware frob", 2, "", "tarvik: unknown command 'firmware frob'\nRun 'tarvik firmware --help' for usage.\n"},
 };
 
-void Replace(std::string& text, const std::string& from, const std::string& to)
-{
-    for (size_t pos = text.find(from); pos != std::string::npos; pos = text.find(from, pos + to.size()))
-        text.replace(pos, from.size(), to);
-}
-
 class CCliTargetTest : public ::testing::Test
 {
 protected:
@@ -162,10 +156,10 @@ protected:
 
     std::string Fill(std::string text) const
     {
-        Replace(text, "{dir}", s_pDir->Path("").substr(0, s_pDir->Path("").size() - 1));
+        CliReplace(text, "{dir}", s_pDir->Path("").substr(0, s_pDir->Path("").size() - 1));
         const char* names[] = {"{i2c}", "{renesas}", "{firmware}"};
         for (size_t i = 0; i < s_apSims.size(); ++i)
-            Replace(text, names[i], s_apSims[i]->Address());
+            CliReplace(text, names[i], s_apSims[i]->Address());
         return text;
     }
 
@@ -180,12 +174,8 @@ protected:
             std::istringstream words(Fill(step.m_pArgs));
             for (std::string word; words >> word;)
                 args.push_back(word);
-            SCliRun run = CliRunProgram(kCliTarvik, args);
-            std::string out = Fill(step.m_pOut);
-            std::string err = Fill(step.m_pErr);
-            EXPECT_EQ(step.m_nExit, run.m_nExit) << step.m_pArgs << "\n" << CliDescribe(run);
-            EXPECT_TRUE(CliStartsWithLines(run.m_sOut, out)) << step.m_pArgs << "\n" << CliDescribe(run);
-            EXPECT_TRUE(CliStartsWithLines(run.m_sErr, err)) << step.m_pArgs << "\n" << CliDescribe(run);
+            CliExpectRun(CliRunProgram(kCliTarvik, args), step.m_nExit, Fill(step.m_pOut), Fill(step.m_pErr),
+                         step.m_pArgs);
         }
     }
 

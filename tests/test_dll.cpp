@@ -97,6 +97,13 @@ TEST(TarvikDll, UnknownHandlesAreInvalidAndOutputsAreLeftAlone)
         // DeviceStatus says 1 and leaves the buffer.
         EXPECT_EQ(1, DeviceStatus(handle, &buf[0], 4));
         EXPECT_EQ(ToHex(Buffer(8)), ToHex(buf));
+        // The common commands take any family's handle, and no other.
+        unsigned int values[2] = {7, 7};
+        for (int rc : {DeviceRestart(handle), DeviceReadDigital(handle, &values[0], &values[1]),
+                       DeviceWriteDigital(handle, 1), DeviceReadAnalog(handle, &values[0], values, 1, nullptr),
+                       DeviceWriteAnalog(handle, values, 1)})
+            EXPECT_EQ(TARVIK_ERR_INVALID_HANDLE, rc);
+        EXPECT_EQ(7u, values[0] & values[1]);
     }
     // DeviceInfo refuses a null record first and zeroes the first 18 bytes of an unknown handle's.
     EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, DeviceInfo(999999, nullptr));

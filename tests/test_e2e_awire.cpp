@@ -26,16 +26,7 @@ typedef CTarvikClientAWire CAWire;
 typedef CAWire::FileStep FileStep;
 typedef CTarvikSimDeviceAWire CDevice;
 
-std::string Pattern(size_t len, unsigned int seed)
-{
-    std::string out(len, '\0');
-    for (char& c : out)
-    {
-        seed = seed * 1103515245u + 12345u;
-        c = static_cast<char>(seed >> 16);
-    }
-    return out;
-}
+using hexfile_test::Pattern;
 
 class CAWireSimTest : public CSimFixture<CDevice, CAWire, eTarvikAWire>
 {

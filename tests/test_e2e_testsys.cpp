@@ -1,6 +1,7 @@
 // The test-system units, DIO and AD gateways end to end: the library's clients against
 // the simulator's models, including files uploaded, installed and activated.
 #include "support/HexfileTestUtil.h"
+#include "support/SimFixture.h"
 
 #include "sim/TarvikSimDeviceAD.h"
 #include "sim/TarvikSimDeviceTestSystemCOM.h"
@@ -23,17 +24,14 @@ namespace
 {
 constexpr unsigned int kTimeoutMs = 2000;
 
-class CTestSystemE2E : public ::testing::Test
+class CTestSystemE2E : public tarvik_test::CSimServerFixture
 {
 protected:
     void SetUp() override
     {
-        for (ETarvikDevice type : {eTarvikTestSystemIO, eTarvikTestSystemPWR, eTarvikTestSystemCOM,
-                                   eTarvikTestSystemRelay, eTarvikDIO, eTarvikAD})
-            ASSERT_EQ(0, m_oServer.AddDevice(type)) << type;
-        ASSERT_TRUE(m_oServer.Start());
-        m_pCom = dynamic_cast<CTarvikSimDeviceTestSystemCOM*>(m_oServer.GetDevice(eTarvikTestSystemCOM));
-        ASSERT_NE(nullptr, m_pCom);
+        ASSERT_NO_FATAL_FAILURE(StartSim({{eTarvikTestSystemIO, 0}, {eTarvikTestSystemPWR, 0}, {eTarvikTestSystemCOM, 0},
+                                          {eTarvikTestSystemRelay, 0}, {eTarvikDIO, 0}, {eTarvikAD, 0}}));
+        ASSERT_NE(nullptr, m_pCom = Model<CTarvikSimDeviceTestSystemCOM>(eTarvikTestSystemCOM));
     }
 
     template <class TClient> std::unique_ptr<TClient> Make(ETarvikDevice type)
@@ -47,13 +45,7 @@ protected:
     // A file of size pseudo-random bytes in the test's directory.
     std::string File(const std::string& name, size_t size, unsigned int seed = 1)
     {
-        std::string bytes(size, '\0');
-        for (char& byte : bytes)
-        {
-            seed = seed * 1103515245u + 12345u;
-            byte = static_cast<char>(seed >> 16);
-        }
-        hexfile_test::WriteFile(m_oDir.Path(name), bytes);
+        hexfile_test::WriteFile(m_oDir.Path(name), hexfile_test::Pattern(size, seed));
         return m_oDir.Path(name);
     }
     static unsigned int CRC(const std::string& path)
@@ -63,7 +55,6 @@ protected:
     }
 
     hexfile_test::CTempDir m_oDir;
-    CTarvikSimServer m_oServer;
     CTarvikSimDeviceTestSystemCOM* m_pCom = nullptr;
 };
 } // namespace
@@ -138,13 +129,13 @@ TEST_F(CTestSystemE2E, UnitsKeepTheirWordsSwitchRelaysAndReportButtons)
     EXPECT_EQ(0, pwr->GetValue(got, 8));
     EXPECT_EQ(0xFFFF, got[0]);
     // More words than the unit has: refused, nothing changed.
-    auto* ioModel = dynamic_cast<CTarvikSimDeviceTestUnit*>(m_oServer.GetDevice(eTarvikTestSystemIO));
+    auto* ioModel = Model<CTarvikSimDeviceTestUnit>(eTarvikTestSystemIO);
     ASSERT_NE(nullptr, ioModel);
     unsigned short many[17] = {};
     EXPECT_EQ(0x0BFF, io->SetValue(many, 17));
     EXPECT_EQ(0x1234, ioModel->GetValues()[0]);
 
-    auto* relayModel = dynamic_cast<CTarvikSimDeviceTestUnit*>(m_oServer.GetDevice(eTarvikTestSystemRelay));
+    auto* relayModel = Model<CTarvikSimDeviceTestUnit>(eTarvikTestSystemRelay);
     ASSERT_NE(nullptr, relayModel);
     EXPECT_EQ(0, relay->SetRelay(3, true));
     EXPECT_TRUE(relayModel->IsRelayOn(3));
@@ -182,7 +173,7 @@ TEST_F(CTestSystemE2E, DigitalAndAnalogGatewaysReadWhatIsWired)
     EXPECT_EQ(0x55AAu, out);
 
     auto ad = Make<CTarvikClientAD>(eTarvikAD);
-    auto* model = dynamic_cast<CTarvikSimDeviceAD*>(m_oServer.GetDevice(eTarvikAD));
+    auto* model = Model<CTarvikSimDeviceAD>(eTarvikAD);
     ASSERT_NE(nullptr, model);
     model->SetDigitalInputs(0x00ABCDEF);
     model->SetAdcLevel(3, 4095);

@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -105,27 +106,46 @@ TEST(HostileLifetime, EveryClientClassIsDestroyedSafelyWhileTelegramsArrive)
 {
     const unsigned long lateBefore = CTarvikClient::GetLateStopCount();
     const std::string flood = FloodTelegrams(64, 24) + CANIndications(32);
-    // An application's own class with members its overrides use.
+    // A client connected to a gateway that floods it, destroyed by end() in the middle.
+    // Whole writes keep the stream in step, so that the queues fill.
+    auto underFlood = [&](CFakeGateway& gateway, size_t accepted, const std::function<void()>& end,
+                          CFlood::EWrite write = CFlood::eCut)
     {
-        CFakeGateway gateway;
-        ASSERT_TRUE(gateway.Start("127.0.0.1"));
-        for (int round = 0; round < 20; ++round)
+        ASSERT_TRUE(gateway.WaitForAccepted(accepted, kWaitMs)) << accepted;
+        CFlood running(gateway, flood, write);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        end();
+    };
+    // An application's own class with members its overrides use, the CAN client of the
+    // object layer, which the registry does not create, and the queueing CAN client with
+    // small and large queues, its frames queued or handed to a callback.
+    CFakeGateway gateway;
+    ASSERT_TRUE(gateway.Start("127.0.0.1"));
+    for (int round = 0; round < 31; ++round)
+    {
+        std::unique_ptr<CTarvikClient> client;
+        if (round < 20)
+            client = std::make_unique<CKeepingClient>(kTimeoutMs);
+        else if (round == 20)
+            client = std::make_unique<CTarvikClientCAN>(kTimeoutMs);
+        else
         {
-            auto client = std::make_unique<CKeepingClient>(kTimeoutMs);
-            ASSERT_EQ(0, client->Connect("127.0.0.1", gateway.GetPort()));
-            ASSERT_TRUE(gateway.WaitForAccepted(round + 1, kWaitMs));
-            CFlood running(gateway, flood);
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            client.reset();
+            auto can = std::make_unique<CTarvikClientCANDll>(0, kTimeoutMs);
+            can->SetMaxSizePerQueue(round % 2 == 0 ? 10 : 100000);
+            if (round % 3 == 0)
+                can->SetCallback(&CountCANFrame);
+            client = std::move(can);
         }
+        ASSERT_EQ(0, client->Connect("127.0.0.1", gateway.GetPort()));
+        underFlood(gateway, round + 1, [&] { client.reset(); }, round > 20 ? CFlood::eWhole : CFlood::eCut);
     }
     // Every class the registry creates, by device type, the DIO and AD classes, and the base class itself.
     for (int type = 0; type <= 17; ++type)
     {
-        CFakeGateway gateway;
-        ASSERT_TRUE(gateway.StartOnLoopbackNet(kLoopbackNet, TarvikDevicePort(type))) << type;
+        CFakeGateway typed;
+        ASSERT_TRUE(typed.StartOnLoopbackNet(kLoopbackNet, TarvikDevicePort(type))) << type;
         int handle = 0;
-        int rc = CDeviceManager::OpenDevice(&handle, gateway.GetAddress().c_str(), kTimeoutMs,
+        int rc = CDeviceManager::OpenDevice(&handle, typed.GetAddress().c_str(), kTimeoutMs,
                                             static_cast<unsigned char>(type), 0, 1, true);
         if (rc == TARVIK_ERR_INVALID_DEVICE_TYPE)
         {
@@ -137,35 +157,18 @@ TEST(HostileLifetime, EveryClientClassIsDestroyedSafelyWhileTelegramsArrive)
                 client = std::make_unique<CTarvikClientAD>(kTimeoutMs);
             else
                 client = std::make_unique<CTarvikClient>(static_cast<ETarvikDevice>(type), kTimeoutMs);
-            ASSERT_EQ(0, client->Connect(gateway.GetAddress().c_str())) << type;
-            ASSERT_TRUE(gateway.WaitForAccepted(1, kWaitMs)) << type;
-            CFlood running(gateway, flood);
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            client.reset();
+            ASSERT_EQ(0, client->Connect(typed.GetAddress().c_str())) << type;
+            underFlood(typed, 1, [&] { client.reset(); });
             continue;
         }
         ASSERT_EQ(0, rc) << type;
-        ASSERT_TRUE(gateway.WaitForAccepted(1, kWaitMs)) << type;
         // The CAN client queues what arrives, and hands frames to a callback.
         if (auto* can = dynamic_cast<CTarvikClientCANDll*>(CDeviceManager::GetDevice(handle)->m_pClient))
         {
             can->SetMaxSizePerQueue(16);
             can->SetCallback(&CountCANFrame);
         }
-        CFlood running(gateway, flood);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        EXPECT_EQ(0, CDeviceManager::CloseDevice(handle)) << type;
-    }
-    // The CAN client of the object layer, which the registry does not create.
-    {
-        CFakeGateway gateway;
-        ASSERT_TRUE(gateway.Start("127.0.0.1"));
-        auto client = std::make_unique<CTarvikClientCAN>(kTimeoutMs);
-        ASSERT_EQ(0, client->Connect("127.0.0.1", gateway.GetPort()));
-        ASSERT_TRUE(gateway.WaitForAccepted(1, kWaitMs));
-        CFlood running(gateway, flood);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        client.reset();
+        underFlood(typed, 1, [&] { EXPECT_EQ(0, CDeviceManager::CloseDevice(handle)) << type; });
     }
     EXPECT_EQ(lateBefore, CTarvikClient::GetLateStopCount());
 }
@@ -349,42 +352,36 @@ TEST_F(CHostileTest, AFrameThatStallsEndsTheConnectionAndAReconnectRecovers)
     EXPECT_EQ(3, std::count(log.begin(), log.end(), "3 disconnected"));
 }
 
-TEST_F(CHostileTest, AFrameDribbledByteByByteWithinTheTimeOutArrives)
+// A frame whose bytes keep coming arrives when the whole is in within the time-out; too
+// slowly for that (about a second of bytes, twice the time-out), it ends the connection.
+TEST_F(CHostileTest, AFrameDribbledByteByByteArrivesOnlyWithinTheTimeOut)
 {
-    Answer(
-        [this](short id)
-        {
-            std::string raw = Cnf(0x0303, id, Frame({0, 0x11, 0x22}));
-            for (char byte : raw)
+    for (int pauseMs : {2, 10})
+    {
+        Answer(
+            [this, pauseMs](short id)
             {
-                m_oGateway.Send(std::string(1, byte));
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            }
-            return std::string();
-        });
-    ASSERT_EQ(0, Transact());
-    EXPECT_EQ(ToHex(Frame({0, 0x11, 0x22})), ToHex(m_pCnf->GetData()));
-    EXPECT_EQ(CMolIPBase::eStateConnected, m_oClient.GetConnectState());
-}
-
-// A frame whose bytes keep coming, but too slowly for the whole to arrive in time.
-TEST_F(CHostileTest, AFrameDribbledPastTheTimeOutEndsTheConnection)
-{
-    Answer(
-        [this](short id)
+                std::string raw = Cnf(0x0303, id, pauseMs == 2 ? Frame({0, 0x11, 0x22}) : std::string(100, '\0'));
+                for (char byte : raw)
+                {
+                    if (!m_oGateway.Send(std::string(1, byte)))
+                        break;
+                    std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+                }
+                return std::string();
+            });
+        if (pauseMs == 2)
         {
-            // About a second of bytes, twice the time-out.
-            std::string raw = Cnf(0x0303, id, std::string(100, '\0'));
-            for (char byte : raw)
-            {
-                if (!m_oGateway.Send(std::string(1, byte)))
-                    break;
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
-            return std::string();
-        });
-    EXPECT_EQ(TARVIK_ERR_TIMEOUT, Transact());
-    EXPECT_TRUE(WaitForState(m_oClient, CMolIPBase::eStateClosed));
+            ASSERT_EQ(0, Transact());
+            EXPECT_EQ(ToHex(Frame({0, 0x11, 0x22})), ToHex(m_pCnf->GetData()));
+            EXPECT_EQ(CMolIPBase::eStateConnected, m_oClient.GetConnectState());
+        }
+        else
+        {
+            EXPECT_EQ(TARVIK_ERR_TIMEOUT, Transact());
+            EXPECT_TRUE(WaitForState(m_oClient, CMolIPBase::eStateClosed));
+        }
+    }
 }
 
 // A send that the peer never reads ends with the time-out, not with a hang.

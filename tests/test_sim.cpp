@@ -2,6 +2,7 @@
 // bus, sequences, the byte stream, several clients, fault modes and a stop with clients
 // connected. Requests and answers are hand-written frames.
 #include "support/FakeGateway.h"
+#include "support/SimFixture.h"
 #include "support/Wait.h"
 
 #include "sim/TarvikSimDeviceSPI.h"
@@ -42,15 +43,13 @@ std::string Write(unsigned int address, const std::string& data)
     return Hex("02") + Address(address) + data;
 }
 
-class Sim : public ::testing::Test
+class Sim : public CSimServerFixture
 {
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(0, m_oServer.AddDevice(eTarvikSPI));
-        ASSERT_TRUE(m_oServer.Start());
-        m_pDevice = dynamic_cast<CTarvikSimDeviceSPI*>(m_oServer.GetDevice(eTarvikSPI));
-        ASSERT_NE(nullptr, m_pDevice);
+        ASSERT_NO_FATAL_FAILURE(StartSim({{eTarvikSPI, 0}}));
+        ASSERT_NE(nullptr, m_pDevice = Model<CTarvikSimDeviceSPI>(eTarvikSPI));
         ASSERT_TRUE(Connect(m_oClient));
     }
 
@@ -69,7 +68,6 @@ protected:
         return FrameData(answer);
     }
 
-    CTarvikSimServer m_oServer;
     CTarvikSimDeviceSPI* m_pDevice = nullptr;
     CTarvikSimRawClient m_oClient;
     int m_nNextId = 0x100;

@@ -3,6 +3,7 @@
 // the remembered settings, and the CANopen master with its nodes. Requests and answers
 // are hand-written; indications are read as they arrive between the answers.
 #include "support/FakeGateway.h"
+#include "support/SimFixture.h"
 #include "support/Wait.h"
 
 #include "sim/TarvikSimCanBus.h"
@@ -99,19 +100,16 @@ struct SGatewayClient
     }
 };
 
-class SimCan : public ::testing::Test
+class SimCan : public CSimServerFixture
 {
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(0, m_oServer.AddDevice(eTarvikCAN, "127.0.0.1", 0, 0));
-        ASSERT_EQ(0, m_oServer.AddDevice(eTarvikCAN, "127.0.0.1", 0, 1));
-        ASSERT_TRUE(m_oServer.Start());
+        ASSERT_NO_FATAL_FAILURE(StartSim({{eTarvikCAN, 0}, {eTarvikCAN, 1}}));
         m_pBus = m_oServer.GetCanBus().get();
         for (unsigned int i = 0; i < 2; ++i)
         {
-            m_apGateway[i] = dynamic_cast<CTarvikSimDeviceCAN*>(m_oServer.GetDevice(eTarvikCAN, i));
-            ASSERT_NE(nullptr, m_apGateway[i]);
+            ASSERT_NE(nullptr, m_apGateway[i] = Model<CTarvikSimDeviceCAN>(eTarvikCAN, i));
             ASSERT_TRUE(m_aoClient[i].m_oRaw.Connect("127.0.0.1", m_oServer.GetPort(eTarvikCAN, i)));
             // The answer also tells that the gateway has taken the connection on.
             ASSERT_EQ("00", m_aoClient[i].Ask(kSetConfig, "01 00"));
@@ -119,7 +117,6 @@ protected:
     }
     void CanOpenOn(SGatewayClient& client) { ASSERT_EQ("00", client.Ask(kCoSetConfig, "01")); }
 
-    CTarvikSimServer m_oServer;
     CTarvikSimCanBus* m_pBus = nullptr;
     CTarvikSimDeviceCAN* m_apGateway[2] = {};
     SGatewayClient m_aoClient[2];

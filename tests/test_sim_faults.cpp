@@ -3,6 +3,7 @@
 // next request succeeds, or after a broken stream the connection ends on its own and
 // a Disconnect and Connect bring it back.
 #include "support/FakeGateway.h"
+#include "support/SimFixture.h"
 #include "support/Wait.h"
 
 #include "sim/TarvikSimDeviceSPI.h"
@@ -121,14 +122,13 @@ int TimedCall(CTarvikClientSPI& client, EOp op)
     return rc;
 }
 
-class CSimFaultTest : public ::testing::Test
+class CSimFaultTest : public CSimServerFixture
 {
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(0, m_oServer.AddDevice(eTarvikSPI));
-        ASSERT_TRUE(m_oServer.Start());
-        auto* spi = dynamic_cast<CTarvikSimDeviceSPI*>(m_oServer.GetDevice(eTarvikSPI));
+        ASSERT_NO_FATAL_FAILURE(StartSim({{eTarvikSPI, 0}}));
+        auto* spi = Model<CTarvikSimDeviceSPI>(eTarvikSPI);
         ASSERT_NE(nullptr, spi);
         spi->PokeEeprom(kMarkAddress, kMark);
     }
@@ -152,8 +152,6 @@ protected:
         ASSERT_EQ(0, client.Connect("127.0.0.1", m_oServer.GetPort(eTarvikSPI)));
         EXPECT_EQ(kOk, TimedCall(client, op));
     }
-
-    CTarvikSimServer m_oServer;
 };
 
 enum ERecovery

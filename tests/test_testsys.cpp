@@ -45,17 +45,9 @@ unsigned int BitwiseCRC32(const std::string& bytes)
     return ~crc;
 }
 
-// Bytes that vary, so that a chunk sent twice or out of order shows.
 std::string Pattern(size_t size)
 {
-    std::string bytes(size, '\0');
-    unsigned int state = 12345;
-    for (char& byte : bytes)
-    {
-        state = state * 1103515245u + 12345u;
-        byte = static_cast<char>(state >> 16);
-    }
-    return bytes;
+    return hexfile_test::Pattern(size, 12345);
 }
 
 // Words in hex, "-" for a sentinel.

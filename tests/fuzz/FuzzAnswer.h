@@ -5,11 +5,13 @@
 #ifndef TARVIK_TESTS_FUZZ_FUZZANSWER_H
 #define TARVIK_TESTS_FUZZ_FUZZANSWER_H
 
+#include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/core/TarvikMsg.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 // The input, read front to back; past its end every read gives 0.
 class CFuzzInput
@@ -73,5 +75,34 @@ private:
 
     CFuzzInput& m_oInput;
 };
+
+// Reads every byte it is given, so that a length past the data is seen.
+inline unsigned int g_nFuzzSum = 0;
+inline void FuzzSum(const void* data, int len)
+{
+    for (int i = 0; i < len; ++i)
+        g_nFuzzSum += static_cast<const unsigned char*>(data)[i];
+}
+
+// Fetches until every queue of a CAN client is empty, with buffers exactly as large as documented.
+inline void DrainCan(CTarvikClientCANDll& can)
+{
+    std::vector<char> frame(CTarvikClientCANDll::kMaxFrameData), pdo(CTarvikClientCANDll::kMaxPDOData), any(255);
+    std::vector<unsigned char> emcy(5);
+    int id = 0, flags = 0, sec = 0, us = 0;
+    unsigned char a = 0, b = 0, len = 0;
+    unsigned short code = 0;
+    while (can.CANGetMessage(&id, frame.data(), &len, &flags, &sec, &us) >= 0)
+        FuzzSum(frame.data(), len);
+    while (can.CANopenGetPDO(&a, &b, &len, pdo.data()) >= 0)
+        FuzzSum(pdo.data(), len);
+    while (can.CANopenGetSYNC(&a) >= 0 || can.CANopenGetGUARD(&a, &b) >= 0)
+    {
+    }
+    while (can.CANopenGetEMCY(&a, &code, &b, emcy.data()) >= 0)
+        FuzzSum(emcy.data(), 5);
+    while (can.CANopenGetUndefined(&id, &a, &b, &len, any.data(), &sec, &us) >= 0)
+        FuzzSum(any.data(), len);
+}
 
 #endif

@@ -91,129 +91,14 @@ const std::string& UploadPath()
 // Exactly as many words as the caller says, so that a write past them is seen.
 template <class TGet> void GetWords(CFuzzInput& in, TGet get)
 {
-    unsigned char count = in.Byte();
-    std::vector<unsigned short> words(count);
-    get(words.empty() ? nullptr : words.data(), count);
+    std::vector<unsigned short> words(in.Byte());
+    get(words.empty() ? nullptr : words.data(), static_cast<unsigned char>(words.size()));
 }
 
 template <class TSet> void SetWords(CFuzzInput& in, TSet set)
 {
-    unsigned char count = in.Byte();
-    std::vector<unsigned short> words(count, 0x1234);
-    set(words.empty() ? nullptr : words.data(), count);
-}
-
-// The common commands, through any client.
-void RunCommon(CTarvikClient& client, uint8_t which, CFuzzInput& in)
-{
-    switch (which % 7)
-    {
-    case 0: client.Restart(); break;
-    case 1:
-    {
-        STarvikDeviceInfo info;
-        client.Info(in.Byte() & 1 ? &info : nullptr);
-        break;
-    }
-    case 2:
-    {
-        std::string text;
-        client.Status(text);
-        break;
-    }
-    case 3:
-    {
-        unsigned int inputs = 0, outputs = 0;
-        client.BaseReadDigital(inputs, outputs);
-        break;
-    }
-    case 4: client.BaseWriteDigital(in.Word()); break;
-    case 5:
-    {
-        unsigned short count = in.Byte();
-        std::vector<unsigned int> values(count);
-        unsigned int first = 0;
-        client.ReadAnalog(first, values.empty() ? nullptr : values.data(), count);
-        break;
-    }
-    default:
-    {
-        std::vector<unsigned int> values(in.Byte(), 7u);
-        client.WriteAnalog(values.data(), static_cast<unsigned short>(values.size()));
-        break;
-    }
-    }
-}
-
-void RunSpi(CSpi& spi, uint8_t which, CFuzzInput& in)
-{
-    switch (which % 6)
-    {
-    case 0:
-    {
-        unsigned int rate = 0;
-        unsigned char a = 0, b = 0, c = 0;
-        spi.GetGlobals(rate, a, b, c);
-        break;
-    }
-    case 1: spi.SetGlobals(in.Word(), in.Byte(), in.Byte(), in.Byte()); break;
-    case 2:
-    {
-        std::string send = in.Bytes(in.Byte());
-        std::vector<char> recv(in.Word());
-        spi.DataReq(send.data(), static_cast<unsigned short>(send.size()), recv.empty() ? nullptr : recv.data(),
-                    static_cast<unsigned short>(recv.size()));
-        break;
-    }
-    case 3:
-    {
-        std::string seq = in.Bytes(in.Byte());
-        std::vector<char> out(in.Byte());
-        spi.SequenceReq(seq.data(), static_cast<unsigned short>(seq.size()), out.empty() ? nullptr : out.data(),
-                        static_cast<unsigned short>(out.size()));
-        break;
-    }
-    case 4:
-    {
-        // Started, then collected: the answer is stored when the request goes out.
-        short id = 0;
-        std::string seq = in.Bytes(in.Byte());
-        spi.SequenceReq(seq.data(), static_cast<unsigned short>(seq.size()), &id);
-        std::vector<char> out(in.Byte());
-        spi.SequenceGetCnf(static_cast<short>(id + (in.Byte() & 1)), out.empty() ? nullptr : out.data(),
-                           static_cast<unsigned short>(out.size()));
-        break;
-    }
-    default:
-    {
-        unsigned int inputs = 0, outputs = 0;
-        spi.ReadDigital(inputs, outputs);
-        spi.WriteDigital(in.Word());
-        break;
-    }
-    }
-}
-void RunCom(CCom& com, uint8_t which, CFuzzInput& in)
-{
-    switch (which % 5)
-    {
-    case 0: com.SetConfig(in.Bytes(in.Byte())); break;
-    case 1:
-    {
-        std::string name;
-        com.GetConfig(name);
-        break;
-    }
-    case 2:
-    {
-        bool available = false;
-        unsigned int crc = 0;
-        com.IsConfigAvailable(in.Bytes(in.Byte()), available, crc);
-        break;
-    }
-    case 3: com.SendFile(UploadPath(), in.Word()); break;
-    default: com.InstallConfig(in.Bytes(in.Byte()), UploadPath()); break;
-    }
+    std::vector<unsigned short> words(in.Byte(), 0x1234);
+    set(words.empty() ? nullptr : words.data(), static_cast<unsigned char>(words.size()));
 }
 
 // A buffer of exactly the size the input says, so that a write past it is seen.
@@ -232,387 +117,399 @@ unsigned short Len(const std::vector<char>& buffer)
     return static_cast<unsigned short>(buffer.size());
 }
 
-void RunI2cSequence(CI2c& i2c, CFuzzInput& in)
+unsigned short Len(const std::string& data)
 {
-    std::vector<std::vector<char>> buffers(in.Byte() % 5);
-    std::vector<CTarvikClientI2C::I2CCommand> steps;
-    for (std::vector<char>& buffer : buffers)
-    {
-        unsigned short command = in.Byte();
-        buffer = Buffer(in);
-        steps.push_back({command, Len(buffer), Ptr(buffer)});
-    }
-    unsigned short pos = 0;
-    i2c.WriteSequence(steps.empty() ? nullptr : steps.data(), static_cast<unsigned short>(steps.size()), pos);
+    return static_cast<unsigned short>(data.size());
 }
 
-void RunI2c(CI2c& i2c, uint8_t which, CFuzzInput& in)
+// One row per command (or a few commands that belong together): the input's byte picks the row.
+template <class TClient> using FRow = void (*)(TClient&, CFuzzInput&);
+template <class TClient, size_t N> void Run(const FRow<TClient> (&rows)[N], TClient& client, uint8_t which, CFuzzInput& in)
 {
-    unsigned short n = 0, pos = 0;
-    switch (which % 8)
-    {
-    case 0:
-    {
+    rows[which % N](client, in);
+}
+
+// The common commands, through any client.
+const FRow<CTarvikClient> kCommon[] = {
+    [](CTarvikClient& c, CFuzzInput&) { c.Restart(); },
+    [](CTarvikClient& c, CFuzzInput& in) {
+        STarvikDeviceInfo info;
+        c.Info(in.Byte() & 1 ? &info : nullptr);
+    },
+    [](CTarvikClient& c, CFuzzInput&) {
+        std::string text;
+        c.Status(text);
+    },
+    [](CTarvikClient& c, CFuzzInput&) {
+        unsigned int inputs = 0, outputs = 0;
+        c.BaseReadDigital(inputs, outputs);
+    },
+    [](CTarvikClient& c, CFuzzInput& in) { c.BaseWriteDigital(in.Word()); },
+    [](CTarvikClient& c, CFuzzInput& in) {
+        unsigned short count = in.Byte();
+        std::vector<unsigned int> values(count);
+        unsigned int first = 0;
+        c.ReadAnalog(first, values.empty() ? nullptr : values.data(), count);
+    },
+    [](CTarvikClient& c, CFuzzInput& in) {
+        std::vector<unsigned int> values(in.Byte(), 7u);
+        c.WriteAnalog(values.data(), static_cast<unsigned short>(values.size()));
+    },
+};
+
+const FRow<CSpi> kSpi[] = {
+    [](CSpi& c, CFuzzInput&) {
         unsigned int rate = 0;
-        i2c.GetBaudrate(rate);
-        i2c.SetBaudrate(in.Word());
-        break;
-    }
-    case 1:
-    {
-        std::vector<char> buffer = Buffer(in);
-        i2c.Read(in.Word(), Ptr(buffer), Len(buffer), n);
-        break;
-    }
-    case 2:
-    {
-        std::string data = in.Bytes(in.Byte());
-        i2c.Write(in.Word(), data.data(), static_cast<unsigned short>(data.size()), pos);
-        break;
-    }
-    case 3:
-    {
-        unsigned char byte = 0;
-        i2c.RAWStart();
-        i2c.RAWSend(in.Byte(), in.Byte());
-        i2c.RAWGet(in.Byte(), byte);
-        i2c.RAWStop();
-        break;
-    }
-    case 4:
-    {
+        unsigned char a = 0, b = 0, d = 0;
+        c.GetGlobals(rate, a, b, d);
+    },
+    [](CSpi& c, CFuzzInput& in) { c.SetGlobals(in.Word(), in.Byte(), in.Byte(), in.Byte()); },
+    [](CSpi& c, CFuzzInput& in) {
+        std::string send = in.Bytes(in.Byte());
+        std::vector<char> recv(in.Word());
+        c.DataReq(send.data(), Len(send), Ptr(recv), Len(recv));
+    },
+    [](CSpi& c, CFuzzInput& in) {
         std::string seq = in.Bytes(in.Byte());
-        std::vector<char> buffer = Buffer(in);
-        i2c.WriteSequence(seq.data(), static_cast<unsigned short>(seq.size()), Ptr(buffer), Len(buffer), n, pos);
-        break;
-    }
-    case 5: RunI2cSequence(i2c, in); break;
-    case 6:
-    {
-        std::vector<char> buffer = Buffer(in);
-        i2c.ReadEEProm(in.Byte(), in.Word(), in.Word(), Ptr(buffer), Len(buffer), n);
-        break;
-    }
-    default:
-    {
-        std::string data = in.Bytes(in.Byte());
-        i2c.WriteEEProm(in.Byte(), in.Word(), in.Word(), data.data(), static_cast<unsigned short>(data.size()));
-        i2c.WriteEEPromPollAck(in.Byte(), in.Word(), in.Word(), data.data(), static_cast<unsigned short>(data.size()),
-                               in.Word());
-        break;
-    }
-    }
-}
+        std::vector<char> out = Buffer(in);
+        c.SequenceReq(seq.data(), Len(seq), Ptr(out), Len(out));
+    },
+    [](CSpi& c, CFuzzInput& in) {
+        // Started, then collected: the answer is stored when the request goes out.
+        short id = 0;
+        std::string seq = in.Bytes(in.Byte());
+        c.SequenceReq(seq.data(), Len(seq), &id);
+        std::vector<char> out = Buffer(in);
+        c.SequenceGetCnf(static_cast<short>(id + (in.Byte() & 1)), Ptr(out), Len(out));
+    },
+    [](CSpi& c, CFuzzInput& in) {
+        unsigned int inputs = 0, outputs = 0;
+        c.ReadDigital(inputs, outputs);
+        c.WriteDigital(in.Word());
+    },
+};
 
-void RunFirmware(CFw& fw, uint8_t which, CFuzzInput& in)
-{
-    switch (which % 6)
-    {
-    case 0:
-    {
-        std::vector<char> block(CTarvikClientFirmware::kFlashBlockSize);
-        unsigned long n = 0;
-        fw.ReadFlash(in.Word(), block.data(), n);
-        break;
-    }
-    case 1:
-    {
-        int info = 0;
-        fw.GetEEPromInfo(info);
-        fw.Restart();
-        fw.ClearFlash();
-        break;
-    }
-    case 2:
-    {
+const FRow<CCom> kCom[] = {
+    [](CCom& c, CFuzzInput& in) { c.SetConfig(in.Bytes(in.Byte())); },
+    [](CCom& c, CFuzzInput&) {
+        std::string name;
+        c.GetConfig(name);
+    },
+    [](CCom& c, CFuzzInput& in) {
+        bool available = false;
+        unsigned int crc = 0;
+        c.IsConfigAvailable(in.Bytes(in.Byte()), available, crc);
+    },
+    [](CCom& c, CFuzzInput& in) { c.SendFile(UploadPath(), in.Word()); },
+    [](CCom& c, CFuzzInput& in) { c.InstallConfig(in.Bytes(in.Byte()), UploadPath()); },
+};
+
+const FRow<CI2c> kI2c[] = {
+    [](CI2c& c, CFuzzInput& in) {
+        unsigned int rate = 0;
+        c.GetBaudrate(rate);
+        c.SetBaudrate(in.Word());
+    },
+    [](CI2c& c, CFuzzInput& in) {
         std::vector<char> buffer = Buffer(in);
         unsigned short n = 0;
-        fw.ReadEEProm(in.Word(), Ptr(buffer), Len(buffer), n);
-        break;
-    }
-    case 3:
-    {
+        c.Read(in.Word(), Ptr(buffer), Len(buffer), n);
+    },
+    [](CI2c& c, CFuzzInput& in) {
+        std::string data = in.Bytes(in.Byte());
+        unsigned short pos = 0;
+        c.Write(in.Word(), data.data(), Len(data), pos);
+    },
+    [](CI2c& c, CFuzzInput& in) {
+        unsigned char byte = 0;
+        c.RAWStart();
+        c.RAWSend(in.Byte(), in.Byte());
+        c.RAWGet(in.Byte(), byte);
+        c.RAWStop();
+    },
+    [](CI2c& c, CFuzzInput& in) {
+        std::string seq = in.Bytes(in.Byte());
+        std::vector<char> buffer = Buffer(in);
+        unsigned short n = 0, pos = 0;
+        c.WriteSequence(seq.data(), Len(seq), Ptr(buffer), Len(buffer), n, pos);
+    },
+    [](CI2c& c, CFuzzInput& in) {
+        std::vector<std::vector<char>> buffers(in.Byte() % 5);
+        std::vector<CTarvikClientI2C::I2CCommand> steps;
+        for (std::vector<char>& buffer : buffers)
+        {
+            unsigned short command = in.Byte();
+            buffer = Buffer(in);
+            steps.push_back({command, Len(buffer), Ptr(buffer)});
+        }
+        unsigned short pos = 0;
+        c.WriteSequence(steps.empty() ? nullptr : steps.data(), static_cast<unsigned short>(steps.size()), pos);
+    },
+    [](CI2c& c, CFuzzInput& in) {
+        std::vector<char> buffer = Buffer(in);
+        unsigned short n = 0;
+        c.ReadEEProm(in.Byte(), in.Word(), in.Word(), Ptr(buffer), Len(buffer), n);
+    },
+    [](CI2c& c, CFuzzInput& in) {
+        std::string data = in.Bytes(in.Byte());
+        c.WriteEEProm(in.Byte(), in.Word(), in.Word(), data.data(), Len(data));
+        c.WriteEEPromPollAck(in.Byte(), in.Word(), in.Word(), data.data(), Len(data), in.Word());
+    },
+};
+
+const FRow<CFw> kFirmware[] = {
+    [](CFw& c, CFuzzInput& in) {
+        std::vector<char> block(CTarvikClientFirmware::kFlashBlockSize);
+        unsigned long n = 0;
+        c.ReadFlash(in.Word(), block.data(), n);
+    },
+    [](CFw& c, CFuzzInput&) {
+        int info = 0;
+        c.GetEEPromInfo(info);
+        c.Restart();
+        c.ClearFlash();
+    },
+    [](CFw& c, CFuzzInput& in) {
+        std::vector<char> buffer = Buffer(in);
+        unsigned short n = 0;
+        c.ReadEEProm(in.Word(), Ptr(buffer), Len(buffer), n);
+    },
+    [](CFw& c, CFuzzInput&) {
         CTarvikClientFirmware::STarvikDeviceInfoEx info = {};
-        fw.GetInfo(info);
+        c.GetInfo(info);
         info.GetSWVersionString();
         info.GetHWVersionString();
-        break;
-    }
-    case 4:
-    {
+    },
+    [](CFw& c, CFuzzInput& in) {
         CTarvikClientFirmware::STarvikDeviceInfoEx info = {};
         info.nField5 = in.Word();
-        fw.SetInfo(info);
-        break;
-    }
-    default:
-    {
+        c.SetInfo(info);
+    },
+    [](CFw& c, CFuzzInput& in) {
         std::string data = in.Bytes(in.Byte());
-        fw.WriteEEProm(in.Word(), data.data(), static_cast<unsigned short>(data.size()));
-        break;
-    }
-    }
-}
+        c.WriteEEProm(in.Word(), data.data(), Len(data));
+    },
+};
 
-void RunOthers(SOthers& o, uint8_t which, CFuzzInput& in)
-{
-    using W = unsigned short*;
-    using N = unsigned char;
-    switch (which % 14)
-    {
-    case 0: RunCom(o.com, in.Byte(), in); break;
-    case 12: RunI2c(o.i2c, in.Byte(), in); break;
-    case 13: RunFirmware(o.fw, in.Byte(), in); break;
-    case 1: SetWords(in, [&](W w, N n) { o.io.SetValue(w, n); o.io.SetPower(w, n); }); break;
-    case 2: GetWords(in, [&](W w, N n) { o.io.GetValue(w, n); }); break;
-    case 3: GetWords(in, [&](W w, N n) { o.io.GetPower(w, n); }); break;
-    case 4: SetWords(in, [&](W w, N n) { o.pwr.SetValue(w, n); }); break;
-    case 5: GetWords(in, [&](W w, N n) { o.pwr.GetValue(w, n); }); break;
-    case 6:
-    {
+using W = unsigned short*;
+using N = unsigned char;
+const FRow<SOthers> kOthers[] = {
+    [](SOthers& o, CFuzzInput& in) { Run(kCom, o.com, in.Byte(), in); },
+    [](SOthers& o, CFuzzInput& in) { SetWords(in, [&](W w, N n) { o.io.SetValue(w, n); o.io.SetPower(w, n); }); },
+    [](SOthers& o, CFuzzInput& in) { GetWords(in, [&](W w, N n) { o.io.GetValue(w, n); }); },
+    [](SOthers& o, CFuzzInput& in) { GetWords(in, [&](W w, N n) { o.io.GetPower(w, n); }); },
+    [](SOthers& o, CFuzzInput& in) { SetWords(in, [&](W w, N n) { o.pwr.SetValue(w, n); }); },
+    [](SOthers& o, CFuzzInput& in) { GetWords(in, [&](W w, N n) { o.pwr.GetValue(w, n); }); },
+    [](SOthers& o, CFuzzInput& in) {
         bool pressed = false;
         o.relay.SetRelay(in.Byte(), in.Byte() & 1);
         o.relay.GetButton(in.Byte(), pressed);
-        break;
-    }
-    case 7: GetWords(in, [&](W w, N n) { o.relay.GetPower(w, n); }); break;
-    case 8: SetWords(in, [&](W w, N n) { o.relay.SetPower(w, n); }); break;
-    case 9:
-    {
+    },
+    [](SOthers& o, CFuzzInput& in) { GetWords(in, [&](W w, N n) { o.relay.GetPower(w, n); }); },
+    [](SOthers& o, CFuzzInput& in) { SetWords(in, [&](W w, N n) { o.relay.SetPower(w, n); }); },
+    [](SOthers& o, CFuzzInput& in) {
         unsigned int inputs = 0, outputs = 0;
         o.dio.Read(inputs, outputs);
         o.dio.Write(in.Word());
-        break;
-    }
-    case 10:
-    {
+    },
+    [](SOthers& o, CFuzzInput& in) {
         unsigned int a = 0, b = 0, c = 0;
         o.ad.ReadDigitalInput(a, b, c);
         o.ad.ReadDigital(a, b);
         o.ad.WriteDigital(in.Word());
-        break;
-    }
-    default:
-    {
+    },
+    [](SOthers& o, CFuzzInput& in) {
         std::vector<unsigned int> values(in.Byte());
         o.ad.Read(values);
-        break;
-    }
-    }
-}
+    },
+    [](SOthers& o, CFuzzInput& in) { Run(kI2c, o.i2c, in.Byte(), in); },
+    [](SOthers& o, CFuzzInput& in) { Run(kFirmware, o.fw, in.Byte(), in); },
+};
 
 // The Renesas programming commands; the buffers are exactly as large as asked.
-void RunRenesas(CRenesas& ren, uint8_t which, CFuzzInput& in)
-{
-    switch (which % 10)
-    {
-    case 0: ren.Init(); ren.Complete(); break;
-    case 1:
-    {
+const FRow<CRenesas> kRenesas[] = {
+    [](CRenesas& c, CFuzzInput&) {
+        c.Init();
+        c.Complete();
+    },
+    [](CRenesas& c, CFuzzInput& in) {
         std::string id = in.Bytes(in.Byte() & 0x0F);
-        ren.CheckID(id.empty() ? nullptr : id.data(), static_cast<unsigned char>(id.size()));
-        break;
-    }
-    case 2: ren.SetBaudrate(in.Byte()); break;
-    case 3:
-    {
+        c.CheckID(id.empty() ? nullptr : id.data(), static_cast<unsigned char>(id.size()));
+    },
+    [](CRenesas& c, CFuzzInput& in) { c.SetBaudrate(in.Byte()); },
+    [](CRenesas& c, CFuzzInput& in) {
         std::vector<char> page(in.Word() & 0x01FF);
         unsigned short received = 0;
-        ren.ReadPage(in.Word(), page.empty() ? nullptr : page.data(), static_cast<unsigned short>(page.size()),
-                     received);
-        break;
-    }
-    case 4: ren.EraseAll(); break;
-    case 5:
-    {
+        c.ReadPage(in.Word(), Ptr(page), Len(page), received);
+    },
+    [](CRenesas& c, CFuzzInput&) { c.EraseAll(); },
+    [](CRenesas& c, CFuzzInput& in) {
         std::string data = in.Bytes(in.Word() & 0x01FF);
-        ren.WritePage(in.Word(), data.empty() ? nullptr : data.data(), static_cast<unsigned short>(data.size()));
-        break;
-    }
-    case 6:
-    {
-        std::vector<char> version(in.Byte());
-        ren.GetVersion(version.empty() ? nullptr : version.data(), static_cast<unsigned char>(version.size()));
-        break;
-    }
-    case 7:
-    {
+        c.WritePage(in.Word(), data.empty() ? nullptr : data.data(), Len(data));
+    },
+    [](CRenesas& c, CFuzzInput& in) {
+        std::vector<char> version = Buffer(in);
+        c.GetVersion(Ptr(version), static_cast<unsigned char>(version.size()));
+    },
+    [](CRenesas& c, CFuzzInput& in) {
         unsigned short sum = 0;
-        ren.VerifyCheck(in.Word(), in.Word(), sum);
-        break;
-    }
-    case 8: ren.BlockErase(in.Word()); break;
-    default:
-    {
+        c.VerifyCheck(in.Word(), in.Word(), sum);
+    },
+    [](CRenesas& c, CFuzzInput& in) { c.BlockErase(in.Word()); },
+    [](CRenesas& c, CFuzzInput& in) {
         unsigned int inputs = 0, outputs = 0;
-        ren.ReadDigital(inputs, outputs);
-        ren.WriteDigital(in.Word());
-        break;
-    }
-    }
-}
-// Every fetch of the CAN client once, with buffers exactly as large as documented.
-void DrainCan(CCan& can)
-{
-    std::vector<char> frame(CTarvikClientCANDll::kMaxFrameData), pdo(CTarvikClientCANDll::kMaxPDOData), any(255);
-    std::vector<unsigned char> emcy(5);
-    int id = 0, flags = 0, sec = 0, us = 0;
-    unsigned char a = 0, b = 0, len = 0;
-    unsigned short code = 0;
-    can.CANGetMessage(&id, frame.data(), &len, &flags, &sec, &us);
-    can.CANopenGetPDO(&a, &b, &len, pdo.data());
-    can.CANopenGetSYNC(&a);
-    can.CANopenGetEMCY(&a, &code, &b, emcy.data());
-    can.CANopenGetGUARD(&a, &b);
-    can.CANopenGetUndefined(&id, &a, &b, &len, any.data(), &sec, &us);
-}
+        c.ReadDigital(inputs, outputs);
+        c.WriteDigital(in.Word());
+    },
+};
 
-void RunCanSDO(CCan& can, uint8_t which, CFuzzInput& in)
-{
-    unsigned char status = 0;
-    unsigned int value = 0;
-    CTarvikClientCAN::SSDOValue sdo{};
-    std::string block;
-    switch (which % 6)
-    {
-    case 4: can.CANopenSDOReadValue(in.Byte(), in.Word(), in.Byte(), 0, sdo); break;
-    case 5: can.CANopenSDOReadBlockData(in.Byte(), in.Word(), in.Byte(), 0, status, block, value); break;
-    case 0: can.CANopenSendSDORead(in.Byte(), in.Word(), in.Byte(), 0, status, value); break;
-    case 1: can.CANopenSendSDOWrite(in.Byte(), in.Byte(), in.Word(), in.Byte(), 0, in.Word(), status, value); break;
-    case 2:
-    {
+const FRow<CCan> kCanSDO[] = {
+    [](CCan& c, CFuzzInput& in) {
+        unsigned char status = 0;
+        unsigned int value = 0;
+        c.CANopenSendSDORead(in.Byte(), in.Word(), in.Byte(), 0, status, value);
+    },
+    [](CCan& c, CFuzzInput& in) {
+        unsigned char status = 0;
+        unsigned int value = 0;
+        c.CANopenSendSDOWrite(in.Byte(), in.Byte(), in.Word(), in.Byte(), 0, in.Word(), status, value);
+    },
+    [](CCan& c, CFuzzInput& in) {
         std::vector<unsigned char> buffer(in.Byte());
+        unsigned char status = 0;
         unsigned short n = 0;
-        can.CANopenSendSDOReadBlock(in.Byte(), in.Word(), in.Byte(), 0, static_cast<unsigned short>(buffer.size()),
-                                    status, n, buffer.empty() ? nullptr : buffer.data());
-        break;
-    }
-    default:
-    {
+        c.CANopenSendSDOReadBlock(in.Byte(), in.Word(), in.Byte(), 0, static_cast<unsigned short>(buffer.size()),
+                                  status, n, buffer.empty() ? nullptr : buffer.data());
+    },
+    [](CCan& c, CFuzzInput& in) {
         std::string data = in.Bytes(in.Byte());
-        can.CANopenSendSDOWriteBlock(in.Byte(), in.Word(), in.Byte(), 0, static_cast<unsigned short>(data.size()),
-                                     reinterpret_cast<const unsigned char*>(data.data()), status, value);
-        break;
-    }
-    }
-}
+        unsigned char status = 0;
+        unsigned int value = 0;
+        c.CANopenSendSDOWriteBlock(in.Byte(), in.Word(), in.Byte(), 0, Len(data),
+                                   reinterpret_cast<const unsigned char*>(data.data()), status, value);
+    },
+    [](CCan& c, CFuzzInput& in) {
+        CTarvikClientCAN::SSDOValue sdo{};
+        c.CANopenSDOReadValue(in.Byte(), in.Word(), in.Byte(), 0, sdo);
+    },
+    [](CCan& c, CFuzzInput& in) {
+        unsigned char status = 0;
+        unsigned int value = 0;
+        std::string block;
+        c.CANopenSDOReadBlockData(in.Byte(), in.Word(), in.Byte(), 0, status, block, value);
+    },
+};
 
-void RunCan(CCan& can, uint8_t which, CFuzzInput& in)
-{
-    bool b1 = false, b2 = false, b3 = false, b4 = false, b5 = false;
-    unsigned char u8 = 0;
-    unsigned short u16 = 0, u16b = 0;
-    unsigned int u32 = 0, u32b = 0;
-    switch (which % 12)
-    {
-    case 0: can.GetConfig(b1, b2); can.SetConfig(in.Byte() & 1, false); break;
-    case 1:
-    {
+const FRow<CCan> kCan[] = {
+    [](CCan& c, CFuzzInput& in) {
+        bool b1 = false, b2 = false;
+        c.GetConfig(b1, b2);
+        c.SetConfig(in.Byte() & 1, false);
+    },
+    [](CCan& c, CFuzzInput&) {
         CTarvikClientCAN::SConfigFilter filter = {};
-        can.GetFilter(filter);
-        can.SetFilter(filter);
-        break;
-    }
-    case 2: can.GetGlobals(u32, u8, b1, b2, b3, b4, u32b, b5); break;
-    case 3: can.GetZCardParameter(u8, u16, u16b); break;
-    case 4:
-    {
+        c.GetFilter(filter);
+        c.SetFilter(filter);
+    },
+    [](CCan& c, CFuzzInput&) {
+        bool b1 = false, b2 = false, b3 = false, b4 = false, b5 = false;
+        unsigned char u8 = 0;
+        unsigned int u32 = 0, u32b = 0;
+        c.GetGlobals(u32, u8, b1, b2, b3, b4, u32b, b5);
+    },
+    [](CCan& c, CFuzzInput&) {
+        unsigned char u8 = 0;
+        unsigned short u16 = 0, u16b = 0;
+        c.GetZCardParameter(u8, u16, u16b);
+    },
+    [](CCan& c, CFuzzInput& in) {
         timeval tv = {};
-        can.GetTime(b1, tv);
+        bool b1 = false;
+        c.GetTime(b1, tv);
         std::string stamp = in.Bytes(in.Byte());
-        can.GetTime(in.Byte(), stamp.empty() ? nullptr : stamp.data(), static_cast<unsigned short>(stamp.size()), tv);
-        break;
-    }
-    case 5:
-    {
+        c.GetTime(in.Byte(), stamp.empty() ? nullptr : stamp.data(), Len(stamp), tv);
+    },
+    [](CCan& c, CFuzzInput& in) {
         unsigned char n = 0, n1 = 0, n2 = 0;
         short s1 = 0;
+        unsigned short u16 = 0, u16b = 0;
+        bool b1 = false;
         std::vector<unsigned short> values(in.Byte() % 8);
         unsigned char c1 = in.Byte() % 8, c2 = in.Byte() % 8;
         std::unique_ptr<bool[]> states1(c1 > 0 ? new bool[c1] : nullptr), states2(c2 > 0 ? new bool[c2] : nullptr);
-        can.GetPowerStatus(static_cast<unsigned char>(values.size()), n, c1, n1, c2, n2, s1, u16, u16b, b1,
-                           values.empty() ? nullptr : values.data(), states1.get(), states2.get());
-        break;
-    }
-    case 6:
-    {
+        c.GetPowerStatus(static_cast<unsigned char>(values.size()), n, c1, n1, c2, n2, s1, u16, u16b, b1,
+                         values.empty() ? nullptr : values.data(), states1.get(), states2.get());
+    },
+    [](CCan& c, CFuzzInput& in) {
         // Confirmed or not, as the device's answer to the mode switch decides.
         int sec = 0, us = 0;
         std::string data = in.Bytes(in.Byte());
-        can.Write(static_cast<int>(in.Word()), data.data(), static_cast<unsigned char>(data.size()), in.Byte(), &sec,
-                  &us);
-        break;
-    }
-    case 7:
-    {
+        c.Write(static_cast<int>(in.Word()), data.data(), static_cast<unsigned char>(data.size()), in.Byte(), &sec, &us);
+    },
+    [](CCan& c, CFuzzInput& in) {
         std::string data = in.Bytes(in.Byte());
-        can.SetCyclicMessage(in.Byte(), in.Byte() & 1, in.Word(), in.Word(), data.data(),
-                             static_cast<unsigned char>(data.size()), in.Byte());
-        break;
-    }
-    case 8: can.CANopenGetConfig(u8); break;
-    case 9: RunCanSDO(can, in.Byte(), in); break;
-    case 10:
-        can.SetMaxSizePerQueue(in.Byte() % 4);
-        can.CANopenSendSYNC();
-        break;
-    default: DrainCan(can); break;
-    }
-    DrainCan(can);
+        c.SetCyclicMessage(in.Byte(), in.Byte() & 1, in.Word(), in.Word(), data.data(),
+                           static_cast<unsigned char>(data.size()), in.Byte());
+    },
+    [](CCan& c, CFuzzInput&) {
+        unsigned char mode = 0;
+        c.CANopenGetConfig(mode);
+    },
+    [](CCan& c, CFuzzInput& in) { Run(kCanSDO, c, in.Byte(), in); },
+    [](CCan& c, CFuzzInput& in) {
+        c.SetMaxSizePerQueue(in.Byte() % 4);
+        c.CANopenSendSYNC();
+    },
+    [](CCan& c, CFuzzInput&) { DrainCan(c); },
+};
+
+// A block or user-page write, then its progress indication (0x0EE1 with fuzz bytes, offered
+// the way the receive thread offers them) and both statuses.
+void WriteAndFollow(CAWire& c, CFuzzInput& in, bool block)
+{
+    short handle = 0;
+    std::string data = in.Bytes(in.Byte());
+    if (block)
+        c.WriteBlock(in.Word(), Len(data), data.data(), handle);
+    else
+        c.WriteUserPage(in.Word(), Len(data), data.data(), handle);
+    std::string ind = CTarvikMsg(static_cast<unsigned short>(0x0EE1 ^ (in.Byte() & 0x80)), 0,
+                                 CTarvikMsg::ToChar(static_cast<short>(handle + (in.Byte() & 1))) + in.Bytes(in.Byte() & 7))
+                          .GetMessageData();
+    c.DataInd(ind.data(), Len(ind));
+    CTarvikClientAWire::Progress::EProgress state;
+    unsigned short length = 0, done = 0;
+    c.GetWriteBlockStatus(handle, state, length, done);
+    CTarvikClientAWire::FileStep::EFileStep step;
+    unsigned char percent = 0;
+    c.GetWriteFileStatus(step, percent);
 }
 
-// The AWire commands and its progress indications (0x0EE1 with fuzz bytes, offered the
-// way the receive thread offers them). No file write: its thread would send from
-// another thread than the input is read on.
-void RunAWire(CAWire& aw, uint8_t which, CFuzzInput& in)
-{
-    switch (which % 6)
-    {
-    case 0:
-    {
-        unsigned int a = 0, b = 0, c = 0, d = 0;
+// The AWire commands. No file write: its thread would send from another thread than the
+// input is read on.
+const FRow<CAWire> kAWire[] = {
+    [](CAWire& c, CFuzzInput& in) {
+        unsigned int a = 0, b = 0, d = 0, e = 0;
         std::string text;
-        aw.GetConfig(a, b, c, d, text);
-        aw.SetConfig(in.Word(), in.Word(), in.Word(), in.Word(), in.Bytes(in.Byte()));
-        break;
-    }
-    case 1:
-    {
+        c.GetConfig(a, b, d, e, text);
+        c.SetConfig(in.Word(), in.Word(), in.Word(), in.Word(), in.Bytes(in.Byte()));
+    },
+    [](CAWire& c, CFuzzInput& in) {
         std::vector<char> buffer(in.Word() & 0x03FF);
         unsigned short count = 0;
-        aw.Read(in.Word(), static_cast<unsigned short>(buffer.size()), buffer.empty() ? nullptr : buffer.data(),
-                count);
-        break;
-    }
-    case 2:
-    {
+        c.Read(in.Word(), Len(buffer), Ptr(buffer), count);
+    },
+    [](CAWire& c, CFuzzInput& in) {
         std::string data = in.Bytes(in.Word() & 0x03FF);
-        aw.Verify(in.Word(), static_cast<unsigned short>(data.size()), data.empty() ? nullptr : data.data());
-        break;
-    }
-    case 3: aw.Erase(in.Word()); aw.EraseUserPage(); break;
-    default:
-    {
-        short handle = 0;
-        std::string data = in.Bytes(in.Byte());
-        if (which & 1)
-            aw.WriteBlock(in.Word(), static_cast<unsigned short>(data.size()), data.data(), handle);
-        else
-            aw.WriteUserPage(in.Word(), static_cast<unsigned short>(data.size()), data.data(), handle);
-        std::string ind = CTarvikMsg(static_cast<unsigned short>(0x0EE1 ^ (in.Byte() & 0x80)), 0,
-                                     CTarvikMsg::ToChar(static_cast<short>(handle + (in.Byte() & 1))) + in.Bytes(in.Byte() & 7))
-                              .GetMessageData();
-        aw.DataInd(ind.data(), static_cast<unsigned short>(ind.size()));
-        CTarvikClientAWire::Progress::EProgress state;
-        unsigned short length = 0, done = 0;
-        aw.GetWriteBlockStatus(handle, state, length, done);
-        CTarvikClientAWire::FileStep::EFileStep step;
-        unsigned char percent = 0;
-        aw.GetWriteFileStatus(step, percent);
-        break;
-    }
-    }
-}
+        c.Verify(in.Word(), Len(data), data.empty() ? nullptr : data.data());
+    },
+    [](CAWire& c, CFuzzInput& in) {
+        c.Erase(in.Word());
+        c.EraseUserPage();
+    },
+    [](CAWire& c, CFuzzInput& in) { WriteAndFollow(c, in, false); },
+    [](CAWire& c, CFuzzInput& in) { WriteAndFollow(c, in, true); },
+};
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -630,17 +527,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     {
         uint8_t which = in.Byte();
         if (which & 0x80)
-            RunSpi(spi, static_cast<uint8_t>(which & 0x7F), in);
+            Run(kSpi, spi, which & 0x7F, in);
         else if (which & 0x40)
-            RunOthers(others, static_cast<uint8_t>(which & 0x3F), in);
+            Run(kOthers, others, which & 0x3F, in);
         else if ((which & 0x38) == 0x38)
-            RunAWire(awire, static_cast<uint8_t>(which & 0x07), in);
+            Run(kAWire, awire, which & 0x07, in);
         else if (which & 0x20)
-            RunRenesas(renesas, static_cast<uint8_t>(which & 0x1F), in);
+            Run(kRenesas, renesas, which & 0x1F, in);
         else if (which & 0x10)
-            RunCan(can, static_cast<uint8_t>(which & 0x0F), in);
+        {
+            Run(kCan, can, which & 0x0F, in);
+            DrainCan(can);
+        }
         else
-            RunCommon(spi, static_cast<uint8_t>(which & 0x7F), in);
+            Run(kCommon, static_cast<CTarvikClient&>(spi), which & 0x7F, in);
     }
     return 0;
 }

@@ -2,6 +2,8 @@
 // telegram parsing together, read in chunks whose size the input picks, with
 // confirmations stored, replaced, capped and collected and indications offered; and the
 // CAN client's indications queued per read or handed to callbacks, then fetched.
+#include "FuzzAnswer.h"
+
 #include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/core/TarvikClient.h"
 #include "tarvik/runtime/MolFrameCutter.h"
@@ -47,49 +49,21 @@ public:
 };
 
 // Callbacks read every byte they are given, so that a length past the data is seen.
-unsigned int g_nSum = 0;
-void Sum(const char* data, int len)
-{
-    for (int i = 0; i < len; ++i)
-        g_nSum += static_cast<unsigned char>(data[i]);
-}
 void OnFrame(unsigned int, const char* data, int len, int, int)
 {
-    Sum(data, len);
+    FuzzSum(data, len);
 }
 void OnPDO(unsigned char, unsigned char, unsigned char len, const char* data, int, int, int)
 {
-    Sum(data, len);
+    FuzzSum(data, len);
 }
 void OnEMCY(unsigned char, unsigned short, unsigned char, const unsigned char* data, int, int, int)
 {
-    Sum(reinterpret_cast<const char*>(data), 5);
+    FuzzSum(data, 5);
 }
 void OnUndefined(int, unsigned char, unsigned char, unsigned char len, const char* data, int, int, int)
 {
-    Sum(data, len);
-}
-
-// Fetches until every queue is empty, with buffers exactly as large as documented.
-void DrainCan(CTarvikClientCANDll& can)
-{
-    std::vector<char> frame(CTarvikClientCANDll::kMaxFrameData), pdo(CTarvikClientCANDll::kMaxPDOData), any(255);
-    std::vector<unsigned char> emcy(5);
-    int id = 0, flags = 0, sec = 0, us = 0;
-    unsigned char a = 0, b = 0, len = 0;
-    unsigned short code = 0;
-    while (can.CANGetMessage(&id, frame.data(), &len, &flags, &sec, &us) >= 0)
-        Sum(frame.data(), len);
-    while (can.CANopenGetPDO(&a, &b, &len, pdo.data()) >= 0)
-        Sum(pdo.data(), len);
-    while (can.CANopenGetSYNC(&a) >= 0 || can.CANopenGetGUARD(&a, &b) >= 0)
-    {
-    }
-    while (can.CANopenGetEMCY(&a, &code, &b, emcy.data()) >= 0)
-    {
-    }
-    while (can.CANopenGetUndefined(&id, &a, &b, &len, any.data(), &sec, &us) >= 0)
-        Sum(any.data(), len);
+    FuzzSum(data, len);
 }
 
 void FeedCan(const uint8_t* data, size_t size, size_t chunk)

@@ -1,5 +1,7 @@
 #include "CliProcess.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -129,5 +131,18 @@ CCliSimProcess::CCliSimProcess(const std::string& device, std::vector<std::strin
     std::string out = m_pProcess->Out();
     if (std::regex_match(out, match, std::regex(".* listening on (127\\.0\\.0\\.1:\\d+)\n")))
         m_sAddress = match[1];
+}
+void CliExpectRun(const SCliRun& run, int exit, const std::string& out, const std::string& err,
+                  const std::string& name)
+{
+    EXPECT_EQ(exit, run.m_nExit) << name << "\n" << CliDescribe(run);
+    EXPECT_TRUE(CliStartsWithLines(run.m_sOut, out)) << name << "\nexpected stdout:\n" << out << "\n" << CliDescribe(run);
+    EXPECT_TRUE(CliStartsWithLines(run.m_sErr, err)) << name << "\nexpected stderr:\n" << err << "\n" << CliDescribe(run);
+}
+
+void CliReplace(std::string& text, const std::string& from, const std::string& to)
+{
+    for (size_t pos = text.find(from); pos != std::string::npos; pos = text.find(from, pos + to.size()))
+        text.replace(pos, from.size(), to);
 }
 } // namespace tarvik_test

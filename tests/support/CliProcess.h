@@ -56,6 +56,11 @@ std::string CliDescribe(const SCliRun& run);
 // Whether text begins with the lines of expected; an expected line that ends in "..."
 // only has to begin the line. Nothing expected: text must be empty.
 bool CliStartsWithLines(const std::string& text, const std::string& expected);
+// Checks a run's exit code and the first lines of its stdout and stderr; name says which run.
+void CliExpectRun(const SCliRun& run, int exit, const std::string& out, const std::string& err,
+                  const std::string& name);
+// Replaces every from in text with to.
+void CliReplace(std::string& text, const std::string& from, const std::string& to);
 
 // tarvik-sim serving one device (its short name) on a free port of 127.0.0.1.
 class CCliSimProcess

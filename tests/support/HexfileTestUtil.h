@@ -31,6 +31,19 @@ inline Blocks ImageBlocks(const CTarvikHexfile& image)
     return ToBlocks(image.GetMemoryBlocks());
 }
 
+// Bytes that vary (a seeded pseudo-random sequence), so that a piece sent twice or out of
+// order shows.
+inline std::string Pattern(size_t size, unsigned int seed)
+{
+    std::string bytes(size, '\0');
+    for (char& byte : bytes)
+    {
+        seed = seed * 1103515245u + 12345u;
+        byte = static_cast<char>(seed >> 16);
+    }
+    return bytes;
+}
+
 inline std::string DataPath(const char* name)
 {
     return std::string(TARVIK_TEST_DATA_DIR) + "/" + name;
