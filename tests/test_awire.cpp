@@ -1,10 +1,10 @@
 // The AWire programming client against the scripted gateway: exact request frames,
 // which outputs each read writes, the progress map of block writes, and the file-write
 // thread's chunk plan, pipelining, progress and failure paths.
-#include "support/HexfileTestUtil.h"
 #include "support/ClientFixture.h"
-#include "support/Wait.h"
 #include "support/FakeGateway.h"
+#include "support/HexfileTestUtil.h"
+#include "support/Wait.h"
 
 #include "tarvik/clients/TarvikClientAWire.h"
 
@@ -63,7 +63,9 @@ public:
         std::string data = FrameData(frame);
         switch (FrameCmd(frame))
         {
-        case 0x0E06: return Cnf(0x0E06, FrameId(frame), Frame({0}) + LE32(1) + LE32(2) + LE32(m_nPageSize) + LE32(4) + Frame({0}));
+        case 0x0E06:
+            return Cnf(0x0E06, FrameId(frame),
+                       Frame({0}) + LE32(1) + LE32(2) + LE32(m_nPageSize) + LE32(4) + Frame({0}));
         case 0x0EE0: return Write(FrameId(frame), data);
         case 0x0EE3: return Cnf(0x0EE3, FrameId(frame), Frame({0}) + Read(data));
         default: return Cnf(FrameCmd(frame), FrameId(frame), Frame({0}));
@@ -135,8 +137,7 @@ protected:
         FileStep::EFileStep step = FileStep::eNotStarted;
         unsigned char percent = 0;
         bool ended = Eventually(
-            [&]
-            {
+            [&] {
                 return m_pClient->GetWriteFileStatus(step, percent) != 0 || step == FileStep::eDone ||
                        step == FileStep::eFailed;
             },
@@ -212,11 +213,8 @@ TEST_F(CAWireTest, EachCommandSendsItsExactRequest)
 TEST_F(CAWireTest, DeviceBytesBecomeTheClientsResultCodes)
 {
     const std::pair<TAnswer, int> cases[] = {
-        {Frame({0}), 0},
-        {Frame({0x22}), 0x0E22},
-        {Frame({0x25, 0x55}), 0x0E25},
-        {std::string(), 0x0C0E00},
-        {kSilence, TARVIK_ERR_TIMEOUT},
+        {Frame({0}), 0},           {Frame({0x22}), 0x0E22},        {Frame({0x25, 0x55}), 0x0E25},
+        {std::string(), 0x0C0E00}, {kSilence, TARVIK_ERR_TIMEOUT},
     };
     for (const auto& c : cases)
     {
@@ -230,16 +228,14 @@ TEST_F(CAWireTest, DeviceBytesBecomeTheClientsResultCodes)
 TEST_F(CAWireTest, EachReadWritesItsOutputsByItsOwnRule)
 {
     // "v1 v2 page v4 | text | remembered page size", "-" for an output left alone.
-    const auto config = [](CAWire& c, int& result)
-    {
+    const auto config = [](CAWire& c, int& result) {
         unsigned int v[4] = {kUnset, kUnset, kUnset, kUnset};
         std::string s = "-";
         result = c.GetConfig(v[0], v[1], v[2], v[3], s);
         return HexNumbers({v[0], v[1], v[2], v[3]}, kUnset) + " | " + s + " | " + std::to_string(c.GetPageSize());
     };
     // "count | buffer" of a read of 4 into a buffer of 6.
-    const auto read = [](CAWire& c, int& result)
-    {
+    const auto read = [](CAWire& c, int& result) {
         std::string out(6, '-');
         unsigned short count = kUWord;
         result = c.Read(0, 4, &out[0], count);
@@ -275,17 +271,15 @@ TEST_F(CAWireTest, VerifyComparesEachPieceWithTheStartOfTheData)
         {"one piece", "AB", 0, {"0+2"}},
         {"difference", "AX", 255, {"0+2"}},
     };
-    m_oGateway.SetHandler(
-        [&](const std::string& f)
-        {
-            unsigned int at = static_cast<unsigned char>(FrameData(f)[0]);
-            return Cnf(FrameCmd(f), FrameId(f), Frame({0}) + target.substr(at, 2));
-        });
+    m_oGateway.SetHandler([&](const std::string& f) {
+        unsigned int at = static_cast<unsigned char>(FrameData(f)[0]);
+        return Cnf(FrameCmd(f), FrameId(f), Frame({0}) + target.substr(at, 2));
+    });
     size_t seen = 0;
     for (const auto& c : cases)
     {
-        EXPECT_EQ(std::get<2>(c), m_pClient->Verify(0, static_cast<unsigned short>(std::get<1>(c).size()),
-                                                    std::get<1>(c).data()))
+        EXPECT_EQ(std::get<2>(c),
+                  m_pClient->Verify(0, static_cast<unsigned short>(std::get<1>(c).size()), std::get<1>(c).data()))
             << std::get<0>(c);
         ASSERT_TRUE(m_oGateway.WaitForFrames(seen + std::get<3>(c).size(), 5000));
         std::vector<std::string> reads = Requests(0x0EE3);
@@ -307,8 +301,7 @@ TEST_F(CAWireTest, BlockWritesAreFollowedThroughTheirProgressReports)
     ASSERT_EQ(0, m_pClient->WriteBlock(0x100, 1000, std::string(1000, 'a').data(), handle));
     ASSERT_TRUE(m_oGateway.WaitForFrames(1, 5000));
     // "state length done" after each telegram from the gateway; "255" for an unknown handle.
-    const auto status = [&](short h)
-    {
+    const auto status = [&](short h) {
         Progress::EProgress state = Progress::eInProgress;
         unsigned short length = kUWord, done = kUWord;
         int result = m_pClient->GetWriteBlockStatus(h, state, length, done);
@@ -351,9 +344,9 @@ TEST_F(CAWireTest, ABlockWriteIsFollowedEvenWhenItsFirstReportComesAtOnce)
         ASSERT_EQ(0, m_pClient->WriteUserPage(0, 16, std::string(16, 'u').data(), handle));
         Progress::EProgress state = Progress::eInProgress;
         unsigned short length = 0, done = 0;
-        EXPECT_TRUE(Eventually(
-            [&] { return m_pClient->GetWriteBlockStatus(handle, state, length, done) == 0 && state == 0; }))
-            << i;
+        EXPECT_TRUE(Eventually([&] {
+            return m_pClient->GetWriteBlockStatus(handle, state, length, done) == 0 && state == 0;
+        })) << i;
     }
 }
 
@@ -420,9 +413,10 @@ TEST_F(CAWireTest, AtMostTwoChunksOfABlockAreInFlight)
             ASSERT_TRUE(m_oGateway.Send(ProgressInd(FrameId(m_oGateway.GetFrames()[2]), 1, 16384)));
             FileStep::EFileStep step = FileStep::eNotStarted;
             unsigned char percent = 0;
-            EXPECT_TRUE(Eventually(
-                [&] { return m_pClient->GetWriteFileStatus(step, percent) == 0 && step == 1 && percent == 30; }))
-                << step << " " << int(percent);
+            EXPECT_TRUE(Eventually([&] {
+                return m_pClient->GetWriteFileStatus(step, percent) == 0 && step == 1 && percent == 30;
+            })) << step
+                << " " << int(percent);
         }
         ASSERT_TRUE(m_oProgrammer.FinishOldest(m_oGateway));
     }
@@ -457,9 +451,10 @@ TEST_F(CAWireTest, AFileWriteEndsOnceAndAtFullPercent)
         {"missing file", m_oDir.Path("missing.hex"), [](CProgrammer&) {}, "-1 100", 0, 0, 0},
         {"empty image", m_oDir.Path("empty.hex"), [](CProgrammer&) {}, "3 100", 0, 0, 0},
         // A failed block ends the write; nothing is read back.
-        {"block fails", m_oDir.Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_nFailState = 2; }, "-1 100", 1, 2, 0},
-        {"verify mismatch", m_oDir.Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_bCorrupt = true; }, "-1 100", 2,
-         2, 1},
+        {"block fails", m_oDir.Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_nFailState = 2; }, "-1 100", 1,
+         2, 0},
+        {"verify mismatch", m_oDir.Image({{0, Counting(40000)}}), [](CProgrammer& p) { p.m_bCorrupt = true; }, "-1 100",
+         2, 2, 1},
         {"written", m_oDir.Image({{0, Counting(40000)}}), [](CProgrammer&) {}, "3 100", 2, 2, 2},
     };
     UseProgrammer();

@@ -65,28 +65,35 @@ TEST_F(CCANTest, EachCommandSendsItsExactRequest)
         {"z-card: third value twice", [](CTarvikClientCAN& c) { return c.SetZCardParameter(1, 0x0203, 0x0405); },
          0x0251, "01 03 02 05 04 05 04"},
         {"get z-card", [&](CTarvikClientCAN& c) { return c.GetZCardParameter(u8, u16, u16b); }, 0x0252, ""},
-        {"set time", [](CTarvikClientCAN& c) { return c.SetTime(timeval{0x12345678, 999999}); }, 0x020B,
-         "78 56 34 12 3F 42 0F 00"},
-        {"set time signed", [](CTarvikClientCAN& c) { return c.SetTime(timeval{-1, -2}); }, 0x020B,
-         "FF FF FF FF FE FF FF FF"},
+        {"set time",
+         [](CTarvikClientCAN& c) {
+             return c.SetTime(timeval{0x12345678, 999999});
+         },
+         0x020B, "78 56 34 12 3F 42 0F 00"},
+        {"set time signed",
+         [](CTarvikClientCAN& c) {
+             return c.SetTime(timeval{-1, -2});
+         },
+         0x020B, "FF FF FF FF FE FF FF FF"},
         {"get time", [&](CTarvikClientCAN& c) { return c.GetTime(b1, tv); }, 0x020E, ""},
         {"power status",
-         [&](CTarvikClientCAN& c)
-         { return c.GetPowerStatus(0, u8, 0, u8b, 0, u8c, s16, u16, u16b, b1, nullptr, nullptr, nullptr); },
+         [&](CTarvikClientCAN& c) {
+             return c.GetPowerStatus(0, u8, 0, u8b, 0, u8c, s16, u16, u16b, b1, nullptr, nullptr, nullptr);
+         },
          0x0222, ""},
         {"power relay", [](CTarvikClientCAN& c) { return c.SetPowerRelais(true); }, 0x0223, "01"},
-        {"supplies", [](CTarvikClientCAN& c) { return c.SetActivePowerSupplies(0x12345678); }, 0x0224,
-         "78 56 34 12"},
+        {"supplies", [](CTarvikClientCAN& c) { return c.SetActivePowerSupplies(0x12345678); }, 0x0224, "78 56 34 12"},
         {"write", [](CTarvikClientCAN& c) { return c.Write(0x123, "\x11\x22", 2, 0x81, nullptr, nullptr); }, 0x0203,
          "23 01 00 00 81 11 22"},
-        {"write without data", [](CTarvikClientCAN& c) { return c.Write(-1, nullptr, 4, 0, nullptr, nullptr); },
-         0x0203, "FF FF FF FF 00"},
-        {"cyclic on", [](CTarvikClientCAN& c) { return c.SetCyclicMessage(5, true, 100, 0x7FF, "\xAA", 1, 2); },
-         0x0225, "85 64 00 00 00 FF 07 00 00 02 AA"},
+        {"write without data", [](CTarvikClientCAN& c) { return c.Write(-1, nullptr, 4, 0, nullptr, nullptr); }, 0x0203,
+         "FF FF FF FF 00"},
+        {"cyclic on", [](CTarvikClientCAN& c) { return c.SetCyclicMessage(5, true, 100, 0x7FF, "\xAA", 1, 2); }, 0x0225,
+         "85 64 00 00 00 FF 07 00 00 02 AA"},
         {"cyclic off", [](CTarvikClientCAN& c) { return c.SetCyclicMessage(5, false, 1, 1, nullptr, 0, 0); }, 0x0225,
          "05 01 00 00 00 01 00 00 00 00"},
-        {"cyclic: index bit 7 kept", [](CTarvikClientCAN& c) { return c.SetCyclicMessage(0x85, false, 0, 0, "", 0, 0); },
-         0x0225, "85 00 00 00 00 00 00 00 00 00"},
+        {"cyclic: index bit 7 kept",
+         [](CTarvikClientCAN& c) { return c.SetCyclicMessage(0x85, false, 0, 0, "", 0, 0); }, 0x0225,
+         "85 00 00 00 00 00 00 00 00 00"},
         {"canopen mode", [](CTarvikClientCAN& c) { return c.CANopenSetConfig(3); }, 0x0260, "03"},
         {"canopen get mode", [&](CTarvikClientCAN& c) { return c.CANopenGetConfig(u8); }, 0x0261, ""},
         {"sync mode", [](CTarvikClientCAN& c) { return c.CANopenSetSYNCMode(0x1234); }, 0x0262, "34 12"},
@@ -94,10 +101,10 @@ TEST_F(CCANTest, EachCommandSendsItsExactRequest)
         {"sync", [](CTarvikClientCAN& c) { return c.CANopenSendSYNC(); }, 0x0264, ""},
         {"time", [](CTarvikClientCAN& c) { return c.CANopenSendTIME(0x1234, 0x89ABCDEF); }, 0x0265,
          "34 12 EF CD AB 89"},
-        {"pdo: no length byte", [](CTarvikClientCAN& c) { return c.CANopenSendPDO(1, 2, 3, "\x0A\x0B\x0C"); },
-         0x0267, "01 02 0A 0B 0C"},
-        {"sdo read", [&](CTarvikClientCAN& c) { return c.CANopenSendSDORead(0x22, 0x1000, 1, 500, u8, u32); },
-         0x0268, "22 00 10 01 F4 01"},
+        {"pdo: no length byte", [](CTarvikClientCAN& c) { return c.CANopenSendPDO(1, 2, 3, "\x0A\x0B\x0C"); }, 0x0267,
+         "01 02 0A 0B 0C"},
+        {"sdo read", [&](CTarvikClientCAN& c) { return c.CANopenSendSDORead(0x22, 0x1000, 1, 500, u8, u32); }, 0x0268,
+         "22 00 10 01 F4 01"},
         {"sdo write: size after node",
          [&](CTarvikClientCAN& c) { return c.CANopenSendSDOWrite(0x22, 4, 0x2000, 2, 100, 0xDEADBEEF, u8, u32); },
          0x0269, "22 04 00 20 02 64 00 EF BE AD DE"},
@@ -105,23 +112,20 @@ TEST_F(CCANTest, EachCommandSendsItsExactRequest)
          [&](CTarvikClientCAN& c) { return c.CANopenSendSDOReadBlock(0x22, 0x1008, 0, 300, 16, u8, u16, block); },
          0x026A, "22 08 10 00 2C 01"},
         {"sdo write block",
-         [&](CTarvikClientCAN& c)
-         {
+         [&](CTarvikClientCAN& c) {
              const unsigned char data[] = {1, 2, 3};
              return c.CANopenSendSDOWriteBlock(0x22, 0x1F50, 1, 1000, 3, data, u8, u32);
          },
          0x026B, "22 50 1F 01 E8 03 01 02 03"},
         {"sdo read value: the same request",
-         [&](CTarvikClientCAN& c)
-         {
+         [&](CTarvikClientCAN& c) {
              // The answer here is a result byte alone: no SDO value.
              CTarvikClientCAN::SSDOValue v{};
              return c.CANopenSDOReadValue(0x22, 0x1000, 1, 500, v) == TARVIK_ERR_CNF_INVALID ? 0 : -1;
          },
          0x0268, "22 00 10 01 F4 01"},
         {"sdo write value: the same request",
-         [&](CTarvikClientCAN& c)
-         {
+         [&](CTarvikClientCAN& c) {
              CTarvikClientCAN::SSDOValue v{};
              return c.CANopenSDOWriteValue(0x22, 4, 0x2000, 2, 100, 0xDEADBEEF, v) == TARVIK_ERR_CNF_INVALID ? 0 : -1;
          },
@@ -138,22 +142,19 @@ TEST_F(CCANTest, EachCommandSendsItsExactRequest)
 TEST_F(CCANTest, EachCommandWritesItsOutputsByItsOwnRule)
 {
     auto u = [](unsigned int v) { return v; };
-    const TCall config = [u](CTarvikClientCAN& c, int& result)
-    {
+    const TCall config = [u](CTarvikClientCAN& c, int& result) {
         bool a = false, b = true;
         result = c.GetConfig(a, b);
         return HexNumbers({u(a), u(b)}, 0xFF);
     };
-    const TCall filter = [](CTarvikClientCAN& c, int& result)
-    {
+    const TCall filter = [](CTarvikClientCAN& c, int& result) {
         CTarvikClientCAN::SConfigFilter f;
         for (unsigned int& word : f.nFilter)
             word = kSentinel;
         result = c.GetFilter(f);
         return HexNumbers({f.nFilter[0], f.nFilter[15]}, kSentinel);
     };
-    const TCall globals = [](CTarvikClientCAN& c, int& result)
-    {
+    const TCall globals = [](CTarvikClientCAN& c, int& result) {
         unsigned int rate = kSentinel, option = kSentinel;
         unsigned char setting = 0xEE;
         bool f1 = true, f2 = true, f3 = true, o1 = true, o2 = true;
@@ -161,24 +162,20 @@ TEST_F(CCANTest, EachCommandWritesItsOutputsByItsOwnRule)
         return HexNumbers({rate, setting, f1, f2, f3, o1, option, o2}, kSentinel) +
                (setting == 0xEE ? " untouched" : "");
     };
-    const TCall zcard = [](CTarvikClientCAN& c, int& result)
-    {
+    const TCall zcard = [](CTarvikClientCAN& c, int& result) {
         unsigned char p1 = 0xEE;
         unsigned short p2 = 0xEEEE, p3 = 0xEEEE;
         result = c.GetZCardParameter(p1, p2, p3);
         return HexNumbers({p1, p2, p3}, 0xEEEE);
     };
-    const TCall clock = [](CTarvikClientCAN& c, int& result)
-    {
+    const TCall clock = [](CTarvikClientCAN& c, int& result) {
         bool valid = false;
         timeval tv = {0xEEEE, 0xEEEE};
         result = c.GetTime(valid, tv);
-        return HexNumbers({valid, static_cast<unsigned int>(tv.tv_sec), static_cast<unsigned int>(tv.tv_usec)},
-                          0xEEEE);
+        return HexNumbers({valid, static_cast<unsigned int>(tv.tv_sec), static_cast<unsigned int>(tv.tv_usec)}, 0xEEEE);
     };
     // Capacity 2 values, 2 and 1 states; every slot preset to its sentinel.
-    const TCall power = [](CTarvikClientCAN& c, int& result)
-    {
+    const TCall power = [](CTarvikClientCAN& c, int& result) {
         unsigned char n = 0xEE, n1 = 0xEE, n2 = 0xEE;
         short s1 = 0x7EEE;
         unsigned short s2 = 0xEEEE, s3 = 0xEEEE, values[3] = {0xEEEE, 0xEEEE, 0xEEEE};
@@ -188,16 +185,13 @@ TEST_F(CCANTest, EachCommandWritesItsOutputsByItsOwnRule)
                HexNumbers({values[0], values[1], values[2]}, 0xEEEE) + " | " +
                HexNumbers({states1[0], states1[1], states1[2], states2[0], states2[1]}, 0xEE);
     };
-    const TCall mode = [](CTarvikClientCAN& c, int& result)
-    {
+    const TCall mode = [](CTarvikClientCAN& c, int& result) {
         unsigned char m = 0xEE;
         result = c.CANopenGetConfig(m);
         return HexNumbers({m}, 0xEE);
     };
-    auto sdoBlock = [](unsigned short capacity) -> TCall
-    {
-        return [capacity](CTarvikClientCAN& c, int& result)
-        {
+    auto sdoBlock = [](unsigned short capacity) -> TCall {
+        return [capacity](CTarvikClientCAN& c, int& result) {
             unsigned char status = 0xEE, buf[10];
             unsigned short n = 0xEEEE;
             std::fill(buf, buf + 10, 0xEE);
@@ -206,10 +200,8 @@ TEST_F(CCANTest, EachCommandWritesItsOutputsByItsOwnRule)
         };
     };
     // Confirmed mode first, then the frame's answer.
-    auto write = [this](std::optional<std::string> answer) -> TCall
-    {
-        return [this, answer](CTarvikClientCAN& c, int& result)
-        {
+    auto write = [this](std::optional<std::string> answer) -> TCall {
+        return [this, answer](CTarvikClientCAN& c, int& result) {
             int sec = 0x0EEEEEEE, us = 0x0EEEEEEE;
             AnswerWith(Frame({0}));
             EXPECT_EQ(0, c.SetConfig(true, false));
@@ -272,11 +264,15 @@ TEST_F(CCANTest, EachCommandWritesItsOutputsByItsOwnRule)
 TEST_F(CCANTest, SDOValueBytesAreSummedWithTheirSign)
 {
     const std::function<int(CTarvikClientCAN&, unsigned char&, unsigned int&)> transfers[] = {
-        [](CTarvikClientCAN& c, unsigned char& s, unsigned int& v) { return c.CANopenSendSDORead(1, 2, 3, 1000, s, v); },
-        [](CTarvikClientCAN& c, unsigned char& s, unsigned int& v)
-        { return c.CANopenSendSDOWrite(1, 4, 2, 3, 1000, 0, s, v); },
-        [](CTarvikClientCAN& c, unsigned char& s, unsigned int& v)
-        { return c.CANopenSendSDOWriteBlock(1, 2, 3, 1000, 0, nullptr, s, v); },
+        [](CTarvikClientCAN& c, unsigned char& s, unsigned int& v) {
+            return c.CANopenSendSDORead(1, 2, 3, 1000, s, v);
+        },
+        [](CTarvikClientCAN& c, unsigned char& s, unsigned int& v) {
+            return c.CANopenSendSDOWrite(1, 4, 2, 3, 1000, 0, s, v);
+        },
+        [](CTarvikClientCAN& c, unsigned char& s, unsigned int& v) {
+            return c.CANopenSendSDOWriteBlock(1, 2, 3, 1000, 0, nullptr, s, v);
+        },
     };
     const std::tuple<const char*, std::string, int, std::string> cases[] = {
         {"one byte", "00 00 2A", 0, "0 2A"},
@@ -309,18 +305,20 @@ TEST_F(CCANTest, SDOValuesComeAsReceivedWithTheNodesAbortCode)
     typedef std::function<int(CTarvikClientCAN&, CTarvikClientCAN::SSDOValue&)> TTransfer;
     const TTransfer transfers[] = {
         [](CTarvikClientCAN& c, CTarvikClientCAN::SSDOValue& v) { return c.CANopenSDOReadValue(1, 2, 3, 1000, v); },
-        [](CTarvikClientCAN& c, CTarvikClientCAN::SSDOValue& v)
-        { return c.CANopenSDOWriteValue(1, 4, 2, 3, 1000, 0, v); },
-        [](CTarvikClientCAN& c, CTarvikClientCAN::SSDOValue& v)
-        { return c.CANopenSDOWriteBlockValue(1, 2, 3, 1000, 0, nullptr, v); },
+        [](CTarvikClientCAN& c, CTarvikClientCAN::SSDOValue& v) {
+            return c.CANopenSDOWriteValue(1, 4, 2, 3, 1000, 0, v);
+        },
+        [](CTarvikClientCAN& c, CTarvikClientCAN::SSDOValue& v) {
+            return c.CANopenSDOWriteBlockValue(1, 2, 3, 1000, 0, nullptr, v);
+        },
     };
     // Answer payload; result; status size value abort code.
     std::vector<std::tuple<std::string, std::string, int, std::string>> cases;
     for (const SSdoCase& c : kSdoCases)
-        cases.emplace_back(c.m_pName,
-                           c.m_nSize != 0 ? "00 00 " + std::string(c.m_pValueBytes)
-                                          : "FD 80 " + ToHex(LE32(c.m_nAbortCode)),
-                           c.m_nSize != 0 ? 0 : 0x02FD, HexNumbers({0, c.m_nSize, c.m_nValue, c.m_nAbortCode}, kNoSentinel));
+        cases.emplace_back(
+            c.m_pName,
+            c.m_nSize != 0 ? "00 00 " + std::string(c.m_pValueBytes) : "FD 80 " + ToHex(LE32(c.m_nAbortCode)),
+            c.m_nSize != 0 ? 0 : 0x02FD, HexNumbers({0, c.m_nSize, c.m_nValue, c.m_nAbortCode}, kNoSentinel));
     cases.insert(cases.end(), {
                                   {"0x191 in four bytes", "00 00 91 01 00 00", 0, "0 4 191 0"},
                                   {"a status and no value", "00 07", 0, "7 0 0 0"},
@@ -337,7 +335,8 @@ TEST_F(CCANTest, SDOValuesComeAsReceivedWithTheNodesAbortCode)
             AnswerWith(Hex(std::get<1>(c)));
             CTarvikClientCAN::SSDOValue v{0xEE, 0xEE, kSentinel, kSentinel};
             EXPECT_EQ(std::get<2>(c), transfer(*m_pClient, v)) << std::get<0>(c);
-            EXPECT_EQ(std::get<3>(c), HexNumbers({v.nStatus, v.nSize, v.nValue, v.nAbortCode}, kNoSentinel)) << std::get<0>(c);
+            EXPECT_EQ(std::get<3>(c), HexNumbers({v.nStatus, v.nSize, v.nValue, v.nAbortCode}, kNoSentinel))
+                << std::get<0>(c);
         }
 
     // The block read keeps every data byte after the status, and names an abort alike.
@@ -377,35 +376,33 @@ TEST_F(CCANTest, SDOTransfersWaitTwiceTheDeviceTimeout)
     const TCall calls[] = {
         [](CTarvikClientCAN& c, SOut& o) { return c.CANopenSendSDORead(1, 0x1000, 0, kDeviceMs, o.s, o.v); },
         [](CTarvikClientCAN& c, SOut& o) { return c.CANopenSendSDOWrite(1, 4, 0x1000, 0, kDeviceMs, 0, o.s, o.v); },
-        [](CTarvikClientCAN& c, SOut& o)
-        { return c.CANopenSendSDOReadBlock(1, 0x1000, 0, kDeviceMs, 4, o.s, o.n, o.b); },
-        [](CTarvikClientCAN& c, SOut& o)
-        { return c.CANopenSendSDOWriteBlock(1, 0x1000, 0, kDeviceMs, 1, o.b, o.s, o.v); },
+        [](CTarvikClientCAN& c, SOut& o) {
+            return c.CANopenSendSDOReadBlock(1, 0x1000, 0, kDeviceMs, 4, o.s, o.n, o.b);
+        },
+        [](CTarvikClientCAN& c, SOut& o) {
+            return c.CANopenSendSDOWriteBlock(1, 0x1000, 0, kDeviceMs, 1, o.b, o.s, o.v);
+        },
         [](CTarvikClientCAN& c, SOut& o) { return c.CANopenSDOReadValue(1, 0x1000, 0, kDeviceMs, o.value); },
         [](CTarvikClientCAN& c, SOut& o) { return c.CANopenSDOWriteValue(1, 4, 0x1000, 0, kDeviceMs, 0, o.value); },
-        [](CTarvikClientCAN& c, SOut& o)
-        { return c.CANopenSDOWriteBlockValue(1, 0x1000, 0, kDeviceMs, 1, o.b, o.value); },
-        [](CTarvikClientCAN& c, SOut& o)
-        { return c.CANopenSDOReadBlockData(1, 0x1000, 0, kDeviceMs, o.s, o.d, o.v); },
+        [](CTarvikClientCAN& c, SOut& o) {
+            return c.CANopenSDOWriteBlockValue(1, 0x1000, 0, kDeviceMs, 1, o.b, o.value);
+        },
+        [](CTarvikClientCAN& c, SOut& o) { return c.CANopenSDOReadBlockData(1, 0x1000, 0, kDeviceMs, o.s, o.d, o.v); },
     };
     // The gateway runs each client's handler on a thread of its own: one client per
     // service, so that every answer comes 1.5 device time-outs after its request.
-    m_oGateway.SetHandler(
-        [](const std::string& f)
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(kDeviceMs * 3 / 2));
-            return Cnf(FrameCmd(f), FrameId(f), Hex("00 00 01"));
-        });
+    m_oGateway.SetHandler([](const std::string& f) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(kDeviceMs * 3 / 2));
+        return Cnf(FrameCmd(f), FrameId(f), Hex("00 00 01"));
+    });
     std::vector<std::future<int>> results;
     for (const TCall& call : calls)
-        results.push_back(std::async(std::launch::async,
-                                     [this, call]
-                                     {
-                                         CTarvikClientCAN client(1000);
-                                         SOut out;
-                                         int rc = client.Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort());
-                                         return rc != 0 ? rc : call(client, out);
-                                     }));
+        results.push_back(std::async(std::launch::async, [this, call] {
+            CTarvikClientCAN client(1000);
+            SOut out;
+            int rc = client.Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort());
+            return rc != 0 ? rc : call(client, out);
+        }));
     for (size_t i = 0; i < results.size(); ++i)
         EXPECT_EQ(0, results[i].get()) << "service " << i;
     // A device time-out of 50 ms is waited 100 ms; other commands wait the client's time-out.
@@ -421,11 +418,19 @@ TEST_F(CCANTest, WriteWaitsOnlyInTheModeTheDeviceAccepted)
     const std::tuple<const char*, std::function<int(CTarvikClientCAN&)>, std::string, int, int> cases[] = {
         {"set accepted", [](CTarvikClientCAN& c) { return c.SetConfig(true, false); }, "00", 0, TARVIK_ERR_TIMEOUT},
         {"open accepted", [](CTarvikClientCAN& c) { return c.Open(true, true); }, "00", 0, TARVIK_ERR_TIMEOUT},
-        {"set refused keeps the old mode", [](CTarvikClientCAN& c) { return c.SetConfig(true, false); }, "21",
-         0x0221, 0},
-        {"read from the device", [](CTarvikClientCAN& c) { bool a, b; return c.GetConfig(a, b); }, "00 01 00", 0,
-         TARVIK_ERR_TIMEOUT},
-        {"short read keeps the old mode", [](CTarvikClientCAN& c) { bool a, b; return c.GetConfig(a, b); },
+        {"set refused keeps the old mode", [](CTarvikClientCAN& c) { return c.SetConfig(true, false); }, "21", 0x0221,
+         0},
+        {"read from the device",
+         [](CTarvikClientCAN& c) {
+             bool a, b;
+             return c.GetConfig(a, b);
+         },
+         "00 01 00", 0, TARVIK_ERR_TIMEOUT},
+        {"short read keeps the old mode",
+         [](CTarvikClientCAN& c) {
+             bool a, b;
+             return c.GetConfig(a, b);
+         },
          "00 01", 0, 0},
     };
     for (const auto& c : cases)

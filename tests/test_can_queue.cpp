@@ -2,8 +2,8 @@
 // handed to callbacks, queue limits, drop rules and order, callbacks that call back in,
 // requests that complete during a flood, and destruction while a flood arrives.
 #include "support/ClientFixture.h"
-#include "support/Wait.h"
 #include "support/FakeGateway.h"
+#include "support/Wait.h"
 
 #include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/dll/DeviceManager.h"
@@ -12,9 +12,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdarg>
-#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <mutex>
@@ -100,8 +100,8 @@ void OnGUARD(unsigned char node, unsigned char state, int handle, int a, int b)
     Record("guard %X %X %d %d %d", node, state, handle, a, b);
 }
 
-void OnUndefined(int id, unsigned char p1, unsigned char p2, unsigned char len, const char* data, int handle,
-                 int sec, int us)
+void OnUndefined(int id, unsigned char p1, unsigned char p2, unsigned char len, const char* data, int handle, int sec,
+                 int us)
 {
     Record("undefined %X %X %X %d %d %d %d | %s", static_cast<unsigned int>(id), p1, p2, len, handle, sec, us,
            Bytes(data, len).c_str());
@@ -121,8 +121,7 @@ std::string Stamp(unsigned int sec, unsigned int us)
 // Each Get operation, its outputs as text ("empty" when the queue was empty).
 typedef std::function<std::string(CTarvikClientCANDll&)> TGet;
 
-const TGet kGetCAN = [](CTarvikClientCANDll& c)
-{
+const TGet kGetCAN = [](CTarvikClientCANDll& c) {
     int id = -1, flags = 0, sec = -1, us = -1;
     unsigned char len = 0xEE;
     char buf[64];
@@ -134,8 +133,7 @@ const TGet kGetCAN = [](CTarvikClientCANDll& c)
     return text + Bytes(buf, len);
 };
 
-const TGet kGetPDO = [](CTarvikClientCANDll& c)
-{
+const TGet kGetPDO = [](CTarvikClientCANDll& c) {
     unsigned char p1 = 0, p2 = 0, len = 0;
     char buf[8];
     if (c.CANopenGetPDO(&p1, &p2, &len, buf) < 0)
@@ -145,16 +143,14 @@ const TGet kGetPDO = [](CTarvikClientCANDll& c)
     return text + Bytes(buf, len);
 };
 
-const TGet kGetSYNC = [](CTarvikClientCANDll& c)
-{
+const TGet kGetSYNC = [](CTarvikClientCANDll& c) {
     unsigned char value = 0;
     if (c.CANopenGetSYNC(&value) < 0)
         return std::string("empty");
     return HexNumbers({value}, 0x100);
 };
 
-const TGet kGetEMCY = [](CTarvikClientCANDll& c)
-{
+const TGet kGetEMCY = [](CTarvikClientCANDll& c) {
     unsigned char node = 0, reg = 0, data[5];
     unsigned short code = 0;
     if (c.CANopenGetEMCY(&node, &code, &reg, data) < 0)
@@ -162,8 +158,7 @@ const TGet kGetEMCY = [](CTarvikClientCANDll& c)
     return HexNumbers({node, code, reg}, 0x10000) + " | " + Bytes(data, 5);
 };
 
-const TGet kGetGUARD = [](CTarvikClientCANDll& c)
-{
+const TGet kGetGUARD = [](CTarvikClientCANDll& c) {
     unsigned char node = 0, state = 0;
     if (c.CANopenGetGUARD(&node, &state) < 0)
         return std::string("empty");
@@ -171,8 +166,7 @@ const TGet kGetGUARD = [](CTarvikClientCANDll& c)
 };
 
 // The buffer must hold 255 bytes; shown as far as the telegram filled it.
-const TGet kGetUndefined = [](CTarvikClientCANDll& c)
-{
+const TGet kGetUndefined = [](CTarvikClientCANDll& c) {
     int id = 0, sec = -1, us = -1;
     unsigned char p1 = 0, p2 = 0, len = 0;
     std::string buf(255, '\xEE');
@@ -232,39 +226,87 @@ std::vector<SIndicationCase> IndicationCases()
     const std::string pdoData = Hex("01 02 03 04 05 06 07 08 09 0A 0B 0C");
     const std::string x64 = ToHex(std::string(64, '\x11')), x10 = ToHex(std::string(10, 'x'));
     return {
-        {"frame", CanFrame(0x123, 0, Hex("11 22 33")), kGetCAN, {"123 3 0 0 0 | 11 22 33"},
-         {"frameEx 123 3 0 7 0 0 | 11 22 33"}, {"frame 123 3 0 0 0 | 11 22 33"}},
-        {"frame with time stamp", CanFrame(0x7FF, 0x04, Hex("AA BB") + Stamp(5, 6)), kGetCAN,
-         {"7FF 2 4 5 6 | AA BB"}, {"frameEx 7FF 2 4 7 5 6 | AA BB"}, {"frame 7FF 2 4 5 6 | AA BB"}},
-        {"stamp alone", CanFrame(1, 0x04, Stamp(0xFFFFFFFF, 9)), kGetCAN, {"1 0 4 -1 9 | "},
-         {"frameEx 1 0 4 7 -1 9 | "}, {"frame 1 0 4 -1 9 | "}},
-        {"flag 0x04 with five bytes", CanFrame(1, 0x04, Hex("01 02 03 04 05")), kGetCAN, {"1 0 4 0 0 | "},
-         {"frameEx 1 0 4 7 0 0 | "}, {"frame 1 0 4 0 0 | "}},
-        {"flags signed for the fetch, unsigned for the callback", CanFrame(0x80000001, 0x81, Hex("55")), kGetCAN,
-         {"80000001 1 -127 0 0 | 55"}, {"frameEx 80000001 1 129 7 0 0 | 55"}, {"frame 80000001 1 129 0 0 | 55"}},
-        {"64 data bytes and a stamp", CanFrame(2, 0x04, std::string(64, '\x11') + Stamp(1, 2)), kGetCAN,
-         {"2 64 4 1 2 | " + x64}, {"frameEx 2 64 4 7 1 2 | " + x64}, {"frame 2 64 4 1 2 | " + x64}},
+        {"frame",
+         CanFrame(0x123, 0, Hex("11 22 33")),
+         kGetCAN,
+         {"123 3 0 0 0 | 11 22 33"},
+         {"frameEx 123 3 0 7 0 0 | 11 22 33"},
+         {"frame 123 3 0 0 0 | 11 22 33"}},
+        {"frame with time stamp",
+         CanFrame(0x7FF, 0x04, Hex("AA BB") + Stamp(5, 6)),
+         kGetCAN,
+         {"7FF 2 4 5 6 | AA BB"},
+         {"frameEx 7FF 2 4 7 5 6 | AA BB"},
+         {"frame 7FF 2 4 5 6 | AA BB"}},
+        {"stamp alone",
+         CanFrame(1, 0x04, Stamp(0xFFFFFFFF, 9)),
+         kGetCAN,
+         {"1 0 4 -1 9 | "},
+         {"frameEx 1 0 4 7 -1 9 | "},
+         {"frame 1 0 4 -1 9 | "}},
+        {"flag 0x04 with five bytes",
+         CanFrame(1, 0x04, Hex("01 02 03 04 05")),
+         kGetCAN,
+         {"1 0 4 0 0 | "},
+         {"frameEx 1 0 4 7 0 0 | "},
+         {"frame 1 0 4 0 0 | "}},
+        {"flags signed for the fetch, unsigned for the callback",
+         CanFrame(0x80000001, 0x81, Hex("55")),
+         kGetCAN,
+         {"80000001 1 -127 0 0 | 55"},
+         {"frameEx 80000001 1 129 7 0 0 | 55"},
+         {"frame 80000001 1 129 0 0 | 55"}},
+        {"64 data bytes and a stamp",
+         CanFrame(2, 0x04, std::string(64, '\x11') + Stamp(1, 2)),
+         kGetCAN,
+         {"2 64 4 1 2 | " + x64},
+         {"frameEx 2 64 4 7 1 2 | " + x64},
+         {"frame 2 64 4 1 2 | " + x64}},
         {"65 data bytes are discarded", CanFrame(3, 0, std::string(65, '\x11')), kGetCAN, {}, {}, {}},
         {"frame without its head is discarded", Telegram(0x0203, 0, Hex("01 02 03 04")), kGetCAN, {}, {}, {}},
-        {"pdo: fetched length at most 8, callback gets the device's", Telegram(0x0267, 0, Hex("01 02 0C") + pdoData),
-         kGetPDO, {"1 2 8 | 01 02 03 04 05 06 07 08"}, {"pdo 1 2 12 7 0 0 | " + ToHex(pdoData)},
+        {"pdo: fetched length at most 8, callback gets the device's",
+         Telegram(0x0267, 0, Hex("01 02 0C") + pdoData),
+         kGetPDO,
+         {"1 2 8 | 01 02 03 04 05 06 07 08"},
+         {"pdo 1 2 12 7 0 0 | " + ToHex(pdoData)},
          {"pdo 1 2 12 | " + ToHex(pdoData)}},
-        {"pdo shorter than its length byte is discarded", Telegram(0x0267, 0, Hex("01 02 05 AA BB")), kGetPDO, {},
-         {}, {}},
+        {"pdo shorter than its length byte is discarded",
+         Telegram(0x0267, 0, Hex("01 02 05 AA BB")),
+         kGetPDO,
+         {},
+         {},
+         {}},
         {"sync", Telegram(0x0264, 0, Hex("07")), kGetSYNC, {"7"}, {"sync 7 7 0 0"}, {"sync 7"}},
         {"emcy: unsigned for the fetch and the receiver, low byte signed for the callback",
-         Telegram(0x0266, 0, Hex("05 81 10 22 01 02 03 04 05")), kGetEMCY, {"5 1081 22 | 01 02 03 04 05"},
-         {"emcy 5 FF81 22 7 0 0 | 01 02 03 04 05"}, {"emcy 5 1081 22 | 01 02 03 04 05"}},
-        {"emcy plain", Telegram(0x0266, 0, Hex("05 34 12 00 00 00 00 00 00")), kGetEMCY,
-         {"5 1234 0 | 00 00 00 00 00"}, {"emcy 5 1234 0 7 0 0 | 00 00 00 00 00"}, {"emcy 5 1234 0 | 00 00 00 00 00"}},
-        {"emcy without its data is discarded", Telegram(0x0266, 0, Hex("05 34 12 00 00 00 00 00")), kGetEMCY, {},
-         {}, {}},
+         Telegram(0x0266, 0, Hex("05 81 10 22 01 02 03 04 05")),
+         kGetEMCY,
+         {"5 1081 22 | 01 02 03 04 05"},
+         {"emcy 5 FF81 22 7 0 0 | 01 02 03 04 05"},
+         {"emcy 5 1081 22 | 01 02 03 04 05"}},
+        {"emcy plain",
+         Telegram(0x0266, 0, Hex("05 34 12 00 00 00 00 00 00")),
+         kGetEMCY,
+         {"5 1234 0 | 00 00 00 00 00"},
+         {"emcy 5 1234 0 7 0 0 | 00 00 00 00 00"},
+         {"emcy 5 1234 0 | 00 00 00 00 00"}},
+        {"emcy without its data is discarded",
+         Telegram(0x0266, 0, Hex("05 34 12 00 00 00 00 00")),
+         kGetEMCY,
+         {},
+         {},
+         {}},
         {"guard", Telegram(0x026C, 0, Hex("05 7F")), kGetGUARD, {"5 7F"}, {"guard 5 7F 7 0 0"}, {"guard 5 7F"}},
-        {"undefined: buffer gets the stamp too", Telegram(0x026D, 0, LE32(0x0304) + Hex("04 A1 A2 A3") + Stamp(1, 2)),
-         kGetUndefined, {"304 4 3 3 1 2 | A1 A2 A3 01 00 00 00 02 00 00 00"},
-         {"undefined 304 4 3 3 7 1 2 | A1 A2 A3"}, {"undefined 304 3 1 2 | A1 A2 A3"}},
-        {"undefined: fetched length at most 8", Telegram(0x026D, 0, LE32(0x0102) + Hex("00") + std::string(10, 'x')),
-         kGetUndefined, {"102 2 1 8 0 0 | " + x10}, {"undefined 102 2 1 10 7 0 0 | " + x10},
+        {"undefined: buffer gets the stamp too",
+         Telegram(0x026D, 0, LE32(0x0304) + Hex("04 A1 A2 A3") + Stamp(1, 2)),
+         kGetUndefined,
+         {"304 4 3 3 1 2 | A1 A2 A3 01 00 00 00 02 00 00 00"},
+         {"undefined 304 4 3 3 7 1 2 | A1 A2 A3"},
+         {"undefined 304 3 1 2 | A1 A2 A3"}},
+        {"undefined: fetched length at most 8",
+         Telegram(0x026D, 0, LE32(0x0102) + Hex("00") + std::string(10, 'x')),
+         kGetUndefined,
+         {"102 2 1 8 0 0 | " + x10},
+         {"undefined 102 2 1 10 7 0 0 | " + x10},
          {"undefined 102 10 0 0 | " + x10}},
         {"another command is ignored", Telegram(0x0299, 0, Hex("05 7F")), kGetGUARD, {}, {}, {}},
     };
@@ -277,7 +319,8 @@ public:
     explicit CRecordingReceiver(bool take) : m_bTake(take) {}
     bool OnFrame(unsigned int id, const char* data, int len, int flags, int sec, int us) override
     {
-        return Note("frame %X %d %d %d %d | %s", id, len, flags, sec, us, Bytes(data, static_cast<size_t>(len)).c_str());
+        return Note("frame %X %d %d %d %d | %s", id, len, flags, sec, us,
+                    Bytes(data, static_cast<size_t>(len)).c_str());
     }
     bool OnPDO(unsigned char p1, unsigned char p2, unsigned char len, const char* data) override
     {
@@ -653,20 +696,17 @@ TEST_F(CCANQueueTest, RequestsCompleteDuringAFlood)
     m_pClient->SetMaxSizePerQueue(1000);
     std::atomic<bool> draining{true};
     std::atomic<unsigned long> drained{0};
-    std::thread consumer(
-        [&]
-        {
-            int id = 0;
-            char buf[64];
-            while (draining.load())
-                if (m_pClient->CANGetMessage(&id, buf, nullptr, nullptr, nullptr, nullptr) >= 0)
-                    ++drained;
-                else
-                    std::this_thread::sleep_for(std::chrono::microseconds(100));
-        });
+    std::thread consumer([&] {
+        int id = 0;
+        char buf[64];
+        while (draining.load())
+            if (m_pClient->CANGetMessage(&id, buf, nullptr, nullptr, nullptr, nullptr) >= 0)
+                ++drained;
+            else
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+    });
     // Until count() moves: the flood is under way.
-    auto flowing = [](const std::function<unsigned long()>& count)
-    {
+    auto flowing = [](const std::function<unsigned long()>& count) {
         const unsigned long before = count();
         return Eventually([&] { return count() != before; });
     };
@@ -716,8 +756,10 @@ TEST(CANQueueRegistry, TypeTwoOpensTheQueueingClientWithItsHandle)
     // The C interface: a frame callback with a context of its own, and the drop counts.
     std::atomic<int> frames{0};
     ASSERT_EQ(0, CANSetCallbackUser(
-                     handle, [](void* user, unsigned int, const char*, int, int, int, int)
-                     { ++*static_cast<std::atomic<int>*>(user); },
+                     handle,
+                     [](void* user, unsigned int, const char*, int, int, int, int) {
+                         ++*static_cast<std::atomic<int>*>(user);
+                     },
                      &frames));
     ASSERT_TRUE(gateway.Send(CanFrame(1, 0, "") + CanFrame(2, 0, std::string(65, 'x'))));
     EXPECT_EQ(0, client->CANopenSendSYNC());

@@ -418,7 +418,10 @@ INSTANTIATE_TEST_SUITE_P(
               0,
               "value1    0x00000001\nvalue2    0x00000002\npage size 256\nvalue4    0x00000004\ntext      \"uc3\"\n",
               kCliSimNote},
-        SCase{{"tarvik", "--sim", "awire", "read", "0x800000", "4"}, 0, "00800000: FF FF FF FF                                      ....\n", kCliSimNote},
+        SCase{{"tarvik", "--sim", "awire", "read", "0x800000", "4"},
+              0,
+              "00800000: FF FF FF FF                                      ....\n",
+              kCliSimNote},
         SCase{{"tarvik", "--sim", "--json", "awire", "erase", "1"},
               1,
               "{\"error\":\"erase: EraseBlock not supported\",\"code\":\"0x000E24\",\"exit\":1,\"simulated\":true}\n",
@@ -489,11 +492,15 @@ TEST(CliAWire, CtrlCStopsTheWriteAndSaysHowFarItGot)
     const std::string image = ImageFile(262144);
     CProcess cli(kTarvik, {"-H", match[1], "awire", "write-file", image});
     // Interrupted once it has shown a second step of progress.
-    auto shown = [&] { std::string o = cli.Out(); return o.find("writing", o.find("writing") + 1) != std::string::npos; };
+    auto shown = [&] {
+        std::string o = cli.Out();
+        return o.find("writing", o.find("writing") + 1) != std::string::npos;
+    };
     ASSERT_TRUE(Eventually(shown)) << cli.Out();
     cli.Signal(SIGINT);
     EXPECT_EQ(1, cli.Wait(10000)) << cli.Err();
-    EXPECT_TRUE(std::regex_match(cli.Err(), std::regex("tarvik: write-file: interrupted while writing at \\d+% of 262144 "
-                                                       "bytes; the target holds an incomplete image\n")))
+    EXPECT_TRUE(
+        std::regex_match(cli.Err(), std::regex("tarvik: write-file: interrupted while writing at \\d+% of 262144 "
+                                               "bytes; the target holds an incomplete image\n")))
         << cli.Err();
 }

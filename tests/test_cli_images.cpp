@@ -1,11 +1,11 @@
 // Damaged images against every command that reads one: each is refused with exit 1 and its
 // line named, and the gateway it was meant for receives no request at all; --lenient takes it.
 // Ctrl-C during a large fill leaves no file behind.
-#include "support/HexfileTestUtil.h"
 #include "support/CliProcess.h"
+#include "support/HexfileTestUtil.h"
 
-#include "sim/TarvikSimServer.h"
 #include "sim/TarvikSimDevice.h"
+#include "sim/TarvikSimServer.h"
 
 #include <gtest/gtest.h>
 
@@ -85,24 +85,30 @@ protected:
 // The hex commands refuse each damaged file, name its line, and write no output.
 TEST_F(CCliImagesTest, HexCommandsRefuseEveryDamagedImage)
 {
-    const char* const commands[] = {"hex info {}", "hex dump {}", "hex convert {} -o out.hex", "hex crc {}",
-                                    "hex crop {} -o out.hex", "hex fill {} -o out.hex", "hex offset {} 0x10 -o out.hex",
-                                    "hex merge {} -o out.hex", "hex cmp {} {}"};
+    const char* const commands[] = {"hex info {}",
+                                    "hex dump {}",
+                                    "hex convert {} -o out.hex",
+                                    "hex crc {}",
+                                    "hex crop {} -o out.hex",
+                                    "hex fill {} -o out.hex",
+                                    "hex offset {} 0x10 -o out.hex",
+                                    "hex merge {} -o out.hex",
+                                    "hex cmp {} {}"};
     for (const SBadImage& image : kBadImages)
         for (const char* command : commands)
         {
             const std::string args = Replace(Replace(command, image.m_pName), image.m_pName);
             const SCliRun run = Run(args);
             EXPECT_EQ(1, run.m_nExit) << args << "\n" << CliDescribe(run);
-            EXPECT_NE(std::string::npos, run.m_sErr.find(std::string("tarvik: ") + image.m_pProblem))
-                << args << "\n" << run.m_sErr;
+            EXPECT_NE(std::string::npos, run.m_sErr.find(std::string("tarvik: ") + image.m_pProblem)) << args << "\n"
+                                                                                                      << run.m_sErr;
             EXPECT_EQ("", run.m_sOut) << args;
             EXPECT_EQ("", CliReadFile(m_oDir.Path("out.hex"))) << args;
             // --lenient (and its old name) takes the file with the problems as warnings.
             const SCliRun lenient = Run(args + (image.m_pName[0] == 'c' ? " --ignore-checksum" : " --lenient"));
-            EXPECT_NE(std::string::npos,
-                      lenient.m_sErr.find(std::string("tarvik: warning: ") + image.m_pProblem))
-                << args << "\n" << lenient.m_sErr;
+            EXPECT_NE(std::string::npos, lenient.m_sErr.find(std::string("tarvik: warning: ") + image.m_pProblem))
+                << args << "\n"
+                << lenient.m_sErr;
             std::remove(m_oDir.Path("out.hex").c_str());
         }
 }
@@ -142,14 +148,14 @@ TEST_F(CCliImagesTest, ProgrammingCommandsSendNothingForADamagedImage)
             const std::string args = host + Replace(command.m_pArgs, image.m_pName);
             const SCliRun run = Run(args);
             EXPECT_EQ(1, run.m_nExit) << args << "\n" << CliDescribe(run);
-            EXPECT_NE(std::string::npos, run.m_sErr.find(std::string("tarvik: ") + image.m_pProblem))
-                << args << "\n" << run.m_sErr;
+            EXPECT_NE(std::string::npos, run.m_sErr.find(std::string("tarvik: ") + image.m_pProblem)) << args << "\n"
+                                                                                                      << run.m_sErr;
         }
         EXPECT_EQ(0u, server.GetDevice(command.m_eDevice)->GetRequestCount()) << command.m_pArgs;
         // The same file taken leniently does reach the gateway.
         const SCliRun lenient = Run(host + Replace(command.m_pArgs, "sum.hex") + " --lenient");
-        EXPECT_NE(0u, server.GetDevice(command.m_eDevice)->GetRequestCount())
-            << command.m_pArgs << "\n" << CliDescribe(lenient);
+        EXPECT_NE(0u, server.GetDevice(command.m_eDevice)->GetRequestCount()) << command.m_pArgs << "\n"
+                                                                              << CliDescribe(lenient);
     }
 }
 

@@ -1,8 +1,8 @@
 // tarvik i2c, eeprom, renesas and firmware as a user runs them: each family against a
 // tarvik-sim process of its own, so that what one command writes the next one reads
 // back; and the usage errors of every command, against the embedded simulator.
-#include "support/HexfileTestUtil.h"
 #include "support/CliProcess.h"
+#include "support/HexfileTestUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -45,10 +45,9 @@ const SStep kEeprom[] = {
     // and back into a file; more than one request each, and nothing on a stderr that is
     // no terminal.
     {"eeprom write --type 0x0010 --offset 0x1F0 {dir}/in.bin", 0, "wrote 300 bytes at 0x01F0\n", ""},
-    {"eeprom read --type 0x0010 --offset 0x1F0 300 {dir}/out.bin", 0,
-     "read 300 bytes from 0x01F0 to {dir}/out.bin\n", ""},
-    {"eeprom read --type 0x0010 --offset 0x1F0 4 {dir}/out.hex", 0, "read 4 bytes from 0x01F0 to {dir}/out.hex\n",
+    {"eeprom read --type 0x0010 --offset 0x1F0 300 {dir}/out.bin", 0, "read 300 bytes from 0x01F0 to {dir}/out.bin\n",
      ""},
+    {"eeprom read --type 0x0010 --offset 0x1F0 4 {dir}/out.hex", 0, "read 4 bytes from 0x01F0 to {dir}/out.hex\n", ""},
     {"--json eeprom write --type 0x0008 --select 4 --offset 0xFE 5A", 0,
      "{\"written\":1,\"spans\":[{\"address\":254,\"length\":1}]}\n", ""},
     {"--json eeprom read --type 0x0008 --select 4 --offset 0xFE 2", 0,
@@ -110,15 +109,16 @@ const SStep kFirmware[] = {
 const SStep kUsage[] = {
     {"i2c", 2, "", "tarvik: i2c: missing command (one of read, write, seq)\nRun 'tarvik i2c --help' for usage.\n"},
     {"i2c read A0", 2, "", "tarvik: i2c read: ...\nRun 'tarvik i2c read --help' for usage.\n"},
-    {"i2c read G0 1", 2, "", "tarvik: slave address: not a hex byte: \"G0\"\nRun 'tarvik i2c read --help' for usage.\n"},
+    {"i2c read G0 1", 2, "",
+     "tarvik: slave address: not a hex byte: \"G0\"\nRun 'tarvik i2c read --help' for usage.\n"},
     {"i2c seq A0+1", 2, "", "tarvik: step \"A0+1\": a read step needs an odd address byte\n..."},
     {"i2c seq A0", 2, "", "tarvik: step \"A0\": ADDR:HEX writes, ADDR+N reads\n..."},
     {"eeprom read 4", 2, "", "tarvik: eeprom read: --type is required\n..."},
     {"eeprom read --type 0x0008 --offset 0xFF 2", 2, "",
      "tarvik: read: 0x00FF + 2 bytes is past the end of the 256 bytes that type 0x0008 addresses\n..."},
     {"eeprom write --type 0x0010 --page 0 00", 2, "", "tarvik: eeprom write: --page: ...\n..."},
-    {"--json eeprom read --type 0x10000 1", 2, "{\"error\":\"--type: larger than 65535: \\\"0x10000\\\"\",\"exit\":2}\n",
-     ""},
+    {"--json eeprom read --type 0x10000 1", 2,
+     "{\"error\":\"--type: larger than 65535: \\\"0x10000\\\"\",\"exit\":2}\n", ""},
     {"renesas", 2, "",
      "tarvik: renesas: missing command (one of init, id, complete, erase, program, read, version, check)\n..."},
     {"renesas --id 0102030405060708 version", 2, "", "tarvik: --id: at most 7 bytes\n..."},

@@ -73,30 +73,25 @@ TEST_F(CCommandTest, EachCommandSendsItsExactRequest)
 
 TEST_F(CCommandTest, EachCommandWritesItsOutputsByItsOwnRule)
 {
-    const TCall info = [](CTarvikClientSPI& c, int& result)
-    {
+    const TCall info = [](CTarvikClientSPI& c, int& result) {
         STarvikDeviceInfo info;
         std::memset(&info, kUByte, sizeof(info));
         result = c.Info(&info);
         return ToHex(std::string(reinterpret_cast<char*>(info.m_abData), sizeof(info)));
     };
-    const TCall status = [](CTarvikClientSPI& c, int& result)
-    {
+    const TCall status = [](CTarvikClientSPI& c, int& result) {
         std::string text = "old";
         result = c.Status(text);
         return text;
     };
-    const TCall digital = [](CTarvikClientSPI& c, int& result)
-    {
+    const TCall digital = [](CTarvikClientSPI& c, int& result) {
         unsigned int in = kU, out = kU;
         result = c.BaseReadDigital(in, out);
         return Nums({in, out});
     };
     // count | first value, then the stored values
-    auto analog = [](unsigned short capacity) -> TCall
-    {
-        return [capacity](CTarvikClientSPI& c, int& result)
-        {
+    auto analog = [](unsigned short capacity) -> TCall {
+        return [capacity](CTarvikClientSPI& c, int& result) {
             unsigned int v[4] = {kU, kU, kU, kU};
             unsigned short count = capacity;
             result = c.ReadAnalog(v[0], capacity > 0 ? v + 1 : nullptr, count);
@@ -104,10 +99,8 @@ TEST_F(CCommandTest, EachCommandWritesItsOutputsByItsOwnRule)
         };
     };
     // DataReq copies the bytes after the result byte, the waiting SequenceReq from the result byte on.
-    auto transfer = [](bool sequence, unsigned short len) -> TCall
-    {
-        return [sequence, len](CTarvikClientSPI& c, int& result)
-        {
+    auto transfer = [](bool sequence, unsigned short len) -> TCall {
+        return [sequence, len](CTarvikClientSPI& c, int& result) {
             std::string out(4, static_cast<char>(kUByte));
             result = sequence ? c.SequenceReq("\x10", 1, &out[0], len) : c.DataReq("\x01", 1, &out[0], len);
             return ToHex(out);
@@ -158,10 +151,9 @@ TEST_F(CCommandTest, EachCommandWritesItsOutputsByItsOwnRule)
 
 TEST_F(CCommandTest, AsynchronousSequenceIsCollectedLaterByItsId)
 {
-    m_oGateway.SetHandler(
-        [](const std::string& f) {
-            return Cnf(0x0314, FrameId(f), Frame({0, 0x11, static_cast<int>(FrameId(f))}));
-        });
+    m_oGateway.SetHandler([](const std::string& f) {
+        return Cnf(0x0314, FrameId(f), Frame({0, 0x11, static_cast<int>(FrameId(f))}));
+    });
     short first = -1, second = -1;
     EXPECT_EQ(0, m_pClient->SequenceReq("\x10", 1, &first));
     EXPECT_EQ(0, m_pClient->SequenceReq("\x10", 1, &second));

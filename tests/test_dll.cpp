@@ -99,9 +99,9 @@ TEST(TarvikDll, UnknownHandlesAreInvalidAndOutputsAreLeftAlone)
         EXPECT_EQ(ToHex(Buffer(8)), ToHex(buf));
         // The common commands take any family's handle, and no other.
         unsigned int values[2] = {7, 7};
-        for (int rc : {DeviceRestart(handle), DeviceReadDigital(handle, &values[0], &values[1]),
-                       DeviceWriteDigital(handle, 1), DeviceReadAnalog(handle, &values[0], values, 1, nullptr),
-                       DeviceWriteAnalog(handle, values, 1)})
+        for (int rc :
+             {DeviceRestart(handle), DeviceReadDigital(handle, &values[0], &values[1]), DeviceWriteDigital(handle, 1),
+              DeviceReadAnalog(handle, &values[0], values, 1, nullptr), DeviceWriteAnalog(handle, values, 1)})
             EXPECT_EQ(TARVIK_ERR_INVALID_HANDLE, rc);
         EXPECT_EQ(7u, values[0] & values[1]);
     }

@@ -21,7 +21,6 @@
 #include <string>
 #include <vector>
 
-
 using namespace tarvik_test;
 
 namespace
@@ -192,8 +191,8 @@ std::vector<SCall> AllCalls()
         {eCAN, "CANGetTime", [](int h, SOutputs& o) { return CANGetTime(h, &o.n[0], &o.n[1], &o.n[2]); }},
         {eCAN, "CANGetPowerStatus",
          [](int h, SOutputs& o) {
-             return CANGetPowerStatus(h, &o.u8[0], &o.u8[1], &o.u8[2], &o.s16, &o.u16[0], &o.u16[1], &o.n[0],
-                                      &o.u16[2], 2, &o.u8[3], 1, reinterpret_cast<unsigned char*>(o.buf), 4);
+             return CANGetPowerStatus(h, &o.u8[0], &o.u8[1], &o.u8[2], &o.s16, &o.u16[0], &o.u16[1], &o.n[0], &o.u16[2],
+                                      2, &o.u8[3], 1, reinterpret_cast<unsigned char*>(o.buf), 4);
          }},
         {eCAN, "CANSetPowerRelais", [](int h, SOutputs&) { return CANSetPowerRelais(h, 1); }},
         {eCAN, "CANSetActivePowerSupplies", [](int h, SOutputs&) { return CANSetActivePowerSupplies(h, 3); }},
@@ -220,16 +219,17 @@ std::vector<SCall> AllCalls()
         {eCAN, "CANopenSendSDOWrite",
          [](int h, SOutputs& o) { return CANopenSendSDOWrite(h, 2, 4, 0x2001, 0, 50, 7, &o.u8[0], &o.u32[0]); }},
         {eCAN, "CANopenSDOReadValue",
-         [](int h, SOutputs& o)
-         { return CANopenSDOReadValue(h, 2, 0x1000, 0, 50, &o.u8[0], &o.u32[0], &o.u8[1], &o.u32[1]); }},
+         [](int h, SOutputs& o) {
+             return CANopenSDOReadValue(h, 2, 0x1000, 0, 50, &o.u8[0], &o.u32[0], &o.u8[1], &o.u32[1]);
+         }},
         {eCAN, "CANopenSDOWriteValue",
          [](int h, SOutputs& o) {
              return CANopenSDOWriteValue(h, 2, 4, 0x2001, 0, 50, 7, &o.u8[0], &o.u32[0], &o.u8[1], &o.u32[1]);
          }},
         {eCAN, "CANopenSendSDOReadBlock",
          [](int h, SOutputs& o) {
-             return CANopenSendSDOReadBlock(h, 2, 0x2100, 0, 50, reinterpret_cast<unsigned char*>(o.buf), 16,
-                                            &o.u8[0], &o.u16[0]);
+             return CANopenSendSDOReadBlock(h, 2, 0x2100, 0, 50, reinterpret_cast<unsigned char*>(o.buf), 16, &o.u8[0],
+                                            &o.u16[0]);
          }},
         {eCAN, "CANopenSendSDOWriteBlock",
          [](int h, SOutputs& o) {
@@ -250,15 +250,13 @@ std::vector<SCall> AllCalls()
         {eCAN, "CANopenGetGUARD", [](int h, SOutputs& o) { return CANopenGetGUARD(h, &o.u8[0], &o.u8[1]); }},
         {eCAN, "CANopenGetUndefined",
          [](int h, SOutputs& o) {
-             return CANopenGetUndefined(h, &o.n[0], &o.u8[0], &o.u8[1], &o.u8[2], o.buf,
-                                        TARVIK_CANOPEN_UNDEFINED_DATA, &o.n[1], &o.n[2]);
+             return CANopenGetUndefined(h, &o.n[0], &o.u8[0], &o.u8[1], &o.u8[2], o.buf, TARVIK_CANOPEN_UNDEFINED_DATA,
+                                        &o.n[1], &o.n[2]);
          }},
         {eCAN, "CANDeviceClose", [](int h, SOutputs&) { return CANDeviceClose(h); }},
         {eAWire, "AWireSetConfig", [](int h, SOutputs&) { return AWireSetConfig(h, 1, 2, 256, 4, "target"); }},
         {eAWire, "AWireGetConfig",
-         [](int h, SOutputs& o) {
-             return AWireGetConfig(h, &o.u32[0], &o.u32[1], &o.u32[2], &o.u32[3], o.buf, 64);
-         }},
+         [](int h, SOutputs& o) { return AWireGetConfig(h, &o.u32[0], &o.u32[1], &o.u32[2], &o.u32[3], o.buf, 64); }},
         {eAWire, "AWireRead", [](int h, SOutputs& o) { return AWireRead(h, 0, o.buf, 16, &o.u16[0]); }},
         {eAWire, "AWireVerify", [](int h, SOutputs&) { return AWireVerify(h, 0, "\x01", 1); }},
         {eAWire, "AWireErase", [](int h, SOutputs&) { return AWireErase(h, 0); }},
@@ -304,11 +302,17 @@ protected:
     void SetUp() override
     {
         m_pCAN = new CTarvikClientCANDll(0, kTimeoutMs);
-        CTarvikClient* clients[] = {new CTarvikClientI2C(kTimeoutMs), new CTarvikClientRenesas(kTimeoutMs),
-                                    new CTarvikClientFirmware(kTimeoutMs), new CTarvikClientTestSystemCOM(kTimeoutMs),
-                                    new CTarvikClientTestSystemIO(kTimeoutMs), new CTarvikClientTestSystemPWR(kTimeoutMs),
-                                    new CTarvikClientTestSystemRelay(kTimeoutMs), new CTarvikClientDIO(kTimeoutMs),
-                                    new CTarvikClientAD(kTimeoutMs), new CTarvikClientSPI(kTimeoutMs), m_pCAN,
+        CTarvikClient* clients[] = {new CTarvikClientI2C(kTimeoutMs),
+                                    new CTarvikClientRenesas(kTimeoutMs),
+                                    new CTarvikClientFirmware(kTimeoutMs),
+                                    new CTarvikClientTestSystemCOM(kTimeoutMs),
+                                    new CTarvikClientTestSystemIO(kTimeoutMs),
+                                    new CTarvikClientTestSystemPWR(kTimeoutMs),
+                                    new CTarvikClientTestSystemRelay(kTimeoutMs),
+                                    new CTarvikClientDIO(kTimeoutMs),
+                                    new CTarvikClientAD(kTimeoutMs),
+                                    new CTarvikClientSPI(kTimeoutMs),
+                                    m_pCAN,
                                     new CTarvikClientAWire(kTimeoutMs)};
         for (CTarvikClient* client : clients)
         {
@@ -392,8 +396,7 @@ TEST_F(CDllFamiliesTest, BadArgumentsAreRefusedBeforeTheClientIsAskedAndNothingI
         {eI2C, "write from null", [&](int h) { return I2CWrite(h, 0xA0, nullptr, 1, nullptr); }},
         {eI2C, "write 65536", [&](int h) { return I2CWrite(h, 0xA0, buf, 0x10000, nullptr); }},
         {eI2C, "sequence null", [&](int h) { return I2CWriteSequence(h, nullptr, 4, buf, 1, nullptr, nullptr); }},
-        {eI2C, "sequence read negative",
-         [&](int h) { return I2CWriteSequence(h, buf, 4, buf, -1, nullptr, nullptr); }},
+        {eI2C, "sequence read negative", [&](int h) { return I2CWriteSequence(h, buf, 4, buf, -1, nullptr, nullptr); }},
         {eI2C, "steps null", [&](int h) { return I2CWriteSequenceSteps(h, nullptr, 1, nullptr); }},
         {eI2C, "step without buffer", [&](int h) { return I2CWriteSequenceSteps(h, &nullStep, 1, nullptr); }},
         {eI2C, "steps negative", [&](int h) { return I2CWriteSequenceSteps(h, &nullStep, -1, nullptr); }},
@@ -438,8 +441,7 @@ TEST_F(CDllFamiliesTest, BadArgumentsAreRefusedBeforeTheClientIsAskedAndNothingI
         {eCAN, "frame negative", [&](int h) { return CANWrite(h, 1, buf, -1, 0, nullptr, nullptr); }},
         {eCAN, "frame from null", [&](int h) { return CANWrite(h, 1, nullptr, 1, 0, nullptr, nullptr); }},
         {eCAN, "cyclic of 256", [&](int h) { return CANSetCyclicMessage(h, 1, 1, 10, 1, buf, 256, 0); }},
-        {eCAN, "queue too large",
-         [&](int h) { return CANSetMaxSizePerQueue(h, TARVIK_CAN_MAX_QUEUE_SIZE + 1ul); }},
+        {eCAN, "queue too large", [&](int h) { return CANSetMaxSizePerQueue(h, TARVIK_CAN_MAX_QUEUE_SIZE + 1ul); }},
         {eDIO, "analog capacity negative", [&](int h) { return DeviceReadAnalog(h, nullptr, values, -1, &count); }},
         {eCAN, "PDO of 256", [&](int h) { return CANopenSendPDO(h, 1, 2, buf, 256); }},
         {eCAN, "SDO block into negative",
@@ -477,8 +479,8 @@ TEST_F(CDllFamiliesTest, BadArgumentsAreRefusedBeforeTheClientIsAskedAndNothingI
     // most the client writes and nothing past it.
     std::string frame(TARVIK_CAN_FRAME_DATA + 1, '\xEE');
     unsigned char len = 0;
-    EXPECT_EQ(0, CANGetMessage(Handle(eCAN), nullptr, &frame[0], TARVIK_CAN_FRAME_DATA, &len, nullptr, nullptr,
-                               nullptr));
+    EXPECT_EQ(0,
+              CANGetMessage(Handle(eCAN), nullptr, &frame[0], TARVIK_CAN_FRAME_DATA, &len, nullptr, nullptr, nullptr));
     EXPECT_EQ(TARVIK_CAN_FRAME_DATA, len);
     EXPECT_EQ(std::string(TARVIK_CAN_FRAME_DATA, 'F') + "\xEE", frame);
     std::string pdo(TARVIK_CANOPEN_PDO_DATA + 1, '\xEE');
@@ -618,12 +620,19 @@ class CDllSimTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        const std::pair<ETarvikDevice, int> devices[] = {
-            {eTarvikI2C, kPortIndex},          {eTarvikRenesas, kPortIndex},        {eTarvikFirmware, kPortIndex},
-            {eTarvikTestSystemCOM, kPortIndex}, {eTarvikTestSystemIO, kPortIndex},  {eTarvikTestSystemPWR, kPortIndex},
-            {eTarvikTestSystemRelay, kPortIndex}, {eTarvikDIO, kPortIndex},         {eTarvikAD, kPortIndex},
-            {eTarvikCAN, kPortIndex},           {eTarvikCAN, kPortIndexB},          {eTarvikAWire, kPortIndex},
-            {eTarvikSPI, 0}};
+        const std::pair<ETarvikDevice, int> devices[] = {{eTarvikI2C, kPortIndex},
+                                                         {eTarvikRenesas, kPortIndex},
+                                                         {eTarvikFirmware, kPortIndex},
+                                                         {eTarvikTestSystemCOM, kPortIndex},
+                                                         {eTarvikTestSystemIO, kPortIndex},
+                                                         {eTarvikTestSystemPWR, kPortIndex},
+                                                         {eTarvikTestSystemRelay, kPortIndex},
+                                                         {eTarvikDIO, kPortIndex},
+                                                         {eTarvikAD, kPortIndex},
+                                                         {eTarvikCAN, kPortIndex},
+                                                         {eTarvikCAN, kPortIndexB},
+                                                         {eTarvikAWire, kPortIndex},
+                                                         {eTarvikSPI, 0}};
         for (int last = 1; last <= 40 && !m_pServer; ++last)
         {
             auto server = std::make_unique<CTarvikSimServer>();
@@ -675,8 +684,9 @@ TEST_F(CDllSimTest, EveryFamilyRoundTripsThroughItsOpenFunction)
                         [&](int h) {
                             const unsigned short type24C04 = TARVIK_EEPROM_TYPE(8, 1, 0);
                             EXPECT_EQ(0, EEPROMWritePollAck(h, 1, 0x1F0, type24C04, "\xCA\xFE\x12\x34", 4, 50));
-                            EXPECT_EQ("CA FE 12 34", ToHex(Device<CTarvikSimDeviceI2C>(eTarvikI2C)->PeekEeprom(
-                                                         CTarvikSimDeviceI2C::eChip24C04, 0x1F0, 4)));
+                            EXPECT_EQ("CA FE 12 34",
+                                      ToHex(Device<CTarvikSimDeviceI2C>(eTarvikI2C)
+                                                ->PeekEeprom(CTarvikSimDeviceI2C::eChip24C04, 0x1F0, 4)));
                             std::string back(6, '\xEE');
                             unsigned short received = 0;
                             EXPECT_EQ(0, EEPROMRead(h, 1, 0x1F0, type24C04, &back[0], 4, &received));
@@ -734,13 +744,14 @@ TEST_F(CDllSimTest, EveryFamilyRoundTripsThroughItsOpenFunction)
              unsigned short words[3] = {0x1234, 0x0001, 0xBEEF}, back[3] = {};
              WithHandle([&](int* h) { return TSPWROpenDevice(h, host, kTimeoutMs, kPortIndex); },
                         [&](int h) { EXPECT_EQ(0, TSPWRSetValue(h, words, 2)); }, TSPWRCloseDevice);
-             WithHandle([&](int* h) { return TSIOOpenDevice(h, host, kTimeoutMs, kPortIndex); },
-                        [&](int h) {
-                            EXPECT_EQ(0, TSIOSetValue(h, words, 3));
-                            EXPECT_EQ(0, TSIOGetValue(h, back, 3));
-                            EXPECT_EQ(HexNumbers({0x1234, 0x0001, 0xBEEF}, 0), HexNumbers({back[0], back[1], back[2]}, 0));
-                        },
-                        TSIOCloseDevice);
+             WithHandle(
+                 [&](int* h) { return TSIOOpenDevice(h, host, kTimeoutMs, kPortIndex); },
+                 [&](int h) {
+                     EXPECT_EQ(0, TSIOSetValue(h, words, 3));
+                     EXPECT_EQ(0, TSIOGetValue(h, back, 3));
+                     EXPECT_EQ(HexNumbers({0x1234, 0x0001, 0xBEEF}, 0), HexNumbers({back[0], back[1], back[2]}, 0));
+                 },
+                 TSIOCloseDevice);
          }},
         {"test system relay and COM",
          [&] {

@@ -36,8 +36,7 @@ protected:
     {
         std::string end = "no end";
         tarvik_test::Eventually(
-            [&]
-            {
+            [&] {
                 FileStep::EFileStep step = FileStep::eNotStarted;
                 unsigned char percent = 0;
                 int result = m_oClient.GetWriteFileStatus(step, percent);
@@ -59,8 +58,8 @@ protected:
         while (out.size() < length)
         {
             char buf[32768];
-            unsigned short want = static_cast<unsigned short>(length - out.size() < sizeof buf ? length - out.size()
-                                                                                                  : sizeof buf);
+            unsigned short want =
+                static_cast<unsigned short>(length - out.size() < sizeof buf ? length - out.size() : sizeof buf);
             unsigned short count = 0;
             if (m_oClient.Read(static_cast<unsigned int>(address + out.size()), want, buf, count) != 0 || count == 0)
                 break;
@@ -127,8 +126,12 @@ TEST_F(CAWireSimTest, TheGatewaysFailuresEndTheFileWrite)
             {"failed second block", [](CDevice& d, CAWire&) { d.InjectBlockFailure(2, 1); }, "-1 100", "\xFF",
              FileFailure::eBlockFailed, 0x8000},
             // Not erased: flash only clears bits, so the read-back differs.
-            {"not erased", [](CDevice&, CAWire& c) { short h; c.WriteBlock(0x8000, 1, "\x0F", h); }, "-1 100",
-             std::string(1, static_cast<char>(data[0x8000] & 0x0F)), FileFailure::eVerifyMismatch, 0x8000},
+            {"not erased",
+             [](CDevice&, CAWire& c) {
+                 short h;
+                 c.WriteBlock(0x8000, 1, "\x0F", h);
+             },
+             "-1 100", std::string(1, static_cast<char>(data[0x8000] & 0x0F)), FileFailure::eVerifyMismatch, 0x8000},
             {"erased", [](CDevice&, CAWire&) {}, "3 100", data.substr(0x8000, 1), FileFailure::eNone, 0},
         };
     for (const auto& c : cases)

@@ -50,7 +50,6 @@ protected:
         out.resize(received);
         return out;
     }
-
 };
 } // namespace
 

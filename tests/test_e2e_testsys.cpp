@@ -29,8 +29,12 @@ class CTestSystemE2E : public tarvik_test::CSimServerFixture
 protected:
     void SetUp() override
     {
-        ASSERT_NO_FATAL_FAILURE(StartSim({{eTarvikTestSystemIO, 0}, {eTarvikTestSystemPWR, 0}, {eTarvikTestSystemCOM, 0},
-                                          {eTarvikTestSystemRelay, 0}, {eTarvikDIO, 0}, {eTarvikAD, 0}}));
+        ASSERT_NO_FATAL_FAILURE(StartSim({{eTarvikTestSystemIO, 0},
+                                          {eTarvikTestSystemPWR, 0},
+                                          {eTarvikTestSystemCOM, 0},
+                                          {eTarvikTestSystemRelay, 0},
+                                          {eTarvikDIO, 0},
+                                          {eTarvikAD, 0}}));
         ASSERT_NE(nullptr, m_pCom = Model<CTarvikSimDeviceTestSystemCOM>(eTarvikTestSystemCOM));
     }
 

@@ -112,12 +112,10 @@ TEST_F(CEngineTest, MalformedBlocksAreDroppedAndTheStreamStaysInStep)
 {
     // A 6-byte block that would be an indication, an empty block, a block too long
     // for a 16-bit size, then the answer.
-    Answer(
-        [](short id)
-        {
-            return Hex("04 00 03 03 00 00") + Hex("00 00") + Hex("FF FF") + std::string(65535, '\x03') +
-                   Cnf(0x0303, id, Frame({0, 0x66}));
-        });
+    Answer([](short id) {
+        return Hex("04 00 03 03 00 00") + Hex("00 00") + Hex("FF FF") + std::string(65535, '\x03') +
+               Cnf(0x0303, id, Frame({0, 0x66}));
+    });
     ASSERT_EQ(0, m_oClient.Transact(0x0303, "", m_pCnf));
     EXPECT_EQ(ToHex(Frame({0, 0x66})), ToHex(m_pCnf->GetData()));
     EXPECT_EQ((std::vector<std::string>{"3 connected", "3 sent 0303 #0 []", "3 received invalid", "3 received invalid",

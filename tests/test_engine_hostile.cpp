@@ -2,8 +2,8 @@
 // under a flood, a disconnect from the connect report, answers nobody asked for,
 // stalled and garbled streams, trace sinks swapped while telegrams arrive.
 #include "support/FakeGateway.h"
-#include "support/Wait.h"
 #include "support/ProbeClient.h"
+#include "support/Wait.h"
 
 #include "tarvik/clients/TarvikClientAD.h"
 #include "tarvik/clients/TarvikClientCAN.h"
@@ -109,8 +109,7 @@ TEST(HostileLifetime, EveryClientClassIsDestroyedSafelyWhileTelegramsArrive)
     // A client connected to a gateway that floods it, destroyed by end() in the middle.
     // Whole writes keep the stream in step, so that the queues fill.
     auto underFlood = [&](CFakeGateway& gateway, size_t accepted, const std::function<void()>& end,
-                          CFlood::EWrite write = CFlood::eCut)
-    {
+                          CFlood::EWrite write = CFlood::eCut) {
         ASSERT_TRUE(gateway.WaitForAccepted(accepted, kWaitMs)) << accepted;
         CFlood running(gateway, flood, write);
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -137,7 +136,8 @@ TEST(HostileLifetime, EveryClientClassIsDestroyedSafelyWhileTelegramsArrive)
             client = std::move(can);
         }
         ASSERT_EQ(0, client->Connect("127.0.0.1", gateway.GetPort()));
-        underFlood(gateway, round + 1, [&] { client.reset(); }, round > 20 ? CFlood::eWhole : CFlood::eCut);
+        underFlood(
+            gateway, round + 1, [&] { client.reset(); }, round > 20 ? CFlood::eWhole : CFlood::eCut);
     }
     // Every class the registry creates, by device type, the DIO and AD classes, and the base class itself.
     for (int type = 0; type <= 17; ++type)
@@ -307,14 +307,12 @@ TEST_F(CHostileTest, AFloodOfUnsolicitedConfirmationsIsCappedAndRequestsStillCom
 // A waiter woken by another id's confirmation looks again and waits out the rest.
 TEST_F(CHostileTest, AWaitWokenByAnotherIdsConfirmationGoesOnWaiting)
 {
-    Answer(
-        [this](short id)
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(30));
-            m_oGateway.Send(Cnf(0x0303, static_cast<short>(id + 100), Frame({0, 1})));
-            std::this_thread::sleep_for(std::chrono::milliseconds(60));
-            return Cnf(0x0303, id, Frame({0, 2}));
-        });
+    Answer([this](short id) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        m_oGateway.Send(Cnf(0x0303, static_cast<short>(id + 100), Frame({0, 1})));
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        return Cnf(0x0303, id, Frame({0, 2}));
+    });
     auto start = CClock::now();
     ASSERT_EQ(0, Transact());
     EXPECT_GE(CClock::now() - start, std::chrono::milliseconds(85));
@@ -358,18 +356,16 @@ TEST_F(CHostileTest, AFrameDribbledByteByByteArrivesOnlyWithinTheTimeOut)
 {
     for (int pauseMs : {2, 10})
     {
-        Answer(
-            [this, pauseMs](short id)
+        Answer([this, pauseMs](short id) {
+            std::string raw = Cnf(0x0303, id, pauseMs == 2 ? Frame({0, 0x11, 0x22}) : std::string(100, '\0'));
+            for (char byte : raw)
             {
-                std::string raw = Cnf(0x0303, id, pauseMs == 2 ? Frame({0, 0x11, 0x22}) : std::string(100, '\0'));
-                for (char byte : raw)
-                {
-                    if (!m_oGateway.Send(std::string(1, byte)))
-                        break;
-                    std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
-                }
-                return std::string();
-            });
+                if (!m_oGateway.Send(std::string(1, byte)))
+                    break;
+                std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+            }
+            return std::string();
+        });
         if (pauseMs == 2)
         {
             ASSERT_EQ(0, Transact());

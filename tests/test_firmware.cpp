@@ -54,8 +54,7 @@ TEST_F(CFirmwareTest, EachCommandSendsItsExactRequest)
     const std::tuple<const char*, std::function<int(CTarvikClientFirmware&)>, unsigned int, std::string> cases[] = {
         {"restart", [](CTarvikClientFirmware& c) { return c.Restart(); }, 0x00E7, ""},
         {"clear flash", [](CTarvikClientFirmware& c) { return c.ClearFlash(); }, 0x00E3, ""},
-        {"read flash", [&](CTarvikClientFirmware& c) { return c.ReadFlash(0x0102, buf, received); }, 0x00E4,
-         "02 01"},
+        {"read flash", [&](CTarvikClientFirmware& c) { return c.ReadFlash(0x0102, buf, received); }, 0x00E4, "02 01"},
         {"eeprom info", [&](CTarvikClientFirmware& c) { return c.GetEEPromInfo(info); }, 0x00E0, ""},
         // The address keeps its low 16 bits, most significant byte first.
         {"eeprom read", [&](CTarvikClientFirmware& c) { return c.ReadEEProm(0x12345, buf, 16, n); }, 0x00E1,
@@ -77,33 +76,28 @@ TEST_F(CFirmwareTest, EachCommandSendsItsExactRequest)
 
 TEST_F(CFirmwareTest, EachCommandWritesItsOutputsByItsOwnRule)
 {
-    auto readFlash = [](CTarvikClientFirmware& c, int& result)
-    {
+    auto readFlash = [](CTarvikClientFirmware& c, int& result) {
         std::string out(2048, '\xEE');
         unsigned long n = 0xBEEF;
         result = c.ReadFlash(1, &out[0], n);
         return std::to_string(n) + " | " + ToHex(out.substr(0, 3)) + " " + ToHex(out.substr(2047));
     };
-    auto info = [](CTarvikClientFirmware& c, int& result)
-    {
+    auto info = [](CTarvikClientFirmware& c, int& result) {
         int value = 0x5555;
         result = c.GetEEPromInfo(value);
         return Hex32(static_cast<unsigned int>(value));
     };
-    auto readEEProm = [](CTarvikClientFirmware& c, int& result)
-    {
+    auto readEEProm = [](CTarvikClientFirmware& c, int& result) {
         std::string out(3, '\xEE');
         unsigned short n = 0xBEEF;
         result = c.ReadEEProm(0, &out[0], 3, n);
         return Hex32(n) + " | " + ToHex(out);
     };
-    auto writeEEProm = [](CTarvikClientFirmware& c, int& result)
-    {
+    auto writeEEProm = [](CTarvikClientFirmware& c, int& result) {
         result = c.WriteEEProm(0, "\x01", 1);
         return std::string();
     };
-    auto restart = [](CTarvikClientFirmware& c, int& result)
-    {
+    auto restart = [](CTarvikClientFirmware& c, int& result) {
         result = c.Restart();
         return std::string();
     };
@@ -136,13 +130,11 @@ TEST_F(CFirmwareTest, EachCommandWritesItsOutputsByItsOwnRule)
 TEST_F(CFirmwareTest, SetInfoStopsAtTheFirstFailingWrite)
 {
     int writes = 0;
-    m_oGateway.SetHandler(
-        [&writes](const std::string& f)
-        {
-            if (FrameCmd(f) == 0x00E1)
-                return Cnf(0x00E1, FrameId(f), Frame({0}) + std::string(256, '\0'));
-            return Cnf(FrameCmd(f), FrameId(f), Frame({++writes == 3 ? 0x21 : 0}));
-        });
+    m_oGateway.SetHandler([&writes](const std::string& f) {
+        if (FrameCmd(f) == 0x00E1)
+            return Cnf(0x00E1, FrameId(f), Frame({0}) + std::string(256, '\0'));
+        return Cnf(FrameCmd(f), FrameId(f), Frame({++writes == 3 ? 0x21 : 0}));
+    });
     SInfo info = {};
     EXPECT_EQ(0x0121, m_pClient->SetInfo(info));
     std::vector<std::string> frames = m_oGateway.GetFrames();

@@ -83,13 +83,15 @@ TEST(Dump, RangesOfTheImage)
         {"one_byte_inside_a_block", 0x50, 0x50, 8, " 67" + std::string(22, ' ') + "g       \n"},
         {"cut_blocks_around_a_hole", 0x5C, 0x72, 16,
          " 73 74 75 76 -- -- -- --  -- -- -- -- -- -- -- -- stuv            \n"
-         " -- -- -- -- 61 66 74     " + blank8 + "    aft         \n"},
+         " -- -- -- -- 61 66 74     " +
+             blank8 + "    aft         \n"},
         {"end_clamped_to_the_highest_address", 0x70, 0x90, 8, " 61 66 74 01 72          aft.r   \n"},
     };
     for (const auto& c : cases)
     {
         const uint64_t lines = (std::min<uint64_t>(c.m_nTo, image.m_nMaxAddr) - c.m_nFrom) / c.m_nBytesPerLine + 1;
-        const uint64_t size = lines * image.GetNumberOfBytesNeedForLine(static_cast<unsigned int>(c.m_nBytesPerLine)) + 1;
+        const uint64_t size =
+            lines * image.GetNumberOfBytesNeedForLine(static_cast<unsigned int>(c.m_nBytesPerLine)) + 1;
         std::string out = Output(size);
         image.GetPrintDump(&out[0], c.m_nBytesPerLine, c.m_nFrom, c.m_nTo);
         EXPECT_EQ(c.m_sText, std::string(out.c_str())) << c.m_pName;

@@ -64,7 +64,8 @@ TEST(Writer, SrecText)
         Blocks m_vecBlocks;
         const char* m_pText;
     } cases[] = {
-        {"records_of_16", {{0xFFF8, Bytes(0, 17)}},
+        {"records_of_16",
+         {{0xFFF8, Bytes(0, 17)}},
          "S113FFF8000102030405060708090A0B0C0D0E0F7D\n"
          "S20501000810E1\n"},
         {"s1_at_ffff", {{0xFFFF, "\x01\x02"}}, "S105FFFF0102F9\n"},

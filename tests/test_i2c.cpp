@@ -81,26 +81,25 @@ TEST(I2CAddressing, EepromTypeWordGivesSlaveAddressOffsetAndAddressBytes)
 {
     // select, offset, type word -> slave address, offset field, address-byte count
     const std::tuple<unsigned short, unsigned int, unsigned short, unsigned int, const char*, int> cases[] = {
-        {0, 0x1FF, 0x0108, 0xA2, "00 00 01 FF", 1},     // 24C04: bit 8 in slave bit 1
-        {3, 0x1FF, 0x0108, 0xAE, "00 00 01 FF", 1},     // chip select above it
-        {5, 0, 0x0010, 0xAA, "00 00 00 00", 2},         // two address bytes, three select pins
-        {5, 0x700, 0x0308, 0xAE, "00 00 07 00", 1},     // 24C16: three bits, no select pins
-        {7, 0x12345, 0x0010, 0xAE, "00 00 23 45", 2},   // offset masked to 16 bits
-        {1, 0x3FF, 0x0208, 0xAE, "00 00 03 FF", 1},     // two bits in slave bits 1-2, select bit 3
-        {3, 0x1FFFF, 0x0510, 0xAE, "00 01 FF FF", 2},   // bit 10: memory bit above the select bits
+        {0, 0x1FF, 0x0108, 0xA2, "00 00 01 FF", 1},   // 24C04: bit 8 in slave bit 1
+        {3, 0x1FF, 0x0108, 0xAE, "00 00 01 FF", 1},   // chip select above it
+        {5, 0, 0x0010, 0xAA, "00 00 00 00", 2},       // two address bytes, three select pins
+        {5, 0x700, 0x0308, 0xAE, "00 00 07 00", 1},   // 24C16: three bits, no select pins
+        {7, 0x12345, 0x0010, 0xAE, "00 00 23 45", 2}, // offset masked to 16 bits
+        {1, 0x3FF, 0x0208, 0xAE, "00 00 03 FF", 1},   // two bits in slave bits 1-2, select bit 3
+        {3, 0x1FFFF, 0x0510, 0xAE, "00 01 FF FF", 2}, // bit 10: memory bit above the select bits
         {0, 0x10000, 0x0510, 0xA8, "00 01 00 00", 2},
         {1, 0x30000, 0x0610, 0xAE, "00 03 00 00", 2},
         {0, 0x10000, 0x0610, 0xA4, "00 01 00 00", 2},
-        {7, 0x80, 0x0007, 0xAE, "00 00 00 00", 1},      // offset bits above the chip are dropped
+        {7, 0x80, 0x0007, 0xAE, "00 00 00 00", 1},       // offset bits above the chip are dropped
         {0, 0xFFFFFFFF, 0x0020, 0xA0, "FF FF FF FF", 2}, // 32 address bits: nothing masked
-        {0, 0x1FFFF, 0x0111, 0xA2, "00 01 FF FF", 2},   // width above 16 capped in the slave address only
+        {0, 0x1FFFF, 0x0111, 0xA2, "00 01 FF FF", 2},    // width above 16 capped in the slave address only
     };
     for (const auto& c : cases)
     {
         unsigned short select = std::get<0>(c), type = std::get<2>(c);
         unsigned int offset = std::get<1>(c);
-        SCOPED_TRACE(testing::Message() << "select " << select << " offset " << std::hex << offset << " type "
-                                        << type);
+        SCOPED_TRACE(testing::Message() << "select " << select << " offset " << std::hex << offset << " type " << type);
         EXPECT_EQ(std::get<3>(c), CTarvikClientI2C::GetEEPROMSlaveAddress(select, offset, type));
         EXPECT_EQ(std::get<4>(c), ToHex(CTarvikClientI2C::ToOffset(offset, type)));
         EXPECT_EQ(std::get<5>(c), CTarvikClientI2C::GetAddressByteCount(type));
@@ -113,56 +112,49 @@ TEST(I2CAddressing, EepromTypeWordGivesSlaveAddressOffsetAndAddressBytes)
         const unsigned short type = static_cast<unsigned short>(0x0100 | width);
         EXPECT_EQ(0xA6u, CTarvikClientI2C::GetEEPROMSlaveAddress(1, 0xFFFFFFFF, type)) << width;
         EXPECT_EQ(ToHex(Frame({0, 0, int(kept >> 8), int(kept & 0xFF)})),
-                  ToHex(CTarvikClientI2C::ToOffset(0xFFFFFFFF, type))) << width;
+                  ToHex(CTarvikClientI2C::ToOffset(0xFFFFFFFF, type)))
+            << width;
         EXPECT_EQ(2, CTarvikClientI2C::GetAddressByteCount(type)) << width;
     }
 }
 
 TEST_F(CI2CTest, EachCommandWritesItsOutputsByItsOwnRule)
 {
-    auto read = [](unsigned short len) -> TCall
-    {
-        return [len](CTarvikClientI2C& c, int& result)
-        {
+    auto read = [](unsigned short len) -> TCall {
+        return [len](CTarvikClientI2C& c, int& result) {
             std::string out(4, '\xEE');
             unsigned short n = kU16;
             result = c.Read(0xA1, &out[0], len, n);
             return Word(n) + " | " + ToHex(out);
         };
     };
-    auto eeprom = [](unsigned short len) -> TCall
-    {
-        return [len](CTarvikClientI2C& c, int& result)
-        {
+    auto eeprom = [](unsigned short len) -> TCall {
+        return [len](CTarvikClientI2C& c, int& result) {
             std::string out(4, '\xEE');
             unsigned short n = kU16;
             result = c.ReadEEProm(0, 0, 8, &out[0], len, n);
             return Word(n) + " | " + ToHex(out);
         };
     };
-    const TCall write = [](CTarvikClientI2C& c, int& result)
-    {
+    const TCall write = [](CTarvikClientI2C& c, int& result) {
         unsigned short pos = kU16;
         result = c.Write(0xA0, "\x01", 1, pos);
         return Word(pos);
     };
-    const TCall sequence = [](CTarvikClientI2C& c, int& result)
-    {
+    const TCall sequence = [](CTarvikClientI2C& c, int& result) {
         std::string out(4, '\xEE');
         unsigned short n = kU16, pos = kU16;
         result = c.WriteSequence("\xA1\x00\x02\x00", 4, &out[0], 2, n, pos);
         return Word(n) + " " + Word(pos) + " | " + ToHex(out);
     };
-    const TCall rate = [](CTarvikClientI2C& c, int& result)
-    {
+    const TCall rate = [](CTarvikClientI2C& c, int& result) {
         unsigned int value = 0xDEADBEEF;
         result = c.GetBaudrate(value);
         char text[40];
         std::snprintf(text, sizeof(text), "%X %u", value, c.GetCurrentBaudrate());
         return std::string(text);
     };
-    const TCall rawGet = [](CTarvikClientI2C& c, int& result)
-    {
+    const TCall rawGet = [](CTarvikClientI2C& c, int& result) {
         unsigned char byte = 0xEE;
         result = c.RAWGet(0, byte);
         return Word(byte);
@@ -209,8 +201,7 @@ TEST_F(CI2CTest, CommandSequenceGivesEveryReadStepTheFirstBytesRead)
 {
     std::string first(3, '\xEE'), second(3, '\xEE');
     char data[] = {0x00, 0x10};
-    CTarvikClientI2C::I2CCommand steps[] = {
-        {0xA0, 2, data}, {0xA1, 3, &first[0]}, {0xA1, 3, &second[0]}};
+    CTarvikClientI2C::I2CCommand steps[] = {{0xA0, 2, data}, {0xA1, 3, &first[0]}, {0xA1, 3, &second[0]}};
     AnswerWith(Frame({0, 3, 0, 1, 2, 3, 4}));
     unsigned short pos = kU16;
     EXPECT_EQ(0, m_pClient->WriteSequence(steps, 3, pos));

@@ -104,7 +104,7 @@ TEST(TarvikPayload, WordsAtAnOffsetAreLittleEndianAndZeroWhenCutShort)
         unsigned int m_nU32;
     };
     const SRow rows[] = {
-        {0, 0x2211, 0x44332211u}, {1, 0x3322, 0x55443322u}, {2, 0x4433, 0}, {3, 0x5544, 0}, {4, 0, 0}, {5, 0, 0},
+        {0, 0x2211, 0x44332211u},        {1, 0x3322, 0x55443322u}, {2, 0x4433, 0}, {3, 0x5544, 0}, {4, 0, 0}, {5, 0, 0},
         {static_cast<size_t>(-1), 0, 0},
     };
     for (const SRow& row : rows)

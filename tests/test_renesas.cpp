@@ -59,8 +59,7 @@ TEST_F(CRenesasTest, EachCommandSendsItsExactRequest)
         {[](CTarvikClientRenesas& c) { return c.EraseAll(); }, "05 00 24 09 02 00 2F"},
         {[&](CTarvikClientRenesas& c) { return c.GetVersion(buf, 8); }, "05 00 26 09 02 00 2D"},
         {[](CTarvikClientRenesas& c) { return c.Complete(); }, "05 00 27 09 02 00 2C"},
-        {[&](CTarvikClientRenesas& c) { return c.VerifyCheck(0x10, 0x1F, word); },
-         "09 00 28 09 02 00 10 00 1F 00 2C"},
+        {[&](CTarvikClientRenesas& c) { return c.VerifyCheck(0x10, 0x1F, word); }, "09 00 28 09 02 00 10 00 1F 00 2C"},
         {[](CTarvikClientRenesas& c) { return c.BlockErase(0x010F); }, "07 00 29 09 02 00 0F 01 2C"},
         {[&](CTarvikClientRenesas& c) { return c.ReadDigital(u, u); }, "05 00 40 09 02 00 4B"},
         {[](CTarvikClientRenesas& c) { return c.WriteDigital(0x12345678); }, "09 00 41 09 02 00 78 56 34 12 42"},
@@ -91,14 +90,8 @@ TEST_F(CRenesasTest, WritePageSendsOneWholeZeroPaddedPage)
 TEST_F(CRenesasTest, DeviceBytesBecomeTheClientsResultCodes)
 {
     const std::pair<TAnswer, int> cases[] = {
-        {Frame({0}), 0},
-        {Frame({0x20}), 0x0920},
-        {Frame({0x21}), 0x0921},
-        {Frame({0x22, 0x55}), 0x0922},
-        {Frame({0x23}), 0x0923},
-        {Frame({0x07}), 0x0907},
-        {std::string(), 0x0C0900},
-        {kSilence, TARVIK_ERR_TIMEOUT},
+        {Frame({0}), 0},         {Frame({0x20}), 0x0920}, {Frame({0x21}), 0x0921},   {Frame({0x22, 0x55}), 0x0922},
+        {Frame({0x23}), 0x0923}, {Frame({0x07}), 0x0907}, {std::string(), 0x0C0900}, {kSilence, TARVIK_ERR_TIMEOUT},
     };
     for (const auto& c : cases)
     {
@@ -112,27 +105,22 @@ TEST_F(CRenesasTest, DeviceBytesBecomeTheClientsResultCodes)
 TEST_F(CRenesasTest, EachReadWritesItsOutputsByItsOwnRule)
 {
     // received | the 6-byte buffer, of which the client may fill len
-    auto readPage = [](unsigned short len) -> TCall
-    {
-        return [len](CTarvikClientRenesas& c, int& result)
-        {
+    auto readPage = [](unsigned short len) -> TCall {
+        return [len](CTarvikClientRenesas& c, int& result) {
             std::string out(6, kUByte);
             unsigned short received = kUWord;
             result = c.ReadPage(1, &out[0], len, received);
             return std::to_string(received) + " | " + ToHex(out);
         };
     };
-    auto version = [](unsigned char len) -> TCall
-    {
-        return [len](CTarvikClientRenesas& c, int& result)
-        {
+    auto version = [](unsigned char len) -> TCall {
+        return [len](CTarvikClientRenesas& c, int& result) {
             std::string out(6, kUByte);
             result = c.GetVersion(&out[0], len);
             return ToHex(out);
         };
     };
-    const TCall checksum = [](CTarvikClientRenesas& c, int& result)
-    {
+    const TCall checksum = [](CTarvikClientRenesas& c, int& result) {
         unsigned short sum = kUWord;
         result = c.VerifyCheck(0, 3, sum);
         return std::to_string(sum);
@@ -170,14 +158,15 @@ TEST_F(CRenesasTest, EachReadWritesItsOutputsByItsOwnRule)
 TEST_F(CRenesasTest, AnswersThatAreNotTheConfirmationLeaveTheOutputsAlone)
 {
     const std::pair<std::function<std::string(const std::string&)>, int> cases[] = {
-        {[](const std::string& f)
-         {
+        {[](const std::string& f) {
              std::string t = Cnf(FrameCmd(f), FrameId(f), Frame({0, 1, 2, 3}));
              t.back() = static_cast<char>(~t.back());
              return t;
          },
          TARVIK_ERR_CRC},
-        {[](const std::string& f) { return Cnf(FrameCmd(f) + 1, FrameId(f), Frame({0, 1, 2, 3})); },
+        {[](const std::string& f) {
+             return Cnf(FrameCmd(f) + 1, FrameId(f), Frame({0, 1, 2, 3}));
+         },
          TARVIK_ERR_NOT_CONFIRMED},
     };
     for (const auto& c : cases)

@@ -19,8 +19,8 @@
 
 #include <arpa/inet.h>
 #include <csignal>
-#include <pthread.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -181,7 +181,7 @@ TEST(MolIPConnection, ASendCutShortGoesOnWhereItStopped)
     ASSERT_EQ(0, getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &addrLen));
     CRecordingConnection connection;
     ASSERT_EQ(CMolIPBase::eResultSuccess, connection.ConnectReq("127.0.0.1", ntohs(addr.sin_port), 2000, 3,
-                                                               CMolIPBase::eProtocolTarvik, std::string(), true));
+                                                                CMolIPBase::eProtocolTarvik, std::string(), true));
     int peer = accept(listener, nullptr, nullptr);
     ASSERT_GE(peer, 0);
     // Far more than the socket buffers hold.
@@ -190,12 +190,10 @@ TEST(MolIPConnection, ASendCutShortGoesOnWhereItStopped)
         sent[i] = static_cast<char>(i ^ (i >> 8) ^ (i >> 16));
     std::atomic<long> tid{0};
     int result = -1;
-    std::thread sender(
-        [&]
-        {
-            tid = syscall(SYS_gettid);
-            result = connection.DataReqLong(sent.data(), sent.size(), 30000);
-        });
+    std::thread sender([&] {
+        tid = syscall(SYS_gettid);
+        result = connection.DataReqLong(sent.data(), sent.size(), 30000);
+    });
     EXPECT_TRUE(Eventually([&] { return tid.load() != 0 && IsAsleep(tid.load()); }));
     pthread_kill(sender.native_handle(), SIGUSR1);
     std::string got;
@@ -235,12 +233,10 @@ TEST_F(CConnectionTest, SendingWhileThePeerClosesNeverRaisesSigpipe)
 {
     // Sends race the close: some reach a socket whose peer is gone. With SIGPIPE at
     // its default action a single unguarded send would end the program.
-    std::thread closer(
-        [this]
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            m_oGateway.CloseClients();
-        });
+    std::thread closer([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        m_oGateway.CloseClients();
+    });
     const std::string frame = Hex("C6 00") + std::string(198, '\0');
     int result = CMolIPBase::eResultSuccess;
     auto start = std::chrono::steady_clock::now();
@@ -257,8 +253,7 @@ TEST(MolEvent, OneSignalWakesEveryWaiter)
     CMolEvent event;
     std::atomic<int> woken{0};
     std::atomic<long> tids[2] = {{0}, {0}};
-    auto waiter = [&](int i)
-    {
+    auto waiter = [&](int i) {
         tids[i] = ::syscall(SYS_gettid);
         if (event.Wait(kWaitMs))
             ++woken;

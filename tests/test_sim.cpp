@@ -191,19 +191,17 @@ TEST_F(Sim, SeveralClientsAtOnceEachGetTheirOwnAnswers)
     std::vector<int> failures(kClients, 0);
     std::vector<std::thread> threads;
     for (int c = 0; c < kClients; ++c)
-        threads.emplace_back(
-            [this, c, &failures]
+        threads.emplace_back([this, c, &failures] {
+            CTarvikSimRawClient client;
+            failures[c] = Connect(client) ? 0 : kRounds;
+            std::string expected = Hex("00 FF FF FF") + std::string(8, static_cast<char>(0xC0 + c));
+            for (int i = 0; i < kRounds && failures[c] == 0; ++i)
             {
-                CTarvikSimRawClient client;
-                failures[c] = Connect(client) ? 0 : kRounds;
-                std::string expected = Hex("00 FF FF FF") + std::string(8, static_cast<char>(0xC0 + c));
-                for (int i = 0; i < kRounds && failures[c] == 0; ++i)
-                {
-                    int id = c * 1000 + i;
-                    if (client.Transact(Telegram(kDataReq, id, Read(0x100 * c, 8))) != Cnf(kDataReq, id, expected))
-                        ++failures[c];
-                }
-            });
+                int id = c * 1000 + i;
+                if (client.Transact(Telegram(kDataReq, id, Read(0x100 * c, 8))) != Cnf(kDataReq, id, expected))
+                    ++failures[c];
+            }
+        });
     for (auto& thread : threads)
         thread.join();
     for (int c = 0; c < kClients; ++c)

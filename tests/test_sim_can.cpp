@@ -194,8 +194,7 @@ TEST_F(SimCan, TheFilterLetsOnlyMatchingFramesThrough)
 
 TEST_F(SimCan, CyclicMessagesRepeatUntilDisabled)
 {
-    auto count = [this]
-    {
+    auto count = [this] {
         size_t n = 0;
         for (const STarvikSimCanFrame& frame : m_pBus->GetLog())
             n += frame.m_nId == 0x321;
@@ -342,12 +341,15 @@ TEST_F(SimCan, StreamedFramesArriveInOrder)
     std::vector<unsigned long> connections = m_apGateway[1]->GetConnections();
     ASSERT_EQ(1u, connections.size());
     constexpr size_t kCount = 20000;
-    std::thread streamer([&] { m_apGateway[1]->StreamFrames(connections[0], {0x55, 0, std::string(8, '\0'), 0, {}}, kCount); });
+    std::thread streamer([&] {
+        m_apGateway[1]->StreamFrames(connections[0], {0x55, 0, std::string(8, '\0'), 0, {}}, kCount);
+    });
     size_t inOrder = 0;
     for (size_t i = 0; i < kCount; ++i)
     {
         std::string frame = m_oB.m_oRaw.ReceiveFrame(kWaitMs);
-        inOrder += FrameData(frame) == Hex("55 00 00 00 00") + LE32(static_cast<unsigned int>(i)) + std::string(4, '\0');
+        inOrder +=
+            FrameData(frame) == Hex("55 00 00 00 00") + LE32(static_cast<unsigned int>(i)) + std::string(4, '\0');
     }
     streamer.join();
     EXPECT_EQ(kCount, inOrder);

@@ -267,17 +267,15 @@ TEST_F(CSimFaultTest, FaultsChangedWhileRequestsRunGiveOnlyTheirOwnResults)
 {
     auto client = Connected();
     std::atomic<bool> done{false};
-    std::thread changer(
-        [&]
+    std::thread changer([&] {
+        const ETarvikSimFault faults[] = {eTarvikSimFaultBadCRC, eTarvikSimFaultWrongCmd, eTarvikSimFaultNone};
+        for (unsigned int i = 0; !done; ++i)
         {
-            const ETarvikSimFault faults[] = {eTarvikSimFaultBadCRC, eTarvikSimFaultWrongCmd, eTarvikSimFaultNone};
-            for (unsigned int i = 0; !done; ++i)
-            {
-                m_oServer.SetFault(faults[i % 3]);
-                m_oServer.SetAnswerDelay(i % 2, i % 3);
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        });
+            m_oServer.SetFault(faults[i % 3]);
+            m_oServer.SetAnswerDelay(i % 2, i % 3);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
     const int allowed[] = {kOk, TARVIK_ERR_CRC, TARVIK_ERR_NOT_CONFIRMED};
     for (int i = 0; i < 300; ++i)
     {
@@ -337,26 +335,43 @@ template <class TClient> std::function<int(CTarvikClient&)> Op(std::function<int
 const std::vector<SFamily>& Families()
 {
     static const std::vector<SFamily> families = {
-        {"dio", eTarvikDIO, Make<CTarvikClientDIO>(),
-         Op<CTarvikClientDIO>([](CTarvikClientDIO& c) { unsigned int i = 0, o = 0; return c.Read(i, o); })},
-        {"ad", eTarvikAD, Make<CTarvikClientAD>(),
-         Op<CTarvikClientAD>([](CTarvikClientAD& c) { std::vector<unsigned int> v; return c.Read(v); })},
+        {"dio", eTarvikDIO, Make<CTarvikClientDIO>(), Op<CTarvikClientDIO>([](CTarvikClientDIO& c) {
+             unsigned int i = 0, o = 0;
+             return c.Read(i, o);
+         })},
+        {"ad", eTarvikAD, Make<CTarvikClientAD>(), Op<CTarvikClientAD>([](CTarvikClientAD& c) {
+             std::vector<unsigned int> v;
+             return c.Read(v);
+         })},
         {"tscom", eTarvikTestSystemCOM, Make<CTarvikClientTestSystemCOM>(),
-         Op<CTarvikClientTestSystemCOM>([](CTarvikClientTestSystemCOM& c) { std::string n; return c.GetConfig(n); })},
+         Op<CTarvikClientTestSystemCOM>([](CTarvikClientTestSystemCOM& c) {
+             std::string n;
+             return c.GetConfig(n);
+         })},
         {"tsio", eTarvikTestSystemIO, Make<CTarvikClientTestSystemIO>(),
-         Op<CTarvikClientTestSystemIO>([](CTarvikClientTestSystemIO& c) { unsigned short w[4] = {}; return c.GetValue(w, 2); })},
+         Op<CTarvikClientTestSystemIO>([](CTarvikClientTestSystemIO& c) {
+             unsigned short w[4] = {};
+             return c.GetValue(w, 2);
+         })},
         {"tspwr", eTarvikTestSystemPWR, Make<CTarvikClientTestSystemPWR>(),
-         Op<CTarvikClientTestSystemPWR>([](CTarvikClientTestSystemPWR& c) { unsigned short w[4] = {}; return c.GetValue(w, 2); })},
+         Op<CTarvikClientTestSystemPWR>([](CTarvikClientTestSystemPWR& c) {
+             unsigned short w[4] = {};
+             return c.GetValue(w, 2);
+         })},
         {"tsrelay", eTarvikTestSystemRelay, Make<CTarvikClientTestSystemRelay>(),
          Op<CTarvikClientTestSystemRelay>([](CTarvikClientTestSystemRelay& c) { return c.SetRelay(1, true); })},
         {"renesas", eTarvikRenesas, Make<CTarvikClientRenesas>(),
          Op<CTarvikClientRenesas>([](CTarvikClientRenesas& c) { return c.Init(); })},
-        {"i2c", eTarvikI2C, Make<CTarvikClientI2C>(),
-         Op<CTarvikClientI2C>([](CTarvikClientI2C& c) { unsigned int r = 0; return c.GetBaudrate(r); })},
-        {"awire", eTarvikAWire, Make<CTarvikClientAWire>(),
-         Op<CTarvikClientAWire>([](CTarvikClientAWire& c) { unsigned int v = 0; std::string s; return c.GetConfig(v, v, v, v, s); })},
-        {"can", eTarvikCAN, Make<CTarvikClientCAN>(),
-         Op<CTarvikClientCAN>([](CTarvikClientCAN& c) {
+        {"i2c", eTarvikI2C, Make<CTarvikClientI2C>(), Op<CTarvikClientI2C>([](CTarvikClientI2C& c) {
+             unsigned int r = 0;
+             return c.GetBaudrate(r);
+         })},
+        {"awire", eTarvikAWire, Make<CTarvikClientAWire>(), Op<CTarvikClientAWire>([](CTarvikClientAWire& c) {
+             unsigned int v = 0;
+             std::string s;
+             return c.GetConfig(v, v, v, v, s);
+         })},
+        {"can", eTarvikCAN, Make<CTarvikClientCAN>(), Op<CTarvikClientCAN>([](CTarvikClientCAN& c) {
              unsigned int rate = 0, option = 0;
              unsigned char setting = 0xEE;
              bool f1 = true, f2 = true, f3 = true, o1 = true, o2 = true;
@@ -365,7 +380,10 @@ const std::vector<SFamily>& Families()
              return rc != 0 || (rate == 500000 && setting == 0 && !f1 && !o2) ? rc : -1;
          })},
         {"firmware", eTarvikFirmware, Make<CTarvikClientFirmware>(),
-         Op<CTarvikClientFirmware>([](CTarvikClientFirmware& c) { int n = 0; return c.GetEEPromInfo(n); })},
+         Op<CTarvikClientFirmware>([](CTarvikClientFirmware& c) {
+             int n = 0;
+             return c.GetEEPromInfo(n);
+         })},
     };
     return families;
 }
@@ -408,6 +426,7 @@ TEST_P(SimFaultFamilies, EveryDeviceFamilyMeetsTheFaultsAlike)
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, SimFaultFamilies, ::testing::Range<size_t>(0, Families().size()),
-                         [](const ::testing::TestParamInfo<size_t>& info)
-                         { return std::string(Families()[info.param].m_pName); });
+                         [](const ::testing::TestParamInfo<size_t>& info) {
+                             return std::string(Families()[info.param].m_pName);
+                         });
 } // namespace

@@ -125,14 +125,12 @@ TEST_F(SimUnasked, AStreamGoesAtTheReadersPaceAndAnswersStayWhole)
     // 20 MB: five times what the outbox holds.
     constexpr int kCount = 20000;
     const std::string payload(1000, 'p');
-    std::thread streamer(
-        [&]
-        {
-            for (int i = 0; i < kCount; ++i)
-                if (!m_oDevice.IndicateToWait(connection,
-                                              CTarvikMsg(kIndication, static_cast<short>(i), std::string(payload))))
-                    return;
-        });
+    std::thread streamer([&] {
+        for (int i = 0; i < kCount; ++i)
+            if (!m_oDevice.IndicateToWait(connection,
+                                          CTarvikMsg(kIndication, static_cast<short>(i), std::string(payload))))
+                return;
+    });
     // The reader starts late: the box fills, and the streamer waits instead of dropping.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     CFrameReader reader(m_nPeer);
@@ -165,14 +163,12 @@ TEST_F(SimUnasked, PostsToAnEndedConnectionFailAndDoNotWait)
     unsigned long connection = m_pConnection->GetId();
     std::atomic<bool> stopped{false};
     // Nobody reads: the streamer fills the box and waits for room...
-    std::thread streamer(
-        [&]
+    std::thread streamer([&] {
+        while (m_oDevice.IndicateToWait(connection, CTarvikMsg(kIndication, 1, std::string(1000, 'x'))))
         {
-            while (m_oDevice.IndicateToWait(connection, CTarvikMsg(kIndication, 1, std::string(1000, 'x'))))
-            {
-            }
-            stopped = true;
-        });
+        }
+        stopped = true;
+    });
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     // ...until the peer goes away.
     ::close(m_nPeer);

@@ -99,19 +99,17 @@ protected:
     void UnitWanting(size_t want, int last, const std::string& other = Frame({0}))
     {
         auto received = std::make_shared<size_t>(0);
-        m_oGateway.SetHandler(
-            [=](const std::string& f)
-            {
-                std::string data = FrameData(f);
-                unsigned int cmd = FrameCmd(f);
-                if (cmd == 0x0DD3)
-                    *received = data.size() - 9 - static_cast<unsigned char>(data[8]);
-                else if (cmd == 0x0DD4)
-                    *received += data.size();
-                else
-                    return Cnf(cmd, FrameId(f), other);
-                return Cnf(cmd, FrameId(f), Frame({*received < want ? 0x21 : last}));
-            });
+        m_oGateway.SetHandler([=](const std::string& f) {
+            std::string data = FrameData(f);
+            unsigned int cmd = FrameCmd(f);
+            if (cmd == 0x0DD3)
+                *received = data.size() - 9 - static_cast<unsigned char>(data[8]);
+            else if (cmd == 0x0DD4)
+                *received += data.size();
+            else
+                return Cnf(cmd, FrameId(f), other);
+            return Cnf(cmd, FrameId(f), Frame({*received < want ? 0x21 : last}));
+        });
     }
 
     std::vector<std::string> Frames(size_t count)
@@ -158,8 +156,12 @@ TEST(TestSystemCRC, KnownVectorsAndFilesAcrossReadBlocks)
 TEST(TestSystemCRC, FileNameIsThePartAfterTheLastSeparator)
 {
     const std::pair<std::string, std::string> cases[] = {
-        {"C:\\cfg\\a.cfg", "a.cfg"}, {"/tmp/a.cfg", "a.cfg"}, {"a.cfg", "a.cfg"},
-        {"/tmp\\mixed/b.cfg", "b.cfg"}, {"dir/", ""}, {"", ""},
+        {"C:\\cfg\\a.cfg", "a.cfg"},
+        {"/tmp/a.cfg", "a.cfg"},
+        {"a.cfg", "a.cfg"},
+        {"/tmp\\mixed/b.cfg", "b.cfg"},
+        {"dir/", ""},
+        {"", ""},
     };
     for (const auto& c : cases)
         EXPECT_EQ(c.second, CTarvikClientTestSystemCOM::GetFileName(c.first)) << c.first;
@@ -174,12 +176,24 @@ TEST_F(CTestSystemTest, EachCommandSendsItsExactRequest)
     bool b = false;
     std::string s;
     std::vector<unsigned int> v;
-    auto io = [this](std::function<int(CTarvikClientTestSystemIO&)> f) { return [this, f] { return f(*Make<CTarvikClientTestSystemIO>()); }; };
-    auto pwr = [this](std::function<int(CTarvikClientTestSystemPWR&)> f) { return [this, f] { return f(*Make<CTarvikClientTestSystemPWR>()); }; };
-    auto relay = [this](std::function<int(CTarvikClientTestSystemRelay&)> f) { return [this, f] { return f(*Make<CTarvikClientTestSystemRelay>()); }; };
-    auto com = [this](std::function<int(CTarvikClientTestSystemCOM&)> f) { return [this, f] { return f(*Make<CTarvikClientTestSystemCOM>()); }; };
-    auto dio = [this](std::function<int(CTarvikClientDIO&)> f) { return [this, f] { return f(*Make<CTarvikClientDIO>()); }; };
-    auto ad = [this](std::function<int(CTarvikClientAD&)> f) { return [this, f] { return f(*Make<CTarvikClientAD>()); }; };
+    auto io = [this](std::function<int(CTarvikClientTestSystemIO&)> f) {
+        return [this, f] { return f(*Make<CTarvikClientTestSystemIO>()); };
+    };
+    auto pwr = [this](std::function<int(CTarvikClientTestSystemPWR&)> f) {
+        return [this, f] { return f(*Make<CTarvikClientTestSystemPWR>()); };
+    };
+    auto relay = [this](std::function<int(CTarvikClientTestSystemRelay&)> f) {
+        return [this, f] { return f(*Make<CTarvikClientTestSystemRelay>()); };
+    };
+    auto com = [this](std::function<int(CTarvikClientTestSystemCOM&)> f) {
+        return [this, f] { return f(*Make<CTarvikClientTestSystemCOM>()); };
+    };
+    auto dio = [this](std::function<int(CTarvikClientDIO&)> f) {
+        return [this, f] { return f(*Make<CTarvikClientDIO>()); };
+    };
+    auto ad = [this](std::function<int(CTarvikClientAD&)> f) {
+        return [this, f] { return f(*Make<CTarvikClientAD>()); };
+    };
     const std::pair<std::function<int()>, std::string> cases[] = {
         {com([](auto& c) { return c.SetConfig("ab"); }), "08 00 05 0D 02 00 02 61 62 0B"},
         {com([&](auto& c) { return c.GetConfig(s); }), "05 00 06 0D 02 00 09"},
@@ -200,7 +214,11 @@ TEST_F(CTestSystemTest, EachCommandSendsItsExactRequest)
         {dio([&](auto& c) { return c.Read(u, u); }), "05 00 40 05 02 00 47"},
         {dio([](auto& c) { return c.Write(0x12345678); }), "09 00 41 05 02 00 78 56 34 12 4E"},
         {ad([&](auto& c) { return c.ReadDigital(u, u); }), "05 00 40 07 02 00 45"},
-        {ad([&](auto& c) { unsigned int a = 0; return c.ReadDigitalInput(a, a, a); }), "05 00 40 07 02 00 45"},
+        {ad([&](auto& c) {
+             unsigned int a = 0;
+             return c.ReadDigitalInput(a, a, a);
+         }),
+         "05 00 40 07 02 00 45"},
         {ad([](auto& c) { return c.WriteDigital(0x12345678); }), "09 00 41 07 02 00 78 56 34 12 4C"},
         {ad([&](auto& c) { return c.Read(v); }), "05 00 30 07 02 00 35"},
     };
@@ -220,10 +238,26 @@ TEST_F(CTestSystemTest, ValueWordsAreReadAlikeOnEveryUnit)
     // Each get of the three units, with its command code and device type.
     typedef std::function<int(CTestSystemTest&, unsigned short*, unsigned char)> TGet;
     const std::tuple<const char*, TGet, int> gets[] = {
-        {"IO value", [](CTestSystemTest& t, unsigned short* w, unsigned char n) { return t.Make<CTarvikClientTestSystemIO>()->GetValue(w, n); }, 0x0B},
-        {"IO power", [](CTestSystemTest& t, unsigned short* w, unsigned char n) { return t.Make<CTarvikClientTestSystemIO>()->GetPower(w, n); }, 0x0B},
-        {"PWR value", [](CTestSystemTest& t, unsigned short* w, unsigned char n) { return t.Make<CTarvikClientTestSystemPWR>()->GetValue(w, n); }, 0x0C},
-        {"relay power", [](CTestSystemTest& t, unsigned short* w, unsigned char n) { return t.Make<CTarvikClientTestSystemRelay>()->GetPower(w, n); }, 0x11},
+        {"IO value",
+         [](CTestSystemTest& t, unsigned short* w, unsigned char n) {
+             return t.Make<CTarvikClientTestSystemIO>()->GetValue(w, n);
+         },
+         0x0B},
+        {"IO power",
+         [](CTestSystemTest& t, unsigned short* w, unsigned char n) {
+             return t.Make<CTarvikClientTestSystemIO>()->GetPower(w, n);
+         },
+         0x0B},
+        {"PWR value",
+         [](CTestSystemTest& t, unsigned short* w, unsigned char n) {
+             return t.Make<CTarvikClientTestSystemPWR>()->GetValue(w, n);
+         },
+         0x0C},
+        {"relay power",
+         [](CTestSystemTest& t, unsigned short* w, unsigned char n) {
+             return t.Make<CTarvikClientTestSystemRelay>()->GetPower(w, n);
+         },
+         0x11},
     };
     // answer | words asked | device byte of the result (-1: the code given) | words after
     const std::tuple<TAnswer, unsigned char, int, std::string> cases[] = {
@@ -248,10 +282,13 @@ TEST_F(CTestSystemTest, ValueWordsAreReadAlikeOnEveryUnit)
             if (expected != 0 && expected != TARVIK_ERR_TIMEOUT)
                 expected |= std::get<2>(g) << 8;
             EXPECT_EQ(expected, result) << std::get<0>(g) << " " << ToHex(std::get<0>(c).value_or("none"));
-            EXPECT_EQ(std::get<3>(c), Words(words, 3)) << std::get<0>(g) << " " << ToHex(std::get<0>(c).value_or("none"));
+            EXPECT_EQ(std::get<3>(c), Words(words, 3))
+                << std::get<0>(g) << " " << ToHex(std::get<0>(c).value_or("none"));
         }
     // A confirmation with a bad check byte arrived, but is not the unit's answer.
-    m_oGateway.SetHandler([](const std::string& f) { return TelegramWithCheck(FrameCmd(f) | 0x8000, FrameId(f), Frame({0, 1, 0}), 0); });
+    m_oGateway.SetHandler([](const std::string& f) {
+        return TelegramWithCheck(FrameCmd(f) | 0x8000, FrameId(f), Frame({0, 1, 0}), 0);
+    });
     unsigned short words[1] = {kUWord};
     EXPECT_EQ(TARVIK_ERR_CRC, Make<CTarvikClientTestSystemIO>()->GetValue(words, 1));
     EXPECT_EQ("-", Words(words, 1));
@@ -260,27 +297,23 @@ TEST_F(CTestSystemTest, ValueWordsAreReadAlikeOnEveryUnit)
 TEST_F(CTestSystemTest, EachDecodeWritesItsOutputsByItsOwnRule)
 {
     typedef std::function<std::string(CTestSystemTest&, int&)> TCall;
-    const TCall button = [](CTestSystemTest& t, int& result)
-    {
+    const TCall button = [](CTestSystemTest& t, int& result) {
         bool pressed = true;
         result = t.Make<CTarvikClientTestSystemRelay>()->GetButton(1, pressed);
         return std::string(pressed ? "pressed" : "released");
     };
-    const TCall available = [](CTestSystemTest& t, int& result)
-    {
+    const TCall available = [](CTestSystemTest& t, int& result) {
         bool there = false;
         unsigned int crc = kU;
         result = t.Make<CTarvikClientTestSystemCOM>()->IsConfigAvailable("a", there, crc);
         return std::string(there ? "yes " : "no ") + Nums({crc});
     };
-    const TCall config = [](CTestSystemTest& t, int& result)
-    {
+    const TCall config = [](CTestSystemTest& t, int& result) {
         std::string name = "old";
         result = t.Make<CTarvikClientTestSystemCOM>()->GetConfig(name);
         return name;
     };
-    const TCall analog = [](CTestSystemTest& t, int& result)
-    {
+    const TCall analog = [](CTestSystemTest& t, int& result) {
         std::vector<unsigned int> values = {kU};
         result = t.Make<CTarvikClientAD>()->Read(values);
         std::string out = std::to_string(values.size());
@@ -288,14 +321,12 @@ TEST_F(CTestSystemTest, EachDecodeWritesItsOutputsByItsOwnRule)
             out += " " + Nums({v});
         return out;
     };
-    const TCall inputs = [](CTestSystemTest& t, int& result)
-    {
+    const TCall inputs = [](CTestSystemTest& t, int& result) {
         unsigned int in0 = 0x00123456, in1 = kU, in2 = kU;
         result = t.Make<CTarvikClientAD>()->ReadDigitalInput(in0, in1, in2);
         return Nums({in0, in1, in2});
     };
-    const TCall dio = [](CTestSystemTest& t, int& result)
-    {
+    const TCall dio = [](CTestSystemTest& t, int& result) {
         unsigned int in = kU, out = kU;
         result = t.Make<CTarvikClientDIO>()->Read(in, out);
         return Nums({in, out});
@@ -388,7 +419,8 @@ TEST_F(CTestSystemTest, FileTravelsInChunksWhileTheUnitAsksForMore)
             {
                 // CRC, size, file name, then the first chunk.
                 EXPECT_EQ(LE32(BitwiseCRC32(std::get<1>(c))) + LE32(static_cast<unsigned int>(std::get<1>(c).size())) +
-                              "\x05" "d.cfg",
+                              "\x05"
+                              "d.cfg",
                           data.substr(0, 14))
                     << std::get<0>(c);
                 data = data.substr(14);
@@ -410,8 +442,9 @@ TEST_F(CTestSystemTest, TransferEndsAtTheFirstFailure)
     // A given CRC is sent as it is, not computed.
     AnswerWith(Frame({0x21}));
     auto count = std::make_shared<std::atomic<int>>(0);
-    m_oGateway.SetHandler([count](const std::string& f)
-                          { return ++*count == 2 ? std::string() : Cnf(FrameCmd(f), FrameId(f), Frame({0x21})); });
+    m_oGateway.SetHandler([count](const std::string& f) {
+        return ++*count == 2 ? std::string() : Cnf(FrameCmd(f), FrameId(f), Frame({0x21}));
+    });
     EXPECT_EQ(TARVIK_ERR_TIMEOUT, Make<CTarvikClientTestSystemCOM>()->SendFile(file, 0x01020304));
     auto frames = Frames(2);
     EXPECT_EQ(2u, frames.size());
@@ -445,15 +478,12 @@ TEST_F(CTestSystemTest, InstallSkipsAFileTheUnitHoldsAndSendsAnyOther)
     {
         const std::string d2Answer = std::get<1>(c);
         const int d5Answer = std::get<2>(c);
-        m_oGateway.SetHandler(
-            [=](const std::string& f)
-            {
-                unsigned int cmd = FrameCmd(f);
-                std::string answer = cmd == 0x0DD2 ? d2Answer : cmd == 0x0DD5 ? Frame({d5Answer}) : Frame({0});
-                return Cnf(cmd, FrameId(f), answer);
-            });
-        EXPECT_EQ(std::get<3>(c), Make<CTarvikClientTestSystemCOM>()->InstallConfig("cfgA", file))
-            << std::get<0>(c);
+        m_oGateway.SetHandler([=](const std::string& f) {
+            unsigned int cmd = FrameCmd(f);
+            std::string answer = cmd == 0x0DD2 ? d2Answer : cmd == 0x0DD5 ? Frame({d5Answer}) : Frame({0});
+            return Cnf(cmd, FrameId(f), answer);
+        });
+        EXPECT_EQ(std::get<3>(c), Make<CTarvikClientTestSystemCOM>()->InstallConfig("cfgA", file)) << std::get<0>(c);
         const auto& expected = std::get<4>(c);
         auto frames = Frames(seen + expected.size());
         ASSERT_EQ(seen + expected.size(), frames.size()) << std::get<0>(c);

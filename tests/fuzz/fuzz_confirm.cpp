@@ -1,16 +1,16 @@
 // Every confirmation decode of every client (SPI, the test-system units, DIO, AD, Renesas,
-// I2C, firmware, CAN, AWire; and the CAN client's and AWire client's indications, which an answer may bring in front), answered from fuzz input without a socket: the first byte picks the
-// command, its arguments and each answer come from the rest.
-// Output buffers are exactly as large as the caller says, so a write past one is seen.
+// I2C, firmware, CAN, AWire; and the CAN client's and AWire client's indications, which an answer may bring in front),
+// answered from fuzz input without a socket: the first byte picks the command, its arguments and each answer come from
+// the rest. Output buffers are exactly as large as the caller says, so a write past one is seen.
 #include "FuzzAnswer.h"
 
 #include "tarvik/clients/TarvikClientAD.h"
-#include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/clients/TarvikClientAWire.h"
+#include "tarvik/clients/TarvikClientCANDll.h"
 #include "tarvik/clients/TarvikClientDIO.h"
-#include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientFirmware.h"
 #include "tarvik/clients/TarvikClientI2C.h"
+#include "tarvik/clients/TarvikClientRenesas.h"
 #include "tarvik/clients/TarvikClientSPI.h"
 #include "tarvik/clients/TarvikClientTestSystemCOM.h"
 #include "tarvik/clients/TarvikClientTestSystemIO.h"
@@ -124,7 +124,8 @@ unsigned short Len(const std::string& data)
 
 // One row per command (or a few commands that belong together): the input's byte picks the row.
 template <class TClient> using FRow = void (*)(TClient&, CFuzzInput&);
-template <class TClient, size_t N> void Run(const FRow<TClient> (&rows)[N], TClient& client, uint8_t which, CFuzzInput& in)
+template <class TClient, size_t N>
+void Run(const FRow<TClient> (&rows)[N], TClient& client, uint8_t which, CFuzzInput& in)
 {
     rows[which % N](client, in);
 }
@@ -295,7 +296,12 @@ using W = unsigned short*;
 using N = unsigned char;
 const FRow<SOthers> kOthers[] = {
     [](SOthers& o, CFuzzInput& in) { Run(kCom, o.com, in.Byte(), in); },
-    [](SOthers& o, CFuzzInput& in) { SetWords(in, [&](W w, N n) { o.io.SetValue(w, n); o.io.SetPower(w, n); }); },
+    [](SOthers& o, CFuzzInput& in) {
+        SetWords(in, [&](W w, N n) {
+            o.io.SetValue(w, n);
+            o.io.SetPower(w, n);
+        });
+    },
     [](SOthers& o, CFuzzInput& in) { GetWords(in, [&](W w, N n) { o.io.GetValue(w, n); }); },
     [](SOthers& o, CFuzzInput& in) { GetWords(in, [&](W w, N n) { o.io.GetPower(w, n); }); },
     [](SOthers& o, CFuzzInput& in) { SetWords(in, [&](W w, N n) { o.pwr.SetValue(w, n); }); },
@@ -444,7 +450,8 @@ const FRow<CCan> kCan[] = {
         // Confirmed or not, as the device's answer to the mode switch decides.
         int sec = 0, us = 0;
         std::string data = in.Bytes(in.Byte());
-        c.Write(static_cast<int>(in.Word()), data.data(), static_cast<unsigned char>(data.size()), in.Byte(), &sec, &us);
+        c.Write(static_cast<int>(in.Word()), data.data(), static_cast<unsigned char>(data.size()), in.Byte(), &sec,
+                &us);
     },
     [](CCan& c, CFuzzInput& in) {
         std::string data = in.Bytes(in.Byte());
@@ -473,9 +480,10 @@ void WriteAndFollow(CAWire& c, CFuzzInput& in, bool block)
         c.WriteBlock(in.Word(), Len(data), data.data(), handle);
     else
         c.WriteUserPage(in.Word(), Len(data), data.data(), handle);
-    std::string ind = CTarvikMsg(static_cast<unsigned short>(0x0EE1 ^ (in.Byte() & 0x80)), 0,
-                                 CTarvikMsg::ToChar(static_cast<short>(handle + (in.Byte() & 1))) + in.Bytes(in.Byte() & 7))
-                          .GetMessageData();
+    std::string ind =
+        CTarvikMsg(static_cast<unsigned short>(0x0EE1 ^ (in.Byte() & 0x80)), 0,
+                   CTarvikMsg::ToChar(static_cast<short>(handle + (in.Byte() & 1))) + in.Bytes(in.Byte() & 7))
+            .GetMessageData();
     c.DataInd(ind.data(), Len(ind));
     CTarvikClientAWire::Progress::EProgress state;
     unsigned short length = 0, done = 0;

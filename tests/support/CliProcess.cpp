@@ -132,12 +132,15 @@ CCliSimProcess::CCliSimProcess(const std::string& device, std::vector<std::strin
     if (std::regex_match(out, match, std::regex(".* listening on (127\\.0\\.0\\.1:\\d+)\n")))
         m_sAddress = match[1];
 }
-void CliExpectRun(const SCliRun& run, int exit, const std::string& out, const std::string& err,
-                  const std::string& name)
+void CliExpectRun(const SCliRun& run, int exit, const std::string& out, const std::string& err, const std::string& name)
 {
     EXPECT_EQ(exit, run.m_nExit) << name << "\n" << CliDescribe(run);
-    EXPECT_TRUE(CliStartsWithLines(run.m_sOut, out)) << name << "\nexpected stdout:\n" << out << "\n" << CliDescribe(run);
-    EXPECT_TRUE(CliStartsWithLines(run.m_sErr, err)) << name << "\nexpected stderr:\n" << err << "\n" << CliDescribe(run);
+    EXPECT_TRUE(CliStartsWithLines(run.m_sOut, out)) << name << "\nexpected stdout:\n"
+                                                     << out << "\n"
+                                                     << CliDescribe(run);
+    EXPECT_TRUE(CliStartsWithLines(run.m_sErr, err)) << name << "\nexpected stderr:\n"
+                                                     << err << "\n"
+                                                     << CliDescribe(run);
 }
 
 void CliReplace(std::string& text, const std::string& from, const std::string& to)

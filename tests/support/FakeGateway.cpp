@@ -101,8 +101,9 @@ void CFakeGateway::AnswerWith(const std::optional<std::string>& payload)
     if (!payload)
         return SetHandler(nullptr);
     std::string data = *payload;
-    SetHandler([data](const std::string& f)
-               { return tarvik_test::Cnf(tarvik_test::FrameCmd(f), tarvik_test::FrameId(f), data); });
+    SetHandler([data](const std::string& f) {
+        return tarvik_test::Cnf(tarvik_test::FrameCmd(f), tarvik_test::FrameId(f), data);
+    });
 }
 
 std::vector<std::string> CFakeGateway::GetFrames() const

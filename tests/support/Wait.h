@@ -16,7 +16,8 @@ namespace tarvik_test
 // some of the answers it looks at are given only once.
 template <typename F> bool Eventually(F cond, std::chrono::milliseconds limit = std::chrono::seconds(10))
 {
-    for (auto deadline = std::chrono::steady_clock::now() + limit;; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+    for (auto deadline = std::chrono::steady_clock::now() + limit;;
+         std::this_thread::sleep_for(std::chrono::milliseconds(1)))
     {
         if (cond())
             return true;
@@ -36,16 +37,14 @@ public:
     };
     // pauseUs: a pause after each write that lets answers in between.
     CFlood(CFakeGateway& gateway, std::string raw, EWrite write = eCut, unsigned int pauseUs = 0)
-        : m_oThread(
-              [this, &gateway, raw, write, pauseUs]
+        : m_oThread([this, &gateway, raw, write, pauseUs] {
+              while (!m_bStop.load())
               {
-                  while (!m_bStop.load())
-                  {
-                      bool all = write == eWhole ? gateway.Send(raw) : gateway.SendNoWait(raw);
-                      if (!all || pauseUs > 0)
-                          std::this_thread::sleep_for(std::chrono::microseconds(pauseUs > 0 ? pauseUs : 1000));
-                  }
-              })
+                  bool all = write == eWhole ? gateway.Send(raw) : gateway.SendNoWait(raw);
+                  if (!all || pauseUs > 0)
+                      std::this_thread::sleep_for(std::chrono::microseconds(pauseUs > 0 ? pauseUs : 1000));
+              }
+          })
     {
     }
     ~CFlood()
