@@ -48,7 +48,7 @@ CTarvikSimCanOpenNode::CTarvikSimCanOpenNode(unsigned char id, CTarvikSimCanPort
 
 void CTarvikSimCanOpenNode::BuildDictionary()
 {
-    auto add = [this](unsigned short index, unsigned char sub, size_t size, bool writable, std::string value) {
+    auto add = [this](unsigned short index, unsigned char sub, size_t size, bool writable, const std::string& value) {
         m_aoEntries.push_back(SEntry{index, sub, size, writable, value, value});
     };
     add(0x1000, 0, 4, false, CTarvikMsg::ToChar(kDeviceType));

@@ -91,7 +91,7 @@ std::string CliDumpLines(uint64_t address, const std::string& bytes)
     for (size_t pos = 0; pos < bytes.size(); pos += kDumpWidth)
     {
         const size_t count = std::min(kDumpWidth, bytes.size() - pos);
-        std::snprintf(label, sizeof(label), "%08llX:", static_cast<unsigned long long>(address + pos));
+        std::snprintf(label, sizeof(label), "%08llX:", static_cast<unsigned long long>(address) + pos);
         std::string line = label;
         for (size_t i = 0; i < kDumpWidth; ++i)
         {

@@ -102,9 +102,10 @@ void PrintFrame(const SCliGlobals& globals, const SCanOptions& options, const st
                 const SReceived& received, std::ostream& out)
 {
     if (globals.m_bJson)
-        out << CliJsonLine(TCliJson{{"time", received.m_nSeconds + received.m_nMicros / 1e6},
-                                    {"interface", name},
-                                    {"frame", CliCanFrameText(received.m_oFrame)}})
+        out << CliJsonLine(TCliJson{
+                   {"time", static_cast<double>(received.m_nSeconds) + static_cast<double>(received.m_nMicros) / 1e6},
+                   {"interface", name},
+                   {"frame", CliCanFrameText(received.m_oFrame)}})
             << '\n';
     else if (options.m_bLog)
         out << CliCanLogLine(received.m_oFrame, received.m_nSeconds, received.m_nMicros, name) << '\n';

@@ -8,6 +8,7 @@
 
 #include "tarvik/core/TarvikVersionText.h"
 
+#include <cstdio>
 #include <exception>
 #include <ios>
 #include <iostream>
@@ -160,9 +161,7 @@ std::string UnexpectedMessage(const std::exception& error)
         return "a system call failed: " + system->code().message();
     return "the command failed unexpectedly; please report how to repeat it";
 }
-} // namespace
-
-int main(int argc, char** argv)
+int RunCli(int argc, char** argv)
 {
     CLI::App app{"tarvik: drive Tarvik network gateways from the command line.\n"
                  "A device command needs a gateway (--host or TARVIK_HOST) or --sim for the simulator\n"
@@ -218,4 +217,19 @@ int main(int argc, char** argv)
     }
     CliFlushWarnings();
     return 0;
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try
+    {
+        return RunCli(argc, argv);
+    }
+    catch (...)
+    {
+        // Only setting up the commands can get here (RunCli reports everything a command throws).
+        std::fputs("tarvik: the command line could not be set up\n", stderr);
+        return eCliExitFailure;
+    }
 }

@@ -85,13 +85,20 @@ public:
     {
         // No call may run into this object once it is gone: stop first, with the GIL
         // released so that a callback waiting for it can finish.
-        if (PyGILState_Check())
+        try
         {
-            py::gil_scoped_release release;
-            StopReleased();
+            if (PyGILState_Check())
+            {
+                py::gil_scoped_release release;
+                StopReleased();
+            }
+            else
+                StopReleased();
         }
-        else
-            StopReleased();
+        catch (...)
+        {
+            // Releasing the GIL cannot fail while the interpreter runs; a destructor never throws.
+        }
         std::lock_guard<std::mutex> lock(s_oLiveMutex);
         s_apLive.erase(this);
     }
@@ -112,7 +119,7 @@ public:
 
     // Stores a callback of a kind (with the GIL held); None switches it off, and the kind
     // goes to its queue again.
-    void SetCallback(EQueue kind, py::object fn)
+    void SetCallback(EQueue kind, const py::object& fn)
     {
         m_aoCallbacks[kind] = fn;
         m_abCallbacks[kind].store(!fn.is_none(), std::memory_order_release);
@@ -406,7 +413,7 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
                  can.OpenDevice();
                  return self;
              })
-        .def("__exit__", [](CPyCAN& can, py::args) {
+        .def("__exit__", [](CPyCAN& can, const py::args&) {
             py::gil_scoped_release release;
             can.Close();
             return false;

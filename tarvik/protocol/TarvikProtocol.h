@@ -24,7 +24,7 @@ struct SCommandName
 } // namespace tarvik_protocol
 
 // X(Name, number) -> an enumerator eCmdName = number,
-#define TARVIK_PROTOCOL_ENUMERATOR(name, number) eCmd##name = number,
+#define TARVIK_PROTOCOL_ENUMERATOR(name, number) eCmd##name = (number),
 // X(Name, number) -> a table row {"Name", number},
 #define TARVIK_PROTOCOL_TABLE_ROW(name, number) tarvik_protocol::SCommandName{#name, number},
 
