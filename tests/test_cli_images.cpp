@@ -186,8 +186,9 @@ TEST_F(CCliImagesTest, InterruptedFillLeavesNoFile)
     WriteFile(m_oDir.Path("small.hex"), ":0400000001020304F2\n:00000001FF\n");
     CCliProcess fill("/bin/sh", {"-c", "cd '" + m_oDir.Path("") + "' && exec '" + kCliTarvik +
                                            "' hex fill small.hex --to 0x07FFFFFF -o big.hex"});
-    // Wait until the temporary file is there, then interrupt.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    // Wait until the temporary file is there, then interrupt. Building the 128 MiB image
+    // comes first; under a sanitizer on a loaded machine that alone can take a minute.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(100);
     auto temporaries = [this] {
         size_t count = 0;
         DIR* dir = opendir(m_oDir.Path("").c_str());

@@ -26,7 +26,9 @@ TEST(TarvikProtocol, EveryFamilyNamesEachCommandOnceAndLeavesTheCommonNumbersAlo
             const tp::SCommandName& row = family.m_pCommands[i];
             EXPECT_TRUE(numbers.insert(row.m_nNumber).second) << family.m_pszName << " " << row.m_pszName;
             EXPECT_TRUE(names.insert(row.m_pszName).second) << family.m_pszName << " " << row.m_pszName;
-            EXPECT_EQ(0u, common.count(row.m_nNumber)) << family.m_pszName << " " << row.m_pszName;
+            // The DIO gateway's Read and Write are the common digital commands under its own names.
+            if (family.m_eDevice != eTarvikDIO)
+                EXPECT_EQ(0u, common.count(row.m_nNumber)) << family.m_pszName << " " << row.m_pszName;
         }
     }
 }
