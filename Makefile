@@ -71,7 +71,8 @@ format-check: deps
 # clang-tidy with the naming rules and bug checks of .clang-tidy, over the build's compile commands.
 tidy: build
 	$(TIDY_FILES) | xargs run-clang-tidy-14 -p $(BUILD) -j $(JOBS) -quiet > $(BUILD)/tidy.log 2>&1 || \
-	  { grep -E 'warning:|error:' $(BUILD)/tidy.log | sort -u; echo "make tidy: see $(BUILD)/tidy.log"; exit 1; }
+	  { sed 's/\x1b\[[0-9;]*m//g' $(BUILD)/tidy.log | grep -E 'warning:|error:' | sort -u; \
+	    echo "make tidy: see $(BUILD)/tidy.log"; exit 1; }
 	@echo "tidy: $$($(TIDY_FILES) | wc -l) files, no findings"
 
 check: layers format-check tidy

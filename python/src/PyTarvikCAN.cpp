@@ -352,9 +352,9 @@ py::dict GetPowerStatus(CPyCAN& can)
                     "status2"_a = status2, "status3"_a = status3, "status_bit"_a = bit);
 }
 
-template <CTarvikClientCANDll::EQueue Kind> void SetOn(CPyCAN& can, py::object fn)
+template <CTarvikClientCANDll::EQueue Kind> void SetOn(CPyCAN& can, const py::object& fn)
 {
-    can.SetCallback(Kind, std::move(fn));
+    can.SetCallback(Kind, fn);
 }
 
 py::dict DropCounts(CPyCAN& can)

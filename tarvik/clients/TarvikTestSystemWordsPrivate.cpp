@@ -7,7 +7,7 @@ std::string EncodeWords(const unsigned short* words, unsigned char count)
     std::string data;
     if (words == nullptr)
         return data;
-    data.reserve(2u * count);
+    data.reserve(2 * static_cast<size_t>(count));
     for (unsigned char i = 0; i < count; ++i)
         data += CTarvikMsg::ToChar(words[i]);
     return data;

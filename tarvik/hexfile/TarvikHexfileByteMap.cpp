@@ -62,7 +62,8 @@ void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks
             // The slices are stored in address order; the lowest bit left is this one's.
             const unsigned int sliceIndex = static_cast<unsigned int>(__builtin_ctzll(slices));
             slices &= slices - 1;
-            const uint64_t sliceAddress = static_cast<uint64_t>(page.first) + sliceIndex * kSliceSize;
+            const uint64_t sliceAddress =
+                static_cast<uint64_t>(page.first) + static_cast<uint64_t>(sliceIndex) * kSliceSize;
             // Taken span by span of present bytes, which is the same as byte by byte.
             uint64_t present = slice.m_nPresent;
             unsigned int index = 0;
