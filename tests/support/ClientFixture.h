@@ -18,6 +18,7 @@ template <class TClient, unsigned int TTimeoutMs = 1000> class CClientFixture : 
 {
 protected:
     static constexpr unsigned int kFrameWaitMs = 5000;
+    static constexpr unsigned int kCloseWaitMs = 2000;
 
     void SetUp() override
     {
@@ -28,6 +29,16 @@ protected:
     // A fresh client, connected and opened: its requests carry ids from where Open leaves them.
     void NewClient()
     {
+        if (m_pClient)
+        {
+            // Everything the old client sent is recorded before the new one starts, so that
+            // counting from GetFrames().size() counts the new client's frames only: the gateway
+            // sees the close after all bytes that came ahead of it. A client that the gateway
+            // closed itself is not waited for long.
+            const size_t closed = m_oGateway.GetPeerClosed();
+            m_pClient.reset();
+            m_oGateway.WaitForPeerClosed(closed + 1, kCloseWaitMs);
+        }
         m_pClient.reset(new TClient(TTimeoutMs));
         ASSERT_EQ(0, m_pClient->Connect(m_oGateway.GetAddress().c_str(), m_oGateway.GetPort()));
         OpenClient(*m_pClient);

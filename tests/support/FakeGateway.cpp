@@ -133,6 +133,12 @@ bool CFakeGateway::WaitForPeerClosed(size_t count, unsigned int timeoutMs) const
     return WaitFor([&] { return m_nPeerClosed >= count; }, timeoutMs);
 }
 
+size_t CFakeGateway::GetPeerClosed() const
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    return m_nPeerClosed;
+}
+
 bool CFakeGateway::Send(const std::string& raw)
 {
     // Under the lock, so that an answer is not interleaved mid-write.

@@ -57,6 +57,7 @@ public:
     // Connections accepted so far, and connections that the clients closed.
     bool WaitForAccepted(size_t count, unsigned int timeoutMs) const;
     bool WaitForPeerClosed(size_t count, unsigned int timeoutMs) const;
+    size_t GetPeerClosed() const;
 
     // Sends raw bytes to every client in one write; false when none is connected.
     bool Send(const std::string& raw);
