@@ -31,24 +31,6 @@ constexpr unsigned int kTpdoBit = 0x80;
 constexpr size_t kEmcyFrameSize = 8;
 constexpr unsigned char kHeartbeatStateMask = 0x7F;
 
-std::string U8(unsigned int value)
-{
-    return std::string(1, static_cast<char>(value & 0xFF));
-}
-
-// Readers of a request's bytes; a byte past the end reads 0 (callers check the size first).
-unsigned char Byte(const std::string& data, size_t pos)
-{
-    return CTarvikPayload(data).At(pos);
-}
-
-unsigned short LE16(const std::string& data, size_t pos)
-{
-    unsigned short value = 0;
-    CTarvikPayload(data).ReadU16(pos, value);
-    return value;
-}
-
 bool IsStandard(const STarvikSimCanFrame& frame)
 {
     return (frame.m_nFlags & (STarvikSimCanFrame::kFlagExtended | STarvikSimCanFrame::kFlagRemote)) == 0;
@@ -74,7 +56,7 @@ bool CTarvikSimCanOpenMaster::HandleCommand(unsigned char cmd, const std::string
     }
     if (cmd == can::eCmdCANopenGetConfig)
     {
-        answer = data.empty() ? Result(kOk, U8(m_nMode)) : Result(kFailed);
+        answer = data.empty() ? Result(kOk, TarvikSimU8(m_nMode)) : Result(kFailed);
         return true;
     }
     if (cmd == can::eCmdCANopenEMCY)
@@ -107,7 +89,7 @@ CTarvikSimCanOpenMaster::SAnswer CTarvikSimCanOpenMaster::SetConfig(const std::s
 {
     if (data.size() != 1)
         return Result(kFailed);
-    m_nMode = Byte(data, 0);
+    m_nMode = CTarvikPayload(data).At(0);
     if (m_nMode == 0)
         Stop();
     return Result(kOk);
@@ -132,7 +114,7 @@ CTarvikSimCanOpenMaster::SAnswer CTarvikSimCanOpenMaster::SetSyncMode(const std:
 {
     if (data.size() != 2)
         return Result(kFailed);
-    m_nSyncPeriod = LE16(data, 0);
+    m_nSyncPeriod = CTarvikPayload(data).U16At(0);
     if (m_nSyncPeriod == 0)
         m_oBus.KillTimer(&m_oOwner, kTimerSync);
     else
@@ -145,11 +127,11 @@ CTarvikSimCanOpenMaster::SAnswer CTarvikSimCanOpenMaster::Nmt(const std::string&
     static const unsigned char kCommands[] = {
         CTarvikSimCanOpenNode::eNmtStart, CTarvikSimCanOpenNode::eNmtStop, CTarvikSimCanOpenNode::eNmtPreOperational,
         CTarvikSimCanOpenNode::eNmtResetNode, CTarvikSimCanOpenNode::eNmtResetCommunication};
-    if (data.size() != 2 || Byte(data, 0) > kMaxNodeId ||
-        std::find(std::begin(kCommands), std::end(kCommands), Byte(data, 1)) == std::end(kCommands))
+    if (data.size() != 2 || CTarvikPayload(data).At(0) > kMaxNodeId ||
+        std::find(std::begin(kCommands), std::end(kCommands), CTarvikPayload(data).At(1)) == std::end(kCommands))
         return Result(kFailed);
     // On the bus the command comes first, then the node.
-    const std::string payload = U8(Byte(data, 1)) + U8(Byte(data, 0));
+    const std::string payload = TarvikSimU8(CTarvikPayload(data).At(1)) + TarvikSimU8(CTarvikPayload(data).At(0));
     return Result(m_oGateway.Send(STarvikSimCanFrame{CTarvikSimCanOpenNode::kCobNmt, 0, payload, 0, {}}));
 }
 
@@ -164,10 +146,11 @@ CTarvikSimCanOpenMaster::SAnswer CTarvikSimCanOpenMaster::Time(const std::string
 
 CTarvikSimCanOpenMaster::SAnswer CTarvikSimCanOpenMaster::Pdo(const std::string& data)
 {
-    if (data.size() < 2 || Byte(data, 0) == 0 || Byte(data, 0) > kMaxNodeId || Byte(data, 1) == 0 ||
-        Byte(data, 1) > kPdoCount)
+    if (data.size() < 2 || CTarvikPayload(data).At(0) == 0 || CTarvikPayload(data).At(0) > kMaxNodeId ||
+        CTarvikPayload(data).At(1) == 0 || CTarvikPayload(data).At(1) > kPdoCount)
         return Result(kFailed);
-    unsigned int id = CTarvikSimCanOpenNode::kCobRpdo1 + kCobPdoStep * (Byte(data, 1) - 1u) + Byte(data, 0);
+    unsigned int id =
+        CTarvikSimCanOpenNode::kCobRpdo1 + kCobPdoStep * (CTarvikPayload(data).At(1) - 1u) + CTarvikPayload(data).At(0);
     return Result(m_oGateway.Send(STarvikSimCanFrame{id, 0, data.substr(2), 0, {}}));
 }
 
@@ -190,8 +173,8 @@ CTarvikSimCanOpenMaster::SAnswer CTarvikSimCanOpenMaster::SdoAnswer(unsigned int
     if (abort == CTarvikSimCanOpenNode::eSdoNoAnswer)
         return Result(eResultCoTimeout);
     if (abort != CTarvikSimCanOpenNode::eSdoOk)
-        return Result(eResultCoNack, U8(kSdoAbortStatus) + CTarvikMsg::ToChar(abort));
-    return Result(kOk, U8(0) + data);
+        return Result(eResultCoNack, TarvikSimU8(kSdoAbortStatus) + CTarvikMsg::ToChar(abort));
+    return Result(kOk, TarvikSimU8(0) + data);
 }
 
 CTarvikSimCanOpenMaster::SAnswer CTarvikSimCanOpenMaster::SdoRead(const std::string& data, bool block)
@@ -199,7 +182,8 @@ CTarvikSimCanOpenMaster::SAnswer CTarvikSimCanOpenMaster::SdoRead(const std::str
     if (data.size() != kSdoAddressSize)
         return Result(kFailed);
     std::string value;
-    unsigned int abort = NodeRead(Byte(data, 0), LE16(data, 1), Byte(data, 3), value);
+    unsigned int abort =
+        NodeRead(CTarvikPayload(data).At(0), CTarvikPayload(data).U16At(1), CTarvikPayload(data).At(3), value);
     if (block || abort != CTarvikSimCanOpenNode::eSdoOk)
         return SdoAnswer(abort, value);
     // An expedited transfer carries at most four bytes; larger entries need a block read.
@@ -213,11 +197,12 @@ CTarvikSimCanOpenMaster::SAnswer CTarvikSimCanOpenMaster::SdoWrite(const std::st
 {
     if (data.size() != kSdoWriteSize)
         return Result(kFailed);
-    size_t size = Byte(data, 1);
+    size_t size = CTarvikPayload(data).At(1);
     if (size == 0 || size > kExpeditedMax)
         return SdoAnswer(CTarvikSimCanOpenNode::eAbortLengthMismatch, std::string());
     std::string value = data.substr(kSdoWriteData, size);
-    unsigned int abort = NodeWrite(Byte(data, 0), LE16(data, 2), Byte(data, 4), value);
+    unsigned int abort =
+        NodeWrite(CTarvikPayload(data).At(0), CTarvikPayload(data).U16At(2), CTarvikPayload(data).At(4), value);
     return SdoAnswer(abort, value);
 }
 
@@ -226,7 +211,8 @@ CTarvikSimCanOpenMaster::SAnswer CTarvikSimCanOpenMaster::SdoWriteBlock(const st
     if (data.size() < kSdoAddressSize)
         return Result(kFailed);
     std::string value = data.substr(kSdoAddressSize);
-    unsigned int abort = NodeWrite(Byte(data, 0), LE16(data, 1), Byte(data, 3), value);
+    unsigned int abort =
+        NodeWrite(CTarvikPayload(data).At(0), CTarvikPayload(data).U16At(1), CTarvikPayload(data).At(3), value);
     return SdoAnswer(abort, CTarvikMsg::ToChar(static_cast<unsigned int>(value.size())));
 }
 
@@ -238,21 +224,22 @@ void CTarvikSimCanOpenMaster::OnFrame(const STarvikSimCanFrame& frame)
     unsigned int function = id & kFunctionMask;
     bool standard = IsStandard(frame);
     if (standard && id == CTarvikSimCanOpenNode::kCobSync)
-        m_oGateway.IndicateAll(can::eCmdCANopenSYNC, U8(Byte(data, 0)));
+        m_oGateway.IndicateAll(can::eCmdCANopenSYNC, TarvikSimU8(CTarvikPayload(data).At(0)));
     else if (standard && function == CTarvikSimCanOpenNode::kCobEmcy && node != 0)
     {
         std::string emcy = data.substr(0, kEmcyFrameSize);
         emcy.resize(kEmcyFrameSize, '\0');
-        m_oGateway.IndicateAll(can::eCmdCANopenEMCY, U8(node) + emcy);
+        m_oGateway.IndicateAll(can::eCmdCANopenEMCY, TarvikSimU8(node) + emcy);
     }
     else if (standard && function >= CTarvikSimCanOpenNode::kCobTpdo1 && function <= kCobLastTpdo &&
              (function & kTpdoBit) != 0 && node != 0 && data.size() <= STarvikSimCanFrame::kMaxClassic)
     {
         unsigned int pdo = (function - CTarvikSimCanOpenNode::kCobTpdo1) / kCobPdoStep + 1;
-        m_oGateway.IndicateAll(can::eCmdCANopenPDO, U8(node) + U8(pdo) + U8(data.size()) + data);
+        m_oGateway.IndicateAll(can::eCmdCANopenPDO,
+                               TarvikSimU8(node) + TarvikSimU8(pdo) + TarvikSimU8(data.size()) + data);
     }
     else if (standard && function == CTarvikSimCanOpenNode::kCobHeartbeat && node != 0 && data.size() == 1)
-        OnHeartbeat(node, Byte(data, 0) & kHeartbeatStateMask);
+        OnHeartbeat(node, CTarvikPayload(data).At(0) & kHeartbeatStateMask);
     else if (m_oGateway.Accepts(frame))
         m_oGateway.IndicateFrame(can::eCmdCANopenUndefined, frame);
 }
@@ -263,7 +250,7 @@ void CTarvikSimCanOpenMaster::OnHeartbeat(unsigned char node, unsigned char stat
     if (it == m_anNodeStates.end() || it->second != state)
     {
         m_anNodeStates[node] = state;
-        m_oGateway.IndicateAll(can::eCmdCANopenGUARD, U8(node) + U8(state));
+        m_oGateway.IndicateAll(can::eCmdCANopenGUARD, TarvikSimU8(node) + TarvikSimU8(state));
     }
     // The master expects the next heartbeat within 1.5 of the node's period.
     CTarvikSimCanOpenNode* producer = m_oBus.GetNode(node);
@@ -286,6 +273,6 @@ bool CTarvikSimCanOpenMaster::OnTimer(unsigned int key)
         return false;
     unsigned char node = static_cast<unsigned char>(key - kTimerGuardBase);
     if (m_nMode != 0 && m_anNodeStates.erase(node) != 0)
-        m_oGateway.IndicateAll(can::eCmdCANopenGUARD, U8(node) + U8(kGuardLost));
+        m_oGateway.IndicateAll(can::eCmdCANopenGUARD, TarvikSimU8(node) + TarvikSimU8(kGuardLost));
     return true;
 }

@@ -19,11 +19,6 @@ constexpr unsigned int kSerialBase = 1000;
 const unsigned short kPdoIndices[] = {0x2000, 0x2001, 0x2002};
 constexpr unsigned short kDomainIndex = 0x2100;
 
-std::string U8(unsigned char value)
-{
-    return std::string(1, static_cast<char>(value));
-}
-
 std::string DomainPattern(unsigned char id)
 {
     std::string data(CTarvikSimCanOpenNode::kDomainSize, '\0');
@@ -52,14 +47,14 @@ void CTarvikSimCanOpenNode::BuildDictionary()
         m_aoEntries.push_back(SEntry{index, sub, size, writable, value, value});
     };
     add(0x1000, 0, 4, false, CTarvikMsg::ToChar(kDeviceType));
-    add(kIndexErrorRegister, 0, 1, false, U8(0));
+    add(kIndexErrorRegister, 0, 1, false, TarvikSimU8(0));
     add(kIndexHeartbeat, 0, 2, true, CTarvikMsg::ToChar(static_cast<unsigned short>(0)));
-    add(0x1018, 0, 1, false, U8(4));
+    add(0x1018, 0, 1, false, TarvikSimU8(4));
     add(0x1018, 1, 4, false, CTarvikMsg::ToChar(kVendorId));
     add(0x1018, 2, 4, false, CTarvikMsg::ToChar(kProductCode));
     add(0x1018, 3, 4, false, CTarvikMsg::ToChar(kRevision));
     add(0x1018, 4, 4, false, CTarvikMsg::ToChar(kSerialBase + m_nId));
-    add(kPdoIndices[0], 0, 1, true, U8(0));
+    add(kPdoIndices[0], 0, 1, true, TarvikSimU8(0));
     add(kPdoIndices[1], 0, 2, true, CTarvikMsg::ToChar(static_cast<unsigned short>(0)));
     add(kPdoIndices[2], 0, 4, true, CTarvikMsg::ToChar(0u));
     add(kDomainIndex, 0, 0, true, DomainPattern(m_nId));
@@ -176,11 +171,11 @@ bool CTarvikSimCanOpenNode::RaiseEmcy(unsigned short code, unsigned char errorRe
         std::lock_guard<std::mutex> lock(m_oMutex);
         if (!m_bPowered || m_eState == eStateStopped)
             return false;
-        Find(kIndexErrorRegister, 0)->m_sValue = U8(code == 0 ? 0 : errorRegister);
+        Find(kIndexErrorRegister, 0)->m_sValue = TarvikSimU8(code == 0 ? 0 : errorRegister);
         frame.m_nId = kCobEmcy + m_nId;
         std::string manufacturer = data.substr(0, kEmcyDataSize);
         manufacturer.resize(kEmcyDataSize, '\0');
-        frame.m_sData = CTarvikMsg::ToChar(code) + U8(errorRegister) + manufacturer;
+        frame.m_sData = CTarvikMsg::ToChar(code) + TarvikSimU8(errorRegister) + manufacturer;
     }
     m_oBus.Transmit(frame, this);
     return true;
@@ -282,7 +277,7 @@ void CTarvikSimCanOpenNode::OnTimer(unsigned int key)
 
 STarvikSimCanFrame CTarvikSimCanOpenNode::Heartbeat() const
 {
-    return STarvikSimCanFrame{static_cast<unsigned int>(kCobHeartbeat + m_nId), 0, U8(m_eState), 0, {}};
+    return STarvikSimCanFrame{static_cast<unsigned int>(kCobHeartbeat + m_nId), 0, TarvikSimU8(m_eState), 0, {}};
 }
 
 std::string CTarvikSimCanOpenNode::PdoData() const

@@ -14,6 +14,12 @@
 #include <cstdint>
 #include <string>
 
+// One byte of a telegram or a frame (the low byte of value).
+inline std::string TarvikSimU8(unsigned int value)
+{
+    return std::string(1, static_cast<char>(value & 0xFF));
+}
+
 struct STarvikSimCanFrame
 {
     static constexpr unsigned char kFlagExtended = tarvik_protocol::can::kFlagExtended;

@@ -20,24 +20,6 @@ constexpr short kTemperatureDeci = 253;
 constexpr unsigned short kInputMillivolts = 24000;
 constexpr unsigned short kLoadPerSupplyMa = 120;
 
-std::string U8(unsigned int value)
-{
-    return std::string(1, static_cast<char>(value & 0xFF));
-}
-
-// Readers of a request's bytes; a byte past the end reads 0 (callers check the size first).
-unsigned char Byte(const std::string& data, size_t pos)
-{
-    return CTarvikPayload(data).At(pos);
-}
-
-unsigned int LE32(const std::string& data, size_t pos)
-{
-    unsigned int value = 0;
-    CTarvikPayload(data).ReadU32(pos, value);
-    return value;
-}
-
 std::string Stamp(int64_t us)
 {
     return CTarvikMsg::ToChar(static_cast<int>(us / kUsPerSecond)) +
@@ -162,8 +144,8 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
     case can::eCmdGetConfig:
     {
         const SClient& client = m_aoClients[GetRequester()];
-        answer =
-            data.empty() ? Answer(eResultOk, U8(client.m_bConfirm) + U8(client.m_bTimeStamps)) : Answer(eResultFailed);
+        answer = data.empty() ? Answer(eResultOk, TarvikSimU8(client.m_bConfirm) + TarvikSimU8(client.m_bTimeStamps))
+                              : Answer(eResultFailed);
         return true;
     }
     case can::eCmdSetGlobals: answer = OnSetGlobals(data); return true;
@@ -172,7 +154,7 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
         return true;
     case can::eCmdSetTime: answer = OnSetTime(data); return true;
     case can::eCmdGetTime:
-        answer = data.empty() ? Answer(eResultOk, U8(m_bTimeValid) + Stamp(ClockUs())) : Answer(eResultFailed);
+        answer = data.empty() ? Answer(eResultOk, TarvikSimU8(m_bTimeValid) + Stamp(ClockUs())) : Answer(eResultFailed);
         return true;
     case can::eCmdSetFilter: answer = OnSetFilter(data); return true;
     case can::eCmdGetFilter:
@@ -190,7 +172,7 @@ bool CTarvikSimDeviceCAN::HandleCanCommand(unsigned char cmd, const std::string&
             answer = Answer(eResultFailed);
         else
         {
-            m_nSupplies = LE32(data, 0);
+            m_nSupplies = CTarvikPayload(data).U32At(0);
             answer = Answer(eResultOk);
         }
         return true;
@@ -243,7 +225,7 @@ std::string CTarvikSimDeviceCAN::OnSetGlobals(const std::string& data)
 {
     if (data.size() != kGlobalsSize)
         return Answer(eResultFailed);
-    unsigned int rate = LE32(data, kGlobalsBaudrate);
+    unsigned int rate = CTarvikPayload(data).U32At(kGlobalsBaudrate);
     if (std::find(std::begin(kBaudrates), std::end(kBaudrates), rate) == std::end(kBaudrates))
         return Answer(eResultNoBaudrate);
     m_sGlobals = data;
@@ -254,8 +236,8 @@ std::string CTarvikSimDeviceCAN::OnSetTime(const std::string& data)
 {
     if (data.size() != 8)
         return Answer(eResultFailed);
-    int seconds = static_cast<int>(LE32(data, 0));
-    int micros = static_cast<int>(LE32(data, 4));
+    int seconds = static_cast<int>(CTarvikPayload(data).U32At(0));
+    int micros = static_cast<int>(CTarvikPayload(data).U32At(4));
     if (micros < 0 || micros >= kUsPerSecond)
         return Answer(eResultFailed);
     m_nClockUs = static_cast<int64_t>(seconds) * kUsPerSecond + micros;
@@ -269,7 +251,7 @@ std::string CTarvikSimDeviceCAN::OnSetFilter(const std::string& data)
     if (data.size() != 4 * kFilterWords)
         return Answer(eResultFailed);
     for (size_t i = 0; i < kFilterWords; ++i)
-        m_anFilter[i] = LE32(data, 4 * i);
+        m_anFilter[i] = CTarvikPayload(data).U32At(4 * i);
     return Answer(eResultOk);
 }
 
@@ -283,17 +265,18 @@ std::string CTarvikSimDeviceCAN::OnGetPowerStatus() const
         bool on = (m_nSupplies >> i & 1u) != 0;
         bool powered = on && m_bRelay;
         values += CTarvikMsg::ToChar(static_cast<unsigned short>(powered ? kSupplyMillivolts[i] : 0));
-        supplies += U8(on);
+        supplies += TarvikSimU8(on);
         load = static_cast<unsigned short>(load + (powered ? kLoadPerSupplyMa : 0));
     }
-    std::string status = U8(kSupplies) + U8(kSupplies) + U8(1) + CTarvikMsg::ToChar(kTemperatureDeci) +
-                         CTarvikMsg::ToChar(kInputMillivolts) + CTarvikMsg::ToChar(load) + U8(m_bRelay);
-    return Answer(eResultOk, status + values + supplies + U8(m_bRelay));
+    std::string status = TarvikSimU8(kSupplies) + TarvikSimU8(kSupplies) + TarvikSimU8(1) +
+                         CTarvikMsg::ToChar(kTemperatureDeci) + CTarvikMsg::ToChar(kInputMillivolts) +
+                         CTarvikMsg::ToChar(load) + TarvikSimU8(m_bRelay);
+    return Answer(eResultOk, status + values + supplies + TarvikSimU8(m_bRelay));
 }
 
 std::string CTarvikSimDeviceCAN::OnSetPowerRelais(const std::string& data)
 {
-    if (data.size() != 1 || Byte(data, 0) > 1)
+    if (data.size() != 1 || CTarvikPayload(data).At(0) > 1)
         return Answer(eResultFailed);
     m_bRelay = data[0] != 0;
     return Answer(eResultOk);
@@ -370,7 +353,8 @@ CTarvikMsg CTarvikSimDeviceCAN::FrameTelegram(unsigned char cmd, const STarvikSi
 {
     unsigned char flags = frame.m_nFlags;
     std::string payload = CTarvikMsg::ToChar(static_cast<int>(frame.m_nId));
-    payload += U8(timeStamp ? flags | STarvikSimCanFrame::kFlagTimeStamp : flags & ~STarvikSimCanFrame::kFlagTimeStamp);
+    payload += TarvikSimU8(timeStamp ? flags | STarvikSimCanFrame::kFlagTimeStamp
+                                     : flags & ~STarvikSimCanFrame::kFlagTimeStamp);
     payload += frame.m_sData;
     if (timeStamp)
         payload += Stamp(ClockUs());

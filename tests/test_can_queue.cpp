@@ -43,13 +43,20 @@ public:
 std::mutex g_oCallsMutex;
 std::vector<std::string> g_asCalls;
 
+// One line of a call record, printf-style.
+std::string CallText(const char* format, va_list args)
+{
+    char text[512];
+    std::vsnprintf(text, sizeof(text), format, args);
+    return text;
+}
+
 void Record(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void Record(const char* format, ...)
 {
-    char text[512];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(text, sizeof(text), format, args);
+    std::string text = CallText(format, args);
     va_end(args);
     std::lock_guard<std::mutex> lock(g_oCallsMutex);
     g_asCalls.push_back(text);
@@ -349,10 +356,9 @@ public:
 private:
     bool Note(const char* format, ...) __attribute__((format(printf, 2, 3)))
     {
-        char text[512];
         va_list args;
         va_start(args, format);
-        std::vsnprintf(text, sizeof(text), format, args);
+        std::string text = CallText(format, args);
         va_end(args);
         std::lock_guard<std::mutex> lock(m_oMutex);
         m_asLines.push_back(text);
