@@ -287,7 +287,10 @@ bool CTarvikClientCANDll::DataIndRespond(CTarvikMsg* msg)
     const SIndicationKind* kind = nullptr;
     for (const SIndicationKind& candidate : kKinds)
         if (msg->GetCmdCode() == MakeCmdCode(candidate.m_nCmd))
+        {
             kind = &candidate;
+            break;
+        }
     if (kind == nullptr)
     {
         delete msg;
