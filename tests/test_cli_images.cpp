@@ -82,7 +82,9 @@ protected:
     CTempDir m_oDir;
 };
 
-// The hex commands refuse each damaged file, name its line, and write no output.
+// The hex commands refuse a damaged file, name its line, and write no output. They all
+// load through one path: every damaged file goes through the first command, the first
+// file through every command.
 TEST_F(CCliImagesTest, HexCommandsRefuseEveryDamagedImage)
 {
     const char* const commands[] = {"hex info {}",
@@ -97,6 +99,8 @@ TEST_F(CCliImagesTest, HexCommandsRefuseEveryDamagedImage)
     for (const SBadImage& image : kBadImages)
         for (const char* command : commands)
         {
+            if (&image != kBadImages && command != commands[0])
+                continue;
             const std::string args = Replace(Replace(command, image.m_pName), image.m_pName);
             const SCliRun run = Run(args);
             EXPECT_EQ(1, run.m_nExit) << args << "\n" << CliDescribe(run);
@@ -134,6 +138,7 @@ TEST_F(CCliImagesTest, AJsonRefusalNamesTheLinesInsideTheDocument)
 }
 
 // The programming commands refuse before they connect: the gateway receives no request.
+// As above, every damaged file goes through the first command, the first through all.
 TEST_F(CCliImagesTest, ProgrammingCommandsSendNothingForADamagedImage)
 {
     CTarvikSimServer server;
@@ -145,6 +150,8 @@ TEST_F(CCliImagesTest, ProgrammingCommandsSendNothingForADamagedImage)
         const std::string host = "--host 127.0.0.1 --port " + std::to_string(server.GetPort(command.m_eDevice)) + " ";
         for (const SBadImage& image : kBadImages)
         {
+            if (&image != kBadImages && &command != kCommands)
+                continue;
             const std::string args = host + Replace(command.m_pArgs, image.m_pName);
             const SCliRun run = Run(args);
             EXPECT_EQ(1, run.m_nExit) << args << "\n" << CliDescribe(run);

@@ -251,18 +251,6 @@ TEST_F(CSimFaultTest, DropsFollowTheSeedOnEveryConnection)
     EXPECT_NE(std::string::npos, patterns[0].find('-')) << patterns[0];
 }
 
-TEST_F(CSimFaultTest, FloodOfStrayConfirmationsLeavesRequestsAnswered)
-{
-    // 40000 confirmations nobody asked for, over the 16384 ids 0x4000..0x7FFF: more
-    // than the client keeps, so its store of confirmations is cut back as they come.
-    m_oServer.SetStrayConfirmations(2000);
-    auto client = Connected(2000);
-    for (int i = 0; i < 20; ++i)
-        ASSERT_EQ(kOk, Call(*client, eOpGetGlobals)) << "request " << i;
-    m_oServer.ClearFaults();
-    EXPECT_EQ(kOk, Call(*client, eOpDataReq));
-}
-
 TEST_F(CSimFaultTest, FaultsChangedWhileRequestsRunGiveOnlyTheirOwnResults)
 {
     auto client = Connected();

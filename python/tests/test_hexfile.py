@@ -55,8 +55,6 @@ def test_the_shipped_images_load():
     (None, OSError, "bad.hex: cannot be opened: No such file"),
     (":1000\n", ValueError, "bad.hex:1: too short for a record"),
     (":0400000001020304F0\n:00000001FF\n", ValueError, "bad.hex:1: wrong checksum 0xF0"),
-    (":0400000001020304F2\n", ValueError, "bad.hex:1: the file ends without an end record"),
-    ("S107000001020304EE\nS5030002FA\nS9030000FC\n", ValueError, "bad.hex:2: the count record says 2"),
 ])
 def test_load_errors_carry_the_library_text(tmp_path, content, error, text):
     path = tmp_path / "bad.hex"

@@ -8,6 +8,7 @@
 #include "tarvik/core/TarvikClient.h"
 #include "tarvik/runtime/MolFrameCutter.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -66,6 +67,24 @@ void OnUndefined(int, unsigned char, unsigned char, unsigned char len, const cha
     FuzzSum(data, len);
 }
 
+// Cuts data into frames, chunk bytes per read, and hands them to client as its connection
+// does: each read's telegrams marked as one batch.
+template <class TClient> void Feed(TClient& client, const uint8_t* data, size_t size, size_t chunk)
+{
+    CMolFrameCutter cutter;
+    for (size_t pos = 2; pos < size;)
+    {
+        size_t space = 0;
+        char* into = cutter.GetSpace(space);
+        size_t n = std::min(std::min(size - pos, chunk), space);
+        std::memcpy(into, data + pos, n);
+        pos += n;
+        client.DataIndBatch(true);
+        cutter.Commit(n, &TClient::Deliver, &client);
+        client.DataIndBatch(false);
+    }
+}
+
 void FeedCan(const uint8_t* data, size_t size, size_t chunk)
 {
     CReceivingCAN can;
@@ -74,19 +93,7 @@ void FeedCan(const uint8_t* data, size_t size, size_t chunk)
         can.SetCallback(&OnFrame);
     if (data[1] & 0x20)
         can.CANopenSetCallback(&OnPDO, nullptr, &OnEMCY, nullptr, &OnUndefined);
-    CMolFrameCutter cutter;
-    for (size_t pos = 2; pos < size;)
-    {
-        size_t space = 0;
-        char* into = cutter.GetSpace(space);
-        size_t n = size - pos < chunk ? size - pos : chunk;
-        n = n < space ? n : space;
-        std::memcpy(into, data + pos, n);
-        pos += n;
-        can.DataIndBatch(true);
-        cutter.Commit(n, &CReceivingCAN::Deliver, &can);
-        can.DataIndBatch(false);
-    }
+    Feed(can, data, size, chunk);
     DrainCan(can);
 }
 } // namespace
@@ -98,20 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const size_t chunk = static_cast<size_t>(data[0]) + 1;
     const short collect = static_cast<short>(data[1] << 8 | data[0]);
     CReceiving client;
-    CMolFrameCutter cutter;
-    for (size_t pos = 2; pos < size;)
-    {
-        size_t space = 0;
-        char* into = cutter.GetSpace(space);
-        size_t n = size - pos;
-        if (n > chunk)
-            n = chunk;
-        if (n > space)
-            n = space;
-        std::memcpy(into, data + pos, n);
-        pos += n;
-        cutter.Commit(n, &CReceiving::Deliver, &client);
-    }
+    Feed(client, data, size, chunk);
     unsigned int noWait = 0;
     delete client.WaitForMsg(collect, &noWait);
     delete client.GetMsg(0);
