@@ -13,7 +13,13 @@
 //   busy round trip p50 / idle p50: X
 //   busy round trip p99 / idle p99: X
 //
-//   bench_busy_bus [RATE] [REQUESTS]     (defaults 30000 frames/s and 10000 requests per state)
+// With "split" the client's trace sink also takes the time each request leaves and each
+// confirmation arrives on the receive thread, and the p99 of the round trip's three parts is
+// printed: out (call to send), wire (send to the receive thread's cut of the answer: the
+// simulator, the socket and the frames ahead of the answer) and hand-over (receive thread to
+// the caller). The sink is called for every received frame, so those runs cost more.
+//
+//   bench_busy_bus [RATE] [REQUESTS] [split]  (defaults 30000 frames/s and 10000 requests per state)
 #include "BenchUtil.h"
 #include "sim/TarvikSimCanBus.h"
 #include "sim/TarvikSimDeviceCAN.h"
@@ -23,6 +29,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -70,16 +77,49 @@ private:
     std::thread m_oThread;
 };
 
+// The parts of one round trip as the trace sink sees them (split runs).
+struct SSplit
+{
+    std::atomic<int64_t> m_nSentNs{0};
+    std::atomic<int64_t> m_nCutNs{0};
+    std::vector<double> m_adOut, m_adWire, m_adHandOver;
+
+    static void Sink(const STarvikTrace& trace, void* user)
+    {
+        auto& split = *static_cast<SSplit*>(user);
+        const int64_t now = CBenchClock::now().time_since_epoch().count();
+        if (trace.m_eKind == STarvikTrace::eSent)
+            split.m_nSentNs = now;
+        else if (trace.m_eKind == STarvikTrace::eReceived && (trace.m_nCmdCode & 0x8000) != 0)
+            split.m_nCutNs = now;
+    }
+    void Add(int64_t beginNs, int64_t endNs)
+    {
+        m_adOut.push_back((m_nSentNs - beginNs) * 1e-3);
+        m_adWire.push_back((m_nCutNs - m_nSentNs) * 1e-3);
+        m_adHandOver.push_back((endNs - m_nCutNs) * 1e-3);
+    }
+    void Print(const char* state) const
+    {
+        std::printf("  %s p99 parts: out %.1f us, wire %.1f us, hand-over %.1f us\n", state,
+                    BenchPercentile(m_adOut, 0.99), BenchPercentile(m_adWire, 0.99),
+                    BenchPercentile(m_adHandOver, 0.99));
+    }
+};
+
 // count requests, their round trips in microseconds appended to us; false on a failed request.
-bool Requests(CTarvikClientCANDll& client, int count, std::vector<double>* us)
+bool Requests(CTarvikClientCANDll& client, int count, std::vector<double>* us, SSplit* split = nullptr)
 {
     for (int i = 0; i < count; ++i)
     {
         bool confirm = false, flag2 = false;
         const auto begin = CBenchClock::now();
         const int rc = client.GetConfig(confirm, flag2);
+        const auto end = CBenchClock::now();
         if (us != nullptr)
-            us->push_back(BenchSeconds(begin) * 1e6);
+            us->push_back(BenchSeconds(begin, end) * 1e6);
+        if (split != nullptr)
+            split->Add(begin.time_since_epoch().count(), end.time_since_epoch().count());
         if (rc != 0)
         {
             std::fprintf(stderr, "bench_busy_bus: GetConfig: %s\n", CTarvikClient::GetErrorMsg(rc).c_str());
@@ -114,19 +154,25 @@ int main(int argc, char** argv)
     if (client.Connect("127.0.0.1", server.GetPort(eTarvikCAN)) != 0 || !Requests(client, kWarmUp, nullptr))
         return 1;
     CConsumer consumer(client);
+    const bool splitting = argc > 3 && std::string(argv[3]) == "split";
+    SSplit idleSplit, busySplit;
 
     std::vector<double> idle, busy;
     double busySeconds = 0;
     size_t busyFrames = 0;
     for (int done = 0; done < requests; done += kBlock)
     {
-        if (!Requests(client, kBlock, &idle))
+        if (splitting)
+            client.SetTraceSink(&SSplit::Sink, &idleSplit);
+        if (!Requests(client, kBlock, &idle, splitting ? &idleSplit : nullptr))
             return 1;
+        if (splitting)
+            client.SetTraceSink(&SSplit::Sink, &busySplit);
         bus.SetStream(rate);
         std::this_thread::sleep_for(kSettle);
         const size_t framesBefore = consumer.GetCount();
         const auto begin = CBenchClock::now();
-        if (!Requests(client, kBlock, &busy))
+        if (!Requests(client, kBlock, &busy, splitting ? &busySplit : nullptr))
             return 1;
         busySeconds += BenchSeconds(begin);
         busyFrames += consumer.GetCount() - framesBefore;
@@ -143,6 +189,11 @@ int main(int argc, char** argv)
                 requests, kBlock);
     std::printf("  idle: p50 %.1f us, p99 %.1f us\n", idleP50, idleP99);
     std::printf("  busy: p50 %.1f us, p99 %.1f us\n", busyP50, busyP99);
+    if (splitting)
+    {
+        idleSplit.Print("idle");
+        busySplit.Print("busy");
+    }
     std::printf("  bus stream %lu frames/s; the client fetched %.0f frames/s during the busy blocks; the stream left "
                 "out %lu frames, the gateway dropped %lu\n",
                 rate, busyFrames / busySeconds, bus.GetStreamSkipped(), gateway->GetDroppedCount());
