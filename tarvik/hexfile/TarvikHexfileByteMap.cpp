@@ -114,8 +114,9 @@ void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks
             block->m_pData = new char[runEnd - runStart];
             block->m_nStartAddress = runStart;
             block->m_nLength = runEnd - runStart;
-            blocks.push_back(block.get());
-            block.release();
+            // The slot first: a vector that cannot grow leaves the block with its owner.
+            blocks.push_back(nullptr);
+            blocks.back() = block.release();
         };
         bool inRun = false;
         ForEachSpan([&](uint64_t address, const char*, unsigned int length) {
