@@ -15,9 +15,10 @@
 // The bound the file-write thread's poll pause would set if it always slept its full
 // Sleep(0, 1) is printed too: a progress report ends the pause at once.
 // The writing step runs from the client's first chunk out to its last progress report in,
-// as the client's trace sink sees them: the same two ends as the limit's. The image is
-// loaded from its Intel HEX file once, timed on its own; each write starts from it. The last line is "ratio awire
-// write/limit: X" for scripts.
+// as the client's trace sink sees them: the same two ends as the limit's (the sink's own
+// cost, a check-byte pass over each chunk, counts against the library). The image is loaded
+// from its Intel HEX file once, timed on its own; each write starts from it. A warm-up pair
+// runs first and is not counted. The last line is "ratio awire write/limit: X" for scripts.
 //
 //   bench_awire [RUNS]      (default 5)
 #include "BenchUtil.h"
