@@ -17,6 +17,8 @@ bash "$here/run_sendfile.sh" "$build"
 echo
 bash "$here/run_can_ingest.sh" "$build"
 echo
+bash "$here/run_busy_bus.sh" "$build"
+echo
 bash "$here/run_awire.sh" "$build"
 # The Python bindings' receive path, when the build has the module (TARVIK_BUILD_PYTHON).
 if compgen -G "$build/python/tarvik/_tarvik*.so" >/dev/null && /usr/bin/python3 -c 'import can' 2>/dev/null; then

@@ -1,6 +1,7 @@
 #include "sim/TarvikSimCanBus.h"
 
 #include "sim/TarvikSimCanOpenNode.h"
+#include "tarvik/core/TarvikMsg.h"
 
 #include <algorithm>
 
@@ -12,7 +13,8 @@ constexpr const char* kOutsideName = "test";
 } // namespace
 
 CTarvikSimCanBus::CTarvikSimCanBus(const std::vector<unsigned char>& nodeIds)
-    : m_nLogSize(kDefaultLogSize), m_nFrames(0), m_nDelivered(0), m_pBusy(nullptr), m_bStop(false)
+    : m_nLogSize(kDefaultLogSize), m_nFrames(0), m_nDelivered(0), m_nStreamed(0), m_nStreamSkipped(0), m_pBusy(nullptr),
+      m_bStop(false)
 {
     for (unsigned char id : nodeIds)
         AddNode(id);
@@ -198,15 +200,87 @@ void CTarvikSimCanBus::Run()
     std::unique_lock<std::mutex> lock(m_oMutex);
     while (!m_bStop)
     {
-        if (DeliverNext(lock) || FireDueTimer(lock))
+        if (DeliverNext(lock) || FireDueTimer(lock) || SendDueStream(lock))
             continue;
-        auto next = std::min_element(m_aoTimers.begin(), m_aoTimers.end(),
-                                     [](const STimer& a, const STimer& b) { return a.m_oDue < b.m_oDue; });
-        if (next == m_aoTimers.end())
+        const Clock::time_point wake = NextWake();
+        if (wake == Clock::time_point::max())
             m_oWake.wait(lock);
         else
-            m_oWake.wait_until(lock, next->m_oDue);
+            m_oWake.wait_until(lock, wake);
     }
+}
+
+CTarvikSimCanBus::Clock::time_point CTarvikSimCanBus::NextWake() const
+{
+    Clock::time_point wake = Clock::time_point::max();
+    for (const STimer& timer : m_aoTimers)
+        wake = std::min(wake, timer.m_oDue);
+    if (m_pStream)
+        wake = std::min(wake, m_pStream->NextDue());
+    return wake;
+}
+
+bool CTarvikSimCanBus::SetStream(unsigned long rate, const STarvikSimCanFrame& frame)
+{
+    if (rate > kMaxStreamRate)
+        return false;
+    {
+        std::lock_guard<std::mutex> lock(m_oMutex);
+        if (m_pStream)
+            m_nStreamSkipped += m_pStream->GetSkipped();
+        m_pStream.reset(rate == 0 ? nullptr : new CTarvikSimCanPacer(rate, Clock::now()));
+        m_oStreamFrame = frame;
+    }
+    m_oWake.notify_all();
+    return true;
+}
+
+unsigned long CTarvikSimCanBus::GetStreamRate() const
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    return m_pStream ? m_pStream->GetRate() : 0;
+}
+
+unsigned long CTarvikSimCanBus::GetStreamedCount() const
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    return m_nStreamed;
+}
+
+unsigned long CTarvikSimCanBus::GetStreamSkipped() const
+{
+    std::lock_guard<std::mutex> lock(m_oMutex);
+    return m_nStreamSkipped + (m_pStream ? m_pStream->GetSkipped() : 0);
+}
+
+STarvikSimCanFrame CTarvikSimCanBus::DefaultStreamFrame()
+{
+    STarvikSimCanFrame frame;
+    frame.m_nId = 0x55;
+    frame.m_sData.assign(8, '\0');
+    return frame;
+}
+
+bool CTarvikSimCanBus::SendDueStream(std::unique_lock<std::mutex>& lock)
+{
+    if (!m_pStream)
+        return false;
+    const size_t count = m_pStream->Take(Clock::now());
+    if (count == 0)
+        return false;
+    std::vector<STarvikSimCanFrame> frames(count, m_oStreamFrame);
+    for (STarvikSimCanFrame& frame : frames)
+    {
+        if (frame.m_sData.size() >= 4)
+            frame.m_sData.replace(0, 4, CTarvikMsg::ToChar(static_cast<unsigned int>(m_nStreamed)));
+        ++m_nStreamed;
+    }
+    // Transmit takes the lock itself and calls the nodes without it.
+    lock.unlock();
+    for (const STarvikSimCanFrame& frame : frames)
+        Transmit(frame, nullptr);
+    lock.lock();
+    return true;
 }
 
 template <typename F>

@@ -16,6 +16,7 @@
 #ifndef TARVIK_SIM_TARVIKSIMCANBUS_H
 #define TARVIK_SIM_TARVIKSIMCANBUS_H
 
+#include "sim/TarvikSimCanPacer.h"
 #include "sim/TarvikSimCanStation.h"
 
 #include <chrono>
@@ -64,6 +65,20 @@ public:
     void ClearLog();
     // Frames sent since the bus began (not limited by the log).
     unsigned long GetFrameCount() const;
+    // A busy bus: rate frames a second from outside ("test"), each a copy of frame whose first
+    // four data bytes (when it has four) carry the running number, little-endian. The bus
+    // thread sends them by a deadline clock (CTarvikSimCanPacer) between its other work, and
+    // hands them to the gateways like any other frame. A new call restarts the stream; rate 0
+    // stops it. False (and no change) for a rate above kMaxStreamRate.
+    static constexpr unsigned long kMaxStreamRate = 1000000;
+    bool SetStream(unsigned long rate, const STarvikSimCanFrame& frame = DefaultStreamFrame());
+    unsigned long GetStreamRate() const;
+    // Frames the stream has put on the bus, and frames it left out after falling behind by
+    // more than its catch-up burst, since the bus began.
+    unsigned long GetStreamedCount() const;
+    unsigned long GetStreamSkipped() const;
+    // Identifier 0x55, eight data bytes.
+    static STarvikSimCanFrame DefaultStreamFrame();
     // Blocks until the gateways have been handed every frame sent so far (tests use it
     // to know an indication is on its way). False after timeoutMs.
     bool WaitDelivered(unsigned int timeoutMs = 5000) const;
@@ -100,6 +115,9 @@ private:
     void Run();
     bool DeliverNext(std::unique_lock<std::mutex>& lock);
     bool FireDueTimer(std::unique_lock<std::mutex>& lock);
+    bool SendDueStream(std::unique_lock<std::mutex>& lock);
+    // The next time the bus thread has something to do without being woken.
+    Clock::time_point NextWake() const;
     // Calls fn on station with the lock released, marking the station busy meanwhile.
     template <typename F> void CallOut(std::unique_lock<std::mutex>& lock, CTarvikSimCanStation* station, F fn);
     bool IsAttached(const CTarvikSimCanStation* station) const;
@@ -116,6 +134,10 @@ private:
     unsigned long m_nFrames;
     unsigned long m_nDelivered;
     std::vector<STimer> m_aoTimers;
+    std::unique_ptr<CTarvikSimCanPacer> m_pStream;
+    STarvikSimCanFrame m_oStreamFrame;
+    unsigned long m_nStreamed;
+    unsigned long m_nStreamSkipped;
     // The station the bus thread is calling now, if any.
     CTarvikSimCanStation* m_pBusy;
     bool m_bStop;

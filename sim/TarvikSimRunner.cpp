@@ -1,5 +1,6 @@
 #include "sim/TarvikSimRunner.h"
 
+#include "sim/TarvikSimCanBus.h"
 #include "sim/TarvikSimDeviceAWire.h"
 #include "sim/TarvikSimRegistry.h"
 #include "sim/TarvikSimServer.h"
@@ -153,6 +154,17 @@ bool ParseNodeIds(const std::string& text, std::vector<unsigned char>& ids, std:
     }
     return true;
 }
+// A whole number of frames per second within what the bus stream takes; CLI11's own number
+// checks would call "fast" a float and 1.5 out of range.
+std::string CheckFrameRate(std::string& text)
+{
+    const std::string range = "0.." + std::to_string(CTarvikSimCanBus::kMaxStreamRate);
+    const bool digits =
+        !text.empty() && text.size() <= range.size() && text.find_first_not_of("0123456789") == std::string::npos;
+    if (!digits || std::stoul(text) > CTarvikSimCanBus::kMaxStreamRate)
+        return "Value " + text + " is not a frame rate (whole frames per second, " + range + ")";
+    return std::string();
+}
 } // namespace
 
 std::string CTarvikSimRunner::JoinNames()
@@ -183,6 +195,12 @@ void CTarvikSimRunner::AddOptions(CLI::App& app, STarvikSimOptions& options)
     app.add_option("--can-nodes", options.m_sCanNodes,
                    "CANopen node ids on the CAN gateways' bus, comma-separated; empty for none")
         ->capture_default_str();
+    app.add_option("--can-stream", options.m_nCanStream,
+                   "Frames per second put on the CAN gateways' bus from outside (identifier 0x55, 8 bytes, the "
+                   "first four a running number), which every CAN client receives; 0 for none")
+        ->type_name("RATE")
+        ->check(CLI::Validator(CheckFrameRate, "", "frame rate"))
+        ->capture_default_str();
     AddFaultOptions(app, options);
 }
 
@@ -201,6 +219,12 @@ int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, s
             error = "port indices past " + std::to_string(kMaxIndex);
             return eExitUsage;
         }
+    if (options.m_nCanStream > 0 && std::none_of(groups.begin(), groups.end(),
+                                                 [](const SDeviceGroup& group) { return group.m_eType == eTarvikCAN; }))
+    {
+        error = "--can-stream needs a CAN device";
+        return eExitUsage;
+    }
     if (options.m_nPort >= 0 && (groups.size() != 1 || groups[0].m_nCount != 1))
     {
         error = "--port needs exactly one device";
@@ -228,6 +252,8 @@ int CTarvikSimRunner::Run(const STarvikSimOptions& options, std::ostream& out, s
                 return eExitServer;
             }
         }
+    if (options.m_nCanStream > 0)
+        server.GetCanBus()->SetStream(options.m_nCanStream);
     ApplyFaults(options, server);
     for (CTarvikSimDevice* device : server.GetDevices())
         if (auto* awire = dynamic_cast<CTarvikSimDeviceAWire*>(device))

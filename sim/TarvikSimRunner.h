@@ -22,6 +22,7 @@ struct STarvikSimOptions
     int m_nPort = -1;                  // >= 0: this port (one device only; 0 = any free port)
     unsigned long m_nAWireRate = 0;    // bytes per second the AWire target programs; 0: no delay
     std::string m_sCanNodes = "2,3";   // CANopen node ids on the CAN bus; empty: none
+    unsigned long m_nCanStream = 0;    // frames per second streamed on the CAN bus; 0: none
     // Faults from the start; see TarvikSimFaults.h.
     ETarvikSimFault m_eFault = eTarvikSimFaultNone;
     unsigned int m_nDelayMs = 0;
@@ -47,7 +48,8 @@ public:
 
     // The short names of every model, comma-separated.
     static std::string JoinNames();
-    // Adds -H/--host, -d/--devices, -i/--index, -p/--port, --can-nodes and the fault options to app.
+    // Adds -H/--host, -d/--devices, -i/--index, -p/--port, --can-nodes, --can-stream and the fault
+    // options to app.
     static void AddOptions(CLI::App& app, STarvikSimOptions& options);
     // Listens as options say, prints one line per device on out and serves until
     // SIGINT or SIGTERM. Returns an EExit value; error receives the text of a failure.

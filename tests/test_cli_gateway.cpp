@@ -204,7 +204,19 @@ INSTANTIATE_TEST_SUITE_P(
               2,
               "",
               "tarvik-sim: unknown option '--bogus'\nRun 'tarvik-sim --help' for usage.\n"},
-        SCase{{"tarvik-sim", "--devices", "nope"}, 2, "", "tarvik-sim: unknown device \"nope\"..."}));
+        SCase{{"tarvik-sim", "--devices", "nope"}, 2, "", "tarvik-sim: unknown device \"nope\"..."},
+        SCase{{"tarvik-sim", "--can-stream", "1.5"},
+              2,
+              "",
+              "tarvik-sim: --can-stream: Value 1.5 is not a frame rate (whole frames per second, 0..1000000)\n..."},
+        SCase{{"tarvik-sim", "--can-stream", "1000001"},
+              2,
+              "",
+              "tarvik-sim: --can-stream: Value 1000001 is not a frame..."},
+        SCase{{"tarvik-sim", "--devices", "spi", "--can-stream", "10"},
+              2,
+              "",
+              "tarvik-sim: --can-stream needs a CAN device\n"}));
 
 // A gateway that cannot be reached, or does not answer: the library's code and text,
 // then the cause the tool found.
@@ -503,4 +515,31 @@ TEST(CliAWire, CtrlCStopsTheWriteAndSaysHowFarItGot)
         std::regex_match(cli.Err(), std::regex("tarvik: write-file: interrupted while writing at \\d+% of 262144 "
                                                "bytes; the target holds an incomplete image\n")))
         << cli.Err();
+}
+
+TEST(CliSim, CanStreamPutsItsFramesOnTheBus)
+{
+    CProcess sim(kSim, {"--devices", "can", "--port", "0", "--can-stream", "1000"});
+    std::smatch match;
+    std::string out;
+    Eventually([&] { return (out = sim.Out()).find('\n') != std::string::npos; });
+    ASSERT_TRUE(std::regex_match(out, match, std::regex("Tarvik CAN listening on (127\\.0\\.0\\.1:\\d+)\n"))) << out;
+    // 100 frames, numbered one after the other, within a deadline far above their 0.1 s.
+    CProcess dump(kTarvik, {"-H", match[1], "can", "dump", "-n", "100"});
+    ASSERT_EQ(0, dump.Wait(20000)) << dump.Err();
+    std::string lines = dump.Out();
+    std::regex frame("  \\S+  055   \\[8\\]  ([0-9A-F]{2}) ([0-9A-F]{2}) ([0-9A-F]{2}) ([0-9A-F]{2}) 00 00 00 00\n");
+    unsigned long previous = 0;
+    int count = 0;
+    for (std::sregex_iterator it(lines.begin(), lines.end(), frame), end; it != end; ++it, ++count)
+    {
+        const unsigned long number =
+            std::stoul((*it)[4].str() + (*it)[3].str() + (*it)[2].str() + (*it)[1].str(), nullptr, 16);
+        if (count > 0)
+        {
+            EXPECT_EQ(previous + 1, number) << lines;
+        }
+        previous = number;
+    }
+    EXPECT_EQ(100, count) << lines;
 }

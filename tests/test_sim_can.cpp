@@ -8,6 +8,7 @@
 
 #include "sim/TarvikSimCanBus.h"
 #include "sim/TarvikSimCanOpenNode.h"
+#include "sim/TarvikSimCanPacer.h"
 #include "sim/TarvikSimDeviceCAN.h"
 #include "sim/TarvikSimRawClient.h"
 #include "sim/TarvikSimServer.h"
@@ -354,4 +355,61 @@ TEST_F(SimCan, StreamedFramesArriveInOrder)
     streamer.join();
     EXPECT_EQ(kCount, inOrder);
     EXPECT_EQ(0u, m_apGateway[1]->GetDroppedCount());
+}
+
+// The deadline clock on a made-up time line: due frames by the schedule, never by the gaps
+// between looks; a lag longer than the catch-up burst is forgiven, not sent in a flood.
+TEST(SimCanPacer, FramesFallDueByTheScheduleAndALongLagIsForgiven)
+{
+    using std::chrono::microseconds;
+    const CTarvikSimCanPacer::Clock::time_point start{};
+    CTarvikSimCanPacer pacer(1000, start);
+    const struct
+    {
+        long m_nAtUs;
+        size_t m_nTaken;
+        long m_nNextDueUs;
+    } steps[] = {
+        {0, 1, 1000},           // frame 0 is due at the start
+        {999, 0, 1000},         // frame 1 not yet
+        {1000, 1, 2000},        // exactly at its deadline
+        {10500, 9, 11000},      // a late look takes what fell due meanwhile: frames 2..10
+        {10900, 0, 11000},      // the schedule did not slip by the late look
+        {1000000, 50, 1001000}, // 990 due, the burst is 50 ms of frames
+        {1001000, 1, 1002000},  // and the schedule goes on from now
+    };
+    for (const auto& step : steps)
+    {
+        SCOPED_TRACE(step.m_nAtUs);
+        EXPECT_EQ(step.m_nTaken, pacer.Take(start + microseconds(step.m_nAtUs)));
+        EXPECT_EQ(start + microseconds(step.m_nNextDueUs), pacer.NextDue());
+    }
+    EXPECT_EQ(62u, pacer.GetTaken());
+    EXPECT_EQ(940u, pacer.GetSkipped());
+    // A rate that does not divide a second: frame 1 of 3 a second is due at 1/3 s, rounded up.
+    using std::chrono::nanoseconds;
+    CTarvikSimCanPacer third(3, start);
+    EXPECT_EQ(1u, third.Take(start));
+    EXPECT_EQ(start + nanoseconds(333333334), third.NextDue());
+    EXPECT_EQ(0u, third.Take(start + nanoseconds(333333333)));
+    EXPECT_EQ(1u, third.Take(start + nanoseconds(333333334)));
+    EXPECT_EQ(start + nanoseconds(666666667), third.NextDue());
+}
+
+TEST_F(SimCan, TheBusStreamsAtItsRateToEveryClient)
+{
+    EXPECT_FALSE(m_pBus->SetStream(CTarvikSimCanBus::kMaxStreamRate + 1));
+    EXPECT_EQ(0u, m_pBus->GetStreamRate());
+    ASSERT_TRUE(m_pBus->SetStream(2000));
+    EXPECT_EQ(2000u, m_pBus->GetStreamRate());
+    // At least 200 frames, in order and numbered from 0, within a deadline far above their 0.1 s.
+    for (SGatewayClient* client : {&m_oA, &m_oB})
+        for (unsigned int i = 0; i < 200; ++i)
+            ASSERT_EQ("55 00 00 00 00 " + ToHex(LE32(i)) + " 00 00 00 00", client->Next(kWrite)) << i;
+    ASSERT_TRUE(m_pBus->SetStream(0));
+    const unsigned long streamed = m_pBus->GetStreamedCount();
+    EXPECT_GE(streamed, 200u);
+    // Stopped: the bus thread sends nothing more however long it runs.
+    EXPECT_EQ(streamed, m_pBus->GetStreamedCount());
+    EXPECT_EQ(0u, m_pBus->GetStreamRate());
 }

@@ -245,7 +245,8 @@ private:
     // Progress reports received; the file-write thread waits on it between its polls.
     std::mutex m_oReportMutex;
     std::condition_variable m_oReport;
-    uint64_t m_nReports;
+    // Written under m_oReportMutex; read without it by the short spin before a wait.
+    std::atomic<uint64_t> m_nReports;
     CWriteFileThread* m_pWriteFileThread;
     // The file-write thread reads it; GetConfig may change it meanwhile.
     std::atomic<unsigned int> m_nPageSize;

@@ -91,6 +91,10 @@ public:
             m_pLastSlice->m_acData[index] = value;
             m_pLastSlice->m_nPresent |= uint64_t(1) << index;
         }
+        // SetByte for count bytes at address, address + 1, ... (wrapping past 0xFFFFFFFF),
+        // a slice at a time, and highest raised to every address written. On bad_alloc the
+        // slices before the one that failed are written and counted in highest.
+        void SetBytes(unsigned int address, const char* data, unsigned int count, uint64_t& highest);
         // Replaces the contents of blocks (releasing what it held) by the collected runs.
         void ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks);
         void Clear();
@@ -98,6 +102,8 @@ public:
     private:
         // Makes the slice at base (created with its page when missing) the current one.
         void SelectSlice(unsigned int base);
+        // fn(address, data, length) for every span of written bytes, in address order.
+        template <typename F> void ForEachSpan(F fn) const;
 
         std::map<unsigned int, SPage> m_mapPages;
         // Records arrive mostly in address order: the page and the slice of the last write are

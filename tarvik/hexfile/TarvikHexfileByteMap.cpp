@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <utility>
 
 namespace
 {
@@ -10,7 +12,6 @@ constexpr unsigned int kPageSize = 4096;
 constexpr unsigned int kPageMask = kPageSize - 1;
 // A page is stored in slices of 64 bytes, one present bit each in a 64-bit word.
 constexpr unsigned int kSliceSize = 64;
-constexpr size_t kRunReserve = 0x40000;
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -42,18 +43,30 @@ void CTarvikHexfile::CByteMap::SelectSlice(unsigned int base)
     m_pLastSlice = &page.m_vecSlices[place];
 }
 
-void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks)
+void CTarvikHexfile::CByteMap::SetBytes(unsigned int address, const char* data, unsigned int count, uint64_t& highest)
 {
-    for (SMemoryBlock* block : blocks)
-        delete block;
-    blocks.clear();
-    if (m_mapPages.empty())
-        return;
+    while (count > 0)
+    {
+        const unsigned int base = address & ~(kSliceSize - 1);
+        if (m_pLastSlice == nullptr || base != m_nLastSliceBase)
+            SelectSlice(base);
+        const unsigned int index = address & (kSliceSize - 1);
+        // Slices are aligned, so one never reaches across the wrap from 0xFFFFFFFF to 0.
+        const unsigned int length = std::min(count, kSliceSize - index);
+        std::memcpy(m_pLastSlice->m_acData + index, data, length);
+        const uint64_t bits = length == kSliceSize ? ~uint64_t(0) : ((uint64_t(1) << length) - 1) << index;
+        m_pLastSlice->m_nPresent |= bits;
+        const unsigned int last = address + length - 1;
+        if (last > highest)
+            highest = last;
+        address += length;
+        data += length;
+        count -= length;
+    }
+}
 
-    std::vector<char> run;
-    run.reserve(kRunReserve);
-    uint64_t runStart = 0;
-    uint64_t expected = 0;
+template <typename F> void CTarvikHexfile::CByteMap::ForEachSpan(F fn) const
+{
     for (const auto& page : m_mapPages)
     {
         uint64_t slices = page.second.m_nSlices;
@@ -64,7 +77,6 @@ void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks
             slices &= slices - 1;
             const uint64_t sliceAddress =
                 static_cast<uint64_t>(page.first) + static_cast<uint64_t>(sliceIndex) * kSliceSize;
-            // Taken span by span of present bytes, which is the same as byte by byte.
             uint64_t present = slice.m_nPresent;
             unsigned int index = 0;
             while (present != 0)
@@ -76,24 +88,65 @@ void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks
                 // has no zero bit at all.
                 const unsigned int length =
                     present == ~uint64_t(0) ? kSliceSize : static_cast<unsigned int>(__builtin_ctzll(~present));
-                const uint64_t address = sliceAddress + index;
-                if (address > expected)
-                {
-                    if (!run.empty())
-                        blocks.push_back(new SMemoryBlock(runStart, run.data(), run.size()));
-                    run.clear();
-                    runStart = address;
-                    expected = address;
-                }
-                run.insert(run.end(), slice.m_acData + index, slice.m_acData + index + length);
-                expected += length;
+                fn(sliceAddress + index, slice.m_acData + index, length);
                 index += length;
                 present = length < kSliceSize ? present >> length : 0;
             }
         }
     }
-    if (!run.empty())
-        blocks.push_back(new SMemoryBlock(runStart, run.data(), run.size()));
+}
+
+void CTarvikHexfile::CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& blocks)
+{
+    for (SMemoryBlock* block : blocks)
+        delete block;
+    blocks.clear();
+
+    // First a block for every run of adjacent bytes, then the blocks filled straight from the
+    // slices: a multi-megabyte image is neither grown step by step nor copied twice.
+    try
+    {
+        uint64_t runStart = 0;
+        uint64_t runEnd = 0;
+        auto close = [&blocks, &runStart, &runEnd] {
+            std::unique_ptr<SMemoryBlock> block(new SMemoryBlock());
+            // Not zero-filled: every byte of a run is written below.
+            block->m_pData = new char[runEnd - runStart];
+            block->m_nStartAddress = runStart;
+            block->m_nLength = runEnd - runStart;
+            // The slot first: a vector that cannot grow leaves the block with its owner.
+            blocks.push_back(nullptr);
+            blocks.back() = block.release();
+        };
+        bool inRun = false;
+        ForEachSpan([&](uint64_t address, const char*, unsigned int length) {
+            if (!inRun || address > runEnd)
+            {
+                if (inRun)
+                    close();
+                inRun = true;
+                runStart = address;
+                runEnd = address;
+            }
+            runEnd += length;
+        });
+        if (inRun)
+            close();
+    }
+    catch (...)
+    {
+        // Out of memory: no blocks rather than blocks of unwritten bytes.
+        for (SMemoryBlock* block : blocks)
+            delete block;
+        blocks.clear();
+        throw;
+    }
+    size_t current = 0;
+    ForEachSpan([&blocks, &current](uint64_t address, const char* data, unsigned int length) {
+        while (address >= blocks[current]->m_nStartAddress + blocks[current]->m_nLength)
+            ++current;
+        std::memcpy(blocks[current]->m_pData + (address - blocks[current]->m_nStartAddress), data, length);
+    });
 }
 
 void CTarvikHexfile::CByteMap::Clear()

@@ -33,6 +33,19 @@ const char kMsgInvalidChecksum[] = "Invalid checksum in data line: ";
 const char kMsgAbove4G[] = "Data addresses above 4 giga byte are not supported. ";
 const char kMsgAbove4GPrinted[] = "Data addresses above 4 giga byte are not supported, m_nMaxAddr = ";
 
+// count bytes from 2 * count hex digits into out; returns their sum.
+unsigned int DecodeHex(const char* text, char* out, unsigned int count)
+{
+    unsigned int sum = 0;
+    for (unsigned int i = 0; i < count; ++i, text += 2)
+    {
+        const unsigned int value = HexByte(text);
+        sum += value;
+        out[i] = static_cast<char>(value);
+    }
+    return sum;
+}
+
 void ReplaceNul(std::string& text)
 {
     std::replace(text.begin(), text.end(), '\0', '.');
@@ -164,17 +177,11 @@ uint32_t CTarvikHexfile::AnalizeLineIntel(const std::string& line, CByteMap& map
         {
         case kIntelData:
         {
-            const char* data = text + 9;
-            const unsigned int base = extendedAddress + offset;
-            for (unsigned int i = 0; i < count; ++i, data += 2)
-            {
-                unsigned int value = HexByte(data);
-                sum += value;
-                unsigned int address = base + i;
-                map.SetByte(address, static_cast<char>(value));
-                if (address > m_nMaxAddr)
-                    m_nMaxAddr = address;
-            }
+            // Decoded into a local buffer first: stores through a char pointer could alias any
+            // member, which would keep the compiler from holding anything in registers.
+            char bytes[256];
+            sum += DecodeHex(text + 9, bytes, count);
+            map.SetBytes(extendedAddress + offset, bytes, count, m_nMaxAddr);
             break;
         }
         case kIntelEndOfFile: break;
@@ -265,16 +272,11 @@ uint32_t CTarvikHexfile::AnalizeLineMotorola(const std::string& line, CByteMap& 
         for (unsigned int i = 0; i < 2 * addressBytes; ++i)
             address = (address << 4) | HexDigit(text[4 + i]);
         const unsigned int dataBytes = count - addressBytes - 1;
-        const char* data = text + 4 + 2 * static_cast<size_t>(addressBytes);
+        char bytes[256];
+        DecodeHex(text + 4 + 2 * static_cast<size_t>(addressBytes), bytes, dataBytes);
         try
         {
-            for (unsigned int i = 0; i < dataBytes; ++i, data += 2)
-            {
-                unsigned int target = address + i;
-                map.SetByte(target, static_cast<char>(HexByte(data)));
-                if (target > m_nMaxAddr)
-                    m_nMaxAddr = target;
-            }
+            map.SetBytes(address, bytes, dataBytes, m_nMaxAddr);
         }
         catch (const std::bad_alloc&)
         {

@@ -10,5 +10,5 @@ _tarvik_sim()
         -*) [[ $prev == --* && $prev != --help && $prev != --version ]] && return ;;
     esac
     COMPREPLY=($(compgen -W "--help --version --host --devices --index --port --awire-rate --fault --delay --jitter --drop --seed
-        --indications --strays --close-after --dribble --max-connections --can-nodes" -- "$cur"))
+        --indications --strays --close-after --dribble --max-connections --can-nodes --can-stream" -- "$cur"))
 } && complete -F _tarvik_sim tarvik-sim
