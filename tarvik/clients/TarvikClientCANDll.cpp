@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 
 namespace
 {
@@ -100,7 +101,8 @@ size_t KeptSize(CTarvikClientCANDll::EQueue queue, size_t size)
 CTarvikMsgQueue::CTarvikMsgQueue(size_t recordData)
     : m_nMaxSize(kDefaultMaxSize),
       // Whole 8-byte words, so that records stay aligned for the copies.
-      m_nRecordSize((kRecordHead + std::min(recordData, kMaxRecordData) + 7) / 8 * 8), m_nHead(0), m_nCount(0)
+      m_nRecordSize((kRecordHead + std::min(recordData, kMaxRecordData) + 7) / 8 * 8), m_nCapacity(0), m_nHead(0),
+      m_nCount(0)
 {
 }
 
@@ -113,17 +115,23 @@ void CTarvikMsgQueue::MakeRecord(char* record, const char* data, size_t size) co
 
 bool CTarvikMsgQueue::Grow()
 {
-    const size_t capacity = m_aRing.size() / m_nRecordSize;
+    const size_t capacity = m_nCapacity;
     if (m_nCount < capacity)
         return true;
     try
     {
-        // The records move over oldest first, so that the ring starts at 0 again.
-        std::vector<char> grown(std::max(kFirstRingRecords, 2 * capacity) * m_nRecordSize);
-        for (size_t i = 0; i < m_nCount; ++i)
-            std::memcpy(grown.data() + i * m_nRecordSize, m_aRing.data() + ((m_nHead + i) % capacity) * m_nRecordSize,
-                        m_nRecordSize);
-        m_aRing.swap(grown);
+        // Not zeroed: every byte is copied in before it is read. The records move over
+        // oldest first, in two runs, so that the ring starts at 0 again.
+        const size_t grown = std::max(kFirstRingRecords, 2 * capacity);
+        std::unique_ptr<char[]> ring(new char[grown * m_nRecordSize]);
+        const size_t firstRun = std::min(m_nCount, capacity - m_nHead);
+        if (m_nCount > 0)
+        {
+            std::memcpy(ring.get(), m_pRing.get() + m_nHead * m_nRecordSize, firstRun * m_nRecordSize);
+            std::memcpy(ring.get() + firstRun * m_nRecordSize, m_pRing.get(), (m_nCount - firstRun) * m_nRecordSize);
+        }
+        m_pRing.swap(ring);
+        m_nCapacity = grown;
         m_nHead = 0;
         return true;
     }
@@ -143,9 +151,10 @@ size_t CTarvikMsgQueue::PushIfRoom(const char* records, size_t count)
         // Out of memory: the rest is lost like telegrams of a full queue.
         if (!Grow())
             break;
-        const size_t capacity = m_aRing.size() / m_nRecordSize;
-        std::memcpy(m_aRing.data() + ((m_nHead + m_nCount) % capacity) * m_nRecordSize,
-                    records + pushed * m_nRecordSize, m_nRecordSize);
+        size_t at = m_nHead + m_nCount;
+        if (at >= m_nCapacity)
+            at -= m_nCapacity;
+        std::memcpy(m_pRing.get() + at * m_nRecordSize, records + pushed * m_nRecordSize, m_nRecordSize);
         ++m_nCount;
     }
     return pushed;
@@ -155,11 +164,10 @@ size_t CTarvikMsgQueue::PopFront(char* out, size_t max, size_t& left)
 {
     CMolLock lock(m_Mutex);
     const size_t taken = std::min(max, m_nCount);
-    const size_t capacity = m_aRing.size() / m_nRecordSize;
     for (size_t i = 0; i < taken; ++i)
     {
-        std::memcpy(out + i * m_nRecordSize, m_aRing.data() + m_nHead * m_nRecordSize, m_nRecordSize);
-        m_nHead = m_nHead + 1 == capacity ? 0 : m_nHead + 1;
+        std::memcpy(out + i * m_nRecordSize, m_pRing.get() + m_nHead * m_nRecordSize, m_nRecordSize);
+        m_nHead = m_nHead + 1 == m_nCapacity ? 0 : m_nHead + 1;
     }
     m_nCount -= taken;
     left = m_nCount;
@@ -175,9 +183,10 @@ size_t CTarvikMsgQueue::Size()
 void CTarvikMsgQueue::Clear()
 {
     // Swapped out under the lock, freed after it.
-    std::vector<char> dropped;
+    std::unique_ptr<char[]> dropped;
     CMolLock lock(m_Mutex);
-    dropped.swap(m_aRing);
+    dropped.swap(m_pRing);
+    m_nCapacity = 0;
     m_nHead = 0;
     m_nCount = 0;
 }

@@ -28,6 +28,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -72,7 +73,9 @@ private:
     bool Grow();
 
     size_t m_nRecordSize;
-    std::vector<char> m_aRing;
+    // m_nCapacity records of m_nRecordSize bytes; m_nCount of them from m_nHead on, wrapping.
+    std::unique_ptr<char[]> m_pRing;
+    size_t m_nCapacity;
     size_t m_nHead;
     size_t m_nCount;
 };
