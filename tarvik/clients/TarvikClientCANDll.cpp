@@ -80,6 +80,14 @@ CTarvikPayload RecordData(const char* record)
     return CTarvikPayload(record + CTarvikMsgQueue::kRecordHead, size);
 }
 
+// Bytes of a record in use: its size field and the data it keeps (the rest is never read).
+size_t UsedBytes(const char* record)
+{
+    uint16_t size = 0;
+    std::memcpy(&size, record, sizeof(size));
+    return CTarvikMsgQueue::kRecordHead + size;
+}
+
 // What the Get operations read of a data field: a frame's head and the data its one-byte
 // length covers; the fixed part of the other kinds.
 size_t KeptSize(CTarvikClientCANDll::EQueue queue, size_t size)
@@ -120,7 +128,7 @@ bool CTarvikMsgQueue::Grow()
         return true;
     try
     {
-        // Not zeroed: every byte is copied in before it is read. The records move over
+        // Not zeroed: the used bytes of a record are copied in before they are read. The records move over
         // oldest first, in two runs, so that the ring starts at 0 again.
         const size_t grown = std::max(kFirstRingRecords, 2 * capacity);
         std::unique_ptr<char[]> ring(new char[grown * m_nRecordSize]);
@@ -154,7 +162,8 @@ size_t CTarvikMsgQueue::PushIfRoom(const char* records, size_t count)
         size_t at = m_nHead + m_nCount;
         if (at >= m_nCapacity)
             at -= m_nCapacity;
-        std::memcpy(m_pRing.get() + at * m_nRecordSize, records + pushed * m_nRecordSize, m_nRecordSize);
+        const char* record = records + pushed * m_nRecordSize;
+        std::memcpy(m_pRing.get() + at * m_nRecordSize, record, UsedBytes(record));
         ++m_nCount;
     }
     return pushed;
@@ -166,7 +175,8 @@ size_t CTarvikMsgQueue::PopFront(char* out, size_t max, size_t& left)
     const size_t taken = std::min(max, m_nCount);
     for (size_t i = 0; i < taken; ++i)
     {
-        std::memcpy(out + i * m_nRecordSize, m_pRing.get() + m_nHead * m_nRecordSize, m_nRecordSize);
+        const char* record = m_pRing.get() + m_nHead * m_nRecordSize;
+        std::memcpy(out + i * m_nRecordSize, record, UsedBytes(record));
         m_nHead = m_nHead + 1 == m_nCapacity ? 0 : m_nHead + 1;
     }
     m_nCount -= taken;
@@ -398,9 +408,12 @@ bool CTarvikClientCANDll::DataIndRespond(CTarvikMsg* msg)
 
 void CTarvikClientCANDll::Indication(unsigned short cmd, const CTarvikPayload& data)
 {
+    // The command numbers below are this client's only when the high byte is its type.
+    if ((cmd >> 8) != (static_cast<unsigned short>(MakeCmdCode(0)) >> 8))
+        return;
     const SIndicationKind* kind = nullptr;
     for (const SIndicationKind& candidate : kKinds)
-        if (cmd == MakeCmdCode(candidate.m_nCmd))
+        if ((cmd & 0xFF) == candidate.m_nCmd)
         {
             kind = &candidate;
             break;
