@@ -620,7 +620,7 @@ void CTarvikClientCANDll::DecodeFrame(const char* record, STarvikCanMessage& out
         len = kMaxFrameData;
     out.nIdentifier = ReadIdentifier(data);
     // Signed here, unsigned for the callbacks: both as the interface has always had them.
-    out.nFlags = static_cast<int>(static_cast<signed char>(flags));
+    out.nFlags = flags >= 0x80 ? static_cast<int>(flags) - 0x100 : static_cast<int>(flags);
     out.nLen = len;
     out.nSeconds = static_cast<int>(tv.tv_sec);
     out.nMicroseconds = static_cast<int>(tv.tv_usec);
