@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Frames per second received through tarvik.can.TarvikBus.recv (and tarvik.CAN.get_message).
+"""Frames per second received through tarvik.can.TarvikBus.recv (and tarvik.CAN.get_message, get_messages).
 
 A gateway stand-in on a loopback address answers every request with result 0 and, when
 told, floods the connection with 0x203 CAN frame indications (8 data bytes each).
@@ -97,6 +97,21 @@ def main():
     got, seconds = measure(frames, lambda: client.get_message(5.0) is not None)
     client.close()
     print("python CAN.get_message: %d frames/s (%d frames)" % (got / seconds, got))
+
+    gateway = FloodGateway(frames)
+    client = tarvik.CAN(gateway.host, 0, 5000, queue_size=frames)
+    client.connect()
+    gateway.flood.set()
+    start = time.perf_counter()
+    got = 0
+    while got < frames:
+        batch = client.get_messages(CHUNK, 5.0)
+        if not batch:
+            break
+        got += len(batch)
+    seconds = time.perf_counter() - start
+    client.close()
+    print("python CAN.get_messages: %d frames/s (%d frames)" % (got / seconds, got))
 
 
 if __name__ == "__main__":

@@ -1,10 +1,16 @@
 // Round trip of a request and its confirmation over loopback:
 //   (a) CTarvikClientSPI::GetGlobals against the simulator in this process,
 //   (b) a blocking-socket ping-pong with the same frame sizes (7-byte request,
-//       15-byte answer) as the reference for what the kernel alone costs,
-//   (c) 64-byte DataReq transfers, as transfers per second.
+//       15-byte answer) against a trivial echo server, as the reference for what the
+//       kernel alone costs,
+//   (c) the raw client against the simulator and the library against the echo server,
+//       so that client and server costs can be told apart,
+//   (d) 64-byte DataReq transfers, as transfers per second.
 // Prints p50 and p99 of each, the number of stalls over 1 ms (a Nagle or delayed-ACK
-// stall shows up as 40 ms), and last "ratio p50 library/raw: X.XX".
+// stall shows up as 40 ms), the like-for-like ratios "ratio p50 library/raw (same
+// server): X.XX" (both against the simulator) and "ratio p50 library/raw (echo): X.XX"
+// with their p99 lines, and last "ratio p50 library/raw: X.XX" (library and simulator
+// against raw client and echo server).
 //
 //   bench_roundtrip [ITERATIONS]      (default 20000, after 2000 warm-up rounds)
 #include "BenchUtil.h"
@@ -91,7 +97,8 @@ void NoDelay(int fd)
 const std::string kRawRequest = CTarvikMsg(0x0308, 2, nullptr, 0).GetMessageData();
 const std::string kRawAnswer = CTarvikMsg(0x8308, 2, "\x00\x40\x42\x0F\x00\x00\x00\x00", 8).GetMessageData();
 
-// Echo server on its own thread: read one request, write one answer, until EOF.
+// Echo server on its own thread: read one request, write one answer under the request's
+// message id, until EOF. It serves one connection.
 void RawServe(int listener)
 {
     int fd = ::accept(listener, nullptr, nullptr);
@@ -99,27 +106,36 @@ void RawServe(int listener)
         return;
     NoDelay(fd);
     char request[64];
-    while (BenchReadAll(fd, request, kRawRequest.size()) && BenchWriteAll(fd, kRawAnswer.data(), kRawAnswer.size()))
+    std::string answer = kRawAnswer;
+    while (BenchReadAll(fd, request, kRawRequest.size()))
     {
+        answer[4] = request[4];
+        answer[5] = request[5];
+        answer.back() = static_cast<char>(CTarvikMsg::XorBytes(answer.data() + 2, answer.size() - 3));
+        if (!BenchWriteAll(fd, answer.data(), answer.size()))
+            break;
     }
     ::close(fd);
 }
 
-// Client and echo server of the raw reference, both ends with TCP_NODELAY.
-class CRawPingPong
+// The trivial echo server of the raw reference, with TCP_NODELAY.
+class CEchoServer
 {
 public:
-    ~CRawPingPong()
+    ~CEchoServer()
     {
-        if (m_nSocket >= 0)
-            ::close(m_nSocket);
         if (m_oServer.joinable())
+        {
+            // Ends the accept() of a server that never got its client.
+            ::shutdown(m_nListener, SHUT_RDWR);
             m_oServer.join();
+        }
         if (m_nListener >= 0)
             ::close(m_nListener);
     }
 
-    bool Open()
+    // Listens on loopback; 0 on failure.
+    unsigned short Open()
     {
         m_nListener = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in addr = {};
@@ -128,11 +144,46 @@ public:
         socklen_t len = sizeof(addr);
         if (::bind(m_nListener, reinterpret_cast<sockaddr*>(&addr), len) != 0 || ::listen(m_nListener, 1) != 0 ||
             ::getsockname(m_nListener, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
-            return false;
+            return 0;
         m_oServer = std::thread(RawServe, m_nListener);
+        return ntohs(addr.sin_port);
+    }
+
+private:
+    int m_nListener = -1;
+    std::thread m_oServer;
+};
+
+// The raw client: one blocking send and one blocking recv per round trip, TCP_NODELAY.
+class CRawClient
+{
+public:
+    ~CRawClient()
+    {
+        if (m_nSocket >= 0)
+            ::close(m_nSocket);
+    }
+
+    bool Open(unsigned short port)
+    {
+        sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        addr.sin_port = htons(port);
         m_nSocket = ::socket(AF_INET, SOCK_STREAM, 0);
         NoDelay(m_nSocket);
-        return ::connect(m_nSocket, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+        if (port == 0 || ::connect(m_nSocket, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0)
+            return false;
+        // The server must answer with a frame of the reference size, or the reads lose step.
+        char answer[64];
+        if (!BenchWriteAll(m_nSocket, kRawRequest.data(), kRawRequest.size()) || !BenchReadAll(m_nSocket, answer, 2))
+            return Fail();
+        size_t size =
+            (static_cast<size_t>(static_cast<unsigned char>(answer[1])) << 8 | static_cast<unsigned char>(answer[0])) +
+            2;
+        if (size != kRawAnswer.size())
+            return Fail();
+        return BenchReadAll(m_nSocket, answer + 2, kRawAnswer.size() - 2) || Fail();
     }
 
     bool Step()
@@ -143,27 +194,45 @@ public:
     }
 
 private:
-    int m_nListener = -1;
+    static bool Fail()
+    {
+        std::fprintf(stderr, "raw client: the server's answer is not %zu bytes long\n", kRawAnswer.size());
+        return false;
+    }
+
     int m_nSocket = -1;
-    std::thread m_oServer;
 };
 
 // ---------------------------------------------------------------- library
 
-// An SPI client connected to the simulator in this process.
+// The simulator in this process with one SPI gateway.
+class CSimulator
+{
+public:
+    // The SPI gateway's port; 0 on failure.
+    unsigned short Open()
+    {
+        if (m_oServer.AddDevice(eTarvikSPI, "127.0.0.1", 0) != 0 || !m_oServer.Start())
+        {
+            std::fprintf(stderr, "simulator: %s\n", m_oServer.GetLastError().c_str());
+            return 0;
+        }
+        return m_oServer.GetPort(eTarvikSPI);
+    }
+
+private:
+    CTarvikSimServer m_oServer;
+};
+
+// An SPI client of the library.
 class CLibraryBench
 {
 public:
     CLibraryBench() : m_oClient(1000) {}
 
-    bool Open()
+    bool Open(unsigned short port)
     {
-        if (m_oServer.AddDevice(eTarvikSPI, "127.0.0.1", 0) != 0 || !m_oServer.Start())
-        {
-            std::fprintf(stderr, "simulator: %s\n", m_oServer.GetLastError().c_str());
-            return false;
-        }
-        m_nResult = m_oClient.Connect("127.0.0.1", m_oServer.GetPort(eTarvikSPI));
+        m_nResult = port != 0 ? m_oClient.Connect("127.0.0.1", port) : TARVIK_ERR_NOT_CONNECTED;
         if (m_nResult == 0)
             m_nResult = m_oClient.Open();
         return Check();
@@ -194,47 +263,57 @@ private:
         return m_nResult == 0;
     }
 
-    // Declared first so that it outlives the client.
-    CTarvikSimServer m_oServer;
     CTarvikClientSPI m_oClient;
     int m_nResult = 0;
 };
 
-struct SSamples
+// The measurements, in the order they take turns.
+enum ESample
 {
-    std::vector<double> m_adLibrary;
-    std::vector<double> m_adRaw;
-    std::vector<double> m_adDataReq;
+    eLibrarySim,
+    eRawEcho,
+    eRawSim,
+    eLibraryEcho,
+    eDataReq,
+    eSampleCount,
 };
 
-// The three measurements take turns in blocks, so that a burst of load elsewhere on
-// the machine falls on all of them alike instead of skewing the ratio.
-bool Run(int iterations, SSamples& samples)
+// The measurements take turns in blocks, so that a burst of load elsewhere on the
+// machine falls on all of them alike instead of skewing the ratios.
+bool Run(int iterations, std::vector<double> (&samples)[eSampleCount])
 {
-    CLibraryBench library;
-    CRawPingPong raw;
-    if (!library.Open() || !raw.Open())
+    // Servers first, so that they outlive their clients.
+    CSimulator sim;
+    CEchoServer echoForRaw, echoForLibrary;
+    CLibraryBench library, libraryEcho;
+    CRawClient rawEcho, rawSim;
+    const unsigned short simPort = sim.Open();
+    if (!library.Open(simPort) || !libraryEcho.Open(echoForLibrary.Open()) || !rawEcho.Open(echoForRaw.Open()) ||
+        !rawSim.Open(simPort))
         return false;
-    auto getGlobals = [&] { return library.GetGlobals(); };
-    auto rawStep = [&] { return raw.Step(); };
-    auto dataReq = [&] { return library.DataReq(); };
+    const std::function<bool()> steps[eSampleCount] = {
+        [&] { return library.GetGlobals(); },     [&] { return rawEcho.Step(); },    [&] { return rawSim.Step(); },
+        [&] { return libraryEcho.GetGlobals(); }, [&] { return library.DataReq(); },
+    };
     for (int i = 0; i < kWarmUp; ++i)
-        if (!getGlobals() || !rawStep() || !dataReq())
-            return false;
+        for (const auto& step : steps)
+            if (!step())
+                return false;
     for (int done = 0; done < iterations; done += kBlock)
     {
         int block = std::min(kBlock, iterations - done);
-        for (int i = 0; i < block; ++i)
-            if (!TimeOnce(getGlobals, samples.m_adLibrary))
-                return false;
-        for (int i = 0; i < block; ++i)
-            if (!TimeOnce(rawStep, samples.m_adRaw))
-                return false;
-        for (int i = 0; i < block; ++i)
-            if (!TimeOnce(dataReq, samples.m_adDataReq))
-                return false;
+        for (int n = 0; n < eSampleCount; ++n)
+            for (int i = 0; i < block; ++i)
+                if (!TimeOnce(steps[n], samples[n]))
+                    return false;
     }
     return true;
+}
+
+void PrintRatio(const char* which, const SStats& library, const SStats& raw)
+{
+    std::printf("ratio p50 library/raw%s: %.2f\n", which, library.m_dP50 / raw.m_dP50);
+    std::printf("ratio p99 library/raw%s: %.2f\n", which, library.m_dP99 / raw.m_dP99);
 }
 } // namespace
 
@@ -246,18 +325,23 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: bench_roundtrip [ITERATIONS >= 100]\n");
         return 2;
     }
-    SSamples samples;
+    std::vector<double> samples[eSampleCount];
     if (!Run(iterations, samples))
         return 1;
-    SStats library = Summarise(samples.m_adLibrary);
-    SStats raw = Summarise(samples.m_adRaw);
-    SStats dataReq = Summarise(samples.m_adDataReq);
+    SStats stats[eSampleCount];
+    for (int n = 0; n < eSampleCount; ++n)
+        stats[n] = Summarise(samples[n]);
     std::printf("round trips over loopback, %d samples each (blocks of %d in turn) after %d warm-up rounds:\n",
                 iterations, kBlock, kWarmUp);
-    PrintStats("library GetGlobals", library);
-    PrintStats("raw socket 7/15 bytes", raw);
-    PrintStats("library DataReq 64 bytes", dataReq);
-    std::printf("  DataReq 64 bytes: %.0f transfers/s\n", 1e6 / dataReq.m_dMean);
-    std::printf("ratio p50 library/raw: %.2f\n", library.m_dP50 / raw.m_dP50);
+    PrintStats("library GetGlobals", stats[eLibrarySim]);
+    PrintStats("raw socket 7/15 bytes", stats[eRawEcho]);
+    PrintStats("raw socket to simulator", stats[eRawSim]);
+    PrintStats("library to echo server", stats[eLibraryEcho]);
+    PrintStats("library DataReq 64 bytes", stats[eDataReq]);
+    std::printf("  DataReq 64 bytes: %.0f transfers/s\n", 1e6 / stats[eDataReq].m_dMean);
+    PrintRatio(" (same server)", stats[eLibrarySim], stats[eRawSim]);
+    PrintRatio(" (echo)", stats[eLibraryEcho], stats[eRawEcho]);
+    std::printf("ratio p99 library/raw: %.2f\n", stats[eLibrarySim].m_dP99 / stats[eRawEcho].m_dP99);
+    std::printf("ratio p50 library/raw: %.2f\n", stats[eLibrarySim].m_dP50 / stats[eRawEcho].m_dP50);
     return 0;
 }

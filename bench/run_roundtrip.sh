@@ -16,12 +16,12 @@ fi
 
 echo "== pinned to one CPU (taskset -c 0)"
 pinned=$(taskset -c 0 "$bin" "$iterations")
-grep -v '^ratio' <<<"$pinned"
+grep -v '^ratio p50 library/raw:' <<<"$pinned"
 ratio=$(grep '^ratio p50 library/raw:' <<<"$pinned")
 
 echo "== unpinned"
 unpinned=$("$bin" "$iterations")
 grep -v '^ratio' <<<"$unpinned"
-sed 's/^ratio p50 library\/raw:/  unpinned ratio p50 library\/raw:/' <<<"$(grep '^ratio' <<<"$unpinned")"
+sed 's/^ratio /  unpinned ratio /' <<<"$(grep '^ratio' <<<"$unpinned")"
 
 echo "$ratio"

@@ -84,20 +84,28 @@ void CTarvikSimConnection::Run()
 {
     size_t used = 0;
     bool open = true;
+    // The last read took all the socket had: the next one waits. A device that only
+    // answers is waited for in recv() itself, so that a request costs one read.
+    bool drained = true;
+    const bool watchOutbox = m_oDevice.PostsUnasked();
     while (open)
     {
         MakeRoom(used);
-        // Tried without waiting first: a busy connection costs one system call a read.
-        ssize_t got = ::recv(m_nSocket, m_aReceive.data() + used, m_aReceive.size() - used, MSG_DONTWAIT);
+        if (drained && watchOutbox && !(SendPosted() && WaitReadable()))
+            break;
+        const size_t space = m_aReceive.size() - used;
+        ssize_t got = ::recv(m_nSocket, m_aReceive.data() + used, space, drained && !watchOutbox ? 0 : MSG_DONTWAIT);
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
         {
-            open = SendPosted() && WaitReadable() && SendPosted();
+            drained = true;
             continue;
         }
         if (got <= 0)
             break;
+        // A read that did not fill the room found the socket empty; a full one may have left more.
+        drained = static_cast<size_t>(got) < space;
         used += static_cast<size_t>(got);
         size_t pos = 0;
         while (open && used - pos >= kLengthField)
@@ -135,9 +143,12 @@ bool CTarvikSimConnection::WaitReadable()
     for (;;)
     {
         int rc = ::poll(fds, 2, -1);
-        if (rc > 0)
-            return true;
         if (rc < 0 && errno != EINTR)
+            return false;
+        // Readable, closed or failed: recv() tells which.
+        if (rc > 0 && fds[0].revents != 0)
+            return true;
+        if (rc > 0 && !SendPosted())
             return false;
     }
 }

@@ -46,7 +46,8 @@ public:
 
 private:
     void Run();
-    // Blocks until the socket has bytes or the outbox has telegrams; false on error.
+    // Blocks until the socket has bytes (or is closed), sending what the device posts
+    // meanwhile; false on error or when a send failed.
     bool WaitReadable();
     // Sends what the device posted; false when the connection is to end.
     bool SendPosted();

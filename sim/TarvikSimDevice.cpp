@@ -80,6 +80,11 @@ size_t CTarvikSimDevice::GetConnectionCount() const
     return m_aoOutlets.size();
 }
 
+bool CTarvikSimDevice::PostsUnasked() const
+{
+    return true;
+}
+
 void CTarvikSimDevice::OnAttach(unsigned long) {}
 
 void CTarvikSimDevice::OnDetach(unsigned long) {}

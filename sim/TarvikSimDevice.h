@@ -96,6 +96,10 @@ public:
     // reports on a request later names it by this id).
     static short GetRequestID();
     size_t GetConnectionCount() const;
+    // Whether the device posts telegrams from threads of its own (a bus, a job). Its
+    // connections then wait on their outbox beside the socket; those of a device that
+    // only answers block in recv() alone, and what it posts goes out after the next answer.
+    virtual bool PostsUnasked() const;
 
     // Called by the connections as they begin and end.
     void Attach(const std::shared_ptr<CTarvikSimOutbox>& outbox);

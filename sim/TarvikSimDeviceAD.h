@@ -30,6 +30,8 @@ public:
 
     explicit CTarvikSimDeviceAD(unsigned int index = 0);
     ~CTarvikSimDeviceAD() override;
+    // Only answers: its connections block in recv() alone.
+    bool PostsUnasked() const override { return false; }
 
     // Level on a channel in counts (clamped to 0..4095); thread-safe.
     void SetAdcLevel(size_t channel, unsigned int counts);

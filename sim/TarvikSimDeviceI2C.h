@@ -53,6 +53,8 @@ public:
 
     explicit CTarvikSimDeviceI2C(unsigned int index = 0);
     ~CTarvikSimDeviceI2C() override;
+    // Only answers: its connections block in recv() alone.
+    bool PostsUnasked() const override { return false; }
 
     // Direct access to a chip's memory, for tests; thread-safe.
     std::string PeekEeprom(EChip chip, size_t address, size_t len) const;

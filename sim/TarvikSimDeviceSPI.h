@@ -29,6 +29,8 @@ public:
 
     explicit CTarvikSimDeviceSPI(unsigned int index = 0);
     ~CTarvikSimDeviceSPI() override;
+    // Only answers: its connections block in recv() alone.
+    bool PostsUnasked() const override { return false; }
 
     // Globals as last set, for tests; thread-safe.
     void GetGlobals(unsigned int& rate, unsigned char& setting1, unsigned char& setting2,

@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -635,6 +636,42 @@ TEST_F(CCANQueueTest, ABurstKeepsOrderAndLimitPerQueue)
     // Room again: the next burst goes in after nothing.
     Deliver(CanFrame(0xABC, 0, ""));
     EXPECT_EQ(TLines{"ABC 0 0 0 0 | "}, Drain(kGetCAN));
+}
+
+// The batch fetch hands out what CANGetMessage would, oldest first, and counts what is
+// left under the same lock; a queue that filled up within the batch kept its oldest.
+TEST_F(CCANQueueTest, ABatchFetchTakesTheOldestFramesAsTheSingleFetchDecodesThem)
+{
+    m_pClient->SetMaxSizePerQueue(5);
+    const std::string frames = CanFrame(0x10, 0x81, Hex("01 02")) + CanFrame(0x11, 0x04, Hex("AA") + Stamp(7, 8)) +
+                               CanFrame(0x12, 0x04, Hex("01 02 03")) + CanFrame(0x13, 0, std::string(64, 'x')) +
+                               CanFrame(0x14, 0, "") + CanFrame(0x15, 0, "") + CanFrame(0x16, 0, "");
+    Deliver(frames);
+    const TLines single = Drain(kGetCAN);
+    ASSERT_EQ(5u, single.size());
+    Deliver(frames);
+    STarvikCanMessage batch[8];
+    std::memset(batch, 0xEE, sizeof(batch));
+    int left = -1;
+    TLines got;
+    for (int max : {2, 0, 8, 8})
+    {
+        const int taken = m_pClient->CANGetMessages(max == 0 ? nullptr : batch, max, &left);
+        got.push_back(std::to_string(taken) + " taken, " + std::to_string(left) + " left");
+        for (int i = 0; i < taken; ++i)
+        {
+            char text[128];
+            std::snprintf(text, sizeof(text), "%X %d %d %d %d | ", static_cast<unsigned int>(batch[i].nIdentifier),
+                          batch[i].nLen, batch[i].nFlags, batch[i].nSeconds, batch[i].nMicroseconds);
+            got.push_back(text + Bytes(batch[i].acData, batch[i].nLen));
+        }
+    }
+    EXPECT_EQ((TLines{"2 taken, 3 left", single[0], single[1], "0 taken, 3 left", "3 taken, 0 left", single[2],
+                      single[3], single[4], "0 taken, 0 left"}),
+              got);
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_pClient->CANGetMessages(batch, -1, &left));
+    EXPECT_EQ(TARVIK_ERR_INVALID_PARAMETER, m_pClient->CANGetMessages(nullptr, 1, &left));
+    EXPECT_EQ(0, left);
 }
 
 namespace

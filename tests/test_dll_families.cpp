@@ -207,6 +207,7 @@ std::vector<SCall> AllCalls()
          [](int h, SOutputs& o) {
              return CANGetMessage(h, &o.n[0], o.buf, TARVIK_CAN_FRAME_DATA, &o.u8[0], &o.n[1], &o.n[2], &o.n[3]);
          }},
+        {eCAN, "CANGetMessages", [](int h, SOutputs& o) { return CANGetMessages(h, nullptr, 0, &o.n[0]); }},
         {eCAN, "CANopenSetConfig", [](int h, SOutputs&) { return CANopenSetConfig(h, 1); }},
         {eCAN, "CANopenGetConfig", [](int h, SOutputs& o) { return CANopenGetConfig(h, &o.u8[0]); }},
         {eCAN, "CANopenSetSYNCMode", [](int h, SOutputs&) { return CANopenSetSYNCMode(h, 1); }},
@@ -452,6 +453,8 @@ TEST_F(CDllFamiliesTest, BadArgumentsAreRefusedBeforeTheClientIsAskedAndNothingI
          [&](int h) { return CANopenSendSDOWriteBlock(h, 2, 1, 0, 50, nullptr, 1, nullptr, nullptr); }},
         {eCAN, "frame into 63",
          [&](int h) { return CANGetMessage(h, nullptr, buf, 63, nullptr, nullptr, nullptr, nullptr); }},
+        {eCAN, "frames negative", [&](int h) { return CANGetMessages(h, nullptr, -1, nullptr); }},
+        {eCAN, "frames into null", [&](int h) { return CANGetMessages(h, nullptr, 1, nullptr); }},
         {eCAN, "PDO into 7", [&](int h) { return CANopenGetPDO(h, nullptr, nullptr, nullptr, buf, 7); }},
         {eCAN, "EMCY into 4", [&](int h) { return CANopenGetEMCY(h, nullptr, nullptr, nullptr, bytes, 4); }},
         {eCAN, "undefined into 254",

@@ -231,6 +231,36 @@ py::object GetMessage(CPyCAN& can, std::optional<double> timeout)
     return py::make_tuple(static_cast<unsigned int>(id), py::bytes(buffer, len), flags & 0xFF, sec, usec);
 }
 
+// Up to max frames at once, oldest first, waiting up to timeout for the first.
+py::list GetMessages(CPyCAN& can, int max, std::optional<double> timeout)
+{
+    if (max < 1)
+        throw py::value_error("max must be at least 1, not " + std::to_string(max));
+    // Taken in chunks of this many, so that a large max needs no large buffer.
+    constexpr int kChunk = 256;
+    std::vector<STarvikCanMessage> frames(static_cast<size_t>(std::min(max, kChunk)));
+    py::list out;
+    int taken = 0, left = 0, got = 0;
+    WaitFor(can, timeout, [&] {
+        got = can.C().CANGetMessages(frames.data(), static_cast<int>(frames.size()), &left);
+        return got > 0 ? got : -1;
+    });
+    for (;;)
+    {
+        for (int i = 0; i < got; ++i)
+        {
+            const STarvikCanMessage& frame = frames[static_cast<size_t>(i)];
+            out.append(py::make_tuple(static_cast<unsigned int>(frame.nIdentifier), py::bytes(frame.acData, frame.nLen),
+                                      frame.nFlags & 0xFF, frame.nSeconds, frame.nMicroseconds));
+        }
+        taken += got;
+        if (taken >= max || left == 0 || got < static_cast<int>(frames.size()))
+            return out;
+        py::gil_scoped_release release;
+        got = can.C().CANGetMessages(frames.data(), std::min(max - taken, kChunk), &left);
+    }
+}
+
 py::object GetPDO(CPyCAN& can, std::optional<double> timeout)
 {
     unsigned char p1 = 0, p2 = 0, len = 0;
@@ -504,6 +534,9 @@ into receive queues read by get_message(), get_pdo(), ...; without either they a
         .def("get_message", &GetMessage, "timeout"_a = py::none(),
              "The oldest queued frame as (id, data, flags, seconds, microseconds), waiting up to timeout "
              "seconds (None: no wait), or None. A remote frame's data length is its requested length.")
+        .def("get_messages", &GetMessages, "max"_a = 256, "timeout"_a = py::none(),
+             "Up to max of the oldest queued frames at once, as a list of (id, data, flags, seconds, "
+             "microseconds), waiting up to timeout seconds (None: no wait) for the first; [] when none came.")
         .def("get_pdo", &GetPDO, "timeout"_a = py::none(), "(selector1, selector2, data) or None")
         .def("get_sync", &GetSYNC, "timeout"_a = py::none(), "The SYNC value or None")
         .def("get_emcy", &GetEMCY, "timeout"_a = py::none(), "(node, error_code, error_register, data) or None")

@@ -99,6 +99,9 @@ class CAN(_Client):
     def get_message(self, timeout: Optional[float] = None) -> Optional[Tuple[int, bytes, int, int, int]]:
         """(id, data, flags, seconds, microseconds) or None after timeout seconds (None: no wait);
         a remote frame's data length is its requested length."""
+    def get_messages(self, max: int = 256, timeout: Optional[float] = None) -> List[Tuple[int, bytes, int, int, int]]:
+        """Up to max of the oldest frames at once, as get_message gives each, waiting up to
+        timeout seconds (None: no wait) for the first; [] when none came."""
     def get_pdo(self, timeout: Optional[float] = None) -> Optional[Tuple[int, int, bytes]]: ...
     def get_sync(self, timeout: Optional[float] = None) -> Optional[int]: ...
     def get_emcy(self, timeout: Optional[float] = None) -> Optional[Tuple[int, int, int, bytes]]: ...

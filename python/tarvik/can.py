@@ -8,6 +8,7 @@ every frame the gateway's own acceptance filter passes reaches this process.
 Periodic sends with one message and no duration run on the gateway as cyclic messages.
 """
 
+import collections
 import ipaddress
 import re
 import socket
@@ -25,6 +26,8 @@ from . import CAN_FLAG_TIMESTAMP as FLAG_TIMESTAMP, CAN_FLAG_FD as FLAG_FD  # no
 
 # The gateway's cyclic table has sixteen entries.
 _CYCLIC_ENTRIES = 16
+# Frames taken from the client's queue at once; recv() serves them one by one.
+_RECV_BATCH = 256
 
 
 # The gateway's port indexes (port 5001 + 100 x index).
@@ -128,6 +131,8 @@ class TarvikBus(can.BusABC):
         self._cyclic_lock = threading.Lock()
         self._cyclic_used: List[bool] = [False] * _CYCLIC_ENTRIES
         self._can = _CAN(self._host, self._index, timeout_ms, queue_size=queue_size)
+        # Frames fetched in one batch and not yet handed out, oldest first.
+        self._received: collections.deque = collections.deque()
         self._is_open = False
         try:
             self._call(self._can.connect)
@@ -181,14 +186,15 @@ class TarvikBus(can.BusABC):
         self._call(self._can.write, msg.arbitration_id, data, _flags_of(msg))
 
     def _recv_internal(self, timeout: Optional[float]) -> Tuple[Optional[can.Message], bool]:
-        # A wait without limit is a series of bounded ones, so that shutdown() can end it.
-        while True:
-            frame = self._can.get_message(1.0 if timeout is None else timeout)
-            if frame is not None or timeout is not None or not self._is_open:
-                break
-        if frame is None:
+        if not self._received:
+            # A wait without limit is a series of bounded ones, so that shutdown() can end it.
+            while True:
+                self._received.extend(self._can.get_messages(_RECV_BATCH, 1.0 if timeout is None else timeout))
+                if self._received or timeout is not None or not self._is_open:
+                    break
+        if not self._received:
             return None, False
-        identifier, data, flags, seconds, microseconds = frame
+        identifier, data, flags, seconds, microseconds = self._received.popleft()
         if flags & FLAG_TIMESTAMP:
             stamp = seconds + microseconds / 1e6
         else:

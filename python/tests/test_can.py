@@ -144,4 +144,13 @@ def test_a_full_queue_counts_exactly_the_dropped_newest(pair):
     assert wait_until(lambda: b.drop_counts()["can"]["queue_full"] == 3)
     assert [b.get_message(timeout=20)[0] for _ in range(2)] == [0, 1]
     assert b.get_message() is None
+    # The batch fetch under the same rule: oldest first, at most max at a time.
+    for ident in range(5):
+        a.write(ident, bytes([ident]))
+    assert wait_until(lambda: b.drop_counts()["can"]["queue_full"] == 6)
+    assert b.get_messages(1, timeout=20) == [(0, b"\x00", 0, 0, 0)]
+    assert b.get_messages(5) == [(1, b"\x01", 0, 0, 0)]
+    assert b.get_messages() == []
+    with pytest.raises(ValueError):
+        b.get_messages(0)
     assert b.drop_counts()["sync"] == {"queues_off": 0, "queue_full": 0, "too_long": 0, "too_short": 0}

@@ -26,6 +26,17 @@ typedef void (*PCANopenUndefinedCallback)(int, unsigned char, unsigned char, uns
  * without the gateway's time stamp). */
 typedef void (*PCANFrameCallbackUser)(void*, unsigned int, const char*, int, int, int, int);
 
+/* One received frame as the batch fetch hands it out: the outputs of CANGetMessage. */
+typedef struct STarvikCanMessage
+{
+    int nIdentifier;
+    int nFlags; /* the byte taken as signed (0x81 gives -127), as CANGetMessage gives it */
+    int nSeconds;
+    int nMicroseconds;
+    unsigned char nLen; /* data bytes without the time stamp, at most 64 */
+    char acData[64];
+} STarvikCanMessage;
+
 /* Telegrams of one kind that were dropped on arrival, counted since the client was made. */
 typedef struct STarvikCanDropCounts
 {

@@ -22,39 +22,62 @@
 #include "tarvik/clients/TarvikCANCallbacks.h"
 #include "tarvik/clients/TarvikCanReceiver.h"
 #include "tarvik/clients/TarvikClientCAN.h"
+#include "tarvik/core/TarvikPayload.h"
 #include "tarvik/runtime/MolSync.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
+#include <memory>
 #include <mutex>
 #include <vector>
 
-// One bounded FIFO of telegrams, held by value, oldest first; m_Mutex guards m_Messages.
-// The operations below take the lock themselves, so the locking lives in one place.
+// One bounded FIFO of indications, oldest first. Each is kept as a fixed-size record of
+// the part of its data field that the Get operations read, in a ring that grows on
+// demand up to m_nMaxSize and keeps its memory: a steady flow allocates nothing.
+// m_Mutex guards the ring; the operations below take it themselves.
 class TARVIK_API CTarvikMsgQueue
 {
 public:
     static constexpr size_t kDefaultMaxSize = 1000;
+    // Record layout: a 16-bit size, then that many data bytes.
+    static constexpr size_t kRecordHead = 2;
+    // Most data bytes a record can hold (a frame head and 255 bytes after it).
+    static constexpr size_t kMaxRecordData = 260;
 
-    CTarvikMsgQueue() : m_nMaxSize(kDefaultMaxSize) {}
+    // recordData: data bytes each record holds (at most kMaxRecordData).
+    explicit CTarvikMsgQueue(size_t recordData = kMaxRecordData);
     CTarvikMsgQueue(const CTarvikMsgQueue&) = delete;
     CTarvikMsgQueue& operator=(const CTarvikMsgQueue&) = delete;
 
-    // Appends the first of count telegrams (moved from) while the queue holds fewer than
-    // m_nMaxSize; returns how many went in. Out of memory counts as full.
-    size_t PushIfRoom(CTarvikMsg* const* msgs, size_t count);
-    // Moves the oldest telegram into out; false when empty.
-    bool PopFront(CTarvikMsg& out);
+    // Bytes of one record; records passed in and out are this far apart.
+    size_t GetRecordSize() const { return m_nRecordSize; }
+    // Fills record (GetRecordSize() bytes) from a data field, cut to what a record holds.
+    void MakeRecord(char* record, const char* data, size_t size) const;
+    // Appends the first of count records while the queue holds fewer than m_nMaxSize;
+    // returns how many went in. Out of memory counts as full.
+    size_t PushIfRoom(const char* records, size_t count);
+    // Copies up to max of the oldest records into out and removes them; returns how many,
+    // and in left how many stay, both under one lock.
+    size_t PopFront(char* out, size_t max, size_t& left);
     size_t Size();
-    // Empties the queue; the telegrams are destroyed after the lock is released.
+    // Empties the queue and gives its memory back (freed after the lock is released).
     void Clear();
 
     // Capacity; read and written without the lock.
     std::atomic<size_t> m_nMaxSize;
     CMolMutex m_Mutex;
-    std::deque<CTarvikMsg> m_Messages;
+
+private:
+    // Caller holds m_Mutex. Room for one more record; false when out of memory.
+    bool Grow();
+
+    size_t m_nRecordSize;
+    // m_nCapacity records of m_nRecordSize bytes; m_nCount of them from m_nHead on, wrapping.
+    std::unique_ptr<char[]> m_pRing;
+    size_t m_nCapacity;
+    size_t m_nHead;
+    size_t m_nCount;
 };
 
 class TARVIK_API CTarvikClientCANDll : public CTarvikClientCAN
@@ -107,6 +130,10 @@ public:
     // the data without its time stamp, at most 64; pcBuffer must hold 64 bytes.
     int CANGetMessage(int* pnIdentifier, char* pcBuffer, unsigned char* pnLen, int* pnFlags, int* pnSeconds,
                       int* pnMicroseconds);
+    // Takes up to nMax of the oldest frames at once into pMessages, each as CANGetMessage
+    // gives it. Returns how many were taken (0 when the queue is empty) and in *pnLeft (may
+    // be null) how many are left; 0x920000 for nMax < 0, or a null pMessages with nMax > 0.
+    int CANGetMessages(STarvikCanMessage* pMessages, int nMax, int* pnLeft);
     // Length: at most 8; pcBuffer must hold 8 bytes.
     int CANopenGetPDO(unsigned char* p1, unsigned char* p2, unsigned char* pnLen, char* pcBuffer);
     int CANopenGetSYNC(unsigned char* pnValue);
@@ -133,6 +160,8 @@ public:
     void DataIndBatch(bool begin) override;
     // Receive thread: telegrams gathered so far go to their queues before a confirmation
     // is stored, so that a request that returns sees every indication that came before its answer.
+    // A well-formed indication is handled straight from the frame's bytes, without a
+    // telegram object: DataIndRespond takes those fed to the client from elsewhere.
     void DataInd(const char* data, unsigned short len) override;
 
 private:
@@ -154,9 +183,11 @@ private:
         void* m_pUser = nullptr;
     };
 
-    // Queues msg (owned) at once, or gathers it during a batch.
-    void Enqueue(EQueue queue, CTarvikMsg* msg);
-    // Appends what was gathered, each queue under its own lock in turn, and frees the telegrams.
+    // One indication's data field, by command code: to its callback, the receiver or its queue.
+    void Indication(unsigned short cmd, const CTarvikPayload& data);
+    // Queues a data field at once, or gathers it during a batch.
+    void Enqueue(EQueue queue, const CTarvikPayload& data);
+    // Appends what was gathered, each queue under its own lock in turn.
     void FlushGathered();
     // Telegrams of a queue that went in (tell the receiver) or were dropped for a reason.
     void Queued(EQueue queue, size_t count);
@@ -164,9 +195,12 @@ private:
     // Calls fn(receiver) when one is set, without any lock held; false when none took it.
     template <class Fn> bool ToReceiver(Fn fn);
     // Dispatch by kind; true when the telegram went to a callback or the receiver.
-    bool CallFrame(const CTarvikMsg& msg, bool& tooLong);
-    bool CallUndefined(const CTarvikMsg& msg);
-    bool CallCANopen(const CTarvikMsg& msg, EQueue queue);
+    bool CallFrame(const CTarvikPayload& data, bool& tooLong);
+    bool CallUndefined(const CTarvikPayload& data);
+    bool CallCANopen(const CTarvikPayload& data, EQueue queue);
+    // Decodes a record of the CAN queue as CANGetMessage hands it out.
+    void DecodeFrame(const char* record, STarvikCanMessage& out);
+    struct SRecord;
 
     std::atomic<PCANFrameCallback> m_pfnCallback;
     std::atomic<PCANFrameCallbackEx> m_pfnCallbackEx;
@@ -178,11 +212,12 @@ private:
     int m_nHandle;
     std::atomic<bool> m_bQueuesEnabled;
     CTarvikMsgQueue m_aoQueues[eQueueCount];
-    // Receive thread only: a batch is under way, and the telegrams gathered for each
-    // queue meanwhile (owned), in arrival order.
+    // Receive thread only: a batch is under way, and the records gathered for each queue
+    // meanwhile, in arrival order (the lists keep their memory from batch to batch).
     bool m_bInBatch;
     size_t m_nGathered;
-    std::vector<CTarvikMsg*> m_aapGathered[eQueueCount];
+    std::vector<char> m_aaGathered[eQueueCount];
+    size_t m_anGathered[eQueueCount];
     // Drops per queue and reason.
     std::atomic<unsigned long long> m_aanDrops[eQueueCount][eDropCount];
     // The receiver and the calls of it under way. A call counts in the slot of the

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <limits>
 #include <typeinfo>
 #include <utility>
 #include <vector>
@@ -15,6 +16,8 @@ constexpr size_t kPendingEntryCost = 128;
 // costs one sort per quarter of the cap and not one per telegram.
 constexpr size_t kPendingKeepNum = 3;
 constexpr size_t kPendingKeepDen = 4;
+
+constexpr int64_t kNoneOld = std::numeric_limits<int64_t>::max();
 
 std::atomic<unsigned long> s_nLateStops{0};
 
@@ -85,8 +88,9 @@ bool CTarvikClient::CConnection::IsConnectMsgAccepted(const std::string&)
 // ---------------------------------------------------------------- CTarvikClient
 
 CTarvikClient::CTarvikClient(ETarvikDevice type, unsigned int timeout)
-    : m_nTimeout(timeout), m_nPendingBytes(0), m_nNextMsgID(0), m_nDeviceType(type), m_bDerived(false),
-      m_bTracing(false), m_pTraceSink(nullptr), m_pTraceUser(nullptr), m_nTraceCalls(0)
+    : m_nTimeout(timeout), m_nPendingBytes(0), m_nOldestPendingNs(kNoneOld), m_eSlot(eSlotFree), m_nSlotID(0),
+      m_nNextMsgID(0), m_nDeviceType(type), m_bDerived(false), m_bTracing(false), m_pTraceSink(nullptr),
+      m_pTraceUser(nullptr), m_nTraceCalls(0)
 {
     m_oConnection.SetParentClass(this);
 }
@@ -178,64 +182,175 @@ int CTarvikClient::CheckCnf(const CTarvikMsg* cnf, unsigned short reqCode)
     return 0;
 }
 
-int CTarvikClient::SendMsg(const CTarvikMsg& req, CTarvikMsg*& cnf, const unsigned int* waitMs)
+int CTarvikClient::SendAndWait(const CTarvikMsg& req, CTarvikMsg& cnf, bool& received, const unsigned int* waitMs,
+                               bool* sent)
 {
+    received = false;
     m_oCnfEvent.Reset();
     // Whatever is stored under this id now came before the request: a late answer to an
     // earlier use of the id, a duplicate, or one sent under a wrong id. Never this answer.
-    DiscardMsg(req.GetMsgID());
+    // A second caller on the same client finds the slot taken and waits on the map.
+    const bool armed = ArmSlot(req.GetMsgID());
     int result = SendMsg(req);
+    if (sent != nullptr)
+        *sent = result == 0;
+    if (result == 0)
+        received = WaitForCnf(req.GetMsgID(), waitMs, cnf);
+    if (armed)
+        DisarmSlot();
     if (result != 0)
         return result;
-    cnf = WaitForMsg(req.GetMsgID(), waitMs);
-    return CheckCnf(cnf, req.GetCmdCode());
+    return CheckCnf(received ? &cnf : nullptr, req.GetCmdCode());
+}
+
+int CTarvikClient::SendMsg(const CTarvikMsg& req, CTarvikMsg*& cnf, const unsigned int* waitMs)
+{
+    CTarvikMsg received;
+    bool arrived = false, sent = false;
+    int result = SendAndWait(req, received, arrived, waitMs, &sent);
+    // A failed send leaves cnf untouched.
+    if (sent)
+        cnf = arrived ? new CTarvikMsg(std::move(received)) : nullptr;
+    return result;
 }
 
 int CTarvikClient::SendMsg(const CTarvikMsg& req, CTarvikMsg& cnf, const unsigned int* waitMs)
 {
-    CTarvikMsg* received = nullptr;
-    int result = SendMsg(req, received, waitMs);
-    if (received != nullptr)
-    {
-        cnf = *received;
-        delete received;
-    }
+    CTarvikMsg received;
+    bool arrived = false;
+    int result = SendAndWait(req, received, arrived, waitMs);
+    if (arrived)
+        cnf = std::move(received);
     return result;
 }
 
 CTarvikMsg* CTarvikClient::WaitForMsg(short id, const unsigned int* waitMs)
 {
+    CTarvikMsg cnf;
+    if (!WaitForCnf(id, waitMs, cnf))
+        return nullptr;
+    return new CTarvikMsg(std::move(cnf));
+}
+
+bool CTarvikClient::WaitForCnf(short id, const unsigned int* waitMs, CTarvikMsg& cnf)
+{
     // The wait is taken as signed: a wait of 2^31 ms or more does not wait at all.
     int32_t remaining = static_cast<int32_t>(waitMs != nullptr ? *waitMs : m_nTimeout);
     int64_t deadlineUs = MolMonotonicMicroSeconds() + static_cast<int64_t>(remaining) * 1000;
-    CTarvikMsg* msg = GetMsg(id);
-    while (remaining >= 0 && msg == nullptr)
+    bool found = TakeCnf(id, cnf);
+    while (remaining >= 0 && !found)
     {
         // One event serves every waiter: a wake-up for another id just looks again.
         if (!m_oCnfEvent.Wait(static_cast<unsigned int>(remaining)))
             break;
-        msg = GetMsg(id);
-        if (msg == nullptr)
+        found = TakeCnf(id, cnf);
+        if (!found)
         {
             int64_t leftUs = deadlineUs - MolMonotonicMicroSeconds();
             remaining = static_cast<int32_t>(leftUs < 0 ? -1 : leftUs / 1000);
         }
     }
     RemoveOldMsgs();
-    return msg;
+    return found;
 }
 
 CTarvikMsg* CTarvikClient::GetMsg(short id)
 {
+    CTarvikMsg cnf;
+    if (!TakeCnf(id, cnf))
+        return nullptr;
+    return new CTarvikMsg(std::move(cnf));
+}
+
+bool CTarvikClient::TakeCnf(short id, CTarvikMsg& cnf)
+{
     CMolLock lock(m_oPendingMutex);
+    if (m_eSlot == eSlotFilled && m_nSlotID == id)
+    {
+        cnf = std::move(m_oSlotCnf);
+        m_eSlot = eSlotArmed;
+        return true;
+    }
+    if (m_aoPending.empty())
+        return false;
     auto it = m_aoPending.find(id);
     if (it == m_aoPending.end())
-        return nullptr;
+        return false;
     CTarvikMsg* msg = it->second->PopMsg();
     m_nPendingBytes -= PendingCost(msg);
     delete it->second;
     m_aoPending.erase(it);
-    return msg;
+    cnf = std::move(*msg);
+    delete msg;
+    return true;
+}
+
+bool CTarvikClient::ArmSlot(short id)
+{
+    CMolLock lock(m_oPendingMutex);
+    auto it = m_aoPending.find(id);
+    if (it != m_aoPending.end())
+        ErasePending(it);
+    if (m_eSlot != eSlotFree)
+    {
+        // Taken by another caller; an answer under this id that sits in it is stale too.
+        if (m_nSlotID == id && m_eSlot == eSlotFilled)
+            m_eSlot = eSlotArmed;
+        return false;
+    }
+    m_eSlot = eSlotArmed;
+    m_nSlotID = id;
+    return true;
+}
+
+void CTarvikClient::DisarmSlot()
+{
+    CMolLock lock(m_oPendingMutex);
+    if (m_eSlot == eSlotFilled)
+    {
+        // Came after its requester stopped looking: kept like any late confirmation.
+        try
+        {
+            InsertPending(new CTarvikMsg(std::move(m_oSlotCnf)));
+        }
+        catch (...)
+        {
+            // Out of memory: lost like a confirmation that never came.
+        }
+    }
+    m_eSlot = eSlotFree;
+}
+
+bool CTarvikClient::FillSlot(const char* data, unsigned short len)
+{
+    // Only a well-formed confirmation: a malformed block is dropped by the usual path.
+    if (len < CTarvikMsg::kOverhead)
+        return false;
+    const CTarvikPayload frame(data, len);
+    unsigned short length = 0, cmd = 0;
+    short id = 0;
+    frame.ReadU16(0, length);
+    frame.ReadU16(2, cmd);
+    frame.ReadS16(4, id);
+    if (static_cast<size_t>(length) + 2 != len || (cmd & CTarvikMsg::kConfirmationBit) == 0)
+        return false;
+    CMolLock lock(m_oPendingMutex);
+    if (m_eSlot == eSlotFree || m_nSlotID != id)
+        return false;
+    try
+    {
+        m_oSlotCnf.SetMessage(data, len);
+    }
+    catch (...)
+    {
+        // Out of memory: lost like a malformed block.
+        m_eSlot = eSlotArmed;
+        return true;
+    }
+    // A second confirmation under the id replaces the first.
+    m_eSlot = eSlotFilled;
+    m_oCnfEvent.Signal();
+    return true;
 }
 
 void CTarvikClient::DiscardMsg(short id)
@@ -277,17 +392,29 @@ void CTarvikClient::CapPending()
 
 void CTarvikClient::RemoveOldMsgs()
 {
+    CMolLock lock(m_oPendingMutex);
+    if (m_aoPending.empty())
+    {
+        m_nOldestPendingNs = kNoneOld;
+        return;
+    }
     CMolLocalTime limit(0, 0);
     limit.CurrentLocalTime();
     limit.SubTime(0, 0, 0, m_nTimeout / 100, 0, 0, 0);
-    CMolLock lock(m_oPendingMutex);
+    // Nothing stored is old enough yet: no scan.
+    if (m_nOldestPendingNs >= limit.GetNanoSeconds())
+        return;
+    int64_t oldest = kNoneOld;
     for (auto it = m_aoPending.begin(); it != m_aoPending.end();)
     {
         auto next = std::next(it);
         if (it->second->GetReceived() < limit)
             ErasePending(it);
+        else
+            oldest = std::min(oldest, it->second->GetReceived().GetNanoSeconds());
         it = next;
     }
+    m_nOldestPendingNs = oldest;
 }
 
 CTarvikMsg* CTarvikClient::ToMsg(const unsigned char* data, unsigned short len)
@@ -303,6 +430,10 @@ CTarvikMsg* CTarvikClient::ToMsg(const unsigned char* data, unsigned short len)
 
 void CTarvikClient::DataInd(const char* data, unsigned short len)
 {
+    // The answer to the request under way goes straight into its slot. With a trace
+    // sink the usual path runs, which reports it and then hands it to the slot.
+    if (!IsTracing() && FillSlot(data, len))
+        return;
     CTarvikMsg* msg = nullptr;
     try
     {
@@ -333,27 +464,44 @@ void CTarvikClient::DataInd(const char* data, unsigned short len)
 
 void CTarvikClient::StoreCnf(CTarvikMsg* cnf)
 {
+    CMolLock lock(m_oPendingMutex);
+    if (m_eSlot != eSlotFree && m_nSlotID == cnf->GetMsgID())
+    {
+        m_oSlotCnf = std::move(*cnf);
+        delete cnf;
+        m_eSlot = eSlotFilled;
+    }
+    else
+        InsertPending(cnf);
+    m_oCnfEvent.Signal();
+}
+
+// Caller holds m_oPendingMutex.
+void CTarvikClient::InsertPending(CTarvikMsg* cnf)
+{
     CMessageItem* item = nullptr;
     try
     {
         item = new CMessageItem(cnf);
+        auto result = m_aoPending.emplace(cnf->GetMsgID(), item);
+        if (!result.second)
+        {
+            // A second confirmation under the same id replaces the first.
+            ErasePending(result.first);
+            m_aoPending.emplace(cnf->GetMsgID(), item);
+        }
     }
     catch (...)
     {
-        delete cnf;
+        // Out of memory: lost like a confirmation that never came.
+        if (item == nullptr)
+            delete cnf;
+        delete item;
         return;
     }
-    CMolLock lock(m_oPendingMutex);
-    auto result = m_aoPending.emplace(cnf->GetMsgID(), item);
-    if (!result.second)
-    {
-        // A second confirmation under the same id replaces the first.
-        ErasePending(result.first);
-        result = m_aoPending.emplace(cnf->GetMsgID(), item);
-    }
+    m_nOldestPendingNs = std::min(m_nOldestPendingNs, item->GetReceived().GetNanoSeconds());
     m_nPendingBytes += PendingCost(cnf);
     CapPending();
-    m_oCnfEvent.Signal();
 }
 
 void CTarvikClient::OnConnectInd(bool connected)
@@ -427,10 +575,11 @@ int CTarvikClient::Request(unsigned char cmd, std::string&& payload, CTarvikRepl
         return reply.Result();
     }
     CTarvikMsg req(MakeCmdCode(cmd), NextMsgID(), std::move(payload));
-    CTarvikMsg* cnf = nullptr;
-    int transport = SendMsg(req, cnf, waitMs);
-    int result = (transport == 0 && cnf != nullptr) ? GetCnfRetCode(*cnf) : transport;
-    reply.Set(transport, result, cnf);
+    CTarvikMsg& cnf = reply.Cnf();
+    bool received = false;
+    int transport = SendAndWait(req, cnf, received, waitMs);
+    int result = (transport == 0 && received) ? GetCnfRetCode(cnf) : transport;
+    reply.Set(transport, result, received);
     return result;
 }
 
@@ -450,10 +599,11 @@ int CTarvikClient::Post(unsigned char cmd, const char* data, size_t len, short* 
 
 int CTarvikClient::Collect(short id, unsigned short reqCode, CTarvikReply& reply, const unsigned int* waitMs)
 {
-    CTarvikMsg* cnf = WaitForMsg(id, waitMs);
-    int transport = CheckCnf(cnf, reqCode);
-    int result = (transport == 0) ? GetCnfRetCode(*cnf) : transport;
-    reply.Set(transport, result, cnf);
+    CTarvikMsg& cnf = reply.Cnf();
+    const bool received = WaitForCnf(id, waitMs, cnf);
+    int transport = CheckCnf(received ? &cnf : nullptr, reqCode);
+    int result = (transport == 0) ? GetCnfRetCode(cnf) : transport;
+    reply.Set(transport, result, received);
     return result;
 }
 

@@ -232,8 +232,35 @@ protected:
     void Trace(STarvikTrace::EKind kind, const CTarvikMsg* msg, bool valid);
     bool IsTracing() const { return m_bTracing.load(std::memory_order_acquire); }
 
+    // Send-and-wait into a confirmation of the caller's: true when one arrived (then
+    // cnf holds it). The same steps as SendMsg(req, cnf*, waitMs) without a heap telegram.
+    // sent (may be null) tells whether the request went out.
+    int SendAndWait(const CTarvikMsg& req, CTarvikMsg& cnf, bool& received, const unsigned int* waitMs,
+                    bool* sent = nullptr);
+
 private:
     friend class CConnection;
+    // The one request waited for by SendMsg: its confirmation is parsed straight into
+    // m_oSlotCnf, so that the usual round trip needs neither a heap telegram nor a map
+    // entry. Confirmations under other ids (late, stray, asynchronous) go to m_aoPending.
+    enum ESlot
+    {
+        eSlotFree,
+        eSlotArmed,
+        eSlotFilled,
+    };
+    // Drops what is stored under id and, when the slot is free, arms it for id (true).
+    bool ArmSlot(short id);
+    // Frees the slot; a confirmation in it that nobody took goes to m_aoPending.
+    void DisarmSlot();
+    // Receive thread: parses a well-formed confirmation for the armed slot into it; false
+    // when the block is anything else.
+    bool FillSlot(const char* data, unsigned short len);
+    // Takes the confirmation with this id out of the slot or the map into cnf.
+    bool TakeCnf(short id, CTarvikMsg& cnf);
+    bool WaitForCnf(short id, const unsigned int* waitMs, CTarvikMsg& cnf);
+    // Caller holds m_oPendingMutex. Stores cnf (owned) in the map, replacing one under its id.
+    void InsertPending(CTarvikMsg* cnf);
     void StoreCnf(CTarvikMsg* cnf);
     // Drops the stored confirmation under id, if any.
     void DiscardMsg(short id);
@@ -246,6 +273,12 @@ private:
     unsigned int m_nTimeout;
     std::map<short, CMessageItem*> m_aoPending;
     size_t m_nPendingBytes;
+    // Arrival of the oldest entry in m_aoPending, or later (nanoseconds, local time):
+    // a wait scans the map only once something in it may be old enough to purge.
+    int64_t m_nOldestPendingNs;
+    ESlot m_eSlot;
+    short m_nSlotID;
+    CTarvikMsg m_oSlotCnf;
     CMolMutex m_oPendingMutex;
     std::atomic<short> m_nNextMsgID;
     int m_nDeviceType;

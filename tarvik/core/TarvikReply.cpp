@@ -1,24 +1,35 @@
 #include "tarvik/core/TarvikReply.h"
 
-CTarvikReply::CTarvikReply() : m_nTransport(0), m_nResult(0) {}
+CTarvikReply::CTarvikReply() : m_bHasCnf(false), m_nTransport(0), m_nResult(0) {}
 
 CTarvikReply::~CTarvikReply() = default;
 
 void CTarvikReply::Set(int transport, int result, CTarvikMsg* cnf)
 {
-    m_pCnf.reset(cnf);
+    const bool received = cnf != nullptr;
+    if (received)
+        m_oCnf = std::move(*cnf);
+    delete cnf;
+    Set(transport, result, received);
+}
+
+void CTarvikReply::Set(int transport, int result, bool received)
+{
+    if (!received)
+        m_oCnf = CTarvikMsg();
+    m_bHasCnf = received;
     m_nTransport = transport;
     m_nResult = result;
 }
 
 size_t CTarvikReply::Size() const
 {
-    return m_pCnf ? m_pCnf->GetData().size() : 0;
+    return m_bHasCnf ? m_oCnf.GetData().size() : 0;
 }
 
 const char* CTarvikReply::Data() const
 {
-    return m_pCnf ? m_pCnf->GetData().data() : "";
+    return m_bHasCnf ? m_oCnf.GetData().data() : "";
 }
 
 bool CTarvikReply::ReadU8(size_t pos, unsigned char& value) const

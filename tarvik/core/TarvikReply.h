@@ -5,7 +5,6 @@
 #include "tarvik/core/TarvikMsg.h"
 #include "tarvik/core/TarvikPayload.h"
 
-#include <memory>
 #include <string>
 
 class TARVIK_API CTarvikReply
@@ -18,6 +17,10 @@ public:
 
     // Takes ownership of cnf (may be null).
     void Set(int transport, int result, CTarvikMsg* cnf);
+    // The same with the confirmation already in Cnf() (received false: none).
+    void Set(int transport, int result, bool received);
+    // Where a confirmation is received into, so that a reply needs no heap telegram.
+    CTarvikMsg& Cnf() { return m_oCnf; }
     // Result of the send-and-wait step alone (0 when a proper confirmation arrived).
     int Transport() const { return m_nTransport; }
     // Transport result, or, when that is 0, the device's result code.
@@ -37,7 +40,8 @@ public:
     std::string Substr(size_t pos) const;
 
 private:
-    std::unique_ptr<CTarvikMsg> m_pCnf;
+    CTarvikMsg m_oCnf;
+    bool m_bHasCnf;
     int m_nTransport;
     int m_nResult;
 };

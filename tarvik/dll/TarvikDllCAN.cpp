@@ -372,6 +372,11 @@ int CANGetMessage(int handle, int* identifier, char* buf, int bufLen, unsigned c
     });
 }
 
+int CANGetMessages(int handle, STarvikCanMessage* messages, int max, int* left)
+{
+    return Fetch(handle, [&](CTarvikClientCANDll& can) { return can.CANGetMessages(messages, max, left); });
+}
+
 int CANopenSetConfig(int handle, unsigned char mode)
 {
     return WithClient<CTarvikClientCAN>(handle, [&](CTarvikClientCAN& can) { return can.CANopenSetConfig(mode); });

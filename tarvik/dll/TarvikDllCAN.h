@@ -117,6 +117,11 @@ extern "C"
      * needs bufLen >= TARVIK_CAN_FRAME_DATA (0x920000 before anything is taken). */
     TARVIK_API int CANGetMessage(int handle, int* identifier, char* buf, int bufLen, unsigned char* len, int* flags,
                                  int* seconds, int* microseconds);
+    /* Up to max of the oldest received frames at once, each as CANGetMessage gives it,
+     * taken under one lock. Returns how many were taken (0 when the queue is empty) and in
+     * *left (may be null) how many are left; -1 when nothing could be fetched; 0x920000 for
+     * max < 0 or a null messages with max > 0. */
+    TARVIK_API int CANGetMessages(int handle, STarvikCanMessage* messages, int max, int* left);
 
     /* Telegrams of queue's kind (TARVIK_CAN_QUEUE_...) dropped on arrival, by reason, since
      * the handle was opened. 0x920000 for an unknown queue or a null counts. */
