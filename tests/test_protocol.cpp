@@ -28,7 +28,9 @@ TEST(TarvikProtocol, EveryFamilyNamesEachCommandOnceAndLeavesTheCommonNumbersAlo
             EXPECT_TRUE(names.insert(row.m_pszName).second) << family.m_pszName << " " << row.m_pszName;
             // The DIO gateway's Read and Write are the common digital commands under its own names.
             if (family.m_eDevice != eTarvikDIO)
+            {
                 EXPECT_EQ(0u, common.count(row.m_nNumber)) << family.m_pszName << " " << row.m_pszName;
+            }
         }
     }
 }

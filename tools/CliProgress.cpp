@@ -5,7 +5,7 @@
 
 namespace
 {
-constexpr int kWidth = 30;
+constexpr int kBarWidth = 30;
 constexpr double kKiB = 1024.0;
 constexpr double kMiB = 1024.0 * kKiB;
 } // namespace
@@ -35,8 +35,8 @@ void CCliProgress::Add(uint64_t bytes)
 void CCliProgress::Draw(int percent)
 {
     m_nShown = percent;
-    std::string bar(kWidth, '-');
-    bar.replace(0, static_cast<size_t>(percent * kWidth / 100), static_cast<size_t>(percent * kWidth / 100), '#');
+    std::string bar(kBarWidth, '-');
+    bar.replace(0, static_cast<size_t>(percent * kBarWidth / 100), static_cast<size_t>(percent * kBarWidth / 100), '#');
     uint64_t done = m_nDone < m_nTotal ? m_nDone : m_nTotal;
     // EEPROMs and flash pages are KiB-sized: MiB would show them as 0.0.
     bool small = static_cast<double>(m_nTotal) < kMiB;

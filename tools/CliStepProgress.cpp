@@ -8,7 +8,7 @@
 
 namespace
 {
-constexpr int kWidth = 20;
+constexpr int kStepBarWidth = 20;
 // Plain lines come at every this many percent.
 constexpr int kLineStep = 10;
 
@@ -99,9 +99,9 @@ void CCliStepProgress::Show()
     }
     else
     {
-        std::string bar(kWidth, '-');
-        bar.replace(0, static_cast<size_t>(m_nPercent * kWidth / 100), static_cast<size_t>(m_nPercent * kWidth / 100),
-                    '#');
+        std::string bar(kStepBarWidth, '-');
+        bar.replace(0, static_cast<size_t>(m_nPercent * kStepBarWidth / 100),
+                    static_cast<size_t>(m_nPercent * kStepBarWidth / 100), '#');
         std::string leftText =
             left < 0 ? "-:--"
                      : std::to_string(left / 60) + ":" + (left % 60 < 10 ? "0" : "") + std::to_string(left % 60);

@@ -34,7 +34,7 @@ const SNmtCommand kNmtCommands[] = {
 };
 // The gateway's time limit of an SDO transfer unless --sdo-timeout says otherwise.
 constexpr unsigned short kDefaultSdoTimeoutMs = 1000;
-constexpr unsigned int kMaxBlock = 0xFFFF - 8;
+constexpr unsigned int kMaxSdoBlock = 0xFFFF - 8;
 // CANopen's TIME_OF_DAY counts days from 1984-01-01.
 constexpr int64_t kEpoch1984 = 441763200;
 constexpr int64_t kSecondsPerDay = 86400;
@@ -243,8 +243,8 @@ void RunSdoWriteBlock(const SCliGlobals& globals, const SCanOpenOptions& options
     std::ifstream in;
     CliOpenRead(in, options.m_sFile, std::ios::binary);
     std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (data.size() > kMaxBlock)
-        CliFail(options.m_sFile + ": more than " + std::to_string(kMaxBlock) + " bytes", eCliExitUsage);
+    if (data.size() > kMaxSdoBlock)
+        CliFail(options.m_sFile + ": more than " + std::to_string(kMaxSdoBlock) + " bytes", eCliExitUsage);
     CCliCanOpen co(globals);
     CTarvikClientCAN::SSDOValue sdo{};
     const std::string what = "SDO block write " + Where(options);

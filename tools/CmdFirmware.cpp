@@ -14,7 +14,7 @@
 namespace
 {
 constexpr size_t kBlockSize = CTarvikClientFirmware::kFlashBlockSize;
-constexpr unsigned long kMaxBlock = 0xFFFF;
+constexpr unsigned long kMaxInfoBlock = 0xFFFF;
 
 struct SFirmwareOptions
 {
@@ -76,8 +76,8 @@ void RunInfo(const SCliGlobals& globals)
 
 void RunRead(const SCliGlobals& globals, const SFirmwareOptions& options)
 {
-    if (options.m_nBlock + options.m_nCount - 1 > kMaxBlock)
-        CliFail("read: past block " + std::to_string(kMaxBlock), eCliExitUsage);
+    if (options.m_nBlock + options.m_nCount - 1 > kMaxInfoBlock)
+        CliFail("read: past block " + std::to_string(kMaxInfoBlock), eCliExitUsage);
     CCliSession session(globals);
     CTarvikClientFirmware client(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(client);
@@ -109,8 +109,8 @@ void RunWrite(const SCliGlobals& globals, const SFirmwareOptions& options)
     // Bytes of a block that the file does not hold are written erased.
     std::map<uint64_t, std::string> blocks =
         CliTargetPages(CliLoadTarget(options.m_sFile, options.m_bLenient), kBlockSize, '\xFF');
-    if (blocks.rbegin()->first > kMaxBlock)
-        CliFail(options.m_sFile + ": data above block " + std::to_string(kMaxBlock), eCliExitUsage);
+    if (blocks.rbegin()->first > kMaxInfoBlock)
+        CliFail(options.m_sFile + ": data above block " + std::to_string(kMaxInfoBlock), eCliExitUsage);
     CCliSession session(globals);
     CTarvikClientFirmware client(static_cast<int>(globals.m_nTimeoutMs));
     session.Open(client);
@@ -156,10 +156,10 @@ void RegisterFirmwareCommands(CLI::App& app, SCliGlobals& globals)
     CLI::App* cmd = fw->add_subcommand("read", "Read flash blocks (2048 bytes); prints a hex dump or writes FILE");
     cmd->add_option("--block", options->m_nBlock, "First block")
         ->capture_default_str()
-        ->check(CLI::Range(0ul, kMaxBlock));
+        ->check(CLI::Range(0ul, kMaxInfoBlock));
     cmd->add_option("--count", options->m_nCount, "Number of blocks")
         ->capture_default_str()
-        ->check(CLI::Range(1ul, kMaxBlock + 1));
+        ->check(CLI::Range(1ul, kMaxInfoBlock + 1));
     cmd->add_option("FILE", options->m_sFile, "Write the blocks to this file (.hex, .s19, .srec or raw; - for stdout)");
     CliAddTargetOutputOption(cmd, options->m_sFile);
     cmd->callback([g, options] { RunRead(*g, *options); });
