@@ -88,6 +88,29 @@ TEST(TarvikDll, TextCopiesDropTheFirstCharacterWhenShort)
     EXPECT_EQ(0, SPIErrorMessage(0x900000, nullptr, 100));
 }
 
+// The added text function keeps the start of the text and says how much it needs.
+TEST(TarvikDll, ErrorMessageCutsAtTheEndAndReturnsTheWholeLength)
+{
+    const std::string text = "Unknown error code: 32";
+    const int whole = static_cast<int>(text.size()) + 1;
+    const std::tuple<int, int, std::string> cases[] = {
+        {100, whole, text + '\0'},
+        {whole, whole, text + '\0'},
+        {6, whole, std::string("Unkno") + '\0'},
+        {1, whole, std::string(1, '\0')},
+        {0, whole, ""},
+        {-1, -1, ""},
+    };
+    for (const auto& c : cases)
+    {
+        std::string buf = Buffer(40);
+        EXPECT_EQ(std::get<1>(c), TarvikErrorMessage(0x0520, &buf[0], std::get<0>(c))) << std::get<0>(c);
+        EXPECT_EQ(ToHex(std::get<2>(c) + Buffer(40 - std::get<2>(c).size())), ToHex(buf)) << std::get<0>(c);
+    }
+    EXPECT_EQ(whole, TarvikErrorMessage(0x0520, nullptr, 0));
+    EXPECT_EQ(-1, TarvikErrorMessage(0x0520, nullptr, 10));
+}
+
 TEST(TarvikDll, UnknownHandlesAreInvalidAndOutputsAreLeftAlone)
 {
     for (int handle : {-1, 0, 999999})

@@ -255,6 +255,7 @@ std::vector<SCall> AllCalls()
                                         &o.n[1], &o.n[2]);
          }},
         {eCAN, "CANDeviceClose", [](int h, SOutputs&) { return CANDeviceClose(h); }},
+        {eCAN, "CANCloseDevice", [](int h, SOutputs&) { return CANCloseDevice(h); }},
         {eAWire, "AWireSetConfig", [](int h, SOutputs&) { return AWireSetConfig(h, 1, 2, 256, 4, "target"); }},
         {eAWire, "AWireGetConfig",
          [](int h, SOutputs& o) { return AWireGetConfig(h, &o.u32[0], &o.u32[1], &o.u32[2], &o.u32[3], o.buf, 64); }},
@@ -540,6 +541,7 @@ TEST(TarvikDllFamilies, OpenFunctionsCheckThePortIndexAndReportAFailedConnect)
         {"DIO", [](int* h, const char* a, int i) { return DIOOpenDevice(h, a, kTimeoutMs, i); }},
         {"AD", [](int* h, const char* a, int i) { return ADOpenDevice(h, a, kTimeoutMs, i); }},
         {"CAN", [](int* h, const char* a, int i) { return CANDeviceOpen(h, a, kTimeoutMs, i, 0, 0); }},
+        {"CANOpenDevice", [](int* h, const char* a, int i) { return CANOpenDevice(h, a, kTimeoutMs, i, 0, 0); }},
         {"AWire", [](int* h, const char* a, int i) { return AWireOpenDevice(h, a, kTimeoutMs, i); }},
     };
     for (const auto& open : opens)

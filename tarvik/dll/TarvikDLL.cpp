@@ -3,6 +3,7 @@
 #include "tarvik/core/TarvikVersionText.h"
 #include "tarvik/dll/TarvikDllPrivate.h"
 
+#include <algorithm>
 #include <cstring>
 
 const char* gsDLLVersionString = TARVIK_DLL_VERSION_TEXT;
@@ -10,6 +11,27 @@ const char* gsDLLVersionString = TARVIK_DLL_VERSION_TEXT;
 int DLLInfo(char* buf, int size)
 {
     return tarvik_dll::CopyText(gsDLLVersionString, buf, size);
+}
+
+int TarvikErrorMessage(int code, char* buf, int size)
+{
+    if (size < 0 || (buf == nullptr && size > 0))
+        return -1;
+    try
+    {
+        const std::string text = CTarvikClient::GetErrorMsg(code);
+        if (size > 0)
+        {
+            const size_t kept = std::min(text.size(), static_cast<size_t>(size) - 1);
+            std::memcpy(buf, text.data(), kept);
+            buf[kept] = '\0';
+        }
+        return static_cast<int>(text.size() + 1);
+    }
+    catch (...)
+    {
+        return -1;
+    }
 }
 
 int DeviceInfo(int handle, STarvikDeviceInfo* info)

@@ -20,6 +20,11 @@ extern "C"
 
     /* Copies the version text into buf. 0 when buf is null or size <= 0. */
     TARVIK_API int DLLInfo(char* buf, int size);
+    /* The text of a result code of any family, cut at its end when buf is too short and
+     * always zero-terminated. Returns the bytes the whole text needs, its zero included, so
+     * a result above size says the text was cut (size 0 asks only for the length); -1 for
+     * a negative size or a null buf with a positive size. */
+    TARVIK_API int TarvikErrorMessage(int code, char* buf, int size);
     /* Reads the 20-byte information record of an open device into info.
      * 0x920000: info is null. 0x900000: unknown handle (the first 18 bytes of info are
      * zeroed). Otherwise the device's result. */

@@ -151,6 +151,16 @@ int CANDeviceClose(int handle)
     return tarvik_dll::CloseFamily<CTarvikClientCAN>(handle);
 }
 
+int CANOpenDevice(int* handle, const char* host, int timeoutMs, int portIndex, int sendDataConfirm, int configFlag2)
+{
+    return CANDeviceOpen(handle, host, timeoutMs, portIndex, sendDataConfirm, configFlag2);
+}
+
+int CANCloseDevice(int handle)
+{
+    return CANDeviceClose(handle);
+}
+
 int CANSetConfig(int handle, int sendDataConfirm, int configFlag2)
 {
     return WithClient<CTarvikClientCAN>(

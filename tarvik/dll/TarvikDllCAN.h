@@ -60,6 +60,10 @@ extern "C"
     TARVIK_API int CANDeviceOpen(int* handle, const char* host, int timeoutMs, int portIndex, int sendDataConfirm,
                                  int configFlag2);
     TARVIK_API int CANDeviceClose(int handle);
+    /* The same two under the names every other family uses (XOpenDevice, XCloseDevice). */
+    TARVIK_API int CANOpenDevice(int* handle, const char* host, int timeoutMs, int portIndex, int sendDataConfirm,
+                                 int configFlag2);
+    TARVIK_API int CANCloseDevice(int handle);
 
     /* sendDataConfirm nonzero: CANWrite waits for the gateway's confirmation of every frame. */
     TARVIK_API int CANSetConfig(int handle, int sendDataConfirm, int configFlag2);

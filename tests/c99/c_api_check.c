@@ -20,7 +20,7 @@ static const FAny kAll[] = {
     (FAny)AWireOpenDevice, (FAny)AWireCloseDevice, (FAny)AWireSetConfig, (FAny)AWireGetConfig, (FAny)AWireRead,
     (FAny)AWireVerify, (FAny)AWireErase, (FAny)AWireEraseUserPage, (FAny)AWireWriteBlock, (FAny)AWireWriteUserPage,
     (FAny)AWireGetWriteBlockStatus, (FAny)AWireWriteFile, (FAny)AWireGetWriteFileStatus, (FAny)CANDeviceOpen,
-    (FAny)CANDeviceClose, (FAny)CANSetConfig, (FAny)CANGetConfig, (FAny)CANSetFilter, (FAny)CANGetFilter,
+    (FAny)CANDeviceClose, (FAny)CANOpenDevice, (FAny)CANCloseDevice, (FAny)TarvikErrorMessage, (FAny)CANSetConfig, (FAny)CANGetConfig, (FAny)CANSetFilter, (FAny)CANGetFilter,
     (FAny)CANSetGlobals, (FAny)CANGetGlobals, (FAny)CANSetZCardParameter, (FAny)CANGetZCardParameter,
     (FAny)CANSetTime, (FAny)CANGetTime, (FAny)CANGetPowerStatus, (FAny)CANSetPowerRelais,
     (FAny)CANSetActivePowerSupplies, (FAny)CANWrite, (FAny)CANSetCyclicMessage, (FAny)CANStartAlive,
