@@ -118,10 +118,11 @@ CPyClientBase::CPyClientBase(std::unique_ptr<CTarvikClient> client, std::string 
                              std::optional<int> port)
     : m_pClient(std::move(client)), m_sHost(std::move(host)), m_nPortIndex(portIndex), m_nPort(port)
 {
-    if (portIndex < 0 || portIndex > 600)
-        throw py::value_error("port_index out of range");
+    // The gateways' port indexes, as the C interface takes them.
+    if (portIndex < 0 || portIndex > 99)
+        throw py::value_error("port_index must be 0..99, got " + std::to_string(portIndex));
     if (port && (*port < 0 || *port > 65535))
-        throw py::value_error("port out of range");
+        throw py::value_error("port must be 0..65535, got " + std::to_string(*port));
 }
 
 CPyClientBase::~CPyClientBase()

@@ -31,7 +31,7 @@ _RECV_BATCH = 256
 
 
 # The gateway's port indexes (port 5001 + 100 x index).
-_MAX_PORT_INDEX = 600
+_MAX_PORT_INDEX = 99
 _CHANNEL_FORM = "host[:index], e.g. '192.168.0.50' or '192.168.0.50:1' ([fd00::50]:1 for IPv6)"
 _HOST_NAME = re.compile(r"^[A-Za-z0-9]([A-Za-z0-9.-]*[A-Za-z0-9])?$")
 

@@ -20,6 +20,13 @@ def test_connect_to_nothing_raises_with_code(sim):
     assert not client.connected
 
 
+@pytest.mark.parametrize("family", [tarvik.SPI, tarvik.DIO, tarvik.CAN])
+@pytest.mark.parametrize("argument,value", [("port_index", -1), ("port_index", 100), ("port", 65536)])
+def test_a_port_outside_the_gateways_range_is_refused_by_name(family, argument, value):
+    with pytest.raises(ValueError, match="%s must be .*, got %d" % (argument, value)):
+        family("127.0.0.1", **{argument: value})
+
+
 def test_calls_without_connection_raise_not_connected():
     client = tarvik.DIO("127.0.0.1", port_index=7)
     with pytest.raises(tarvik.TarvikError) as caught:
