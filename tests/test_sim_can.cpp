@@ -409,7 +409,10 @@ TEST_F(SimCan, TheBusStreamsAtItsRateToEveryClient)
     ASSERT_TRUE(m_pBus->SetStream(0));
     const unsigned long streamed = m_pBus->GetStreamedCount();
     EXPECT_GE(streamed, 200u);
-    // Stopped: the bus thread sends nothing more however long it runs.
+    // Stopped: a frame sent afterwards reaches B (so the bus thread has run on), and the
+    // stream added nothing meanwhile.
+    m_oA.Ask(kWrite, "66 00 00 00 00 01");
+    EXPECT_EQ("66 00 00 00 00 01", m_oB.Next(kWrite, "66"));
     EXPECT_EQ(streamed, m_pBus->GetStreamedCount());
     EXPECT_EQ(0u, m_pBus->GetStreamRate());
 }
